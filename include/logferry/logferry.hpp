@@ -1,0 +1,9 @@
+#ifndef LOGFERRY_LOGFERRY_HPP
+#define LOGFERRY_LOGFERRY_HPP
+
+// The whole public surface of liblogferry.
+#include "logferry/export.hpp"
+#include "logferry/system.hpp"
+#include "logferry/channel.hpp"
+
+#endif

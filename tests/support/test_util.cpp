@@ -1,0 +1,123 @@
+#include "support/test_util.hpp"
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace logferry_test {
+
+std::string unique_id(const std::string& suffix, std::size_t max_length)
+{
+    std::string test = "test";
+    if (const auto* info = ::testing::UnitTest::GetInstance()->current_test_info()) {
+        test = info->name();
+    }
+    std::string id = std::to_string(::getpid()) + "-";
+    std::string tail = suffix.empty() ? std::string() : "-" + suffix;
+    std::size_t room = max_length > id.size() + tail.size() ? max_length - id.size() - tail.size() : 0;
+    id += test.substr(0, room) + tail;
+    return id;
+}
+
+std::string capture_stderr(const std::function<void()>& action)
+{
+    ::testing::internal::CaptureStderr();
+    action();
+    return ::testing::internal::GetCapturedStderr();
+}
+
+std::string capture_stdout(const std::function<void()>& action)
+{
+    ::testing::internal::CaptureStdout();
+    action();
+    return ::testing::internal::GetCapturedStdout();
+}
+
+int count_open_fds()
+{
+    int count = 0;
+    DIR* dir = ::opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        return -1;
+    }
+    while (const dirent* entry = ::readdir(dir)) {
+        if (entry->d_name[0] != '.') {
+            ++count;
+        }
+    }
+    ::closedir(dir);
+    return count - 1;  // the directory stream's own descriptor
+}
+
+int count_mappings(const std::string& shm_name)
+{
+    std::ifstream maps("/proc/self/maps");
+    const std::string needle = "/dev/shm" + shm_name;
+    int count = 0;
+    std::string line;
+    while (std::getline(maps, line)) {
+        const auto position = line.find(needle);
+        if (position != std::string::npos) {
+            const std::string rest = line.substr(position + needle.size());
+            if (rest.empty() || rest == " (deleted)") {
+                ++count;
+            }
+        }
+    }
+    return count;
+}
+
+bool shm_exists(const std::string& shm_name)
+{
+    struct stat info {};
+    return ::stat(("/dev/shm" + shm_name).c_str(), &info) == 0;
+}
+
+bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return condition();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+int fork_child(const std::function<int()>& body)
+{
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        int result = 1;
+        try {
+            result = body();
+        } catch (...) {
+            result = 99;
+        }
+        ::_exit(result);
+    }
+    return pid;
+}
+
+int wait_child(int pid, std::chrono::milliseconds timeout)
+{
+    int status = 0;
+    const bool done = wait_until(
+        [&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout);
+    if (!done) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, &status, 0);
+        return -1;
+    }
+    return status;
+}
+
+}  // namespace logferry_test

@@ -1,0 +1,35 @@
+#ifndef LOGFERRY_TEST_UTIL_HPP
+#define LOGFERRY_TEST_UTIL_HPP
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+namespace logferry_test {
+
+// A name unique to this process and the running test ("<pid>-<TestName>-<suffix>", at most
+// `max_length` characters), for shared-memory objects and files.
+std::string unique_id(const std::string& suffix = "", std::size_t max_length = 40);
+
+// Runs `action` and returns what it wrote to the standard error (or output) stream.
+std::string capture_stderr(const std::function<void()>& action);
+std::string capture_stdout(const std::function<void()>& action);
+
+// Open descriptors of this process, and mappings of a file under /dev/shm.
+int count_open_fds();
+int count_mappings(const std::string& shm_name);
+bool shm_exists(const std::string& shm_name);
+
+// Polls `condition` every millisecond until it holds or `timeout` passes.
+bool wait_until(const std::function<bool()>& condition,
+                std::chrono::milliseconds timeout = std::chrono::milliseconds(5000));
+
+// Runs `body` in a forked child that exits with its result (never returns in the child).
+int fork_child(const std::function<int()>& body);
+// Waits up to `timeout` for the child; returns its wait status, or -1 on timeout (the child
+// is then killed).
+int wait_child(int pid, std::chrono::milliseconds timeout = std::chrono::milliseconds(10000));
+
+}  // namespace logferry_test
+
+#endif
