@@ -1,0 +1,500 @@
+// logferry: the message records that cross an application's channel, and their
+// byte encoding.
+//
+// Every record is a packed plain structure whose byte 0 is its kind. `serialize`
+// appends a record's bytes to a byte vector: the kind, then the fields in the order
+// of the kind table below, integers little-endian (written by shifting, whatever the
+// host's byte order), floating-point values as the bytes of their in-memory
+// representation. There is no header, padding or checksum; records of one channel
+// message are laid end to end.
+//
+//   kind  record                                   bytes written
+//    0    Logferry_disable_remote                  kind
+//    1    Logferry_enable_local_print              kind
+//    2    Logferry_init_file                       kind, file name[255]
+//    3    Logferry_register_app                    kind, length, app ID[5], description + 0
+//    4    Logferry_unregister_app                  kind
+//    5    Logferry_register_context                kind, length, level, handle, context ID[5],
+//                                                  description + 0
+//    6    Logferry_unregister_context              kind, handle
+//    7    Logferry_write_start                     kind, level, handle, stream key, timestamp
+//    8    Logferry_write_finish                    kind, stream key
+//    9-13 Logferry_write_bool ... _int64           kind, stream key, value
+//   14-17 Logferry_write_uint8_formatted ... _64   kind, format, value, stream key
+//   18-19 Logferry_write_float32, _float64         kind, stream key, value
+//   20    Logferry_write_utf8_string               kind, length, stream key, text + 0
+//   21    Logferry_write_raw_formatted             kind, length, format, size, stream key, payload
+//   22    Logferry_write_encoded_payload           kind, length, size, stream key, payload
+//   23    Logferry_write_encoded_message           kind, length, size, payload
+//   24    Logferry_update_context_log_level_filter kind, level, handle (daemon to application)
+//
+// Kinds 0, 1, 2, 3 and 5 are the priority kinds (control requests and registrations).
+
+#ifndef LOGFERRY_MESSAGE_HPP
+#define LOGFERRY_MESSAGE_HPP
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "logferry/export.hpp"
+#include "logferry/validation.hpp"
+
+namespace logferry {
+
+// Record kinds: byte 0 of every record.
+constexpr std::uint8_t KIND_DISABLE_REMOTE = 0;
+constexpr std::uint8_t KIND_ENABLE_LOCAL_PRINT = 1;
+constexpr std::uint8_t KIND_INIT_FILE = 2;
+constexpr std::uint8_t KIND_REGISTER_APP = 3;
+constexpr std::uint8_t KIND_UNREGISTER_APP = 4;
+constexpr std::uint8_t KIND_REGISTER_CONTEXT = 5;
+constexpr std::uint8_t KIND_UNREGISTER_CONTEXT = 6;
+constexpr std::uint8_t KIND_WRITE_START = 7;
+constexpr std::uint8_t KIND_WRITE_FINISH = 8;
+constexpr std::uint8_t KIND_WRITE_BOOL = 9;
+constexpr std::uint8_t KIND_WRITE_INT8 = 10;
+constexpr std::uint8_t KIND_WRITE_INT16 = 11;
+constexpr std::uint8_t KIND_WRITE_INT32 = 12;
+constexpr std::uint8_t KIND_WRITE_INT64 = 13;
+constexpr std::uint8_t KIND_WRITE_UINT8_FORMATTED = 14;
+constexpr std::uint8_t KIND_WRITE_UINT16_FORMATTED = 15;
+constexpr std::uint8_t KIND_WRITE_UINT32_FORMATTED = 16;
+constexpr std::uint8_t KIND_WRITE_UINT64_FORMATTED = 17;
+constexpr std::uint8_t KIND_WRITE_FLOAT32 = 18;
+constexpr std::uint8_t KIND_WRITE_FLOAT64 = 19;
+constexpr std::uint8_t KIND_WRITE_UTF8_STRING = 20;
+constexpr std::uint8_t KIND_WRITE_RAW_FORMATTED = 21;
+constexpr std::uint8_t KIND_WRITE_ENCODED_PAYLOAD = 22;
+constexpr std::uint8_t KIND_WRITE_ENCODED_MESSAGE = 23;
+constexpr std::uint8_t KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER = 24;
+
+/// True for the kinds admitted to the channel's priority area (0, 1, 2, 3 and 5).
+constexpr bool is_priority_kind(std::uint8_t kind) noexcept {
+    return kind <= KIND_REGISTER_APP || kind == KIND_REGISTER_CONTEXT;
+}
+
+// Widths of the fixed text and payload arrays.
+constexpr std::size_t RECORD_ID_SIZE = 5;             // 4 characters and a zero
+constexpr std::size_t RECORD_DESCRIPTION_SIZE = 80;   // at most 79 characters and a zero
+constexpr std::size_t RECORD_FILE_NAME_SIZE = 255;    // at most 254 characters and a zero
+constexpr std::size_t RECORD_DATA_SIZE = 1390;        // text or payload of a log argument
+
+// Longest texts and payloads that a record carries in full.
+constexpr std::size_t RECORD_MAX_DESCRIPTION_LENGTH = RECORD_DESCRIPTION_SIZE - 1;  // 79
+constexpr std::size_t RECORD_MAX_TEXT_LENGTH = RECORD_DATA_SIZE - 1;                // 1389
+constexpr std::size_t RECORD_MAX_PAYLOAD_SIZE = RECORD_DATA_SIZE - 1;               // 1389
+
+// Minimum length field of the register records (built without texts).
+constexpr std::uint16_t REGISTER_APP_MIN_LENGTH = 8;
+constexpr std::uint16_t REGISTER_CONTEXT_MIN_LENGTH = 13;
+
+/// Copies at most `limit` characters of the zero-terminated `source` into `target`,
+/// stopping at the first zero of the source; the rest of `target` is left as it is.
+/// Returns the number of characters copied. `limit` must not exceed `target`'s size.
+template <std::size_t N>
+inline std::size_t copy_bounded_text(std::array<char, N>& target, const char* source,
+                                     std::size_t limit) noexcept {
+    std::size_t n = 0;
+    while (n < limit && n < N && source[n] != '\0') {
+        target[n] = source[n];
+        ++n;
+    }
+    return n;
+}
+
+#pragma pack(push, 1)
+
+/// Kind 0: asks the daemon to switch remote output off.
+struct Logferry_disable_remote {
+    std::uint8_t kind = KIND_DISABLE_REMOTE;
+};
+
+/// Kind 1: asks the daemon to print the application's messages locally.
+struct Logferry_enable_local_print {
+    std::uint8_t kind = KIND_ENABLE_LOCAL_PRINT;
+};
+
+/// Kind 2: asks the daemon for file output under `file_name` (at most 254 characters,
+/// zero-padded, so the field always ends with a zero).
+struct Logferry_init_file {
+    std::uint8_t kind = KIND_INIT_FILE;
+    std::array<char, RECORD_FILE_NAME_SIZE> file_name{};
+};
+
+/// Kind 3: registers the application under a 4-character ID.
+///
+/// `length` is the number of record bytes up to and including the zero that ends the
+/// description: strlen(description) + 9, or 8 for a record built without texts.
+struct Logferry_register_app {
+    std::uint8_t kind = KIND_REGISTER_APP;
+    std::uint16_t length = 0;
+    std::array<char, RECORD_ID_SIZE> app_id{};
+    std::array<char, RECORD_DESCRIPTION_SIZE> description{};
+
+    /// All zero apart from the kind (length 0).
+    Logferry_register_app() = default;
+
+    /// Starts from an all-zero record with length 8. Only when both pointers are
+    /// non-null: copies the first 4 characters of `id` (a shorter ID is zero-filled,
+    /// byte 4 stays 0) and at most 79 characters of `desc_text` (byte 79 stays 0), each
+    /// copy stopping at the first zero of its source, and sets the length to the copied
+    /// description's length + 9.
+    Logferry_register_app(const char* id, const char* desc_text) noexcept
+        : length(REGISTER_APP_MIN_LENGTH) {
+        if (id != nullptr && desc_text != nullptr) {
+            copy_bounded_text(app_id, id, RECORD_ID_SIZE - 1);
+            const std::size_t n =
+                copy_bounded_text(description, desc_text, RECORD_MAX_DESCRIPTION_LENGTH);
+            length = static_cast<std::uint16_t>(n + REGISTER_APP_MIN_LENGTH + 1);
+        }
+    }
+};
+
+/// Kind 4: withdraws the application's registrations.
+struct Logferry_unregister_app {
+    std::uint8_t kind = KIND_UNREGISTER_APP;
+};
+
+/// Kind 5: registers a context under a 4-character ID, addressed later by the
+/// application's 32-bit `context_handle`, with its default level.
+///
+/// `length` is the number of record bytes up to and including the zero that ends the
+/// description: strlen(description) + 14, or 13 for a record built without texts.
+struct Logferry_register_context {
+    std::uint8_t kind = KIND_REGISTER_CONTEXT;
+    std::uint16_t length = 0;
+    std::uint8_t log_level = 0;
+    std::uint32_t context_handle = 0;
+    std::array<char, RECORD_ID_SIZE> context_id{};
+    std::array<char, RECORD_DESCRIPTION_SIZE> description{};
+
+    /// All zero apart from the kind (length 0).
+    Logferry_register_context() = default;
+
+    /// Starts from an all-zero record with length 13 and sets the level and handle.
+    /// Only when both text pointers are non-null: copies the first 4 characters of `id`
+    /// (zero-filled, byte 4 stays 0) and at most 79 characters of `desc_text` (byte 79
+    /// stays 0), each copy stopping at the first zero of its source, and sets the
+    /// length to the copied description's length + 14.
+    Logferry_register_context(std::uint8_t level, std::uint32_t handle, const char* id,
+                              const char* desc_text) noexcept
+        : length(REGISTER_CONTEXT_MIN_LENGTH), log_level(level), context_handle(handle) {
+        if (id != nullptr && desc_text != nullptr) {
+            copy_bounded_text(context_id, id, RECORD_ID_SIZE - 1);
+            const std::size_t n =
+                copy_bounded_text(description, desc_text, RECORD_MAX_DESCRIPTION_LENGTH);
+            length = static_cast<std::uint16_t>(n + REGISTER_CONTEXT_MIN_LENGTH + 1);
+        }
+    }
+};
+
+/// Kind 6: withdraws one context's registration.
+struct Logferry_unregister_context {
+    std::uint8_t kind = KIND_UNREGISTER_CONTEXT;
+    std::uint32_t context_handle = 0;
+};
+
+/// Kind 7: opens a log message. `timestamp` is the monotonic clock in 0.1 ms units,
+/// modulo 2^32.
+struct Logferry_write_start {
+    std::uint8_t kind = KIND_WRITE_START;
+    std::uint8_t log_level = 0;
+    std::uint32_t context_handle = 0;
+    std::uint32_t stream_key = 0;
+    std::uint32_t timestamp = 0;
+};
+
+/// Kind 8: closes a log message.
+struct Logferry_write_finish {
+    std::uint8_t kind = KIND_WRITE_FINISH;
+    std::uint32_t stream_key = 0;
+};
+
+/// Kind 9: a boolean argument, `value` 0 or 1.
+struct Logferry_write_bool {
+    std::uint8_t kind = KIND_WRITE_BOOL;
+    std::uint8_t value = 0;
+    std::uint32_t stream_key = 0;
+};
+
+/// Kind 10.
+struct Logferry_write_int8 {
+    std::uint8_t kind = KIND_WRITE_INT8;
+    std::int8_t value = 0;
+    std::uint32_t stream_key = 0;
+};
+
+/// Kind 11.
+struct Logferry_write_int16 {
+    std::uint8_t kind = KIND_WRITE_INT16;
+    std::int16_t value = 0;
+    std::uint32_t stream_key = 0;
+};
+
+/// Kind 12.
+struct Logferry_write_int32 {
+    std::uint8_t kind = KIND_WRITE_INT32;
+    std::int32_t value = 0;
+    std::uint32_t stream_key = 0;
+};
+
+/// Kind 13.
+struct Logferry_write_int64 {
+    std::uint8_t kind = KIND_WRITE_INT64;
+    std::int64_t value = 0;
+    std::uint32_t stream_key = 0;
+};
+
+/// Kind 14; `format` is a `LogFormat` value.
+struct Logferry_write_uint8_formatted {
+    std::uint8_t kind = KIND_WRITE_UINT8_FORMATTED;
+    std::uint8_t format = 0;
+    std::uint8_t value = 0;
+    std::uint32_t stream_key = 0;
+};
+
+/// Kind 15.
+struct Logferry_write_uint16_formatted {
+    std::uint8_t kind = KIND_WRITE_UINT16_FORMATTED;
+    std::uint8_t format = 0;
+    std::uint16_t value = 0;
+    std::uint32_t stream_key = 0;
+};
+
+/// Kind 16.
+struct Logferry_write_uint32_formatted {
+    std::uint8_t kind = KIND_WRITE_UINT32_FORMATTED;
+    std::uint8_t format = 0;
+    std::uint32_t value = 0;
+    std::uint32_t stream_key = 0;
+};
+
+/// Kind 17.
+struct Logferry_write_uint64_formatted {
+    std::uint8_t kind = KIND_WRITE_UINT64_FORMATTED;
+    std::uint8_t format = 0;
+    std::uint64_t value = 0;
+    std::uint32_t stream_key = 0;
+};
+
+/// Kind 18: IEEE 754 single precision.
+struct Logferry_write_float32 {
+    std::uint8_t kind = KIND_WRITE_FLOAT32;
+    float value = 0.0f;
+    std::uint32_t stream_key = 0;
+};
+
+/// Kind 19: IEEE 754 double precision.
+struct Logferry_write_float64 {
+    std::uint8_t kind = KIND_WRITE_FLOAT64;
+    double value = 0.0;
+    std::uint32_t stream_key = 0;
+};
+
+/// Kind 20: a zero-terminated text of at most 1389 characters. `length` is set by the
+/// builder (text length + 8); the encoding writes up to the text's first zero.
+struct Logferry_write_utf8_string {
+    std::uint8_t kind = KIND_WRITE_UTF8_STRING;
+    std::uint16_t length = 0;
+    std::uint32_t stream_key = 0;
+    std::array<char, RECORD_DATA_SIZE> text{};
+};
+
+/// Kind 21: `size` payload bytes shown in `format`. `length` is set by the builder
+/// (size + 10).
+struct Logferry_write_raw_formatted {
+    std::uint8_t kind = KIND_WRITE_RAW_FORMATTED;
+    std::uint16_t length = 0;
+    std::uint8_t format = 0;
+    std::uint16_t size = 0;
+    std::uint32_t stream_key = 0;
+    std::array<std::uint8_t, RECORD_DATA_SIZE> payload{};
+};
+
+/// Kind 22: `size` bytes of an already encoded argument. `length` is set by the
+/// builder (size + 9).
+struct Logferry_write_encoded_payload {
+    std::uint8_t kind = KIND_WRITE_ENCODED_PAYLOAD;
+    std::uint16_t length = 0;
+    std::uint16_t size = 0;
+    std::uint32_t stream_key = 0;
+    std::array<std::uint8_t, RECORD_DATA_SIZE> payload{};
+};
+
+/// Kind 23: `size` bytes of an already encoded message; no stream key. `length` is set
+/// by the builder (size + 5).
+struct Logferry_write_encoded_message {
+    std::uint8_t kind = KIND_WRITE_ENCODED_MESSAGE;
+    std::uint16_t length = 0;
+    std::uint16_t size = 0;
+    std::array<std::uint8_t, RECORD_DATA_SIZE> payload{};
+};
+
+/// Kind 24, from the daemon: sets the level filter of one context.
+struct Logferry_update_context_log_level_filter {
+    std::uint8_t kind = KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER;
+    std::uint8_t log_level = 0;
+    std::uint32_t context_handle = 0;
+};
+
+#pragma pack(pop)
+
+// The packed in-memory layouts are part of the design: pin them.
+static_assert(sizeof(Logferry_disable_remote) == 1, "record layout");
+static_assert(sizeof(Logferry_enable_local_print) == 1, "record layout");
+static_assert(sizeof(Logferry_unregister_app) == 1, "record layout");
+
+static_assert(sizeof(Logferry_init_file) == 256, "record layout");
+static_assert(offsetof(Logferry_init_file, file_name) == 1, "record layout");
+
+static_assert(sizeof(Logferry_register_app) == 88, "record layout");
+static_assert(offsetof(Logferry_register_app, length) == 1, "record layout");
+static_assert(offsetof(Logferry_register_app, app_id) == 3, "record layout");
+static_assert(offsetof(Logferry_register_app, description) == 8, "record layout");
+
+static_assert(sizeof(Logferry_register_context) == 93, "record layout");
+static_assert(offsetof(Logferry_register_context, length) == 1, "record layout");
+static_assert(offsetof(Logferry_register_context, log_level) == 3, "record layout");
+static_assert(offsetof(Logferry_register_context, context_handle) == 4, "record layout");
+static_assert(offsetof(Logferry_register_context, context_id) == 8, "record layout");
+static_assert(offsetof(Logferry_register_context, description) == 13, "record layout");
+
+static_assert(sizeof(Logferry_unregister_context) == 5, "record layout");
+static_assert(offsetof(Logferry_unregister_context, context_handle) == 1, "record layout");
+
+static_assert(sizeof(Logferry_write_start) == 14, "record layout");
+static_assert(offsetof(Logferry_write_start, log_level) == 1, "record layout");
+static_assert(offsetof(Logferry_write_start, context_handle) == 2, "record layout");
+static_assert(offsetof(Logferry_write_start, stream_key) == 6, "record layout");
+static_assert(offsetof(Logferry_write_start, timestamp) == 10, "record layout");
+
+static_assert(sizeof(Logferry_write_finish) == 5, "record layout");
+static_assert(offsetof(Logferry_write_finish, stream_key) == 1, "record layout");
+
+static_assert(sizeof(Logferry_write_bool) == 6, "record layout");
+static_assert(offsetof(Logferry_write_bool, value) == 1, "record layout");
+static_assert(offsetof(Logferry_write_bool, stream_key) == 2, "record layout");
+static_assert(sizeof(Logferry_write_int8) == 6, "record layout");
+static_assert(offsetof(Logferry_write_int8, value) == 1, "record layout");
+static_assert(offsetof(Logferry_write_int8, stream_key) == 2, "record layout");
+static_assert(sizeof(Logferry_write_int16) == 7, "record layout");
+static_assert(offsetof(Logferry_write_int16, value) == 1, "record layout");
+static_assert(offsetof(Logferry_write_int16, stream_key) == 3, "record layout");
+static_assert(sizeof(Logferry_write_int32) == 9, "record layout");
+static_assert(offsetof(Logferry_write_int32, value) == 1, "record layout");
+static_assert(offsetof(Logferry_write_int32, stream_key) == 5, "record layout");
+static_assert(sizeof(Logferry_write_int64) == 13, "record layout");
+static_assert(offsetof(Logferry_write_int64, value) == 1, "record layout");
+static_assert(offsetof(Logferry_write_int64, stream_key) == 9, "record layout");
+
+static_assert(sizeof(Logferry_write_uint8_formatted) == 7, "record layout");
+static_assert(offsetof(Logferry_write_uint8_formatted, format) == 1, "record layout");
+static_assert(offsetof(Logferry_write_uint8_formatted, value) == 2, "record layout");
+static_assert(offsetof(Logferry_write_uint8_formatted, stream_key) == 3, "record layout");
+static_assert(sizeof(Logferry_write_uint16_formatted) == 8, "record layout");
+static_assert(offsetof(Logferry_write_uint16_formatted, format) == 1, "record layout");
+static_assert(offsetof(Logferry_write_uint16_formatted, value) == 2, "record layout");
+static_assert(offsetof(Logferry_write_uint16_formatted, stream_key) == 4, "record layout");
+static_assert(sizeof(Logferry_write_uint32_formatted) == 10, "record layout");
+static_assert(offsetof(Logferry_write_uint32_formatted, format) == 1, "record layout");
+static_assert(offsetof(Logferry_write_uint32_formatted, value) == 2, "record layout");
+static_assert(offsetof(Logferry_write_uint32_formatted, stream_key) == 6, "record layout");
+static_assert(sizeof(Logferry_write_uint64_formatted) == 14, "record layout");
+static_assert(offsetof(Logferry_write_uint64_formatted, format) == 1, "record layout");
+static_assert(offsetof(Logferry_write_uint64_formatted, value) == 2, "record layout");
+static_assert(offsetof(Logferry_write_uint64_formatted, stream_key) == 10, "record layout");
+
+static_assert(sizeof(Logferry_write_float32) == 9, "record layout");
+static_assert(offsetof(Logferry_write_float32, value) == 1, "record layout");
+static_assert(offsetof(Logferry_write_float32, stream_key) == 5, "record layout");
+static_assert(sizeof(Logferry_write_float64) == 13, "record layout");
+static_assert(offsetof(Logferry_write_float64, value) == 1, "record layout");
+static_assert(offsetof(Logferry_write_float64, stream_key) == 9, "record layout");
+
+static_assert(sizeof(Logferry_write_utf8_string) == 1397, "record layout");
+static_assert(offsetof(Logferry_write_utf8_string, length) == 1, "record layout");
+static_assert(offsetof(Logferry_write_utf8_string, stream_key) == 3, "record layout");
+static_assert(offsetof(Logferry_write_utf8_string, text) == 7, "record layout");
+
+static_assert(sizeof(Logferry_write_raw_formatted) == 1400, "record layout");
+static_assert(offsetof(Logferry_write_raw_formatted, length) == 1, "record layout");
+static_assert(offsetof(Logferry_write_raw_formatted, format) == 3, "record layout");
+static_assert(offsetof(Logferry_write_raw_formatted, size) == 4, "record layout");
+static_assert(offsetof(Logferry_write_raw_formatted, stream_key) == 6, "record layout");
+static_assert(offsetof(Logferry_write_raw_formatted, payload) == 10, "record layout");
+
+static_assert(sizeof(Logferry_write_encoded_payload) == 1399, "record layout");
+static_assert(offsetof(Logferry_write_encoded_payload, length) == 1, "record layout");
+static_assert(offsetof(Logferry_write_encoded_payload, size) == 3, "record layout");
+static_assert(offsetof(Logferry_write_encoded_payload, stream_key) == 5, "record layout");
+static_assert(offsetof(Logferry_write_encoded_payload, payload) == 9, "record layout");
+
+static_assert(sizeof(Logferry_write_encoded_message) == 1395, "record layout");
+static_assert(offsetof(Logferry_write_encoded_message, length) == 1, "record layout");
+static_assert(offsetof(Logferry_write_encoded_message, size) == 3, "record layout");
+static_assert(offsetof(Logferry_write_encoded_message, payload) == 5, "record layout");
+
+static_assert(sizeof(Logferry_update_context_log_level_filter) == 6, "record layout");
+static_assert(offsetof(Logferry_update_context_log_level_filter, log_level) == 1, "record layout");
+static_assert(offsetof(Logferry_update_context_log_level_filter, context_handle) == 2,
+              "record layout");
+
+// Appends the record's bytes to `out` (which is never cleared). Throws only on memory
+// exhaustion, and std::out_of_range for a register record whose 80-byte description
+// holds no zero (bounds-checked access of index 80); `out` is then left unchanged.
+//
+// Texts are written up to and including their first zero. A text record whose 1390
+// bytes hold no zero ends after its stream key. A payload record writes its `size`
+// payload bytes only when size is 1 to 1389; otherwise it ends after its fixed fields.
+// The `length` fields are written as stored and never decide how much is written.
+LOGFERRY_API void serialize(const Logferry_disable_remote& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_enable_local_print& record,
+                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_init_file& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_register_app& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_unregister_app& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_register_context& record,
+                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_unregister_context& record,
+                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_start& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_finish& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_bool& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_int8& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_int16& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_int32& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_int64& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_uint8_formatted& record,
+                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_uint16_formatted& record,
+                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_uint32_formatted& record,
+                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_uint64_formatted& record,
+                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_float32& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_float64& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_utf8_string& record,
+                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_raw_formatted& record,
+                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_encoded_payload& record,
+                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_encoded_message& record,
+                            std::vector<unsigned char>& out);
+
+/// Reads a level-filter update from the daemon. Byte 0 is not looked at (the caller
+/// has checked it is 24) and `in` must hold at least 2 bytes.
+///
+/// Stores byte 1 as `out.log_level`; if that level is above 6, returns false and
+/// leaves `out.context_handle` as it was. Otherwise, when `size` is above 5, stores
+/// bytes 2 to 5 (little-endian) as `out.context_handle` and returns true; with a
+/// smaller `size` leaves the handle and returns false.
+LOGFERRY_API bool deserialize(const std::vector<unsigned char>& in, unsigned long size,
+                              Logferry_update_context_log_level_filter& out);
+
+}  // namespace logferry
+
+#endif  // LOGFERRY_MESSAGE_HPP

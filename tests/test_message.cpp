@@ -1,0 +1,768 @@
+// Message records: in-memory layout, construction and the byte encoding of every kind.
+
+#include "logferry/message.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+using logferry::deserialize;
+using logferry::serialize;
+using Bytes = std::vector<unsigned char>;
+
+template <typename R>
+Bytes bytes_of(const R& record) {
+    Bytes out;
+    serialize(record, out);
+    return out;
+}
+
+// The record's in-memory bytes, to check default construction and layout.
+template <typename R>
+Bytes memory_of(const R& record) {
+    Bytes out(sizeof(R));
+    std::memcpy(out.data(), &record, sizeof(R));
+    return out;
+}
+
+// Packed fields may sit at odd addresses: compare copies, never references.
+template <typename T>
+T copy_of(T field) {
+    return field;
+}
+
+// `kind` followed by `count - 1` zero bytes.
+Bytes kind_then_zeros(unsigned char kind, std::size_t count) {
+    Bytes out(count, 0);
+    out[0] = kind;
+    return out;
+}
+
+Bytes concat(Bytes head, const Bytes& tail) {
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
+template <std::size_t N>
+void fill_text(std::array<char, N>& target, const std::string& text) {
+    ASSERT_LE(text.size(), N);
+    std::memcpy(target.data(), text.data(), text.size());
+}
+
+template <std::size_t N>
+void fill_payload(std::array<std::uint8_t, N>& target, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+        target.at(i) = static_cast<std::uint8_t>(i * 7 + 1);
+    }
+}
+
+Bytes payload_pattern(std::size_t count) {
+    Bytes out(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        out[i] = static_cast<unsigned char>(i * 7 + 1);
+    }
+    return out;
+}
+
+const char* const kNoTerminatorMessage = "array::at: __n (which is 80) >= _Nm (which is 80)";
+
+// ---------------------------------------------------------------- layout
+
+TEST(Message, RecordSizesArePinned) {
+    EXPECT_EQ(sizeof(logferry::Logferry_disable_remote), 1u);
+    EXPECT_EQ(sizeof(logferry::Logferry_enable_local_print), 1u);
+    EXPECT_EQ(sizeof(logferry::Logferry_init_file), 256u);
+    EXPECT_EQ(sizeof(logferry::Logferry_register_app), 88u);
+    EXPECT_EQ(sizeof(logferry::Logferry_unregister_app), 1u);
+    EXPECT_EQ(sizeof(logferry::Logferry_register_context), 93u);
+    EXPECT_EQ(sizeof(logferry::Logferry_unregister_context), 5u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_start), 14u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_finish), 5u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_bool), 6u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_int8), 6u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_int16), 7u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_int32), 9u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_int64), 13u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_uint8_formatted), 7u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_uint16_formatted), 8u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_uint32_formatted), 10u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_uint64_formatted), 14u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_float32), 9u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_float64), 13u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_utf8_string), 1397u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_raw_formatted), 1400u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_encoded_payload), 1399u);
+    EXPECT_EQ(sizeof(logferry::Logferry_write_encoded_message), 1395u);
+    EXPECT_EQ(sizeof(logferry::Logferry_update_context_log_level_filter), 6u);
+}
+
+TEST(Message, FieldOffsetsFollowDeclarationOrder) {
+    using namespace logferry;
+    EXPECT_EQ(offsetof(Logferry_register_app, length), 1u);
+    EXPECT_EQ(offsetof(Logferry_register_app, app_id), 3u);
+    EXPECT_EQ(offsetof(Logferry_register_app, description), 8u);
+    EXPECT_EQ(offsetof(Logferry_register_context, log_level), 3u);
+    EXPECT_EQ(offsetof(Logferry_register_context, context_handle), 4u);
+    EXPECT_EQ(offsetof(Logferry_register_context, context_id), 8u);
+    EXPECT_EQ(offsetof(Logferry_register_context, description), 13u);
+    EXPECT_EQ(offsetof(Logferry_write_start, timestamp), 10u);
+    // Plain numbers: value declared before the stream key.
+    EXPECT_EQ(offsetof(Logferry_write_int64, value), 1u);
+    EXPECT_EQ(offsetof(Logferry_write_int64, stream_key), 9u);
+    EXPECT_EQ(offsetof(Logferry_write_float64, stream_key), 9u);
+    EXPECT_EQ(offsetof(Logferry_write_uint64_formatted, stream_key), 10u);
+    EXPECT_EQ(offsetof(Logferry_write_utf8_string, text), 7u);
+    EXPECT_EQ(offsetof(Logferry_write_raw_formatted, size), 4u);
+    EXPECT_EQ(offsetof(Logferry_write_raw_formatted, payload), 10u);
+    EXPECT_EQ(offsetof(Logferry_write_encoded_payload, payload), 9u);
+    EXPECT_EQ(offsetof(Logferry_write_encoded_message, payload), 5u);
+    EXPECT_EQ(offsetof(Logferry_update_context_log_level_filter, context_handle), 2u);
+}
+
+TEST(Message, PackedLayoutHoldsFieldsInDeclaredOrder) {
+    logferry::Logferry_write_int32 record;
+    record.value = 0x11223344;
+    record.stream_key = 0xAABBCCDD;
+    // In memory the value comes first (host order: little-endian on the targets).
+    EXPECT_EQ(memory_of(record), (Bytes{12, 0x44, 0x33, 0x22, 0x11, 0xDD, 0xCC, 0xBB, 0xAA}));
+}
+
+TEST(Message, DefaultRecordsAreZeroWithTheirKind) {
+    using namespace logferry;
+    EXPECT_EQ(memory_of(Logferry_disable_remote{}), kind_then_zeros(0, 1));
+    EXPECT_EQ(memory_of(Logferry_enable_local_print{}), kind_then_zeros(1, 1));
+    EXPECT_EQ(memory_of(Logferry_init_file{}), kind_then_zeros(2, 256));
+    EXPECT_EQ(memory_of(Logferry_register_app{}), kind_then_zeros(3, 88));
+    EXPECT_EQ(memory_of(Logferry_unregister_app{}), kind_then_zeros(4, 1));
+    EXPECT_EQ(memory_of(Logferry_register_context{}), kind_then_zeros(5, 93));
+    EXPECT_EQ(memory_of(Logferry_unregister_context{}), kind_then_zeros(6, 5));
+    EXPECT_EQ(memory_of(Logferry_write_start{}), kind_then_zeros(7, 14));
+    EXPECT_EQ(memory_of(Logferry_write_finish{}), kind_then_zeros(8, 5));
+    EXPECT_EQ(memory_of(Logferry_write_bool{}), kind_then_zeros(9, 6));
+    EXPECT_EQ(memory_of(Logferry_write_int8{}), kind_then_zeros(10, 6));
+    EXPECT_EQ(memory_of(Logferry_write_int16{}), kind_then_zeros(11, 7));
+    EXPECT_EQ(memory_of(Logferry_write_int32{}), kind_then_zeros(12, 9));
+    EXPECT_EQ(memory_of(Logferry_write_int64{}), kind_then_zeros(13, 13));
+    EXPECT_EQ(memory_of(Logferry_write_uint8_formatted{}), kind_then_zeros(14, 7));
+    EXPECT_EQ(memory_of(Logferry_write_uint16_formatted{}), kind_then_zeros(15, 8));
+    EXPECT_EQ(memory_of(Logferry_write_uint32_formatted{}), kind_then_zeros(16, 10));
+    EXPECT_EQ(memory_of(Logferry_write_uint64_formatted{}), kind_then_zeros(17, 14));
+    EXPECT_EQ(memory_of(Logferry_write_float32{}), kind_then_zeros(18, 9));
+    EXPECT_EQ(memory_of(Logferry_write_float64{}), kind_then_zeros(19, 13));
+    EXPECT_EQ(memory_of(Logferry_write_utf8_string{}), kind_then_zeros(20, 1397));
+    EXPECT_EQ(memory_of(Logferry_write_raw_formatted{}), kind_then_zeros(21, 1400));
+    EXPECT_EQ(memory_of(Logferry_write_encoded_payload{}), kind_then_zeros(22, 1399));
+    EXPECT_EQ(memory_of(Logferry_write_encoded_message{}), kind_then_zeros(23, 1395));
+    EXPECT_EQ(memory_of(Logferry_update_context_log_level_filter{}), kind_then_zeros(24, 6));
+}
+
+TEST(Message, PriorityKindsAreControlAndRegistration) {
+    for (unsigned int kind = 0; kind < 256; ++kind) {
+        const bool expected = kind == 0 || kind == 1 || kind == 2 || kind == 3 || kind == 5;
+        EXPECT_EQ(logferry::is_priority_kind(static_cast<std::uint8_t>(kind)), expected) << kind;
+    }
+}
+
+// ---------------------------------------------------------------- kinds 0, 1, 4
+
+TEST(Message, OneByteControlRecords) {
+    EXPECT_EQ(bytes_of(logferry::Logferry_unregister_app{}), (Bytes{4}));
+    EXPECT_EQ(bytes_of(logferry::Logferry_enable_local_print{}), (Bytes{1}));
+    EXPECT_EQ(bytes_of(logferry::Logferry_disable_remote{}), (Bytes{0}));
+}
+
+// ---------------------------------------------------------------- kind 2
+
+TEST(Message, InitFileWritesTheWholeNameField) {
+    logferry::Logferry_init_file record;
+    fill_text(record.file_name, "trace.log");
+    const Bytes out = bytes_of(record);
+    ASSERT_EQ(out.size(), 256u);
+    Bytes expected = kind_then_zeros(2, 256);
+    const std::string name = "trace.log";
+    std::copy(name.begin(), name.end(), expected.begin() + 1);
+    EXPECT_EQ(out, expected);
+}
+
+TEST(Message, InitFileEmptyAndLongestName) {
+    EXPECT_EQ(bytes_of(logferry::Logferry_init_file{}), kind_then_zeros(2, 256));
+
+    logferry::Logferry_init_file longest;
+    fill_text(longest.file_name, std::string(254, 'n'));
+    EXPECT_EQ(bytes_of(longest), concat(concat(Bytes{2}, Bytes(254, 'n')), Bytes{0}));
+
+    // The field is written whole even when it holds no zero.
+    logferry::Logferry_init_file full;
+    fill_text(full.file_name, std::string(255, 'f'));
+    EXPECT_EQ(bytes_of(full), concat(Bytes{2}, Bytes(255, 'f')));
+}
+
+// ---------------------------------------------------------------- kind 3
+
+TEST(Message, RegisterAppFourCharacterIdAndOneCharacterDescription) {
+    const logferry::Logferry_register_app record("ABCD", "x");
+    EXPECT_EQ(copy_of(record.length), 10);
+    EXPECT_EQ(bytes_of(record), (Bytes{3, 0x0A, 0x00, 'A', 'B', 'C', 'D', 0, 'x', 0}));
+}
+
+TEST(Message, RegisterAppWithNullTextKeepsMinimumLength) {
+    const logferry::Logferry_register_app no_description("ABCD", nullptr);
+    EXPECT_EQ(copy_of(no_description.length), 8);
+    // The empty description's terminator is still written: 9 bytes for length 8.
+    EXPECT_EQ(bytes_of(no_description), (Bytes{3, 8, 0, 0, 0, 0, 0, 0, 0}));
+
+    const logferry::Logferry_register_app no_id(nullptr, "description");
+    EXPECT_EQ(copy_of(no_id.length), 8);
+    EXPECT_EQ(bytes_of(no_id), (Bytes{3, 8, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(memory_of(no_id), concat(Bytes{3, 8}, Bytes(86, 0)));
+}
+
+TEST(Message, RegisterAppLongIdIsCutToFour) {
+    const logferry::Logferry_register_app record("ABCDEFG", "d");
+    EXPECT_EQ(record.app_id, (std::array<char, 5>{'A', 'B', 'C', 'D', 0}));
+    EXPECT_EQ(bytes_of(record), (Bytes{3, 10, 0, 'A', 'B', 'C', 'D', 0, 'd', 0}));
+}
+
+TEST(Message, RegisterAppShortIdIsZeroFilled) {
+    const logferry::Logferry_register_app record("AB", "");
+    EXPECT_EQ(record.app_id, (std::array<char, 5>{'A', 'B', 0, 0, 0}));
+    EXPECT_EQ(copy_of(record.length), 9);
+    EXPECT_EQ(bytes_of(record), (Bytes{3, 9, 0, 'A', 'B', 0, 0, 0, 0}));
+}
+
+TEST(Message, RegisterAppLongDescriptionIsCutTo79) {
+    const std::string description(100, 'd');
+    const logferry::Logferry_register_app record("APP1", description.c_str());
+    EXPECT_EQ(copy_of(record.length), 88);
+    EXPECT_EQ(record.description.at(78), 'd');
+    EXPECT_EQ(record.description.at(79), 0);
+    const Bytes out = bytes_of(record);
+    EXPECT_EQ(out.size(), 88u);
+    EXPECT_EQ(out, concat(concat(Bytes{3, 88, 0, 'A', 'P', 'P', '1', 0}, Bytes(79, 'd')), Bytes{0}));
+}
+
+TEST(Message, RegisterAppDescriptionOf79IsKeptWhole) {
+    const std::string description(79, 'e');
+    const logferry::Logferry_register_app record("A", description.c_str());
+    EXPECT_EQ(copy_of(record.length), 88);
+    EXPECT_EQ(bytes_of(record), concat(concat(Bytes{3, 88, 0, 'A', 0, 0, 0, 0}, Bytes(79, 'e')), Bytes{0}));
+}
+
+TEST(Message, RegisterAppDescriptionStopsAtItsFirstZero) {
+    // Bytes after the first zero are not written, whatever the length field says.
+    logferry::Logferry_register_app record("ABCD", "ab");
+    record.description.at(3) = 'z';
+    record.length = 77;
+    EXPECT_EQ(bytes_of(record), (Bytes{3, 77, 0, 'A', 'B', 'C', 'D', 0, 'a', 'b', 0}));
+}
+
+TEST(Message, RegisterAppIdIsWrittenAsStored) {
+    logferry::Logferry_register_app record("ABCD", "x");
+    record.app_id.at(4) = 'E';
+    record.app_id.at(1) = 0;
+    EXPECT_EQ(bytes_of(record), (Bytes{3, 10, 0, 'A', 0, 'C', 'D', 'E', 'x', 0}));
+}
+
+TEST(Message, RegisterAppWithoutTerminatorRaisesBoundsError) {
+    logferry::Logferry_register_app record("ABCD", "x");
+    record.description.fill('q');
+    Bytes out{0xEE};
+    try {
+        serialize(record, out);
+        FAIL() << "expected std::out_of_range";
+    } catch (const std::out_of_range& error) {
+        EXPECT_STREQ(error.what(), kNoTerminatorMessage);
+    }
+    EXPECT_EQ(out, (Bytes{0xEE}));
+}
+
+// ---------------------------------------------------------------- kind 5
+
+TEST(Message, RegisterContextWithEmptyDescription) {
+    const logferry::Logferry_register_context record(4, 0x01020304, "CTX1", "");
+    EXPECT_EQ(copy_of(record.length), 14);
+    EXPECT_EQ(bytes_of(record), (Bytes{5, 14, 0, 4, 4, 3, 2, 1, 'C', 'T', 'X', '1', 0, 0}));
+}
+
+TEST(Message, RegisterContextTypicalValue) {
+    const logferry::Logferry_register_context record(6, 0xDEADBEEF, "NET", "net io");
+    EXPECT_EQ(copy_of(record.length), 20);
+    EXPECT_EQ(bytes_of(record), (Bytes{5, 20, 0, 6, 0xEF, 0xBE, 0xAD, 0xDE, 'N', 'E', 'T', 0, 0,
+                                       'n', 'e', 't', ' ', 'i', 'o', 0}));
+}
+
+TEST(Message, RegisterContextWithNullTextKeepsMinimumLength) {
+    const logferry::Logferry_register_context record(3, 0x0A0B0C0D, nullptr, "d");
+    EXPECT_EQ(copy_of(record.length), 13);
+    EXPECT_EQ(record.log_level, 3);
+    EXPECT_EQ(copy_of(record.context_handle), 0x0A0B0C0Du);
+    EXPECT_EQ(bytes_of(record), (Bytes{5, 13, 0, 3, 0x0D, 0x0C, 0x0B, 0x0A, 0, 0, 0, 0, 0, 0}));
+
+    const logferry::Logferry_register_context no_description(1, 2, "CTX", nullptr);
+    EXPECT_EQ(copy_of(no_description.length), 13);
+    EXPECT_EQ(bytes_of(no_description), (Bytes{5, 13, 0, 1, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST(Message, RegisterContextIdsAreCutOrZeroFilled) {
+    const logferry::Logferry_register_context long_id(2, 1, "CONTEXT", "c");
+    EXPECT_EQ(long_id.context_id, (std::array<char, 5>{'C', 'O', 'N', 'T', 0}));
+    EXPECT_EQ(bytes_of(long_id), (Bytes{5, 15, 0, 2, 1, 0, 0, 0, 'C', 'O', 'N', 'T', 0, 'c', 0}));
+
+    const logferry::Logferry_register_context short_id(2, 1, "CX", "c");
+    EXPECT_EQ(short_id.context_id, (std::array<char, 5>{'C', 'X', 0, 0, 0}));
+    EXPECT_EQ(bytes_of(short_id), (Bytes{5, 15, 0, 2, 1, 0, 0, 0, 'C', 'X', 0, 0, 0, 'c', 0}));
+}
+
+TEST(Message, RegisterContextLongDescriptionIsCutTo79) {
+    const std::string description(100, 'k');
+    const logferry::Logferry_register_context record(5, 0xFFFFFFFF, "CTX1", description.c_str());
+    EXPECT_EQ(copy_of(record.length), 93);
+    EXPECT_EQ(record.description.at(79), 0);
+    const Bytes out = bytes_of(record);
+    EXPECT_EQ(out.size(), 93u);
+    EXPECT_EQ(out, concat(concat(Bytes{5, 93, 0, 5, 0xFF, 0xFF, 0xFF, 0xFF, 'C', 'T', 'X', '1', 0},
+                                 Bytes(79, 'k')),
+                          Bytes{0}));
+}
+
+TEST(Message, RegisterContextWithoutTerminatorRaisesBoundsError) {
+    logferry::Logferry_register_context record(4, 1, "CTX1", "x");
+    record.description.fill('q');
+    Bytes out{1, 2, 3};
+    try {
+        serialize(record, out);
+        FAIL() << "expected std::out_of_range";
+    } catch (const std::out_of_range& error) {
+        EXPECT_STREQ(error.what(), kNoTerminatorMessage);
+    }
+    EXPECT_EQ(out, (Bytes{1, 2, 3}));
+}
+
+// ---------------------------------------------------------------- kinds 6, 7, 8
+
+TEST(Message, UnregisterContext) {
+    logferry::Logferry_unregister_context record;
+    record.context_handle = 0x01020304;
+    EXPECT_EQ(bytes_of(record), (Bytes{6, 4, 3, 2, 1}));
+    record.context_handle = 0xFFFFFFFF;
+    EXPECT_EQ(bytes_of(record), (Bytes{6, 0xFF, 0xFF, 0xFF, 0xFF}));
+}
+
+TEST(Message, WriteStart) {
+    logferry::Logferry_write_start record;
+    record.log_level = 3;
+    record.context_handle = 7;
+    record.stream_key = 0x11223344;
+    record.timestamp = 0;
+    EXPECT_EQ(bytes_of(record), (Bytes{7, 3, 7, 0, 0, 0, 0x44, 0x33, 0x22, 0x11, 0, 0, 0, 0}));
+
+    record.log_level = 6;
+    record.context_handle = 0xFFFFFFFF;
+    record.stream_key = 0;
+    record.timestamp = 0x89ABCDEF;
+    EXPECT_EQ(bytes_of(record),
+              (Bytes{7, 6, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0xEF, 0xCD, 0xAB, 0x89}));
+}
+
+TEST(Message, WriteFinish) {
+    logferry::Logferry_write_finish record;
+    record.stream_key = 9;
+    EXPECT_EQ(bytes_of(record), (Bytes{8, 9, 0, 0, 0}));
+    record.stream_key = 0x80000001;
+    EXPECT_EQ(bytes_of(record), (Bytes{8, 0x01, 0, 0, 0x80}));
+}
+
+// ---------------------------------------------------------------- kinds 9-13
+
+TEST(Message, WriteBool) {
+    logferry::Logferry_write_bool record;
+    record.value = 1;
+    record.stream_key = 0xA1B2C3D4;
+    EXPECT_EQ(bytes_of(record), (Bytes{9, 0xD4, 0xC3, 0xB2, 0xA1, 1}));
+    record.value = 0;
+    record.stream_key = 0;
+    EXPECT_EQ(bytes_of(record), (Bytes{9, 0, 0, 0, 0, 0}));
+    // Not checked here: the byte goes out as supplied.
+    record.value = 0x7F;
+    EXPECT_EQ(bytes_of(record), (Bytes{9, 0, 0, 0, 0, 0x7F}));
+}
+
+TEST(Message, WriteInt8) {
+    logferry::Logferry_write_int8 record;
+    record.value = -5;
+    record.stream_key = 1;
+    EXPECT_EQ(bytes_of(record), (Bytes{10, 1, 0, 0, 0, 0xFB}));
+    record.value = std::numeric_limits<std::int8_t>::min();
+    EXPECT_EQ(bytes_of(record), (Bytes{10, 1, 0, 0, 0, 0x80}));
+    record.value = std::numeric_limits<std::int8_t>::max();
+    EXPECT_EQ(bytes_of(record), (Bytes{10, 1, 0, 0, 0, 0x7F}));
+}
+
+TEST(Message, WriteInt16) {
+    logferry::Logferry_write_int16 record;
+    record.value = -2;
+    record.stream_key = 1;
+    EXPECT_EQ(bytes_of(record), (Bytes{11, 1, 0, 0, 0, 0xFE, 0xFF}));
+    record.value = std::numeric_limits<std::int16_t>::min();
+    record.stream_key = 0x01020304;
+    EXPECT_EQ(bytes_of(record), (Bytes{11, 4, 3, 2, 1, 0x00, 0x80}));
+    record.value = 0x1234;
+    EXPECT_EQ(bytes_of(record), (Bytes{11, 4, 3, 2, 1, 0x34, 0x12}));
+}
+
+TEST(Message, WriteInt32) {
+    logferry::Logferry_write_int32 record;
+    record.value = 0x12345678;
+    record.stream_key = 2;
+    EXPECT_EQ(bytes_of(record), (Bytes{12, 2, 0, 0, 0, 0x78, 0x56, 0x34, 0x12}));
+    record.value = -1;
+    EXPECT_EQ(bytes_of(record), (Bytes{12, 2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}));
+    record.value = std::numeric_limits<std::int32_t>::min();
+    EXPECT_EQ(bytes_of(record), (Bytes{12, 2, 0, 0, 0, 0x00, 0x00, 0x00, 0x80}));
+}
+
+TEST(Message, WriteInt64) {
+    logferry::Logferry_write_int64 record;
+    record.value = 0x0102030405060708;
+    record.stream_key = 0xFFFFFFFE;
+    EXPECT_EQ(bytes_of(record),
+              (Bytes{13, 0xFE, 0xFF, 0xFF, 0xFF, 8, 7, 6, 5, 4, 3, 2, 1}));
+    record.value = -2;
+    EXPECT_EQ(bytes_of(record), (Bytes{13, 0xFE, 0xFF, 0xFF, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF,
+                                       0xFF, 0xFF, 0xFF}));
+    record.value = std::numeric_limits<std::int64_t>::min();
+    EXPECT_EQ(bytes_of(record),
+              (Bytes{13, 0xFE, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0x80}));
+}
+
+// ---------------------------------------------------------------- kinds 14-17
+
+TEST(Message, WriteUint8Formatted) {
+    logferry::Logferry_write_uint8_formatted record;
+    record.format = 2;
+    record.value = 0xAB;
+    record.stream_key = 5;
+    EXPECT_EQ(bytes_of(record), (Bytes{14, 2, 0xAB, 5, 0, 0, 0}));
+    // The format byte goes out as supplied, even out of range.
+    record.format = 9;
+    record.value = 0xFF;
+    record.stream_key = 0x04030201;
+    EXPECT_EQ(bytes_of(record), (Bytes{14, 9, 0xFF, 1, 2, 3, 4}));
+}
+
+TEST(Message, WriteUint16Formatted) {
+    logferry::Logferry_write_uint16_formatted record;
+    record.format = 2;
+    record.value = 0x1234;
+    record.stream_key = 5;
+    EXPECT_EQ(bytes_of(record), (Bytes{15, 2, 0x34, 0x12, 5, 0, 0, 0}));
+    record.format = 6;
+    record.value = 0xFFFF;
+    EXPECT_EQ(bytes_of(record), (Bytes{15, 6, 0xFF, 0xFF, 5, 0, 0, 0}));
+}
+
+TEST(Message, WriteUint32Formatted) {
+    logferry::Logferry_write_uint32_formatted record;
+    record.format = 1;
+    record.value = 0xCAFEBABE;
+    record.stream_key = 0x11223344;
+    EXPECT_EQ(bytes_of(record), (Bytes{16, 1, 0xBE, 0xBA, 0xFE, 0xCA, 0x44, 0x33, 0x22, 0x11}));
+}
+
+TEST(Message, WriteUint64Formatted) {
+    logferry::Logferry_write_uint64_formatted record;
+    record.format = 4;
+    record.value = 0x0123456789ABCDEF;
+    record.stream_key = 3;
+    EXPECT_EQ(bytes_of(record), (Bytes{17, 4, 0xEF, 0xCD, 0xAB, 0x89, 0x67, 0x45, 0x23, 0x01, 3,
+                                       0, 0, 0}));
+    record.value = std::numeric_limits<std::uint64_t>::max();
+    EXPECT_EQ(bytes_of(record), (Bytes{17, 4, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 3,
+                                       0, 0, 0}));
+}
+
+// ---------------------------------------------------------------- kinds 18, 19
+
+TEST(Message, WriteFloat32) {
+    logferry::Logferry_write_float32 record;
+    record.value = 1.0f;
+    record.stream_key = 0;
+    EXPECT_EQ(bytes_of(record), (Bytes{18, 0, 0, 0, 0, 0x00, 0x00, 0x80, 0x3F}));
+    record.value = -2.5f;
+    record.stream_key = 0x10;
+    EXPECT_EQ(bytes_of(record), (Bytes{18, 0x10, 0, 0, 0, 0x00, 0x00, 0x20, 0xC0}));
+    record.value = std::numeric_limits<float>::infinity();
+    EXPECT_EQ(bytes_of(record), (Bytes{18, 0x10, 0, 0, 0, 0x00, 0x00, 0x80, 0x7F}));
+}
+
+TEST(Message, WriteFloat64) {
+    logferry::Logferry_write_float64 record;
+    record.value = 1.0;
+    record.stream_key = 0x01020304;
+    EXPECT_EQ(bytes_of(record), (Bytes{19, 4, 3, 2, 1, 0, 0, 0, 0, 0, 0, 0xF0, 0x3F}));
+    record.value = -0.0;
+    EXPECT_EQ(bytes_of(record), (Bytes{19, 4, 3, 2, 1, 0, 0, 0, 0, 0, 0, 0, 0x80}));
+}
+
+// ---------------------------------------------------------------- kind 20
+
+TEST(Message, WriteUtf8StringTypical) {
+    logferry::Logferry_write_utf8_string record;
+    fill_text(record.text, "hello");
+    record.length = 13;
+    record.stream_key = 0x0A0B0C0D;
+    EXPECT_EQ(bytes_of(record),
+              (Bytes{20, 13, 0, 0x0D, 0x0C, 0x0B, 0x0A, 'h', 'e', 'l', 'l', 'o', 0}));
+}
+
+TEST(Message, WriteUtf8StringEmptyText) {
+    logferry::Logferry_write_utf8_string record;
+    record.length = 8;
+    record.stream_key = 1;
+    EXPECT_EQ(bytes_of(record), (Bytes{20, 8, 0, 1, 0, 0, 0, 0}));
+}
+
+TEST(Message, WriteUtf8StringLongestText) {
+    logferry::Logferry_write_utf8_string record;
+    fill_text(record.text, std::string(1389, 't'));
+    record.length = 1397;
+    record.stream_key = 2;
+    const Bytes out = bytes_of(record);
+    EXPECT_EQ(out.size(), 1397u);
+    EXPECT_EQ(out, concat(concat(Bytes{20, 0x75, 0x05, 2, 0, 0, 0}, Bytes(1389, 't')), Bytes{0}));
+}
+
+TEST(Message, WriteUtf8StringWithoutZeroEndsAfterStreamKey) {
+    logferry::Logferry_write_utf8_string record;
+    fill_text(record.text, std::string(1390, 'u'));
+    record.length = 1398;
+    record.stream_key = 3;
+    EXPECT_EQ(bytes_of(record), (Bytes{20, 0x76, 0x05, 3, 0, 0, 0}));
+}
+
+TEST(Message, WriteUtf8StringStopsAtFirstZeroWhateverTheLength) {
+    // A string view cut short by an inner zero: the length field tells the asked length.
+    logferry::Logferry_write_utf8_string record;
+    fill_text(record.text, std::string("abc\0efghij", 10));
+    record.length = 18;
+    record.stream_key = 4;
+    EXPECT_EQ(bytes_of(record), (Bytes{20, 18, 0, 4, 0, 0, 0, 'a', 'b', 'c', 0}));
+}
+
+// ---------------------------------------------------------------- kind 21
+
+TEST(Message, WriteRawFormattedTypical) {
+    logferry::Logferry_write_raw_formatted record;
+    record.length = 13;
+    record.format = 3;
+    record.size = 3;
+    record.stream_key = 0x01020304;
+    record.payload.at(0) = 0x00;
+    record.payload.at(1) = 0xFF;
+    record.payload.at(2) = 0x10;
+    EXPECT_EQ(bytes_of(record), (Bytes{21, 13, 0, 3, 3, 0, 4, 3, 2, 1, 0x00, 0xFF, 0x10}));
+}
+
+TEST(Message, WriteRawFormattedSizeBounds) {
+    logferry::Logferry_write_raw_formatted record;
+    record.format = 1;
+    record.stream_key = 7;
+    fill_payload(record.payload, 1390);
+
+    record.size = 0;
+    record.length = 10;
+    EXPECT_EQ(bytes_of(record), (Bytes{21, 10, 0, 1, 0, 0, 7, 0, 0, 0}));
+
+    record.size = 1;
+    record.length = 11;
+    EXPECT_EQ(bytes_of(record), (Bytes{21, 11, 0, 1, 1, 0, 7, 0, 0, 0, 1}));
+
+    record.size = 1389;
+    record.length = 1399;
+    Bytes out = bytes_of(record);
+    EXPECT_EQ(out.size(), 1399u);
+    EXPECT_EQ(out, concat(Bytes{21, 0x77, 0x05, 1, 0x6D, 0x05, 7, 0, 0, 0}, payload_pattern(1389)));
+
+    record.size = 1390;
+    record.length = 1400;
+    EXPECT_EQ(bytes_of(record), (Bytes{21, 0x78, 0x05, 1, 0x6E, 0x05, 7, 0, 0, 0}));
+
+    record.size = 0xFFFF;
+    record.length = 9;
+    EXPECT_EQ(bytes_of(record), (Bytes{21, 9, 0, 1, 0xFF, 0xFF, 7, 0, 0, 0}));
+}
+
+// ---------------------------------------------------------------- kind 22
+
+TEST(Message, WriteEncodedPayloadTypical) {
+    logferry::Logferry_write_encoded_payload record;
+    record.length = 11;
+    record.size = 2;
+    record.stream_key = 0xAABBCCDD;
+    record.payload.at(0) = 0x42;
+    record.payload.at(1) = 0x00;
+    EXPECT_EQ(bytes_of(record), (Bytes{22, 11, 0, 2, 0, 0xDD, 0xCC, 0xBB, 0xAA, 0x42, 0x00}));
+}
+
+TEST(Message, WriteEncodedPayloadSizeBounds) {
+    logferry::Logferry_write_encoded_payload record;
+    record.stream_key = 1;
+    fill_payload(record.payload, 1390);
+
+    record.size = 0;
+    record.length = 9;
+    EXPECT_EQ(bytes_of(record), (Bytes{22, 9, 0, 0, 0, 1, 0, 0, 0}));
+
+    record.size = 1389;
+    record.length = 1398;
+    const Bytes out = bytes_of(record);
+    EXPECT_EQ(out.size(), 1398u);
+    EXPECT_EQ(out, concat(Bytes{22, 0x76, 0x05, 0x6D, 0x05, 1, 0, 0, 0}, payload_pattern(1389)));
+
+    record.size = 1390;
+    record.length = 1399;
+    EXPECT_EQ(bytes_of(record), (Bytes{22, 0x77, 0x05, 0x6E, 0x05, 1, 0, 0, 0}));
+}
+
+// ---------------------------------------------------------------- kind 23
+
+TEST(Message, WriteEncodedMessageTypical) {
+    logferry::Logferry_write_encoded_message record;
+    record.size = 3;
+    record.length = 8;
+    record.payload.at(0) = 9;
+    record.payload.at(1) = 8;
+    record.payload.at(2) = 7;
+    EXPECT_EQ(bytes_of(record), (Bytes{23, 8, 0, 3, 0, 9, 8, 7}));
+}
+
+TEST(Message, WriteEncodedMessageSizeBounds) {
+    logferry::Logferry_write_encoded_message record;
+    fill_payload(record.payload, 1390);
+
+    record.size = 0;
+    record.length = 5;
+    EXPECT_EQ(bytes_of(record), (Bytes{23, 5, 0, 0, 0}));
+
+    record.size = 1389;
+    record.length = 1394;
+    const Bytes out = bytes_of(record);
+    EXPECT_EQ(out.size(), 1394u);
+    EXPECT_EQ(out, concat(Bytes{23, 0x72, 0x05, 0x6D, 0x05}, payload_pattern(1389)));
+
+    record.size = 1390;
+    record.length = 1395;
+    EXPECT_EQ(bytes_of(record), (Bytes{23, 0x73, 0x05, 0x6E, 0x05}));
+}
+
+// ---------------------------------------------------------------- several records
+
+TEST(Message, RecordsAreAppendedEndToEnd) {
+    Bytes out{0xAA, 0xBB};  // never cleared
+
+    logferry::Logferry_write_start start;
+    start.log_level = 4;
+    start.context_handle = 1;
+    start.stream_key = 1;
+    start.timestamp = 0x100;
+    serialize(start, out);
+
+    logferry::Logferry_write_int8 argument;
+    argument.value = -5;
+    argument.stream_key = 1;
+    serialize(argument, out);
+
+    logferry::Logferry_write_utf8_string text;
+    fill_text(text.text, "ok");
+    text.length = 10;
+    text.stream_key = 1;
+    serialize(text, out);
+
+    logferry::Logferry_write_finish finish;
+    finish.stream_key = 1;
+    serialize(finish, out);
+
+    EXPECT_EQ(out, (Bytes{0xAA, 0xBB,                                         //
+                          7, 4, 1, 0, 0, 0, 1, 0, 0, 0, 0x00, 0x01, 0, 0,     //
+                          10, 1, 0, 0, 0, 0xFB,                               //
+                          20, 10, 0, 1, 0, 0, 0, 'o', 'k', 0,                 //
+                          8, 1, 0, 0, 0}));
+}
+
+TEST(Message, PriorityRecordsConcatenate) {
+    Bytes out;
+    serialize(logferry::Logferry_register_app("AP", "a"), out);
+    serialize(logferry::Logferry_register_context(2, 3, "C", ""), out);
+    serialize(logferry::Logferry_enable_local_print{}, out);
+    serialize(logferry::Logferry_disable_remote{}, out);
+    EXPECT_EQ(out, (Bytes{3, 10, 0, 'A', 'P', 0, 0, 0, 'a', 0,                //
+                          5, 14, 0, 2, 3, 0, 0, 0, 'C', 0, 0, 0, 0, 0,        //
+                          1,                                                  //
+                          0}));
+}
+
+// ---------------------------------------------------------------- kind 24
+
+TEST(Message, DeserializeLevelUpdate) {
+    logferry::Logferry_update_context_log_level_filter record;
+    EXPECT_TRUE(deserialize(Bytes{24, 6, 0x78, 0x56, 0x34, 0x12}, 6, record));
+    EXPECT_EQ(record.kind, 24);
+    EXPECT_EQ(record.log_level, 6);
+    EXPECT_EQ(copy_of(record.context_handle), 0x12345678u);
+}
+
+TEST(Message, DeserializeRejectsLevelAboveSix) {
+    logferry::Logferry_update_context_log_level_filter record;
+    record.context_handle = 0xCAFE;
+    EXPECT_FALSE(deserialize(Bytes{24, 7, 0x78, 0x56, 0x34, 0x12}, 6, record));
+    EXPECT_EQ(record.log_level, 7);
+    EXPECT_EQ(copy_of(record.context_handle), 0xCAFEu);
+
+    EXPECT_FALSE(deserialize(Bytes{24, 0xFF, 1, 2, 3, 4}, 6, record));
+    EXPECT_EQ(record.log_level, 0xFF);
+    EXPECT_EQ(copy_of(record.context_handle), 0xCAFEu);
+}
+
+TEST(Message, DeserializeShortSizeStoresLevelOnly) {
+    logferry::Logferry_update_context_log_level_filter record;
+    record.context_handle = 77;
+    EXPECT_FALSE(deserialize(Bytes{24, 6, 0x78, 0x56, 0x34, 0x12}, 5, record));
+    EXPECT_EQ(record.log_level, 6);
+    EXPECT_EQ(copy_of(record.context_handle), 77u);
+
+    EXPECT_FALSE(deserialize(Bytes{24, 3}, 2, record));
+    EXPECT_EQ(record.log_level, 3);
+    EXPECT_EQ(copy_of(record.context_handle), 77u);
+}
+
+TEST(Message, DeserializeLevelZeroAndUnexaminedKind) {
+    logferry::Logferry_update_context_log_level_filter record;
+    record.log_level = 5;
+    // Byte 0 is the caller's business; level 0 (off) is a valid update.
+    EXPECT_TRUE(deserialize(Bytes{0x99, 0, 0xFF, 0xFF, 0xFF, 0xFF}, 6, record));
+    EXPECT_EQ(record.kind, 24);
+    EXPECT_EQ(record.log_level, 0);
+    EXPECT_EQ(copy_of(record.context_handle), 0xFFFFFFFFu);
+}
+
+TEST(Message, DeserializeRoundTripOfFilterRecordBytes) {
+    logferry::Logferry_update_context_log_level_filter sent;
+    sent.log_level = 4;
+    sent.context_handle = 0x2A;
+    const Bytes wire = memory_of(sent);  // packed little-endian layout equals the encoding
+    EXPECT_EQ(wire, (Bytes{24, 4, 0x2A, 0, 0, 0}));
+    logferry::Logferry_update_context_log_level_filter received;
+    EXPECT_TRUE(deserialize(wire, wire.size(), received));
+    EXPECT_EQ(received.log_level, 4);
+    EXPECT_EQ(copy_of(received.context_handle), 0x2Au);
+}
+
+}  // namespace
