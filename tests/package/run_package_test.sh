@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Installs the build into a private prefix, checks what the shared object exports, and builds
+# and runs a consumer against the installed tree with CMake and with pkg-config.
+set -euo pipefail
+build=$1
+source=$2
+work=$3
+rm -rf "$work"
+mkdir -p "$work"
+cmake --install "$build" --prefix "$work/prefix" > "$work/install.log"
+
+lib=$(find "$work/prefix" -name 'liblogferry.so.2' | head -n 1)
+[ -n "$lib" ] || { echo "liblogferry.so.2 was not installed"; exit 1; }
+libdir=$(dirname "$lib")
+[ -e "$libdir/libjx_osal.so.2" ] || { echo "libjx_osal.so.2 is not installed beside liblogferry"; exit 1; }
+[ -e "$libdir/liblogferry.so" ] || { echo "development link liblogferry.so missing"; exit 1; }
+soname=$(readelf -d "$lib" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+[ "$soname" = "liblogferry.so.2" ] || { echo "unexpected SONAME '$soname'"; exit 1; }
+[ -e "$work/prefix/include/logferry/logferry.hpp" ] || { echo "umbrella header missing"; exit 1; }
+
+# Only names of namespaces logferry and ara leave the library.
+nm -D --defined-only -C "$lib" | cut -c20- | sort -u > "$work/exports.txt"
+[ -s "$work/exports.txt" ] || { echo "no exported symbols"; exit 1; }
+if grep -v -E '^(logferry::|ara::|(typeinfo|typeinfo name|vtable|VTT) for (logferry|ara)::)' "$work/exports.txt"; then
+    echo "foreign names exported (above)"
+    exit 1
+fi
+echo "exports: $(wc -l < "$work/exports.txt") names, all in logferry:: or ara::"
+
+run_clean() {
+    env -u LD_LIBRARY_PATH ADAPTIVE_RUNSTATE_DIR=/tmp/logferry-consumer "$@"
+}
+
+# CMake package
+cmake -S "$source/tests/package/cmake_consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" \
+    > "$work/cmake-consumer.log"
+cmake --build "$work/cmake-build" > "$work/cmake-build.log"
+out=$(run_clean "$work/cmake-build/consumer")
+echo "cmake consumer: $out"
+[ "${out#consumer ok: }" != "$out" ] || exit 1
+case "$out" in *"run-state directory /tmp/logferry-consumer"*) ;; *) echo "run-state directory not taken from the environment"; exit 1 ;; esac
+
+# pkg-config
+flags=$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs logferry)
+version=$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --modversion logferry)
+[ "$version" = "2.0.0" ] || { echo "pkg-config version '$version'"; exit 1; }
+# shellcheck disable=SC2086
+g++ -std=c++14 -Wall -Wextra -Werror "$source/tests/package/consumer.cpp" $flags -Wl,-rpath,"$libdir" \
+    -o "$work/pc-consumer"
+out=$(run_clean "$work/pc-consumer")
+echo "pkg-config consumer: $out"
+[ "${out#consumer ok: }" != "$out" ] || exit 1
+rm -rf "$work"
+echo "package test passed"
