@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Builds the library and the test suite and runs it: once in a normal build with warnings as
+# errors, once under AddressSanitizer and UndefinedBehaviorSanitizer (halting on the first
+# report). Installs what it needs first. Exits non-zero on any failure.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+jobs=${LOGFERRY_JOBS:-2}
+passed=0
+failed=0
+
+run_suite() {
+    local name=$1
+    shift
+    local dir=build-ci-$name
+    echo "=== $name build ==="
+    cmake -S . -B "$dir" -DLOGFERRY_WERROR=ON "$@" > "$dir.configure.log" 2>&1 || { cat "$dir.configure.log"; exit 1; }
+    cmake --build "$dir" -j"$jobs"
+    local log=$dir.ctest.log
+    if ctest --test-dir "$dir" -j"$jobs" --output-on-failure --no-tests=error 2>&1 | tee "$log"; then
+        :
+    else
+        echo "=== $name suite FAILED ==="
+        failed=$((failed + 1))
+    fi
+    local total fails
+    total=$(sed -n 's/.*tests failed out of \([0-9]*\).*/\1/p' "$log" | tail -n 1)
+    fails=$(sed -n 's/.*, \([0-9]*\) tests failed out of.*/\1/p' "$log" | tail -n 1)
+    passed=$((passed + ${total:-0} - ${fails:-0}))
+    failed=$((failed + ${fails:-0}))
+}
+
+run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_suite asan-ubsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=address,undefined
+
+leftover=$(ls /dev/shm | grep -E '^logferry-' || true)
+if [ -n "$leftover" ]; then
+    echo "left behind in /dev/shm: $leftover"
+    failed=$((failed + 1))
+fi
+echo "suites: $passed passed, $failed failed"
+[ "$failed" -eq 0 ]
