@@ -393,6 +393,11 @@ struct Init_failure {
     const char* message;
 };
 
+void PrintTo(const Init_failure& failure, std::ostream* out)
+{
+    *out << logferry_test::op_name(failure.op) << " after " << failure.skip;
+}
+
 class ChannelSegmentInitFailure : public ::testing::TestWithParam<Init_failure> {};
 
 TEST_P(ChannelSegmentInitFailure, ReportsReturnsFalseLeavesNothingAndRecovers)
