@@ -5,5 +5,9 @@
 #include "logferry/export.hpp"
 #include "logferry/system.hpp"
 #include "logferry/channel.hpp"
+#include "logferry/validation.hpp"
+#include "logferry/message.hpp"
+#include "logferry/listener.hpp"
+#include "logferry/client.hpp"
 
 #endif
