@@ -1,0 +1,298 @@
+// Log streams: a message is assembled record by record under its stream key and handed to
+// the channel as one unit by log_finish.
+//
+// This is the application's hot path. Each record is encoded on the stack and appended to
+// the stream's vector in one short critical section of incomplete_logstream_messages_mutex;
+// log_finish takes the whole map node out, so the message is moved, not copied, and the
+// node with its vector's capacity is kept by the finishing thread for its next message.
+// In steady state a message thus costs no heap allocation.
+#include <time.h>
+
+#include <cstring>
+#include <utility>
+
+#include "client/record_encoding.hpp"
+#include "logferry/client.hpp"
+#include "logferry/system.hpp"
+
+namespace logferry {
+
+namespace {
+
+using Stream_map = std::unordered_map<std::uint32_t, std::vector<unsigned char>>;
+using Stream_node = Stream_map::node_type;
+
+constexpr std::uint8_t MAX_LOG_LEVEL = 6;
+// Longest text a text record takes (one byte of the 1390 is kept for a second terminator
+// so that a text of 1389 characters is refused), longest payload of the payload records.
+constexpr std::size_t MAX_TEXT_LENGTH = 1388;
+constexpr std::size_t MAX_PAYLOAD_LENGTH = 1389;
+constexpr std::size_t TEXT_SCAN_LIMIT = RECORD_DATA_SIZE;
+
+// A fresh stream's vector is reserved once to hold a typical message; a recycled vector
+// keeps what it has grown to, unless that is more than a message normally needs.
+constexpr std::size_t STREAM_INITIAL_CAPACITY = 256;
+constexpr std::size_t STREAM_KEEP_CAPACITY = 16384;
+
+// The node of this thread's last finished message, ready to take the next one.
+thread_local Stream_node spare_stream;
+
+const unsigned char ZEROS[16] = {};
+
+inline void append(std::vector<unsigned char>& out, const void* data, std::size_t size)
+{
+    if (size != 0) {
+        const auto* bytes = static_cast<const unsigned char*>(data);
+        out.insert(out.end(), bytes, bytes + size);
+    }
+}
+
+inline void append_zeros(std::vector<unsigned char>& out, std::size_t count)
+{
+    while (count > sizeof(ZEROS)) {
+        append(out, ZEROS, sizeof(ZEROS));
+        count -= sizeof(ZEROS);
+    }
+    append(out, ZEROS, count);
+}
+
+// Appends one record to the stream under `key`, given as its head, a body and a number of
+// zero bytes after the body. Opens the stream when it does not exist yet, on this
+// thread's spare node if it has one. One map operation under the stream mutex.
+void append_record(std::uint32_t key, const unsigned char* head, std::size_t head_size,
+                   const void* body = nullptr, std::size_t body_size = 0, std::size_t zeros = 0)
+{
+    std::lock_guard<std::mutex> lock(incomplete_logstream_messages_mutex);
+    auto found = incomplete_logstream_messages.find(key);
+    std::vector<unsigned char>* bytes;
+    if (found != incomplete_logstream_messages.end()) {
+        bytes = &found->second;
+    } else if (!spare_stream.empty()) {
+        spare_stream.key() = key;
+        spare_stream.mapped().clear();
+        bytes = &incomplete_logstream_messages.insert(std::move(spare_stream)).position->second;
+    } else {
+        bytes = &incomplete_logstream_messages[key];
+        bytes->reserve(STREAM_INITIAL_CAPACITY);
+    }
+    append(*bytes, head, head_size);
+    append(*bytes, body, body_size);
+    append_zeros(*bytes, zeros);
+}
+
+// Keeps a finished message's node for this thread's next message.
+void recycle(Stream_node&& node)
+{
+    if (node.empty() || node.mapped().capacity() > STREAM_KEEP_CAPACITY) {
+        return;
+    }
+    node.mapped().clear();
+    if (spare_stream.empty()) {
+        spare_stream = std::move(node);
+    }
+}
+
+inline std::uint8_t validated(LogFormat format)
+{
+    return static_cast<std::uint8_t>(dlt_validate_format(format));
+}
+
+}  // namespace
+
+bool append_to_logstream(std::uint32_t stream_key, const std::vector<unsigned char>& bytes)
+{
+    append_record(stream_key, bytes.data(), bytes.size());
+    return true;
+}
+
+bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint8_t log_level)
+{
+    if (log_level > MAX_LOG_LEVEL) {
+        return false;
+    }
+    {
+        std::lock_guard<std::mutex> lock(contexts_mutex);
+        if (registered_contexts.find(context_handle) == registered_contexts.end()) {
+            return false;
+        }
+    }
+    // Monotonic clock in 0.1 ms units, modulo 2^32; 0 when the clock cannot be read.
+    std::uint32_t timestamp = 0;
+    timespec now{};
+    if (sys->clock_gettime(CLOCK_MONOTONIC, &now) == 0) {
+        timestamp = static_cast<std::uint32_t>(now.tv_sec) * 10000u + static_cast<std::uint32_t>(now.tv_nsec / 100000);
+    }
+    unsigned char record[encoding::START_SIZE];
+    append_record(stream_key, record, encoding::encode_start(record, log_level, context_handle, stream_key, timestamp));
+    return true;
+}
+
+void log_bool(std::uint32_t stream_key, bool value)
+{
+    unsigned char record[encoding::MAX_FIXED_SIZE];
+    append_record(stream_key, record,
+                  encoding::encode_plain_u8(record, KIND_WRITE_BOOL, stream_key, value ? 1 : 0));
+}
+
+void log_int8(std::uint32_t stream_key, std::int8_t value)
+{
+    unsigned char record[encoding::MAX_FIXED_SIZE];
+    append_record(stream_key, record,
+                  encoding::encode_plain_u8(record, KIND_WRITE_INT8, stream_key, static_cast<std::uint8_t>(value)));
+}
+
+void log_int16(std::uint32_t stream_key, std::int16_t value)
+{
+    unsigned char record[encoding::MAX_FIXED_SIZE];
+    append_record(stream_key, record,
+                  encoding::encode_plain_u16(record, KIND_WRITE_INT16, stream_key, static_cast<std::uint16_t>(value)));
+}
+
+void log_int32(std::uint32_t stream_key, std::int32_t value)
+{
+    unsigned char record[encoding::MAX_FIXED_SIZE];
+    append_record(stream_key, record,
+                  encoding::encode_plain_u32(record, KIND_WRITE_INT32, stream_key, static_cast<std::uint32_t>(value)));
+}
+
+void log_int64(std::uint32_t stream_key, std::int64_t value)
+{
+    unsigned char record[encoding::MAX_FIXED_SIZE];
+    append_record(stream_key, record,
+                  encoding::encode_plain_u64(record, KIND_WRITE_INT64, stream_key, static_cast<std::uint64_t>(value)));
+}
+
+void log_uint8_formatted(std::uint32_t stream_key, std::uint8_t value, LogFormat format)
+{
+    unsigned char record[encoding::MAX_FIXED_SIZE];
+    append_record(stream_key, record, encoding::encode_formatted_u8(record, validated(format), value, stream_key));
+}
+
+void log_uint16_formatted(std::uint32_t stream_key, std::uint16_t value, LogFormat format)
+{
+    unsigned char record[encoding::MAX_FIXED_SIZE];
+    append_record(stream_key, record, encoding::encode_formatted_u16(record, validated(format), value, stream_key));
+}
+
+void log_uint32_formatted(std::uint32_t stream_key, std::uint32_t value, LogFormat format)
+{
+    unsigned char record[encoding::MAX_FIXED_SIZE];
+    append_record(stream_key, record, encoding::encode_formatted_u32(record, validated(format), value, stream_key));
+}
+
+void log_uint64_formatted(std::uint32_t stream_key, std::uint64_t value, LogFormat format)
+{
+    unsigned char record[encoding::MAX_FIXED_SIZE];
+    append_record(stream_key, record, encoding::encode_formatted_u64(record, validated(format), value, stream_key));
+}
+
+void log_float32(std::uint32_t stream_key, float value)
+{
+    unsigned char record[encoding::MAX_FIXED_SIZE];
+    append_record(stream_key, record, encoding::encode_plain_memory(record, KIND_WRITE_FLOAT32, stream_key, value));
+}
+
+void log_float64(std::uint32_t stream_key, double value)
+{
+    unsigned char record[encoding::MAX_FIXED_SIZE];
+    append_record(stream_key, record, encoding::encode_plain_memory(record, KIND_WRITE_FLOAT64, stream_key, value));
+}
+
+void log_utf8_string(std::uint32_t stream_key, const char* text)
+{
+    if (text == nullptr) {
+        return;
+    }
+    // Over-long texts are dropped, not cut.
+    const std::size_t length = ::strnlen(text, TEXT_SCAN_LIMIT);
+    if (length > MAX_TEXT_LENGTH) {
+        return;
+    }
+    unsigned char head[encoding::TEXT_HEAD_SIZE];
+    encoding::encode_text_head(head, static_cast<std::uint16_t>(length + 8), stream_key);
+    append_record(stream_key, head, sizeof(head), text, length, 1);
+}
+
+void log_string_view(std::uint32_t stream_key, const char* text, std::uint64_t length)
+{
+    if (length > MAX_TEXT_LENGTH || text == nullptr) {
+        return;
+    }
+    // The copy stops early at a zero byte; the length field still tells the given length.
+    const std::size_t copied = ::strnlen(text, static_cast<std::size_t>(length));
+    unsigned char head[encoding::TEXT_HEAD_SIZE];
+    encoding::encode_text_head(head, static_cast<std::uint16_t>(length + 8), stream_key);
+    append_record(stream_key, head, sizeof(head), text, copied, 1);
+}
+
+void log_raw_formatted(std::uint32_t stream_key, const std::uint8_t* data, std::uint16_t length, LogFormat format)
+{
+    if (length > MAX_PAYLOAD_LENGTH || data == nullptr) {
+        return;
+    }
+    // The format goes out as given: raw data keeps whatever presentation code it was handed.
+    unsigned char head[encoding::RAW_HEAD_SIZE];
+    encoding::encode_raw_head(head, static_cast<std::uint16_t>(length + 10), static_cast<std::uint8_t>(format),
+                              length, stream_key);
+    append_record(stream_key, head, sizeof(head), data, length);
+}
+
+void log_encoded_payload(std::uint32_t stream_key, const std::vector<unsigned char>& payload,
+                         const std::uint16_t& length)
+{
+    if (payload.empty() || length > MAX_PAYLOAD_LENGTH) {
+        return;
+    }
+    // `length` bytes are sent as the caller says. Should the vector be shorter, its bytes
+    // are followed by zeros rather than by whatever lies behind it in memory.
+    const std::uint16_t size = length;
+    const std::size_t available = size < payload.size() ? size : payload.size();
+    unsigned char head[encoding::ENCODED_PAYLOAD_HEAD_SIZE];
+    encoding::encode_encoded_payload_head(head, static_cast<std::uint16_t>(size + 9), size, stream_key);
+    append_record(stream_key, head, sizeof(head), payload.data(), available, size - available);
+}
+
+void log_finish(std::uint32_t stream_key)
+{
+    Stream_node node;
+    {
+        std::lock_guard<std::mutex> lock(incomplete_logstream_messages_mutex);
+        node = incomplete_logstream_messages.extract(stream_key);
+    }
+    unsigned char finish[encoding::FINISH_SIZE];
+    encoding::encode_finish(finish, stream_key);
+
+    if (node.empty()) {
+        // Nothing was open under this key: the message is the finish record alone.
+        node = std::move(spare_stream);
+        if (node.empty()) {
+            const std::vector<unsigned char> lone(finish, finish + sizeof(finish));
+            client.push(lone);
+            return;
+        }
+        node.mapped().clear();
+    }
+    std::vector<unsigned char>& bytes = node.mapped();
+    append(bytes, finish, sizeof(finish));
+    client.push(bytes);
+    recycle(std::move(node));
+}
+
+void log_encoded_message(const std::vector<unsigned char>& message, const std::uint16_t& length)
+{
+    if (message.empty() || length > MAX_PAYLOAD_LENGTH) {
+        return;
+    }
+    const std::uint16_t size = length;
+    const std::size_t available = size < message.size() ? size : message.size();
+    unsigned char head[encoding::ENCODED_MESSAGE_HEAD_SIZE];
+    encoding::encode_encoded_message_head(head, static_cast<std::uint16_t>(size + 5), size);
+    std::vector<unsigned char> bytes;
+    bytes.reserve(sizeof(head) + size);
+    append(bytes, head, sizeof(head));
+    append(bytes, message.data(), available);
+    append_zeros(bytes, size - available);
+    client.push(bytes);
+}
+
+}  // namespace logferry
