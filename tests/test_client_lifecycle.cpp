@@ -1,0 +1,376 @@
+// Library state and lifecycle: the load-time state, set_app_identifier, init and exit.
+#include <errno.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "logferry/client.hpp"
+#include "support/client_fixture.hpp"
+#include "support/fake_system.hpp"
+#include "support/test_util.hpp"
+
+using logferry_test::Client_test;
+using logferry_test::count_threads;
+using logferry_test::Fake_system;
+using logferry_test::Op;
+using logferry_test::Scoped_system;
+using logferry_test::shm_exists;
+using logferry_test::unique_id;
+using logferry_test::wait_until;
+
+// No fixture: this looks at the objects as the library built them.
+TEST(ClientLifecycle, LoadTimeStateIsEmptyAndUninitialised)
+{
+    EXPECT_FALSE(logferry::init_called);
+    EXPECT_TRUE(logferry::first_registration);
+    EXPECT_FALSE(logferry::pending_registration);
+    EXPECT_FALSE(logferry::terminate_receiver_thread);
+    EXPECT_FALSE(logferry::message_receiver_thread.joinable());
+    EXPECT_TRUE(logferry::registered_application.empty());
+    EXPECT_TRUE(logferry::registered_contexts.empty());
+    EXPECT_TRUE(logferry::log_level_filters.empty());
+    EXPECT_TRUE(logferry::incomplete_logstream_messages.empty());
+    EXPECT_TRUE(logferry::priority_message_queue.empty());
+    EXPECT_FALSE(logferry::client.is_initialized());
+    EXPECT_TRUE(logferry::client.client_side);
+    EXPECT_FALSE(logferry::listener.is_initialized());
+    EXPECT_FALSE(logferry::listener.is_listening());
+    EXPECT_NE(logferry::sys, nullptr);
+    // The mutexes start unlocked.
+    for (std::mutex* mutex : {&logferry::application_mutex, &logferry::contexts_mutex, &logferry::filters_mutex,
+                              &logferry::priority_message_queue_mutex,
+                              &logferry::incomplete_logstream_messages_mutex}) {
+        ASSERT_TRUE(mutex->try_lock());
+        mutex->unlock();
+    }
+}
+
+TEST(ClientLifecycle, ListenerLockFilePathIsFixedAtLoadTime)
+{
+    EXPECT_EQ(logferry::listener.lock_listener_name,
+              logferry::get_full_adaptive_runstate_directory() + "/ara_DLT/logferry-daemon-listener.lock");
+}
+
+// ---------------------------------------------------------------------------------------
+// set_app_identifier
+
+class ClientIdentifier : public Client_test {};
+
+TEST_F(ClientIdentifier, ExampleFromPidAndClock)
+{
+    Fake_system fake;
+    Scoped_system scoped(&fake);
+    fake.fail(Op::getpid, 1234567, 0, -1);
+    fake.set_time(12, 500000000);  // 12.5 s = 12500000 us = 0xbebc20
+    logferry::set_app_identifier("APP1");
+    EXPECT_EQ(logferry::client.app_identifier, "APP1-34567-bebc20");
+    EXPECT_EQ(fake.calls(Op::getpid), 1);
+    EXPECT_EQ(fake.calls(Op::clock_gettime), 1);
+}
+
+TEST_F(ClientIdentifier, ShortPidIsKeptWhole)
+{
+    Fake_system fake;
+    Scoped_system scoped(&fake);
+    fake.fail(Op::getpid, 42, 0, -1);
+    fake.set_time(0, 1000);  // 1 us
+    logferry::set_app_identifier("APP1");
+    EXPECT_EQ(logferry::client.app_identifier, "APP1-42-1");
+}
+
+TEST_F(ClientIdentifier, PidOfFiveDigitsIsKeptWhole)
+{
+    Fake_system fake;
+    Scoped_system scoped(&fake);
+    fake.fail(Op::getpid, 99999, 0, -1);
+    fake.set_time(1, 0);
+    logferry::set_app_identifier("X");
+    EXPECT_EQ(logferry::client.app_identifier, "X-99999-f4240");
+}
+
+TEST_F(ClientIdentifier, MicrosecondStampWrapsAt32Bits)
+{
+    Fake_system fake;
+    Scoped_system scoped(&fake);
+    fake.fail(Op::getpid, 1234567, 0, -1);
+    fake.set_time(4295, 0);  // 4295000000 mod 2^32 = 32704
+    logferry::set_app_identifier("APP1");
+    EXPECT_EQ(logferry::client.app_identifier, "APP1-34567-7fc0");
+}
+
+TEST_F(ClientIdentifier, ClockFailureGivesStampZero)
+{
+    Fake_system fake;
+    Scoped_system scoped(&fake);
+    fake.fail(Op::getpid, 1234567, 0, -1);
+    fake.fail(Op::clock_gettime, -1, EINVAL, 1);
+    logferry::set_app_identifier("APP1");
+    EXPECT_EQ(logferry::client.app_identifier, "APP1-34567-0");
+}
+
+TEST_F(ClientIdentifier, RealPidAndClockFormTheChannelName)
+{
+    const std::string id = unique_id("", 30);
+    logferry::set_app_identifier(id);
+    std::string pid = std::to_string(::getpid());
+    if (pid.size() > 5) {
+        pid = pid.substr(pid.size() - 5);
+    }
+    const std::string& formed = logferry::client.app_identifier;
+    ASSERT_EQ(formed.compare(0, id.size() + pid.size() + 2, id + "-" + pid + "-"), 0) << formed;
+    const std::string stamp = formed.substr(id.size() + pid.size() + 2);
+    ASSERT_FALSE(stamp.empty());
+    EXPECT_LE(stamp.size(), 8u);
+    EXPECT_EQ(stamp.find_first_not_of("0123456789abcdef"), std::string::npos) << stamp;
+    EXPECT_TRUE(stamp == "0" || stamp[0] != '0') << stamp;
+
+    logferry::init();
+    remember_channel();
+    EXPECT_EQ(logferry::client.get_filename(), "/logferry-" + formed);
+    EXPECT_TRUE(shm_exists(logferry::client.get_filename()));
+}
+
+TEST_F(ClientIdentifier, IdentifierOfAnyLengthIsUsedUnchanged)
+{
+    const std::string id(200, 'L');
+    logferry::set_app_identifier(id);
+    EXPECT_EQ(logferry::client.app_identifier.compare(0, 201, id + "-"), 0);
+    logferry::init();
+    remember_channel();
+    EXPECT_TRUE(logferry::client.is_initialized());
+    EXPECT_EQ(logferry::client.get_filename().compare(0, 211, "/logferry-" + id + "-"), 0);
+    EXPECT_TRUE(shm_exists(logferry::client.get_filename()));
+}
+
+TEST_F(ClientIdentifier, EmptyIdentifierIsUsedUnchanged)
+{
+    Fake_system fake;
+    Scoped_system scoped(&fake);
+    fake.fail(Op::getpid, 7, 0, -1);
+    fake.set_time(0, 0);
+    logferry::set_app_identifier("");
+    EXPECT_EQ(logferry::client.app_identifier, "-7-0");
+}
+
+TEST_F(ClientIdentifier, ChangeWhileInitialisedTakesEffectAtNextInit)
+{
+    logferry::set_app_identifier(unique_id("a", 30));
+    logferry::init();
+    const std::string first = logferry::client.get_filename();
+    ASSERT_TRUE(shm_exists(first));
+
+    logferry::set_app_identifier(unique_id("b", 30));
+    EXPECT_EQ(logferry::client.get_filename(), first);
+    logferry::exit();
+    EXPECT_FALSE(shm_exists(first));
+
+    logferry::init();
+    remember_channel();
+    const std::string second = logferry::client.get_filename();
+    EXPECT_NE(second, first);
+    EXPECT_NE(second.find(unique_id("b", 30)), std::string::npos) << second;
+    EXPECT_TRUE(shm_exists(second));
+}
+
+// ---------------------------------------------------------------------------------------
+// init and exit
+
+class ClientLifecycleTest : public Client_test {};
+
+TEST_F(ClientLifecycleTest, InitOpensChannelAndStartsThread)
+{
+    const int threads_before = count_threads();
+    logferry::init();
+    remember_channel();
+    EXPECT_TRUE(logferry::init_called);
+    EXPECT_FALSE(logferry::terminate_receiver_thread);
+    EXPECT_TRUE(logferry::message_receiver_thread.joinable());
+    EXPECT_EQ(count_threads(), threads_before + 1);
+    EXPECT_TRUE(logferry::client.is_initialized());
+    EXPECT_TRUE(shm_exists(logferry::client.get_filename()));
+}
+
+TEST_F(ClientLifecycleTest, InitWithoutDaemonReturnsAndThreadRuns)
+{
+    logferry::init();
+    remember_channel();
+    // No lock file: the listener stays closed, silently, and nobody is attached.
+    EXPECT_FALSE(logferry::listener.is_initialized());
+    EXPECT_FALSE(logferry::client.is_connection_active());
+    EXPECT_TRUE(logferry::message_receiver_thread.joinable());
+    const auto id = logferry::message_receiver_thread.get_id();
+    EXPECT_NE(id, std::this_thread::get_id());
+    // Still running a while later.
+    std::this_thread::yield();
+    EXPECT_TRUE(logferry::message_receiver_thread.joinable());
+    EXPECT_EQ(logferry::message_receiver_thread.get_id(), id);
+}
+
+TEST_F(ClientLifecycleTest, InitTwiceStartsOneThread)
+{
+    const int threads_before = count_threads();
+    logferry::init();
+    remember_channel();
+    const auto thread_id = logferry::message_receiver_thread.get_id();
+    const std::string name = logferry::client.get_filename();
+
+    logferry::init();
+    EXPECT_EQ(logferry::message_receiver_thread.get_id(), thread_id);
+    EXPECT_EQ(logferry::client.get_filename(), name);
+    EXPECT_EQ(count_threads(), threads_before + 1);
+
+    logferry::exit();
+    EXPECT_TRUE(wait_until([&] { return count_threads() == threads_before; }));
+}
+
+TEST_F(ClientLifecycleTest, ExitStopsThreadAndClosesEverything)
+{
+    const int threads_before = count_threads();
+    logferry::init();
+    const std::string name = logferry::client.get_filename();
+    ASSERT_TRUE(shm_exists(name));
+
+    logferry::exit();
+    EXPECT_TRUE(logferry::terminate_receiver_thread);
+    EXPECT_FALSE(logferry::message_receiver_thread.joinable());
+    EXPECT_FALSE(logferry::init_called);
+    EXPECT_FALSE(logferry::client.is_initialized());
+    EXPECT_FALSE(logferry::listener.is_initialized());
+    EXPECT_FALSE(shm_exists(name));
+    EXPECT_TRUE(wait_until([&] { return count_threads() == threads_before; }));
+}
+
+TEST_F(ClientLifecycleTest, ExitWithoutInitIsHarmlessAndInitStillWorks)
+{
+    const int threads_before = count_threads();
+    const std::string output = logferry_test::capture_stderr([] { logferry::exit(); });
+    EXPECT_EQ(output, "");
+    EXPECT_FALSE(logferry::init_called);
+    EXPECT_TRUE(logferry::terminate_receiver_thread);
+    EXPECT_FALSE(logferry::message_receiver_thread.joinable());
+    EXPECT_EQ(count_threads(), threads_before);
+
+    logferry::init();
+    remember_channel();
+    EXPECT_TRUE(logferry::init_called);
+    EXPECT_FALSE(logferry::terminate_receiver_thread);
+    EXPECT_TRUE(logferry::message_receiver_thread.joinable());
+    EXPECT_TRUE(logferry::client.is_initialized());
+}
+
+TEST_F(ClientLifecycleTest, ExitTwiceIsHarmless)
+{
+    logferry::init();
+    logferry::exit();
+    logferry::exit();
+    EXPECT_FALSE(logferry::init_called);
+    EXPECT_FALSE(logferry::message_receiver_thread.joinable());
+}
+
+TEST_F(ClientLifecycleTest, InitExitInitKeepsRegistrations)
+{
+    logferry::init();
+    ASSERT_TRUE(logferry::register_app("APP1", "application"));
+    ASSERT_TRUE(logferry::register_context(7, "CTX1", "context", 5));
+    const std::string first_name = logferry::client.get_filename();
+    const int threads_running = count_threads();
+
+    logferry::exit();
+    EXPECT_FALSE(shm_exists(first_name));
+    EXPECT_TRUE(wait_until([&] { return count_threads() == threads_running - 1; }));
+    ASSERT_EQ(logferry::registered_application.size(), 1u);
+    ASSERT_EQ(logferry::registered_contexts.count(7), 1u);
+    EXPECT_EQ(logferry::log_level_filters.at(7), 5);
+    // exit leaves these flags alone.
+    EXPECT_TRUE(logferry::first_registration);
+
+    logferry::init();
+    remember_channel();
+    EXPECT_TRUE(logferry::init_called);
+    EXPECT_FALSE(logferry::terminate_receiver_thread);
+    EXPECT_TRUE(logferry::message_receiver_thread.joinable());
+    EXPECT_EQ(count_threads(), threads_running);
+    EXPECT_TRUE(logferry::client.is_initialized());
+    EXPECT_TRUE(shm_exists(logferry::client.get_filename()));
+    ASSERT_EQ(logferry::registered_application.size(), 1u);
+    EXPECT_EQ(std::string(logferry::registered_application[0].app_id.data()), "APP1");
+    ASSERT_EQ(logferry::registered_contexts.count(7), 1u);
+    EXPECT_EQ(logferry::registered_contexts.at(7).log_level, 5);
+    EXPECT_EQ(logferry::log_level_filters.at(7), 5);
+}
+
+TEST_F(ClientLifecycleTest, ExitLeavesOpenMessagesInPlace)
+{
+    logferry::init();
+    ASSERT_TRUE(logferry::register_app("APP1", "application"));
+    ASSERT_TRUE(logferry::register_context(1, "CTX1", "context", 4));
+    ASSERT_TRUE(logferry::log_start(1, 77, 4));
+    logferry::log_int32(77, 5);
+
+    logferry::exit();
+    EXPECT_TRUE(logferry::is_logstream_enabled(77));
+    ASSERT_EQ(logferry::incomplete_logstream_messages.count(77), 1u);
+    EXPECT_EQ(logferry::incomplete_logstream_messages.at(77).size(), 14u + 9u);
+    EXPECT_EQ(logferry::registered_application.size(), 1u);
+}
+
+TEST_F(ClientLifecycleTest, ExitWaitsForTheThread)
+{
+    logferry::init();
+    std::atomic<bool> done{false};
+    std::thread stopper([&] {
+        logferry::exit();
+        done = true;
+    });
+    EXPECT_TRUE(wait_until([&] { return done.load(); }));
+    stopper.join();
+    EXPECT_FALSE(logferry::message_receiver_thread.joinable());
+}
+
+TEST_F(ClientLifecycleTest, ChannelFailureDoesNotStopInit)
+{
+    Fake_system fake;
+    Scoped_system scoped(&fake);
+    fake.fail(Op::shm_open, -1, EACCES, -1);
+    std::string output = logferry_test::capture_stderr([] { logferry::init(); });
+    EXPECT_NE(output.find("logferry: error while opening the shared memory: "), std::string::npos) << output;
+    EXPECT_TRUE(logferry::init_called);
+    EXPECT_TRUE(logferry::message_receiver_thread.joinable());
+    EXPECT_FALSE(logferry::client.is_initialized());
+    logferry::exit();
+}
+
+TEST_F(ClientLifecycleTest, ConnectChannelStopsAtChannelFailure)
+{
+    Fake_system fake;
+    Scoped_system scoped(&fake);
+    fake.fail(Op::shm_open, -1, EACCES, -1);
+    bool connected = true;
+    const std::string output = logferry_test::capture_stderr([&] { connected = logferry::connect_channel(); });
+    EXPECT_FALSE(connected);
+    EXPECT_NE(output.find("logferry: error while opening the shared memory: "), std::string::npos) << output;
+    // The listener is not tried once the channel failed.
+    EXPECT_EQ(fake.calls(Op::open), 0);
+    EXPECT_EQ(fake.calls(Op::stat), 0);
+    EXPECT_FALSE(logferry::listener.is_initialized());
+}
+
+TEST_F(ClientLifecycleTest, ConnectChannelOpensChannelButNotListenerWithoutDaemon)
+{
+    Fake_system fake;
+    Scoped_system scoped(&fake);
+    std::string output;
+    bool connected = true;
+    output = logferry_test::capture_stderr([&] { connected = logferry::connect_channel(); });
+    remember_channel();
+    EXPECT_FALSE(connected);
+    EXPECT_EQ(output, "");
+    EXPECT_TRUE(logferry::client.is_initialized());
+    EXPECT_FALSE(logferry::listener.is_initialized());
+    // The listener looked for the daemon's lock file.
+    EXPECT_GE(fake.calls(Op::open), 1);
+    // connect_channel starts no thread and does not mark the library initialised.
+    EXPECT_FALSE(logferry::message_receiver_thread.joinable());
+    EXPECT_FALSE(logferry::init_called);
+}

@@ -1,0 +1,164 @@
+// The connect step against a daemon's listener list: the application's channel is announced,
+// and a channel name too long for the list is refused there.
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "logferry/client.hpp"
+#include "support/client_fixture.hpp"
+#include "support/fake_system.hpp"
+#include "support/test_util.hpp"
+
+using logferry_test::Fake_system;
+using logferry_test::Op;
+using logferry_test::Scoped_system;
+
+namespace {
+
+// An identifier of `length` characters, unique to this process.
+std::string identifier_of_length(std::size_t length)
+{
+    char text[32];
+    std::snprintf(text, sizeof(text), "Q%08d", static_cast<int>(::getpid() % 100000000));
+    std::string id(text);
+    id.resize(length, 'x');
+    return id;
+}
+
+}  // namespace
+
+// The names announced in the listener list, as the application's end sees them.
+std::vector<std::string> announced_names()
+{
+    std::vector<std::string> names;
+    const logferry::Listener_segment* segment = logferry::listener.segment;
+    if (segment == MAP_FAILED) {
+        return names;
+    }
+    for (const auto& entry : segment->entries) {
+        if (entry.channel_name[0] != 0) {
+            names.emplace_back(entry.channel_name, ::strnlen(entry.channel_name, logferry::LISTENER_NAME_SIZE));
+        }
+    }
+    return names;
+}
+
+// A daemon's listener, in a child process (the lock it holds on the lock file must belong
+// to another process), keeps the lock file in the test's own run-state directory, where the
+// application's listener looks for it.
+class ClientListener : public logferry_test::Client_test {
+protected:
+    void SetUp() override
+    {
+        Client_test::SetUp();
+        int ready[2];
+        int release[2];
+        ASSERT_EQ(::pipe(ready), 0);
+        ASSERT_EQ(::pipe(release), 0);
+        const std::string path = lock_path();
+        daemon_pid_ = logferry_test::fork_child([&] {
+            ::close(ready[0]);
+            ::close(release[1]);
+            logferry::Logferry_listener daemon(true);
+            daemon.lock_listener_name = path;
+            const bool ok = daemon.init();
+            const char answer = ok ? 'y' : 'n';
+            if (::write(ready[1], &answer, 1) != 1) {
+                return 2;
+            }
+            char ignored;
+            while (::read(release[0], &ignored, 1) > 0) {
+            }
+            daemon.uninit();
+            return ok ? 0 : 1;
+        });
+        ::close(ready[1]);
+        ::close(release[0]);
+        release_ = release[1];
+        char answer = 0;
+        ASSERT_EQ(::read(ready[0], &answer, 1), 1);
+        ::close(ready[0]);
+        ASSERT_EQ(answer, 'y');
+    }
+
+    void TearDown() override
+    {
+        logferry::exit();
+        if (release_ >= 0) {
+            ::close(release_);
+        }
+        if (daemon_pid_ > 0) {
+            const int status = logferry_test::wait_child(daemon_pid_);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        }
+        Client_test::TearDown();
+    }
+
+    // Fixed process id and clock, so that the channel name has a known length:
+    // "/logferry-" + identifier + "-12345-bebc20".
+    void name_channel(const std::string& identifier)
+    {
+        Fake_system fake;
+        Scoped_system scoped(&fake);
+        fake.fail(Op::getpid, 12345, 0, -1);
+        fake.set_time(12, 500000000);
+        logferry::set_app_identifier(identifier);
+    }
+
+    int daemon_pid_ = -1;
+    int release_ = -1;
+};
+
+TEST_F(ClientListener, InitAnnouncesTheChannelToTheDaemon)
+{
+    name_channel(identifier_of_length(9));
+    logferry::init();
+    remember_channel();
+    EXPECT_TRUE(logferry::listener.is_initialized());
+    EXPECT_TRUE(logferry::message_receiver_thread.joinable());
+    EXPECT_EQ(announced_names(), std::vector<std::string>{logferry::client.get_filename()});
+}
+
+TEST_F(ClientListener, ConnectChannelAcceptsANameOf32Bytes)
+{
+    name_channel(identifier_of_length(9));
+    ASSERT_EQ(logferry::client.app_identifier.size(), 9u + 13u);
+    EXPECT_TRUE(logferry::connect_channel());
+    remember_channel();
+    ASSERT_EQ(logferry::client.get_filename().size(), 32u);
+    EXPECT_EQ(announced_names(), std::vector<std::string>{logferry::client.get_filename()});
+}
+
+TEST_F(ClientListener, NameTooLongForTheListIsRefusedThere)
+{
+    name_channel(identifier_of_length(10));
+    bool connected = true;
+    const std::string output = logferry_test::capture_stderr([&] { connected = logferry::connect_channel(); });
+    remember_channel();
+    EXPECT_FALSE(connected);
+    EXPECT_EQ(output, "logferry: shared memory name too long.\n");
+    ASSERT_EQ(logferry::client.get_filename().size(), 33u);
+    // The channel itself is open and the listener reached; only the announcement failed.
+    EXPECT_TRUE(logferry::client.is_initialized());
+    EXPECT_TRUE(logferry::listener.is_initialized());
+    EXPECT_TRUE(announced_names().empty());
+}
+
+TEST_F(ClientListener, InitWithOverlongNameStillStartsTheThread)
+{
+    name_channel(std::string(100, 'L'));
+    logferry_test::capture_stderr([] { logferry::init(); });
+    remember_channel();
+    EXPECT_TRUE(logferry::init_called);
+    EXPECT_TRUE(logferry::message_receiver_thread.joinable());
+    EXPECT_TRUE(logferry::client.is_initialized());
+    EXPECT_TRUE(announced_names().empty());
+}
