@@ -18,6 +18,7 @@
 
 #include "logferry/system.hpp"
 #include "support/fake_system.hpp"
+#include "support/robust_list.hpp"
 #include "support/test_util.hpp"
 
 using logferry::File_descriptor_guard;
@@ -284,6 +285,7 @@ TEST(System, GuardAdoptingALockMakesNoLockCallButUnlocks)
 
 TEST(System, GuardTakesOverARobustMutexWhoseOwnerDied)
 {
+    LOGFERRY_REQUIRE_ROBUST_LIST();
     void* memory = ::mmap(nullptr, sizeof(pthread_mutex_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(memory, MAP_FAILED);
     auto* mutex = static_cast<pthread_mutex_t*>(memory);
