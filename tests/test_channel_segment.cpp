@@ -13,6 +13,7 @@
 
 #include "logferry/channel.hpp"
 #include "support/fake_system.hpp"
+#include "support/robust_list.hpp"
 #include "support/test_util.hpp"
 
 using logferry::Channel_segment;
@@ -155,6 +156,7 @@ TEST(ChannelSegment, MutexesAreSetUpInOrderEachWithItsOwnAttributes)
 
 TEST(ChannelSegment, MutexesAreRobustAndShared)
 {
+    LOGFERRY_REQUIRE_ROBUST_LIST();
     Logferry_client client;
     name_for_test(client);
     ASSERT_TRUE(client.init());
