@@ -27,6 +27,7 @@
 
 #include "logferry/listener.hpp"
 #include "support/fake_system.hpp"
+#include "support/robust_list.hpp"
 #include "support/test_util.hpp"
 
 // Every allocation of this program is counted, so that a test can prove that an operation
@@ -884,6 +885,7 @@ TEST(ListenerList, IndicesOutsideTheListAreRescanned)
 
 TEST(ListenerList, DeadHolderOfTheListMutexIsTakenOverSilently)
 {
+    LOGFERRY_REQUIRE_ROBUST_LIST();
     Runstate_dir dir;
     Daemon_and_application both;
     Listener_segment* segment = both.segment();
