@@ -1,0 +1,332 @@
+// The two rings of a channel: record framing, wrap-around, the discard step and the gate.
+//
+// Ring framing. A record of n bytes occupies n + 2 consecutive bytes: its length as 16 bits,
+// low byte first, then the record. Records never wrap: one that does not fit before the end
+// goes to position 0. R (read index) points at the length prefix of the oldest unread record,
+// W (write index) where the next record goes. Every byte outside an unread record is 0, so a
+// zero prefix means "no record here". R = W is an empty ring when the prefix at W is 0 and a
+// full one otherwise. A reader that finds no record at R while R > W follows the writer's wrap
+// to 0; a reader that drains the ring returns it to R = W = 0 with every byte zero.
+//
+// Garbage from the peer. The segment is written by another process, so this end never trusts
+// what it finds there:
+// - Indices. A correct writer never leaves W closer than three bytes to the end (it wraps to 0
+//   instead) and a correct reader never leaves R there either (it moves to the next record or
+//   to 0). An index above C - 3 is therefore corruption: the ring is restarted empty (all
+//   bytes 0, R = W = 0) before anything else is done with it. This is not a discard step and
+//   is not counted as lost messages.
+// - Length prefixes. A prefix that would run past the ring's end is cut at the end, one that
+//   would run over W is cut at W (the reader's clamps); the copy and the zeroing never leave
+//   the ring.
+// - Every shared index and prefix is read once into a local, checked, and only the local is
+//   used to address the ring, so a value that changes under our feet cannot move an access
+//   outside it. Before the writer copies, it checks once more that the record ends inside the
+//   ring, and restarts the ring empty if not (unreachable for any state a correct peer makes).
+// - The writer's discard loops end by themselves for every ring (each step moves R forward
+//   by at least two bytes or back to 0); they are still bounded, and a ring that outlasts the
+//   bound is restarted empty.
+// - Records of C - 1 and C bytes (they need two bytes more than the ring has) and records
+//   over 65535 bytes (the prefix cannot describe them) are refused like oversized records.
+//
+// For every state a correct pair of ends can produce, the behaviour is exactly the ring
+// protocol above: none of the repairs can trigger.
+#include <pthread.h>
+#include <sys/mman.h>
+
+#include <cstring>
+#include <string>
+
+#include "channel/segment_access.hpp"
+#include "logferry/channel.hpp"
+#include "logferry/system.hpp"
+
+namespace logferry {
+
+namespace {
+
+// The largest record a length prefix can describe.
+constexpr std::uint32_t MAX_RECORD_SIZE = 0xFFFF;
+
+// One ring of the segment.
+struct Ring {
+    unsigned char* bytes;
+    std::uint32_t* read_index;
+    std::uint32_t* write_index;
+    pthread_mutex_t* mutex;
+    std::uint32_t capacity;
+};
+
+Ring client_ring(Channel_segment* segment)
+{
+    return Ring{segment->client_buffer, &segment->client_read_index, &segment->client_write_index,
+                &segment->client_mutex.mutex, CLIENT_BUFFER_SIZE};
+}
+
+Ring server_ring(Channel_segment* segment)
+{
+    return Ring{segment->server_buffer, &segment->server_read_index, &segment->server_write_index,
+                &segment->server_mutex.mutex, SERVER_BUFFER_SIZE};
+}
+
+// Single reads and writes of shared fields: the value is fetched exactly once, whatever the
+// peer does meanwhile. Ordering comes from the ring's mutex.
+std::uint32_t load_index(const std::uint32_t* field) { return __atomic_load_n(field, __ATOMIC_RELAXED); }
+void store_index(std::uint32_t* field, std::uint32_t value) { __atomic_store_n(field, value, __ATOMIC_RELAXED); }
+std::uint32_t load_byte(const unsigned char* byte) { return __atomic_load_n(byte, __ATOMIC_RELAXED); }
+
+// The highest position at which a correct end leaves an index (a record needs three bytes).
+std::uint32_t last_index(const Ring& ring) { return ring.capacity - 3; }
+
+// The length prefix at `at`; the caller guarantees at + 1 < capacity.
+std::uint32_t prefix_at(const Ring& ring, std::uint32_t at)
+{
+    return load_byte(ring.bytes + at) | (load_byte(ring.bytes + at + 1) << 8);
+}
+
+// All bytes 0, R = W = 0.
+void restart_empty(const Ring& ring)
+{
+    std::memset(ring.bytes, 0, ring.capacity);
+    store_index(ring.read_index, 0);
+    store_index(ring.write_index, 0);
+}
+
+// Reads both indices; a ring whose indices no correct end can leave is restarted empty first.
+void load_indices(const Ring& ring, std::uint32_t& read, std::uint32_t& write)
+{
+    read = load_index(ring.read_index);
+    write = load_index(ring.write_index);
+    if (read > last_index(ring) || write > last_index(ring)) {
+        restart_empty(ring);
+        read = 0;
+        write = 0;
+    }
+}
+
+// No record at `read`: when the writer has wrapped (W < read), the tail is cleared and the
+// reader follows to 0; otherwise the ring is drained and starts again at 0.
+void reader_found_nothing(const Ring& ring, std::uint32_t read, std::uint32_t write)
+{
+    if (write < read) {
+        std::memset(ring.bytes + read, 0, ring.capacity - read);  // read <= capacity
+        store_index(ring.read_index, 0);
+    } else {
+        restart_empty(ring);
+    }
+}
+
+// The reading step (caller holds the ring's mutex): removes the oldest record and returns it
+// (when `keep`; the discard step drops it without building a copy), an empty vector when there
+// is none.
+std::vector<unsigned char> take_record(const Ring& ring, bool keep)
+{
+    const std::uint32_t capacity = ring.capacity;
+    std::uint32_t read = 0;
+    std::uint32_t write = 0;
+    load_indices(ring, read, write);  // read <= capacity - 3 from here on
+
+    std::uint32_t length = prefix_at(ring, read);
+    if (length == 0) {
+        reader_found_nothing(ring, read, write);
+        return {};
+    }
+    const std::uint32_t start = read + 2;
+    const std::uint32_t end = start + length;
+    if (start <= write && write < end) {
+        length = write - start;  // never read into the writer's position
+    } else if (end > capacity) {
+        length = capacity - start;  // never read past the ring's end
+    }
+
+    std::vector<unsigned char> record;
+    if (keep) {
+        record.assign(ring.bytes + start, ring.bytes + start + length);
+    }
+    std::memset(ring.bytes + read, 0, length + 2);  // prefix and record
+    read = start + length;
+
+    if (read < capacity - 2 && prefix_at(ring, read) != 0) {
+        store_index(ring.read_index, read);
+    } else {
+        reader_found_nothing(ring, read, write);
+    }
+    return record;
+}
+
+// Whether a record of `size` bytes can ever be framed in a ring of `capacity` bytes.
+bool placeable(std::size_t size, std::uint32_t capacity)
+{
+    return size != 0 && size <= capacity - 2 && size <= MAX_RECORD_SIZE;
+}
+
+// The writing step: appends one record of `size` bytes (placeable in this ring), discarding
+// the oldest records while there is no room, one count in `lost` per discard step.
+void write_record(const Ring& ring, const unsigned char* data, std::uint32_t size,
+                  std::atomic<std::uint64_t>& lost)
+{
+    const std::uint32_t capacity = ring.capacity;
+    Mutex_lock_guard lock(ring.mutex, false);
+
+    // A correct ring needs at most one discard step per three bytes, plus one to wrap.
+    std::uint32_t steps_left = capacity;
+    const auto discard = [&] {
+        take_record(ring, false);
+        lost.fetch_add(1);
+        --steps_left;
+    };
+
+    std::uint32_t read = 0;
+    std::uint32_t write = 0;
+    load_indices(ring, read, write);
+    if (write + 2 + size > capacity) {
+        // No room before the end: the record goes to 0. While the reader is still at or
+        // ahead of the writer, the records between it and the end are given up first, until
+        // the reader has followed to the front (W = 0 here would mean the ring drained).
+        if (write <= read) {
+            do {
+                discard();
+                load_indices(ring, read, write);
+            } while (read >= write && write != 0 && steps_left != 0);
+            if (steps_left == 0) {
+                restart_empty(ring);
+            }
+        }
+        store_index(ring.write_index, 0);
+    }
+
+    load_indices(ring, read, write);
+    const bool free_at_write = read < write || (read == write && prefix_at(ring, write) == 0);
+    if (!free_at_write) {
+        // The reader is ahead of the writer (or the ring is full): make room up to the
+        // oldest unread record. The new record may end exactly where that one begins.
+        while (write + 2 + size > read) {
+            if (steps_left == 0) {
+                restart_empty(ring);
+                write = 0;
+                break;
+            }
+            discard();
+            load_indices(ring, read, write);
+            if (read == 0) {
+                break;  // the reader followed a wrap or the ring drained: write at W
+            }
+        }
+    }
+
+    if (write + 2 + size > capacity) {
+        restart_empty(ring);  // only a ring rewritten behind our back gets here
+        write = 0;
+    }
+    ring.bytes[write] = static_cast<unsigned char>(size & 0xFF);
+    ring.bytes[write + 1] = static_cast<unsigned char>((size >> 8) & 0xFF);
+    std::memcpy(ring.bytes + write + 2, data, size);
+    write += 2 + size;
+    if (write + 2 > capacity - 1) {
+        write = 0;  // fewer than three bytes left: no record can start there
+    }
+    store_index(ring.write_index, write);
+}
+
+// Kinds the application may send through its ring: everything but 22 (an encoded payload
+// is never the first record of a unit) and unknown kinds.
+bool is_ring_kind(unsigned char kind) { return kind <= 21 || kind == 23 || kind == 24; }
+
+const char* const NOT_INITIALIZED = "shared memory not initialized.";
+
+}  // namespace
+
+bool Logferry_base::push(const std::vector<unsigned char>& bytes)
+{
+    return client_side ? push_client(bytes) : push_server(bytes);
+}
+
+bool Logferry_base::push_client(const std::vector<unsigned char>& bytes)
+{
+    if (!initialized || !placeable(bytes.size(), CLIENT_BUFFER_SIZE)) {
+        return false;
+    }
+    if (!is_ring_kind(bytes[0])) {
+        report_error("unknown message type " + std::to_string(static_cast<unsigned int>(bytes[0])));
+        return false;
+    }
+    // Discards always come from the ring being written, whichever end writes it.
+    write_record(client_ring(segment), bytes.data(), static_cast<std::uint32_t>(bytes.size()), lost_messages);
+    return true;
+}
+
+bool Logferry_base::push_server(const std::vector<unsigned char>& bytes)
+{
+    if (!initialized || !placeable(bytes.size(), SERVER_BUFFER_SIZE)) {
+        return false;
+    }
+    write_record(server_ring(segment), bytes.data(), static_cast<std::uint32_t>(bytes.size()), lost_messages);
+    return true;
+}
+
+std::vector<unsigned char> Logferry_base::pop()
+{
+    if (!initialized) {
+        report_error(NOT_INITIALIZED);
+        return {};
+    }
+    const Ring ring = client_side ? server_ring(segment) : client_ring(segment);
+    Mutex_lock_guard lock(ring.mutex, false);
+    if (!client_side && atomic_load_u8(&segment->client_buffer_locked) != 0) {
+        return {};  // the application's records wait until it opens the gate
+    }
+    return take_record(ring, true);
+}
+
+std::vector<unsigned char> Logferry_base::pop_unsynced(bool own)
+{
+    if (segment == MAP_FAILED) {
+        return {};  // nothing mapped: nothing to read (and nothing to report, as for a held lock)
+    }
+    const bool client_buffer = own == client_side;
+    return take_record(client_buffer ? client_ring(segment) : server_ring(segment), true);
+}
+
+bool Logferry_base::is_empty() const
+{
+    if (!initialized) {
+        report_error(NOT_INITIALIZED);
+        return true;
+    }
+    const Ring ring = client_side ? server_ring(segment) : client_ring(segment);
+    Mutex_lock_guard lock(ring.mutex, false);
+    const std::uint32_t read = load_index(ring.read_index);
+    const std::uint32_t write = load_index(ring.write_index);
+    if (read > last_index(ring) || write > last_index(ring)) {
+        return true;  // a corrupt ring holds nothing readable; the next push or pop restarts it
+    }
+    return read == write && prefix_at(ring, write) == 0;
+}
+
+void Logferry_base::lock_client_buffer()
+{
+    if (!initialized) {
+        report_error(NOT_INITIALIZED);
+        return;
+    }
+    atomic_store_u8(&segment->client_buffer_locked, 1);
+}
+
+void Logferry_base::unlock_client_buffer()
+{
+    if (!initialized) {
+        report_error(NOT_INITIALIZED);
+        return;
+    }
+    atomic_store_u8(&segment->client_buffer_locked, 0);
+}
+
+bool Logferry_base::is_client_buffer_locked()
+{
+    if (!initialized) {
+        report_error(NOT_INITIALIZED);
+        return true;
+    }
+    return atomic_load_u8(&segment->client_buffer_locked) != 0;
+}
+
+}  // namespace logferry
