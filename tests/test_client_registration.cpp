@@ -84,7 +84,7 @@ TEST_F(ClientRegistration, RegisterAppRecordBytes)
     ASSERT_EQ(queued.size(), 1u);
     EXPECT_EQ(queued[0], (Bytes{3, 0x0A, 0x00, 'A', 'B', 'C', 'D', 0, 'x', 0}));
     ASSERT_EQ(logferry::registered_application.size(), 1u);
-    EXPECT_EQ(logferry::registered_application[0].length, 10);
+    EXPECT_EQ(+logferry::registered_application[0].length, 10);
 }
 
 TEST_F(ClientRegistration, SevenCharacterIdKeepsFirstFour)
@@ -120,13 +120,13 @@ TEST_F(ClientRegistration, LongDescriptionsAreCutTo79Characters)
         {Bytes{3, 88, 0, 'A', 'P', 'P', '1', 0}, text_bytes(std::string(79, 'q')), Bytes{0}});
     EXPECT_EQ(queued[0], app);
     EXPECT_EQ(queued[0].size(), 88u);
-    EXPECT_EQ(logferry::registered_application.at(0).length, 88);
+    EXPECT_EQ(+logferry::registered_application.at(0).length, 88);
 
     const Bytes context = logferry_test::concat(
         {Bytes{5, 93, 0, 4, 3, 0, 0, 0, 'C', 'T', 'X', '1', 0}, text_bytes(std::string(79, 'q')), Bytes{0}});
     EXPECT_EQ(queued[1], context);
     EXPECT_EQ(queued[1].size(), 93u);
-    EXPECT_EQ(logferry::registered_contexts.at(3).length, 93);
+    EXPECT_EQ(+logferry::registered_contexts.at(3).length, 93);
 }
 
 TEST_F(ClientRegistration, SecondRegisterAppIsSentAndKept)
@@ -217,9 +217,9 @@ TEST_F(ClientRegistration, RegisterContextRecordBytesAndTables)
     EXPECT_EQ(queued[1], (Bytes{5, 14, 0, 4, 4, 3, 2, 1, 'C', 'T', 'X', '1', 0, 0}));
     EXPECT_EQ(logferry::log_level_filters.at(0x01020304), 4);
     const auto& kept = logferry::registered_contexts.at(0x01020304);
-    EXPECT_EQ(kept.context_handle, 0x01020304u);
+    EXPECT_EQ(+kept.context_handle, 0x01020304u);
     EXPECT_EQ(kept.log_level, 4);
-    EXPECT_EQ(kept.length, 14);
+    EXPECT_EQ(+kept.length, 14);
 }
 
 TEST_F(ClientRegistration, RegisterContextDoesNotLookAtInit)

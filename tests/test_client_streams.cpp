@@ -351,6 +351,7 @@ TEST_F(ClientStreams, FormatsOutsideZeroToSixAreSentAsZero)
     for (int format = 0; format < 256; format += 1) {
         const auto code = static_cast<LogFormat>(format);
         const std::uint8_t sent = format <= 6 ? static_cast<std::uint8_t>(format) : 0;
+        ASSERT_EQ(sent, static_cast<std::uint8_t>(dlt_validate_format(code)));
         log_uint8_formatted(1, 1, code);
         log_uint16_formatted(1, 2, code);
         log_uint32_formatted(1, 3, code);

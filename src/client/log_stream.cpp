@@ -34,8 +34,10 @@ constexpr std::size_t TEXT_SCAN_LIMIT = RECORD_DATA_SIZE;
 constexpr std::size_t STREAM_INITIAL_CAPACITY = 256;
 constexpr std::size_t STREAM_KEEP_CAPACITY = 16384;
 
-// The node of this thread's last finished message, ready to take the next one.
-thread_local Stream_node spare_stream;
+// The node of this thread's last finished message, ready to take the next one. Accessed
+// directly through the thread pointer (initial-exec): it is a few bytes, which the static
+// TLS reserve holds even when the library is loaded late.
+thread_local Stream_node spare_stream __attribute__((tls_model("initial-exec")));
 
 const unsigned char ZEROS[16] = {};
 
@@ -56,28 +58,72 @@ inline void append_zeros(std::vector<unsigned char>& out, std::size_t count)
     append(out, ZEROS, count);
 }
 
-// Appends one record to the stream under `key`, given as its head, a body and a number of
-// zero bytes after the body. Opens the stream when it does not exist yet, on this
-// thread's spare node if it has one. One map operation under the stream mutex.
-void append_record(std::uint32_t key, const unsigned char* head, std::size_t head_size,
-                   const void* body = nullptr, std::size_t body_size = 0, std::size_t zeros = 0)
+// The vector of the stream under `key`, opened if it does not exist yet: on this thread's
+// spare node when it has one (its vector keeps its capacity), else on a new entry reserved
+// for a typical message. One map operation; the caller holds the stream mutex.
+std::vector<unsigned char>& open_stream(std::uint32_t key)
+{
+    Stream_node& spare = spare_stream;
+    if (!spare.empty()) {
+        spare.key() = key;
+        auto inserted = incomplete_logstream_messages.insert(std::move(spare));
+        if (!inserted.inserted) {
+            spare = std::move(inserted.node);  // the stream was open after all
+        }
+        return inserted.position->second;
+    }
+    auto emplaced = incomplete_logstream_messages.try_emplace(key);
+    if (emplaced.second) {
+        emplaced.first->second.reserve(STREAM_INITIAL_CAPACITY);
+    }
+    return emplaced.first->second;
+}
+
+// A record given as pieces: a head, a body, then a number of zero bytes. Short records are
+// staged on the stack so that the stream's vector grows once per record.
+struct Record_pieces {
+    const unsigned char* head;
+    std::size_t head_size;
+    const void* body;
+    std::size_t body_size;
+    std::size_t zeros;
+};
+
+constexpr std::size_t STAGING_SIZE = 128;
+
+inline void append_pieces(std::vector<unsigned char>& out, const Record_pieces& record)
+{
+    const std::size_t total = record.head_size + record.body_size + record.zeros;
+    if (total <= STAGING_SIZE) {
+        unsigned char staged[STAGING_SIZE];
+        std::memcpy(staged, record.head, record.head_size);
+        if (record.body_size != 0) {
+            std::memcpy(staged + record.head_size, record.body, record.body_size);
+        }
+        std::memset(staged + record.head_size + record.body_size, 0, record.zeros);
+        append(out, staged, total);
+        return;
+    }
+    append(out, record.head, record.head_size);
+    append(out, record.body, record.body_size);
+    append_zeros(out, record.zeros);
+}
+
+// Appends one record to the stream under `key`, opening the stream when needed. One map
+// operation under the stream mutex.
+void append_record(std::uint32_t key, const Record_pieces& record)
 {
     std::lock_guard<std::mutex> lock(incomplete_logstream_messages_mutex);
     auto found = incomplete_logstream_messages.find(key);
-    std::vector<unsigned char>* bytes;
-    if (found != incomplete_logstream_messages.end()) {
-        bytes = &found->second;
-    } else if (!spare_stream.empty()) {
-        spare_stream.key() = key;
-        spare_stream.mapped().clear();
-        bytes = &incomplete_logstream_messages.insert(std::move(spare_stream)).position->second;
-    } else {
-        bytes = &incomplete_logstream_messages[key];
-        bytes->reserve(STREAM_INITIAL_CAPACITY);
-    }
-    append(*bytes, head, head_size);
-    append(*bytes, body, body_size);
-    append_zeros(*bytes, zeros);
+    append_pieces(found != incomplete_logstream_messages.end() ? found->second : open_stream(key), record);
+}
+
+// A fixed-size record, wholly in `bytes`.
+inline void append_record(std::uint32_t key, const unsigned char* bytes, std::size_t size)
+{
+    std::lock_guard<std::mutex> lock(incomplete_logstream_messages_mutex);
+    auto found = incomplete_logstream_messages.find(key);
+    append(found != incomplete_logstream_messages.end() ? found->second : open_stream(key), bytes, size);
 }
 
 // Keeps a finished message's node for this thread's next message.
@@ -86,15 +132,19 @@ void recycle(Stream_node&& node)
     if (node.empty() || node.mapped().capacity() > STREAM_KEEP_CAPACITY) {
         return;
     }
-    node.mapped().clear();
-    if (spare_stream.empty()) {
-        spare_stream = std::move(node);
+    Stream_node& spare = spare_stream;
+    if (spare.empty()) {
+        node.mapped().clear();
+        spare = std::move(node);
     }
 }
 
+// The format validator's rule (dlt_validate_format), inlined on the hot path: codes 0 to 6
+// pass, anything else becomes 0.
 inline std::uint8_t validated(LogFormat format)
 {
-    return static_cast<std::uint8_t>(dlt_validate_format(format));
+    const auto code = static_cast<std::uint8_t>(format);
+    return code <= static_cast<std::uint8_t>(LogFormat::kRaw) ? code : 0;
 }
 
 }  // namespace
@@ -123,7 +173,12 @@ bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint
         timestamp = static_cast<std::uint32_t>(now.tv_sec) * 10000u + static_cast<std::uint32_t>(now.tv_nsec / 100000);
     }
     unsigned char record[encoding::START_SIZE];
-    append_record(stream_key, record, encoding::encode_start(record, log_level, context_handle, stream_key, timestamp));
+    const std::size_t size = encoding::encode_start(record, log_level, context_handle, stream_key, timestamp);
+    {
+        // A start normally opens its stream: one map operation that finds or opens it.
+        std::lock_guard<std::mutex> lock(incomplete_logstream_messages_mutex);
+        append(open_stream(stream_key), record, size);
+    }
     return true;
 }
 
@@ -210,7 +265,7 @@ void log_utf8_string(std::uint32_t stream_key, const char* text)
     }
     unsigned char head[encoding::TEXT_HEAD_SIZE];
     encoding::encode_text_head(head, static_cast<std::uint16_t>(length + 8), stream_key);
-    append_record(stream_key, head, sizeof(head), text, length, 1);
+    append_record(stream_key, Record_pieces{head, sizeof(head), text, length, 1});
 }
 
 void log_string_view(std::uint32_t stream_key, const char* text, std::uint64_t length)
@@ -222,7 +277,7 @@ void log_string_view(std::uint32_t stream_key, const char* text, std::uint64_t l
     const std::size_t copied = ::strnlen(text, static_cast<std::size_t>(length));
     unsigned char head[encoding::TEXT_HEAD_SIZE];
     encoding::encode_text_head(head, static_cast<std::uint16_t>(length + 8), stream_key);
-    append_record(stream_key, head, sizeof(head), text, copied, 1);
+    append_record(stream_key, Record_pieces{head, sizeof(head), text, copied, 1});
 }
 
 void log_raw_formatted(std::uint32_t stream_key, const std::uint8_t* data, std::uint16_t length, LogFormat format)
@@ -234,7 +289,7 @@ void log_raw_formatted(std::uint32_t stream_key, const std::uint8_t* data, std::
     unsigned char head[encoding::RAW_HEAD_SIZE];
     encoding::encode_raw_head(head, static_cast<std::uint16_t>(length + 10), static_cast<std::uint8_t>(format),
                               length, stream_key);
-    append_record(stream_key, head, sizeof(head), data, length);
+    append_record(stream_key, Record_pieces{head, sizeof(head), data, length, 0});
 }
 
 void log_encoded_payload(std::uint32_t stream_key, const std::vector<unsigned char>& payload,
@@ -249,7 +304,7 @@ void log_encoded_payload(std::uint32_t stream_key, const std::vector<unsigned ch
     const std::size_t available = size < payload.size() ? size : payload.size();
     unsigned char head[encoding::ENCODED_PAYLOAD_HEAD_SIZE];
     encoding::encode_encoded_payload_head(head, static_cast<std::uint16_t>(size + 9), size, stream_key);
-    append_record(stream_key, head, sizeof(head), payload.data(), available, size - available);
+    append_record(stream_key, Record_pieces{head, sizeof(head), payload.data(), available, size - available});
 }
 
 void log_finish(std::uint32_t stream_key)
@@ -264,7 +319,8 @@ void log_finish(std::uint32_t stream_key)
 
     if (node.empty()) {
         // Nothing was open under this key: the message is the finish record alone.
-        node = std::move(spare_stream);
+        Stream_node& spare = spare_stream;
+        node = std::move(spare);
         if (node.empty()) {
             const std::vector<unsigned char> lone(finish, finish + sizeof(finish));
             client.push(lone);
