@@ -1,0 +1,727 @@
+// logferry-monitor driven as a child process against hand-driven application ends: a
+// channel created with Logferry_client and announced through an application-side
+// listener, fed with serialized records exactly as the front end would feed it.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "logferry/channel.hpp"
+#include "logferry/listener.hpp"
+#include "logferry/message.hpp"
+#include "support/test_util.hpp"
+
+#ifndef LOGFERRY_MONITOR_PATH
+#error "LOGFERRY_MONITOR_PATH must name the logferry-monitor program"
+#endif
+
+namespace {
+
+using namespace logferry;
+using logferry_test::unique_id;
+using logferry_test::wait_until;
+using Bytes = std::vector<unsigned char>;
+using std::chrono::milliseconds;
+
+const char LISTENER_SEGMENT[] = "/logferry-daemon-listener";
+
+template <typename... R>
+Bytes records(const R&... record) {
+    Bytes out;
+    int unused[] = {(serialize(record, out), 0)...};
+    static_cast<void>(unused);
+    return out;
+}
+
+// The monotonic clock in 0.1 ms units, as the front end stamps its start records.
+std::uint32_t now_stamp() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint32_t>(static_cast<std::uint64_t>(now.tv_sec) * 10000U +
+                                      static_cast<std::uint64_t>(now.tv_nsec) / 100000U);
+}
+
+Logferry_write_start start(std::uint32_t key, std::uint8_t level, std::uint32_t handle,
+                           std::uint32_t timestamp = now_stamp()) {
+    Logferry_write_start record;
+    record.log_level = level;
+    record.context_handle = handle;
+    record.stream_key = key;
+    record.timestamp = timestamp;
+    return record;
+}
+
+Logferry_write_finish finish(std::uint32_t key) {
+    Logferry_write_finish record;
+    record.stream_key = key;
+    return record;
+}
+
+Logferry_write_utf8_string text(std::uint32_t key, const std::string& value) {
+    Logferry_write_utf8_string record;
+    record.stream_key = key;
+    std::copy(value.begin(), value.end(), record.text.begin());
+    record.length = static_cast<std::uint16_t>(value.size() + 8);
+    return record;
+}
+
+Logferry_write_int32 int32(std::uint32_t key, std::int32_t value) {
+    Logferry_write_int32 record;
+    record.stream_key = key;
+    record.value = value;
+    return record;
+}
+
+template <typename R, typename V>
+R formatted(std::uint32_t key, V value, LogFormat format) {
+    R record;
+    record.stream_key = key;
+    record.value = value;
+    record.format = static_cast<std::uint8_t>(format);
+    return record;
+}
+
+// Replaces the timestamp column of every log line by "<ts>".
+std::string mask_timestamps(const std::string& transcript) {
+    static const std::regex stamp("^ *[0-9]+\\.[0-9]{4} ", std::regex::multiline);
+    return std::regex_replace(transcript, stamp, "<ts> ");
+}
+
+std::vector<std::string> split_lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// An application's end of a channel, driven by hand. It stamps its watchdog whenever it
+// waits, as the front end's receiver thread does about once a second.
+class Test_application {
+public:
+    explicit Test_application(const std::string& identifier) : listener_(false) {
+        channel_.set_app_identifier(identifier);
+    }
+
+    // Creates the channel and announces it in the monitor's listener list.
+    bool announce() { return channel_.init() && listener_.init() && listener_.push(channel_.get_filename()); }
+
+    // Waits for the monitor to attach, then withdraws the announcement.
+    bool wait_attached(milliseconds timeout = milliseconds(10000)) {
+        const bool attached = wait_until(
+            [&] {
+                stamp();
+                return __atomic_load_n(&channel_.segment->server_watchdog, __ATOMIC_SEQ_CST) != 0;
+            },
+            timeout);
+        if (attached) {
+            listener_.pop();
+            listener_.uninit();
+        }
+        return attached;
+    }
+
+    // Places one registration or control record and waits until the monitor took it.
+    bool send_priority(const Bytes& bytes) {
+        return wait_until([&] {
+                   stamp();
+                   return channel_.push_priority(bytes);
+               }) &&
+               wait_until([&] {
+                   stamp();
+                   return channel_.is_priority_empty();
+               });
+    }
+
+    void release() { channel_.unlock_client_buffer(); }
+    bool log(const Bytes& bytes) { return channel_.push(bytes); }
+
+    // The next message from the monitor, or nothing after `timeout`.
+    Bytes receive(milliseconds timeout = milliseconds(5000)) {
+        Bytes bytes;
+        wait_until(
+            [&] {
+                stamp();
+                bytes = channel_.pop();
+                return !bytes.empty();
+            },
+            timeout);
+        return bytes;
+    }
+
+    void stamp() { channel_.is_connection_active(); }
+    bool connected() { return channel_.is_connection_active(); }
+    void close() { channel_.uninit(); }
+    const std::string& name() const { return channel_.get_filename(); }
+
+private:
+    Logferry_client channel_;
+    Logferry_listener listener_;
+};
+
+class Monitor : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = "/tmp/lfmon-" + unique_id("", 40);
+        ASSERT_EQ(::mkdir(dir_.c_str(), 0700), 0);
+        ASSERT_EQ(::mkdir((dir_ + "/ara_DLT").c_str(), 0700), 0);
+        ASSERT_EQ(::setenv("ADAPTIVE_RUNSTATE_DIR", dir_.c_str(), 1), 0);
+        lock_file_ = dir_ + "/ara_DLT/logferry-daemon-listener.lock";
+        out_ = dir_ + "/monitor.out";
+        err_ = dir_ + "/monitor.err";
+    }
+
+    void TearDown() override {
+        for (const int pid : {pid_, second_pid_}) {
+            if (pid > 0) {
+                ::kill(pid, SIGKILL);
+                ::waitpid(pid, nullptr, 0);
+            }
+        }
+        for (const std::string& name : {out_, err_, err_ + "2", out_ + "2", lock_file_}) {
+            ::unlink(name.c_str());
+        }
+        ::rmdir((dir_ + "/ara_DLT").c_str());
+        ::rmdir(dir_.c_str());
+        ::unsetenv("ADAPTIVE_RUNSTATE_DIR");
+    }
+
+    // Runs the monitor with `arguments`, its output going to `out` and `err`.
+    static int launch(const std::vector<std::string>& arguments, const std::string& out, const std::string& err) {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            const int out_fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            const int err_fd = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            if (out_fd < 0 || err_fd < 0 || ::dup2(out_fd, 1) < 0 || ::dup2(err_fd, 2) < 0) {
+                ::_exit(127);
+            }
+            std::vector<char*> argv;
+            std::string program = LOGFERRY_MONITOR_PATH;
+            argv.push_back(&program[0]);
+            std::vector<std::string> copies = arguments;
+            for (std::string& argument : copies) {
+                argv.push_back(&argument[0]);
+            }
+            argv.push_back(nullptr);
+            ::execv(program.c_str(), argv.data());
+            ::_exit(127);
+        }
+        return pid;
+    }
+
+    // Starts the monitor and waits until it holds the listener.
+    void start_monitor(const std::vector<std::string>& arguments = {}) {
+        ::unlink(out_.c_str());  // no readiness line of an earlier run
+        pid_ = launch(arguments, out_, err_);
+        ASSERT_GT(pid_, 0);
+        ASSERT_TRUE(wait_for("-- listening")) << output() << errors();
+    }
+
+    // Sends `signal` and returns the monitor's wait status (-1 when it did not end).
+    int stop_monitor(int signal = SIGTERM) {
+        ::kill(pid_, signal);
+        const int status = logferry_test::wait_child(pid_, milliseconds(10000));
+        pid_ = -1;
+        return status;
+    }
+
+    static std::string read_file(const std::string& path) {
+        std::ifstream file(path);
+        std::stringstream content;
+        content << file.rdbuf();
+        return content.str();
+    }
+
+    std::string output() const { return read_file(out_); }
+    std::string errors() const { return read_file(err_); }
+
+    bool wait_for(const std::string& needle, milliseconds timeout = milliseconds(10000)) const {
+        return wait_until([&] { return output().find(needle) != std::string::npos; }, timeout);
+    }
+
+    std::string dir_;
+    std::string lock_file_;
+    std::string out_;
+    std::string err_;
+    int pid_ = -1;
+    int second_pid_ = -1;
+};
+
+// ----------------------------------------------------------------------------------------
+
+TEST_F(Monitor, TranscriptOfOneApplication) {
+    start_monitor({"--level", "MAIN=debug", "--say", "hello app"});
+    Test_application app(unique_id("", 20));
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached()) << output();
+
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("TAPP", "Test application"))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "MAIN", "Main context"))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(3, 2, "AUX", "Aux context"))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_enable_local_print())));
+    Logferry_init_file file;
+    const std::string file_name = "/tmp/test app.log";
+    std::copy(file_name.begin(), file_name.end(), file.file_name.begin());
+    ASSERT_TRUE(app.send_priority(records(file)));
+    ASSERT_TRUE(app.send_priority(records(Logferry_disable_remote())));
+    app.release();
+
+    Logferry_write_bool flag;
+    flag.stream_key = 7;
+    flag.value = 1;
+    Logferry_write_int8 i8;
+    i8.stream_key = 7;
+    i8.value = -5;
+    Logferry_write_int16 i16;
+    i16.stream_key = 7;
+    i16.value = -300;
+    Logferry_write_int64 i64;
+    i64.stream_key = 7;
+    i64.value = -9000000000LL;
+    Logferry_write_float32 f32;
+    f32.stream_key = 7;
+    f32.value = 3.25f;
+    Logferry_write_float64 f64;
+    f64.stream_key = 7;
+    f64.value = -0.1;
+    Logferry_write_raw_formatted raw;
+    raw.stream_key = 7;
+    raw.format = static_cast<std::uint8_t>(LogFormat::kHex);
+    raw.size = 4;
+    raw.length = 14;
+    raw.payload = {{0xDE, 0xAD, 0xBE, 0xEF}};
+    Logferry_write_encoded_payload encoded;
+    encoded.stream_key = 7;
+    encoded.size = 2;
+    encoded.length = 11;
+    encoded.payload = {{0x01, 0x02}};
+    ASSERT_TRUE(app.log(records(
+        start(7, 4, 1), text(7, "hello, monitor"), flag, i8, i16, int32(7, 70000), i64,
+        formatted<Logferry_write_uint8_formatted>(7, std::uint8_t{200}, LogFormat::kDefault),
+        formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0xBEEF}, LogFormat::kHex),
+        formatted<Logferry_write_uint32_formatted>(7, std::uint32_t{8}, LogFormat::kOct),
+        formatted<Logferry_write_uint64_formatted>(7, std::uint64_t{5}, LogFormat::kBin),
+        formatted<Logferry_write_uint32_formatted>(7, std::uint32_t{0xABCDEF}, LogFormat::kHexUpper),
+        formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0x1234}, LogFormat::kDec),
+        formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0x1234}, LogFormat::kRaw), f32, f64, raw, encoded,
+        finish(7))));
+    ASSERT_TRUE(app.log(records(start(8, 3, 2), text(8, "second"), finish(8))));
+    Logferry_unregister_context unregister;
+    unregister.context_handle = 2;
+    ASSERT_TRUE(app.log(records(unregister)));
+    ASSERT_TRUE(app.log(records(Logferry_unregister_app())));
+    ASSERT_TRUE(wait_for("-- unregister TAPP\n")) << output();
+
+    // What the monitor sent back: the console text at attachment, then the level update
+    // for the context registered as MAIN, as the exact 6 bytes.
+    const std::string said = "hello app\n";
+    EXPECT_EQ(app.receive(), Bytes(said.begin(), said.end()));
+    EXPECT_EQ(app.receive(), (Bytes{24, 5, 1, 0, 0, 0}));
+
+    app.close();
+    ASSERT_TRUE(wait_for("-- detach")) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+
+    const std::string channel = app.name();
+    const std::string expected =
+        "-- listening  lock=" + lock_file_ + "\n"
+        "-- attach     " + channel + "\n"
+        "-- say        " + channel + " \"hello app\"\n"
+        "-- app        TAPP \"Test application\" channel=" + channel + "\n"
+        "-- context    TAPP MAIN handle=1 level=info \"Main context\"\n"
+        "-- set-level  TAPP MAIN handle=1 level=debug\n"
+        "-- context    TAPP AUX handle=2 level=warn \"Aux context\"\n"
+        "-- control    TAPP enable-local-print\n"
+        "-- control    TAPP init-file \"/tmp/test app.log\"\n"
+        "-- control    TAPP disable-remote\n"
+        "<ts> TAPP MAIN info    \"hello, monitor\" true -5 -300 70000 -9000000000 200 0xbeef 010 0b101 0xABCDEF "
+        "4660 [34 12] 3.25 -0.1 [de ad be ef] encoded[01 02]\n"
+        "<ts> TAPP AUX  warn    \"second\"\n"
+        "-- unregister TAPP AUX handle=2\n"
+        "-- unregister TAPP\n"
+        "-- detach     TAPP " + channel + " (closed its channel)\n"
+        "-- stopped    signal: 2 log messages from 1 applications\n";
+    EXPECT_EQ(mask_timestamps(output()), expected);
+    EXPECT_EQ(errors(), "");
+}
+
+TEST_F(Monitor, TimestampsAndArgumentsAreRenderedExactly) {
+    start_monitor();
+    Test_application app(unique_id("", 20));
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("REN", "rendering"))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(6, 0xFFFFFFFF, "VERB", ""))));
+    app.release();
+
+    Logferry_write_utf8_string omitted;  // a text array without zero: no text is carried
+    omitted.stream_key = 1;
+    omitted.text.fill('x');
+    omitted.length = 1398;
+    Logferry_write_raw_formatted big;  // size above 1389: no payload is carried
+    big.stream_key = 1;
+    big.size = 1500;
+    big.length = 1510;
+    Logferry_write_raw_formatted bin;
+    bin.stream_key = 1;
+    bin.format = static_cast<std::uint8_t>(LogFormat::kBin);
+    bin.size = 2;
+    bin.length = 12;
+    bin.payload = {{0x05, 0xF0}};
+    Logferry_write_raw_formatted upper;
+    upper.stream_key = 1;
+    upper.format = static_cast<std::uint8_t>(LogFormat::kHexUpper);
+    upper.size = 1;
+    upper.length = 11;
+    upper.payload = {{0xAB}};
+    Logferry_write_float32 tenth;
+    tenth.stream_key = 1;
+    tenth.value = 0.1f;
+    Logferry_write_bool no;
+    no.stream_key = 1;
+    ASSERT_TRUE(app.log(records(start(1, 6, 0xFFFFFFFF, 123456), text(1, "quote \" and\nline"), omitted, big, bin,
+                                upper, tenth, no,
+                                formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kOct),
+                                formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kBin),
+                                formatted<Logferry_write_uint64_formatted>(1, ~std::uint64_t{0}, LogFormat::kDec),
+                                finish(1))));
+    // The largest timestamp, a message without start, an encoded message.
+    ASSERT_TRUE(app.log(records(start(2, 1, 0xFFFFFFFF, 0xFFFFFFFF), finish(2))));
+    ASSERT_TRUE(app.log(records(int32(3, -1), finish(3))));
+    Logferry_write_encoded_message message;
+    message.size = 3;
+    message.length = 8;
+    message.payload = {{9, 8, 7}};
+    ASSERT_TRUE(app.log(records(message)));
+    ASSERT_TRUE(wait_for("encoded-message")) << output();
+
+    const std::vector<std::string> lines = split_lines(output());
+    ASSERT_GE(lines.size(), 8U);
+    EXPECT_EQ(lines[4],
+              "    12.3456 REN  VERB verbose \"quote \\\" and\\nline\" (text omitted) [1500 bytes not carried] "
+              "[00000101 11110000] [AB] 0.1 false 0 0b0 18446744073709551615");
+    EXPECT_EQ(lines[5], "429496.7295 REN  VERB fatal");
+    EXPECT_EQ(lines[6], "          - REN  -    -       -1");
+    EXPECT_EQ(lines[7], "          - REN  -    -       encoded-message[09 08 07]");
+    app.close();
+}
+
+TEST_F(Monitor, LevelOptionMatchesEveryContextWithThatIdAndNoOther) {
+    start_monitor({"--level", "MAIN=2", "--level=AUX=verbose"});
+    Test_application app(unique_id("", 20));
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("LVL", ""))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 0x01020304, "MAIN", ""))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 9, "OTHR", ""))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 10, "AUX", ""))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(1, 11, "MAIN", ""))));
+
+    // The monitor handles the registrations in order: had OTHR got an update, it would
+    // come between these.
+    EXPECT_EQ(app.receive(), (Bytes{24, 2, 4, 3, 2, 1}));
+    EXPECT_EQ(app.receive(), (Bytes{24, 6, 10, 0, 0, 0}));
+    EXPECT_EQ(app.receive(), (Bytes{24, 2, 11, 0, 0, 0}));
+    ASSERT_TRUE(wait_for("-- set-level  LVL MAIN handle=11 level=error\n")) << output();
+    EXPECT_EQ(output().find("OTHR handle=9 level=error"), std::string::npos);
+    EXPECT_NE(output().find("-- set-level  LVL AUX handle=10 level=verbose\n"), std::string::npos);
+    app.close();
+}
+
+TEST_F(Monitor, SayReachesEveryApplicationOnceAttached) {
+    start_monitor({"--say", "first line", "--say", ""});
+    Test_application one(unique_id("one", 20));
+    Test_application two(unique_id("two", 20));
+    ASSERT_TRUE(one.announce());
+    ASSERT_TRUE(two.announce());
+    ASSERT_TRUE(one.wait_attached());
+    ASSERT_TRUE(two.wait_attached());
+    for (Test_application* app : {&one, &two}) {
+        const std::string first = "first line\n";
+        EXPECT_EQ(app->receive(), Bytes(first.begin(), first.end()));
+        EXPECT_EQ(app->receive(), Bytes{'\n'});
+        EXPECT_TRUE(app->receive(milliseconds(300)).empty());  // once only
+    }
+    one.close();
+    two.close();
+}
+
+TEST_F(Monitor, KilledApplicationIsDetached) {
+    start_monitor();
+    const std::string identifier = unique_id("", 20);
+    const std::string channel = "/logferry-" + identifier;
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const int child = logferry_test::fork_child([&] {
+        ::close(ready[0]);
+        Test_application app(identifier);
+        if (!app.announce() || !app.wait_attached() ||
+            !app.send_priority(records(Logferry_register_app("KILL", "to be killed"))) ||
+            !app.send_priority(records(Logferry_register_context(4, 1, "CTX", "")))) {
+            return 1;
+        }
+        app.release();
+        app.log(records(start(1, 4, 1), text(1, "before kill"), finish(1)));
+        const char byte = 1;
+        if (::write(ready[1], &byte, 1) != 1) {
+            return 2;
+        }
+        for (;;) {  // alive and stamping until killed
+            app.stamp();
+            ::usleep(100 * 1000);
+        }
+    });
+    ::close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+    ASSERT_TRUE(wait_for("KILL CTX  info    \"before kill\"")) << output();
+
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    const auto killed = std::chrono::steady_clock::now();
+    EXPECT_TRUE(wait_for("-- detach     KILL " + channel + " (no sign of life for ", milliseconds(12000)))
+        << output();
+    // Whole seconds: more than five between its last stamp and the clock.
+    EXPECT_GE(std::chrono::steady_clock::now() - killed, milliseconds(4000));
+
+    // The monitor keeps serving: a new application is attached after the detach.
+    Test_application next(unique_id("next", 20));
+    ASSERT_TRUE(next.announce());
+    EXPECT_TRUE(next.wait_attached());
+    next.close();
+    EXPECT_EQ(stop_monitor(), 0);
+    // The application owned its segment; the monitor leaves it where it is.
+    EXPECT_TRUE(logferry_test::shm_exists(channel));
+    ::shm_unlink(channel.c_str());
+}
+
+TEST_F(Monitor, LiveApplicationStaysAttachedBeyondTheSilenceLimit) {
+    start_monitor();
+    Test_application app(unique_id("", 20));
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("LIVE", ""))));
+    const auto until = std::chrono::steady_clock::now() + milliseconds(7000);
+    while (std::chrono::steady_clock::now() < until) {
+        app.stamp();
+        ASSERT_EQ(output().find("-- detach"), std::string::npos);
+        ::usleep(100 * 1000);
+    }
+    app.close();
+    EXPECT_TRUE(wait_for("-- detach     LIVE " + app.name() + " (closed its channel)")) << output();
+}
+
+TEST_F(Monitor, ServesManyApplicationsAtOnce) {
+    start_monitor();
+    constexpr int applications = 4;
+    constexpr int messages = 600;
+    std::vector<int> children;
+    for (int a = 0; a < applications; ++a) {
+        const std::string identifier = unique_id("a" + std::to_string(a), 20);
+        children.push_back(logferry_test::fork_child([identifier, a] {
+            Test_application app(identifier);
+            const std::string id = "AP" + std::to_string(a);
+            if (!app.announce() || !app.wait_attached() ||
+                !app.send_priority(records(Logferry_register_app(id.c_str(), ""))) ||
+                !app.send_priority(records(Logferry_register_context(4, 100 + a, ("C" + std::to_string(a)).c_str(), "")))) {
+                return 1;
+            }
+            // Everything is written while ordinary traffic is still held back, then
+            // released and the channel closed at once: the monitor finds the application
+            // gone with the whole backlog still to read.
+            for (int m = 0; m < messages; ++m) {
+                const std::uint32_t key = static_cast<std::uint32_t>(m);
+                if (!app.log(records(start(key, 4, 100 + a), int32(key, m), text(key, std::string(40, static_cast<char>('a' + a))),
+                                     finish(key)))) {
+                    return 2;
+                }
+                if (m % 20 == 0) {
+                    app.stamp();
+                }
+            }
+            app.release();
+            app.close();
+            return 0;
+        }));
+    }
+    for (const int child : children) {
+        const int status = logferry_test::wait_child(child, milliseconds(30000));
+        ASSERT_TRUE(WIFEXITED(status)) << status;
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+    }
+    ASSERT_TRUE(wait_until(
+        [&] {
+            const std::string text = output();
+            std::size_t count = 0;
+            for (std::size_t at = text.find("-- detach"); at != std::string::npos; at = text.find("-- detach", at + 1)) {
+                ++count;
+            }
+            return count == static_cast<std::size_t>(applications);
+        },
+        milliseconds(15000)))
+        << output();
+    EXPECT_EQ(stop_monitor(), 0);
+
+    // Every line is whole, and each application's messages come in order.
+    const std::regex log_line("^ *[0-9]+\\.[0-9]{4} AP([0-9])  C([0-9])   info    (-?[0-9]+) \"([a-z]+)\"$");
+    std::vector<int> next(applications, 0);
+    for (const std::string& line : split_lines(output())) {
+        if (line.rfind("-- ", 0) == 0) {
+            continue;
+        }
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(line, match, log_line)) << line;
+        const int a = std::stoi(match[1]);
+        ASSERT_LT(a, applications);
+        EXPECT_EQ(std::stoi(match[2]), a);
+        EXPECT_EQ(std::stoi(match[3]), next[a]) << line;
+        EXPECT_EQ(match[4].str(), std::string(40, static_cast<char>('a' + a)));
+        ++next[a];
+    }
+    for (int a = 0; a < applications; ++a) {
+        EXPECT_EQ(next[a], messages) << "application " << a;
+    }
+    EXPECT_NE(output().find("-- stopped    signal: " + std::to_string(applications * messages) + " log messages from " +
+                            std::to_string(applications) + " applications"),
+              std::string::npos);
+}
+
+TEST_F(Monitor, CountStopsAfterThatManyMessages) {
+    start_monitor({"--count", "2"});
+    Test_application app(unique_id("", 20));
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("CNT", ""))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "C", ""))));
+    app.release();
+    for (std::uint32_t key = 0; key < 3; ++key) {
+        ASSERT_TRUE(app.log(records(start(key, 4, 1), int32(key, static_cast<std::int32_t>(key)), finish(key))));
+    }
+    const int status = logferry_test::wait_child(pid_, milliseconds(10000));
+    pid_ = -1;
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    const std::string text = mask_timestamps(output());
+    EXPECT_NE(text.find("<ts> CNT  C    info    0\n<ts> CNT  C    info    1\n-- stopped    count: 2 log messages from 1 applications\n"),
+              std::string::npos)
+        << text;
+    EXPECT_EQ(text.find("info    2"), std::string::npos);
+    EXPECT_FALSE(logferry_test::shm_exists(LISTENER_SEGMENT));
+    EXPECT_NE(::access(lock_file_.c_str(), F_OK), 0);
+    app.close();
+}
+
+TEST_F(Monitor, DurationStopsByItself) {
+    const auto began = std::chrono::steady_clock::now();
+    start_monitor({"--duration", "0.5"});
+    const int status = logferry_test::wait_child(pid_, milliseconds(10000));
+    pid_ = -1;
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - began, milliseconds(500));
+    EXPECT_NE(output().find("-- stopped    duration: 0 log messages from 0 applications\n"), std::string::npos);
+    EXPECT_NE(::access(lock_file_.c_str(), F_OK), 0);
+}
+
+TEST_F(Monitor, SigintAndSigtermRemoveTheListenerSegmentAndTheLockFile) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        start_monitor();
+        EXPECT_TRUE(logferry_test::shm_exists(LISTENER_SEGMENT));
+        EXPECT_EQ(::access(lock_file_.c_str(), F_OK), 0);
+        const int status = stop_monitor(signal);
+        ASSERT_TRUE(WIFEXITED(status)) << signal;
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+        EXPECT_FALSE(logferry_test::shm_exists(LISTENER_SEGMENT));
+        EXPECT_NE(::access(lock_file_.c_str(), F_OK), 0);
+        EXPECT_NE(output().find("-- stopped    signal: 0 log messages from 0 applications\n"), std::string::npos);
+    }
+}
+
+TEST_F(Monitor, StoppingTellsAttachedApplications) {
+    start_monitor();
+    Test_application app(unique_id("", 20));
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    EXPECT_TRUE(app.connected());
+    EXPECT_EQ(stop_monitor(), 0);
+    // The monitor's end cleared its watchdog on the way out: the daemon is seen gone at
+    // once, and the application's segment is left to the application.
+    EXPECT_FALSE(app.connected());
+    EXPECT_TRUE(logferry_test::shm_exists(app.name()));
+    app.close();
+    EXPECT_FALSE(logferry_test::shm_exists(app.name()));
+}
+
+TEST_F(Monitor, SecondMonitorIsRefusedWhileOneRuns) {
+    start_monitor();
+    second_pid_ = launch({}, out_ + "2", err_ + "2");
+    const int status = logferry_test::wait_child(second_pid_, milliseconds(10000));
+    second_pid_ = -1;
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_EQ(read_file(err_ + "2"), "logferry-monitor: another daemon holds " + lock_file_ + "\n");
+    // The first one is unharmed.
+    EXPECT_TRUE(logferry_test::shm_exists(LISTENER_SEGMENT));
+    EXPECT_EQ(stop_monitor(), 0);
+}
+
+TEST_F(Monitor, UndecodableUnitsAreReportedAndServiceGoesOn) {
+    start_monitor();
+    Test_application app(unique_id("", 20));
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("BAD", ""))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "C", ""))));
+    app.release();
+    ASSERT_TRUE(app.log(Bytes{12, 1, 0}));
+    ASSERT_TRUE(app.log(records(start(1, 4, 1), int32(2, 5), finish(1))));
+    ASSERT_TRUE(app.log(records(start(3, 4, 1), int32(3, 5), finish(3))));
+    ASSERT_TRUE(wait_for("C    info    5")) << output();
+    const std::string text = output();
+    EXPECT_NE(text.find("-- error      BAD ring: truncated at offset 0 (kind 12): write_int32 needs 9 bytes, 3 left "
+                        "[3 bytes: 0c 01 00]\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("-- error      BAD ring: stream-key-mismatch at offset 14 (kind 12)"), std::string::npos) << text;
+    app.close();
+}
+
+TEST_F(Monitor, UsageErrorsAndHelp) {
+    const auto run = [&](const std::vector<std::string>& arguments) {
+        const int pid = launch(arguments, out_, err_);
+        const int status = logferry_test::wait_child(pid, milliseconds(10000));
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    EXPECT_EQ(run({"--help"}), 0);
+    EXPECT_EQ(output().rfind("usage: logferry-monitor", 0), 0U);
+    EXPECT_EQ(run({"--level", "MAIN"}), 2);
+    EXPECT_NE(errors().find("--level wants CTX=LEVEL"), std::string::npos);
+    EXPECT_EQ(run({"--level", "MAIN=loud"}), 2);
+    EXPECT_EQ(run({"--level", "TOOLONG=info"}), 2);
+    EXPECT_EQ(run({"--level", "M=7"}), 2);
+    EXPECT_EQ(run({"--count", "0"}), 2);
+    EXPECT_EQ(run({"--count", "-1"}), 2);
+    EXPECT_EQ(run({"--duration", "soon"}), 2);
+    EXPECT_EQ(run({"--say"}), 2);
+    EXPECT_EQ(run({"--frobnicate"}), 2);
+    EXPECT_NE(errors().find("unknown option --frobnicate"), std::string::npos);
+    EXPECT_NE(::access(lock_file_.c_str(), F_OK), 0);  // none of them took the listener role
+}
+
+}  // namespace
