@@ -1,0 +1,551 @@
+// The cost of one log message on the application's side, measured against the floor of
+// what any design must do for it, in one run of one binary.
+//
+// Message: log_start, log_int32, log_utf8_string("hello world"), log_uint32_formatted (hex)
+// and log_finish, with a daemon-side reader attached to the channel in its own thread,
+// taking the messages out of the ring as the daemon does. Also with two application threads
+// on different stream keys, and the level-filter query.
+//
+// Floor: the irreducible work of the same message: one clock read, its 57 bytes encoded on
+// the stack, one section of a robust process-shared mutex and one copy into a ring.
+//
+// Heap allocations are counted per thread by replacing the global operator new in this
+// binary (the library's allocations resolve to it as well); the count per message is
+// reported as the counter allocs_per_msg. A summary table is printed at the end.
+#include <pthread.h>
+#include <sys/mman.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "logferry/logferry.hpp"
+
+// ---------------------------------------------------------------------------------------
+// Allocation counting
+
+namespace {
+thread_local std::uint64_t thread_allocations = 0;
+
+void* counted_allocation(std::size_t size)
+{
+    ++thread_allocations;
+    void* memory = std::malloc(size == 0 ? 1 : size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+}  // namespace
+
+void* operator new(std::size_t size) { return counted_allocation(size); }
+void* operator new[](std::size_t size) { return counted_allocation(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    ++thread_allocations;
+    return std::malloc(size == 0 ? 1 : size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
+{
+    ++thread_allocations;
+    return std::malloc(size == 0 ? 1 : size);
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace {
+
+constexpr std::uint32_t CONTEXT = 7;
+constexpr std::uint8_t LEVEL_INFO = 4;
+// The reader's nap between bursts (BENCH_READER_NAP_US overrides it); the ring (131071
+// bytes, about 2200 of these messages) must not fill up meanwhile.
+int reader_nap_us()
+{
+    const char* text = std::getenv("BENCH_READER_NAP_US");
+    return text != nullptr ? std::atoi(text) : 50;
+}
+std::uint64_t reader_batch()
+{
+    const char* text = std::getenv("BENCH_READER_BATCH");
+    return text != nullptr ? static_cast<std::uint64_t>(std::atoll(text)) : 64;
+}
+const std::uint64_t READER_BATCH = reader_batch();
+
+// ---------------------------------------------------------------------------------------
+// The library, registered, with the daemon's end of the channel draining the ring.
+
+class Session {
+public:
+    void start()
+    {
+        logferry::set_app_identifier("BNCH");
+        logferry::init();
+        if (!reader_end_.init(logferry::client.get_filename())) {
+            std::fprintf(stderr, "bench: cannot attach to the channel\n");
+            std::exit(1);
+        }
+        reader_end_.is_connection_active();
+        reader_ = std::thread([this] { read(); });
+        if (!logferry::register_app("BNCH", "benchmark") ||
+            !logferry::register_context(CONTEXT, "CTX1", "benchmark context", LEVEL_INFO)) {
+            std::fprintf(stderr, "bench: registration refused\n");
+            std::exit(1);
+        }
+        logferry::client.unlock_client_buffer();
+    }
+
+    void stop()
+    {
+        stop_ = true;
+        reader_.join();
+        reader_end_.uninit();
+        logferry::exit();
+    }
+
+    std::uint64_t messages_read() const { return read_.load(); }
+
+    // Stops (true) or resumes (false) the reader thread; returns once it is idle.
+    void pause_reader(bool pause)
+    {
+        paused_ = pause;
+        while (pause && !idle_.load()) {
+            std::this_thread::yield();
+        }
+        if (!pause) {
+            idle_ = false;
+        }
+    }
+
+    // Empties the ring from the calling thread (while the reader thread is paused).
+    void drain_here()
+    {
+        while (take_batch() == READER_BATCH) {
+        }
+    }
+
+private:
+    // Takes what the application wrote, as the daemon does; stamps its watchdog and empties
+    // the priority area now and then, and naps briefly when the ring is empty.
+    void read()
+    {
+        const auto nap = std::chrono::microseconds(reader_nap_us());
+        unsigned int round = 0;
+        while (!stop_.load(std::memory_order_relaxed)) {
+            if (paused_.load()) {
+                idle_ = true;
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+                continue;
+            }
+            if ((round++ & 63) == 0) {
+                reader_end_.is_connection_active();
+                reader_end_.pop_priority();
+            }
+            std::uint64_t taken = 0;
+            for (;;) {
+                const std::uint64_t batch = take_batch();
+                taken += batch;
+                if (batch < READER_BATCH) {
+                    break;
+                }
+            }
+            read_.fetch_add(taken, std::memory_order_relaxed);
+            if (nap.count() > 0) {
+                std::this_thread::sleep_for(nap);
+            } else {
+                std::this_thread::yield();
+            }
+        }
+    }
+
+    // Takes up to READER_BATCH records in one hold of the ring's mutex, as a daemon that
+    // drains in bursts does (pop_unsynced is the daemon's reading step under a held lock).
+    std::uint64_t take_batch()
+    {
+        if (reader_end_.is_client_buffer_locked()) {
+            return 0;  // the application's records wait until it opens the gate
+        }
+        logferry::Channel_segment* segment = reader_end_.segment;
+        logferry::Mutex_lock_guard lock(&segment->client_mutex.mutex, false);
+        std::uint64_t taken = 0;
+        while (taken < READER_BATCH && !ring_empty(segment)) {
+            if (reader_end_.pop_unsynced(false).empty()) {
+                break;
+            }
+            ++taken;
+        }
+        return taken;
+    }
+
+    static bool ring_empty(const logferry::Channel_segment* segment)
+    {
+        const std::uint32_t write = segment->client_write_index;
+        return segment->client_read_index == write && segment->client_buffer[write] == 0 &&
+               segment->client_buffer[write + 1] == 0;
+    }
+
+    logferry::Logferry_base reader_end_;
+    std::thread reader_;
+    std::atomic<bool> stop_{false};
+    std::atomic<bool> paused_{false};
+    std::atomic<bool> idle_{false};
+    std::atomic<std::uint64_t> read_{0};
+};
+
+Session session;
+
+// ---------------------------------------------------------------------------------------
+// Benchmarks
+
+void set_allocation_counter(benchmark::State& state, std::uint64_t before)
+{
+    state.counters["allocs_per_msg"] =
+        benchmark::Counter(static_cast<double>(thread_allocations - before) / static_cast<double>(state.iterations()),
+                           benchmark::Counter::kAvgThreads);
+}
+
+void BM_message(benchmark::State& state)
+{
+    const std::uint32_t key = 1000 + static_cast<std::uint32_t>(state.thread_index());
+    std::uint32_t value = 0;
+    // One message outside the timing, so that steady state is measured.
+    logferry::log_start(CONTEXT, key, LEVEL_INFO);
+    logferry::log_finish(key);
+    const std::uint64_t before = thread_allocations;
+    for (auto _ : state) {
+        logferry::log_start(CONTEXT, key, LEVEL_INFO);
+        logferry::log_int32(key, static_cast<std::int32_t>(value));
+        logferry::log_utf8_string(key, "hello world");
+        logferry::log_uint32_formatted(key, value, logferry::LogFormat::kHex);
+        logferry::log_finish(key);
+        ++value;
+    }
+    set_allocation_counter(state, before);
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_message)->UseRealTime();
+BENCHMARK(BM_message)->Threads(2)->UseRealTime();
+
+// For comparison only: the same message with no reader running concurrently; the ring is
+// emptied between batches of 1000 messages with the timer stopped (which adds about
+// 2 ns per message of timer overhead). This is the front end's and the channel's own cost,
+// without the cross-core traffic and lock contention that a concurrent reader brings.
+void BM_message_no_concurrent_reader(benchmark::State& state)
+{
+    constexpr unsigned int BATCH = 1000;
+    const std::uint32_t key = 2000;
+    std::uint32_t value = 0;
+    session.pause_reader(true);
+    session.drain_here();
+    logferry::log_start(CONTEXT, key, LEVEL_INFO);
+    logferry::log_finish(key);
+    const std::uint64_t before = thread_allocations;
+    std::uint64_t drain_allocations = 0;
+    unsigned int in_batch = 0;
+    for (auto _ : state) {
+        logferry::log_start(CONTEXT, key, LEVEL_INFO);
+        logferry::log_int32(key, static_cast<std::int32_t>(value));
+        logferry::log_utf8_string(key, "hello world");
+        logferry::log_uint32_formatted(key, value, logferry::LogFormat::kHex);
+        logferry::log_finish(key);
+        ++value;
+        if (++in_batch == BATCH) {
+            state.PauseTiming();
+            const std::uint64_t before_drain = thread_allocations;
+            session.drain_here();
+            drain_allocations += thread_allocations - before_drain;  // the daemon's, not ours
+            state.ResumeTiming();
+            in_batch = 0;
+        }
+    }
+    set_allocation_counter(state, before + drain_allocations);
+    state.SetItemsProcessed(state.iterations());
+    session.drain_here();
+    session.pause_reader(false);
+}
+BENCHMARK(BM_message_no_concurrent_reader)->UseRealTime();
+
+void BM_is_log_level_enabled(benchmark::State& state)
+{
+    unsigned char level = 1;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(logferry::is_log_level_enabled(CONTEXT, level));
+        level = static_cast<unsigned char>(level % 6 + 1);
+    }
+}
+BENCHMARK(BM_is_log_level_enabled)->UseRealTime();
+
+// The floor's ring: a robust process-shared mutex and a byte ring in shared memory, written
+// the way the channel frames its records.
+struct Floor_ring {
+    pthread_mutex_t mutex;
+    std::uint32_t write;
+    unsigned char bytes[131071];
+};
+
+Floor_ring* make_floor_ring()
+{
+    void* memory = ::mmap(nullptr, sizeof(Floor_ring), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        std::perror("bench: mmap");
+        std::exit(1);
+    }
+    auto* ring = static_cast<Floor_ring*>(memory);
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+    pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+    pthread_mutex_init(&ring->mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+    ring->write = 0;
+    return ring;
+}
+
+inline unsigned char* put32(unsigned char* out, std::uint32_t value)
+{
+    out[0] = static_cast<unsigned char>(value);
+    out[1] = static_cast<unsigned char>(value >> 8);
+    out[2] = static_cast<unsigned char>(value >> 16);
+    out[3] = static_cast<unsigned char>(value >> 24);
+    return out + 4;
+}
+
+// One message's irreducible work: read the clock, encode the 57 bytes on the stack, copy
+// them into the ring under its robust mutex.
+inline void floor_message(Floor_ring* ring, std::uint32_t key, std::uint32_t value)
+{
+    static const char text[] = "hello world";
+    timespec now;
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    const std::uint32_t timestamp =
+        static_cast<std::uint32_t>(now.tv_sec) * 10000u + static_cast<std::uint32_t>(now.tv_nsec / 100000);
+
+    unsigned char message[64];
+    unsigned char* p = message;
+    *p++ = 7;
+    *p++ = LEVEL_INFO;
+    p = put32(p, CONTEXT);
+    p = put32(p, key);
+    p = put32(p, timestamp);
+    *p++ = 12;
+    p = put32(p, key);
+    p = put32(p, value);
+    *p++ = 20;
+    *p++ = sizeof(text) + 7;
+    *p++ = 0;
+    p = put32(p, key);
+    std::memcpy(p, text, sizeof(text));
+    p += sizeof(text);
+    *p++ = 16;
+    *p++ = 2;
+    p = put32(p, value);
+    p = put32(p, key);
+    *p++ = 8;
+    p = put32(p, key);
+    const auto size = static_cast<std::uint32_t>(p - message);
+
+    if (::pthread_mutex_lock(&ring->mutex) == EOWNERDEAD) {
+        ::pthread_mutex_consistent(&ring->mutex);
+    }
+    std::uint32_t at = ring->write;
+    if (at + 2 + size > sizeof(ring->bytes)) {
+        at = 0;
+    }
+    ring->bytes[at] = static_cast<unsigned char>(size);
+    ring->bytes[at + 1] = static_cast<unsigned char>(size >> 8);
+    std::memcpy(ring->bytes + at + 2, message, size);
+    ring->write = at + 2 + size;
+    ::pthread_mutex_unlock(&ring->mutex);
+}
+
+void BM_floor(benchmark::State& state)
+{
+    static Floor_ring* const ring = make_floor_ring();
+    std::uint32_t value = 0;
+    for (auto _ : state) {
+        floor_message(ring, 1000, value);
+        benchmark::ClobberMemory();
+        ++value;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_floor)->UseRealTime();
+
+// For comparison only: the floor with a reader in another thread taking the records out of
+// its ring as the daemon's end does (each into a vector of its own, the bytes zeroed), in
+// bursts with the same nap. This adds the cross-core traffic and lock contention that any
+// design pays for handing bytes to a concurrent reader.
+void BM_floor_with_reader(benchmark::State& state)
+{
+    static Floor_ring* const ring = make_floor_ring();
+    std::atomic<bool> stop{false};
+    std::thread reader([&stop] {
+        const auto nap = std::chrono::microseconds(reader_nap_us());
+        while (!stop.load(std::memory_order_relaxed)) {
+            if (::pthread_mutex_lock(&ring->mutex) == EOWNERDEAD) {
+                ::pthread_mutex_consistent(&ring->mutex);
+            }
+            std::uint32_t at = 0;
+            while (at + 2 < ring->write) {
+                const std::uint32_t size = ring->bytes[at] | (ring->bytes[at + 1] << 8);
+                if (size == 0) {
+                    break;
+                }
+                std::vector<unsigned char> record(ring->bytes + at + 2, ring->bytes + at + 2 + size);
+                benchmark::DoNotOptimize(record.data());
+                std::memset(ring->bytes + at, 0, size + 2);
+                at += size + 2;
+            }
+            ring->write = 0;
+            ::pthread_mutex_unlock(&ring->mutex);
+            if (nap.count() > 0) {
+                std::this_thread::sleep_for(nap);
+            }
+        }
+    });
+    std::uint32_t value = 0;
+    for (auto _ : state) {
+        floor_message(ring, 1000, value);
+        benchmark::ClobberMemory();
+        ++value;
+    }
+    stop = true;
+    reader.join();
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_floor_with_reader)->UseRealTime();
+
+// ---------------------------------------------------------------------------------------
+// Summary
+
+struct Result {
+    double real_ns = 0;
+    double items_per_second = 0;
+    double allocs_per_msg = -1;
+};
+
+class Summary_reporter : public benchmark::ConsoleReporter {
+public:
+    Summary_reporter() : ConsoleReporter(OO_Tabular) {}
+
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            if (run.error_occurred) {
+                continue;
+            }
+            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            const bool single = run.run_type == Run::RT_Iteration;
+            if (!median && !single) {
+                continue;
+            }
+            const std::string name = run.run_name.str();
+            if (single && medians_.count(name) != 0) {
+                continue;
+            }
+            Result result;
+            result.real_ns = run.GetAdjustedRealTime();
+            const auto items = run.counters.find("items_per_second");
+            if (items != run.counters.end()) {
+                result.items_per_second = items->second.value;
+            }
+            const auto allocations = run.counters.find("allocs_per_msg");
+            if (allocations != run.counters.end()) {
+                result.allocs_per_msg = allocations->second.value;
+            }
+            results_[name] = result;
+            if (median) {
+                medians_[name] = true;
+            }
+        }
+    }
+
+    const Result* find(const std::string& name) const
+    {
+        const auto found = results_.find(name);
+        return found == results_.end() ? nullptr : &found->second;
+    }
+
+private:
+    std::map<std::string, Result> results_;
+    std::map<std::string, bool> medians_;
+};
+
+void print_summary(const Summary_reporter& reporter, std::uint64_t read, std::uint64_t lost)
+{
+    const Result* message = reporter.find("BM_message/real_time");
+    const Result* message2 = reporter.find("BM_message/real_time/threads:2");
+    const Result* floor = reporter.find("BM_floor/real_time");
+    const Result* level = reporter.find("BM_is_log_level_enabled/real_time");
+    const Result* quiet = reporter.find("BM_message_no_concurrent_reader/real_time");
+    const Result* floor_read = reporter.find("BM_floor_with_reader/real_time");
+    std::printf("\nsummary (wall-clock ns; medians when repetitions were asked for)\n");
+    std::printf("  %-44s %10s\n", "measure", "value");
+    if (message != nullptr) {
+        std::printf("  %-44s %10.1f\n", "message, 1 thread: ns per message", message->real_ns);
+    }
+    if (floor != nullptr) {
+        std::printf("  %-44s %10.1f\n", "floor: ns per message", floor->real_ns);
+    }
+    if (message != nullptr && floor != nullptr && floor->real_ns > 0) {
+        std::printf("  %-44s %10.2f   (goal <= 3.5)\n", "ratio message / floor", message->real_ns / floor->real_ns);
+    }
+    if (message2 != nullptr) {
+        // Wall time over the messages of both threads together.
+        std::printf("  %-44s %10.1f\n", "message, 2 threads: ns per message", message2->real_ns);
+    }
+    if (quiet != nullptr) {
+        std::printf("  %-44s %10.1f\n", "message, no concurrent reader: ns", quiet->real_ns);
+        if (floor != nullptr && floor->real_ns > 0) {
+            std::printf("  %-44s %10.2f\n", "ratio, no concurrent reader / floor", quiet->real_ns / floor->real_ns);
+        }
+    }
+    if (floor_read != nullptr && message != nullptr && floor_read->real_ns > 0) {
+        std::printf("  %-44s %10.1f\n", "floor with a concurrent reader: ns", floor_read->real_ns);
+        std::printf("  %-44s %10.2f\n", "ratio message / floor with reader", message->real_ns / floor_read->real_ns);
+    }
+    if (level != nullptr) {
+        std::printf("  %-44s %10.1f   (goal <= 40)\n", "is_log_level_enabled: ns", level->real_ns);
+    }
+    if (message != nullptr) {
+        std::printf("  %-44s %10.3f   (goal <= 2)\n", "allocations per message, 1 thread", message->allocs_per_msg);
+    }
+    if (message2 != nullptr) {
+        std::printf("  %-44s %10.3f\n", "allocations per message, 2 threads", message2->allocs_per_msg);
+    }
+    std::printf("  %-44s %10llu\n", "messages read by the daemon side", static_cast<unsigned long long>(read));
+    std::printf("  %-44s %10llu\n", "messages discarded (ring full)", static_cast<unsigned long long>(lost));
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    session.start();
+    Summary_reporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    const std::uint64_t lost = logferry::client.lost_messages.load();
+    session.stop();
+    print_summary(reporter, session.messages_read(), lost);
+    benchmark::Shutdown();
+    return 0;
+}
