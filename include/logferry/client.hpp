@@ -162,6 +162,18 @@ LOGFERRY_API void log_encoded_message(const std::vector<unsigned char>& message,
 LOGFERRY_API bool append_to_logstream(std::uint32_t stream_key, const std::vector<unsigned char>& bytes);
 
 // ---------------------------------------------------------------------------------------
+// Requests to the daemon about this application's output. Each travels ahead of ordinary
+// traffic, in call order; a request made while no daemon is attached waits for it.
+
+/// Asks the daemon to print this application's messages locally. Always true.
+LOGFERRY_API bool enable_local_print();
+/// Asks the daemon to stop forwarding this application's messages remotely.
+LOGFERRY_API void disable_remote();
+/// Asks the daemon to write this application's messages to the file `name` (at most 254
+/// characters are sent). False only for a null name.
+LOGFERRY_API bool init_file(const char* name);
+
+// ---------------------------------------------------------------------------------------
 // Receiver thread and queries.
 
 /// Body of `message_receiver_thread`; returns once `terminate_receiver_thread` is set.

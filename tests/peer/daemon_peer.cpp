@@ -1,0 +1,188 @@
+// A daemon-side test peer: takes the daemon's role with the library's own exported classes
+// and reports what it sees, one line per event on standard output:
+//   ready                    the listener is held
+//   attach <name>            a channel was announced and attached
+//   priority <hex>           one read of a channel's priority area
+//   ring <hex>               one record unit from a channel's ring
+//   detach <name>            the application's end is gone
+// Commands, one per line on standard input:
+//   level <handle> <level>   send a level update to every attached channel
+//   raw <hex>                send these bytes to every attached channel
+//   text <text>              send <text> and a line feed to every attached channel
+//   hold / release           stop / resume emptying the priority areas
+//   leave                    detach cleanly from every channel (the listener stays)
+//   quit                     detach, give up the listener, exit
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "logferry/channel.hpp"
+#include "logferry/listener.hpp"
+#include "logferry/message.hpp"
+
+namespace {
+
+void emit(const std::string& line)
+{
+    const std::string whole = line + "\n";
+    const char* data = whole.data();
+    std::size_t left = whole.size();
+    while (left > 0) {
+        const ssize_t written = ::write(1, data, left);
+        if (written <= 0) {
+            return;
+        }
+        data += written;
+        left -= static_cast<std::size_t>(written);
+    }
+}
+
+std::string to_hex(const std::vector<unsigned char>& bytes)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (unsigned char byte : bytes) {
+        text += digits[byte >> 4];
+        text += digits[byte & 15];
+    }
+    return text;
+}
+
+std::vector<unsigned char> from_hex(const std::string& text)
+{
+    std::vector<unsigned char> bytes;
+    for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
+        bytes.push_back(static_cast<unsigned char>(std::stoi(text.substr(i, 2), nullptr, 16)));
+    }
+    return bytes;
+}
+
+struct Attachment {
+    std::unique_ptr<logferry::Logferry_base> end;
+    bool gone = false;
+};
+
+volatile sig_atomic_t stop_requested = 0;
+void on_signal(int) { stop_requested = 1; }
+
+}  // namespace
+
+int main()
+{
+    ::signal(SIGTERM, on_signal);
+    ::signal(SIGPIPE, SIG_IGN);
+    logferry::Logferry_listener listener(true);
+    if (!listener.init()) {
+        emit("listener-failed");
+        return 1;
+    }
+    emit("ready");
+
+    std::vector<Attachment> channels;
+    std::string input;
+    unsigned int tick = 0;
+    bool quit = false;
+    bool hold_priority = false;
+    while (!quit && !stop_requested) {
+        ++tick;
+        if (tick % 20 == 0) {
+            listener.check_watchdogs();
+        }
+        for (std::string name = listener.get_next(); !name.empty(); name = listener.get_next()) {
+            Attachment attachment;
+            attachment.end.reset(new logferry::Logferry_base());
+            if (attachment.end->init(name)) {
+                emit("attach " + name);
+                channels.push_back(std::move(attachment));
+            }
+        }
+        for (Attachment& channel : channels) {
+            if (channel.gone) {
+                continue;
+            }
+            logferry::Logferry_base& end = *channel.end;
+            if (tick % 20 == 0) {
+                end.is_connection_active();
+            }
+            if (!hold_priority) {
+                const std::vector<unsigned char> priority = end.pop_priority();
+                if (!priority.empty()) {
+                    emit("priority " + to_hex(priority));
+                }
+            }
+            for (std::vector<unsigned char> unit = end.pop(); !unit.empty(); unit = end.pop()) {
+                emit("ring " + to_hex(unit));
+            }
+            if (__atomic_load_n(&end.segment->client_watchdog, __ATOMIC_SEQ_CST) == 0) {
+                emit("detach " + end.get_filename());
+                end.uninit();
+                channel.gone = true;
+            }
+        }
+
+        pollfd stdin_poll{0, POLLIN, 0};
+        if (::poll(&stdin_poll, 1, 5) > 0) {
+            char buffer[4096];
+            const ssize_t got = ::read(0, buffer, sizeof buffer);
+            if (got <= 0) {
+                quit = true;  // the test went away
+            } else {
+                input.append(buffer, static_cast<std::size_t>(got));
+            }
+        }
+        for (std::size_t end_of_line = input.find('\n'); end_of_line != std::string::npos;
+             end_of_line = input.find('\n')) {
+            const std::string line = input.substr(0, end_of_line);
+            input.erase(0, end_of_line + 1);
+            std::istringstream words(line);
+            std::string command;
+            words >> command;
+            std::vector<unsigned char> message;
+            if (command == "level") {
+                unsigned long handle = 0;
+                unsigned int level = 0;
+                words >> handle >> level;
+                message = {logferry::KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER, static_cast<unsigned char>(level),
+                           static_cast<unsigned char>(handle & 0xFF),
+                           static_cast<unsigned char>((handle >> 8) & 0xFF),
+                           static_cast<unsigned char>((handle >> 16) & 0xFF),
+                           static_cast<unsigned char>((handle >> 24) & 0xFF)};
+            } else if (command == "raw") {
+                std::string hex;
+                words >> hex;
+                message = from_hex(hex);
+            } else if (command == "text") {
+                const std::string text = line.size() > 5 ? line.substr(5) + "\n" : "\n";
+                message.assign(text.begin(), text.end());
+            } else if (command == "hold" || command == "release") {
+                hold_priority = command == "hold";
+            } else if (command == "leave" || command == "quit") {
+                for (Attachment& channel : channels) {
+                    if (!channel.gone) {
+                        channel.end->uninit();
+                        channel.gone = true;
+                    }
+                }
+                emit("left");
+                quit = command == "quit";
+                continue;
+            }
+            for (Attachment& channel : channels) {
+                if (!channel.gone && !message.empty()) {
+                    channel.end->push(message);
+                }
+            }
+            emit("done " + command);
+        }
+    }
+    listener.uninit();
+    emit("bye");
+    return 0;
+}

@@ -1,0 +1,94 @@
+#ifndef LOGFERRY_TEST_E2E_FIXTURE_HPP
+#define LOGFERRY_TEST_E2E_FIXTURE_HPP
+
+// Shared set-up of the tests that run the library against the daemon-side test peer: a
+// private run-state directory, the library's listener pointed at it, a channel name unique
+// to the test, and helpers to build the bytes the peer must see.
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "logferry/client.hpp"
+#include "support/daemon_peer.hpp"
+#include "support/test_util.hpp"
+
+namespace logferry_test {
+
+template <typename Record>
+std::vector<unsigned char> bytes_of(const Record& record)
+{
+    std::vector<unsigned char> bytes;
+    logferry::serialize(record, bytes);
+    return bytes;
+}
+
+inline std::vector<unsigned char> concat(const std::vector<std::vector<unsigned char>>& parts)
+{
+    std::vector<unsigned char> all;
+    for (const auto& part : parts) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
+    return all;
+}
+
+// The peer's lines of one kind ("priority ", "ring "), without the prefix.
+inline std::vector<std::string> payloads(const Daemon_peer& peer, const std::string& prefix)
+{
+    std::vector<std::string> result;
+    for (const std::string& line : peer.lines_with(prefix)) {
+        result.push_back(line.substr(prefix.size()));
+    }
+    return result;
+}
+
+// A log message whose start record's time stamp (bytes 10 to 13) is masked.
+inline std::string masked(std::string hex)
+{
+    if (hex.size() >= 28) {
+        hex.replace(20, 8, "tttttttt");
+    }
+    return hex;
+}
+
+class End_to_end_test : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        runstate_dir_ = "/tmp/lf-e2e-" + unique_id("", 30);
+        ::mkdir(runstate_dir_.c_str(), 0700);
+        ::mkdir((runstate_dir_ + "/ara_DLT").c_str(), 0700);
+        ::setenv("ADAPTIVE_RUNSTATE_DIR", runstate_dir_.c_str(), 1);
+        logferry::listener.lock_listener_name = runstate_dir_ + "/ara_DLT/logferry-daemon-listener.lock";
+        // The process id is part of the channel name, which keeps it unique; the whole name
+        // must fit the listener list's 32 bytes.
+        logferry::set_app_identifier("E2E");
+    }
+
+    void TearDown() override
+    {
+        logferry::exit();
+        peers_.clear();
+        const std::string command = "rm -rf '" + runstate_dir_ + "'";
+        EXPECT_EQ(std::system(command.c_str()), 0);
+    }
+
+    Daemon_peer& start_peer()
+    {
+        peers_.emplace_back(new Daemon_peer(LOGFERRY_TEST_DAEMON_PEER, runstate_dir_));
+        EXPECT_TRUE(peers_.back()->ready());
+        return *peers_.back();
+    }
+
+    std::string runstate_dir_;
+    std::vector<std::unique_ptr<Daemon_peer>> peers_;
+};
+
+}  // namespace logferry_test
+
+#endif
