@@ -1,0 +1,184 @@
+// Support shared by the fuzz harnesses: an input reader, mappings fenced by guard pages,
+// a robust process-shared mutex set-up, and capture of the library's diagnostic lines.
+//
+// The harnesses are compiled twice: as libFuzzer programs (fuzz/CMakeLists.txt) and into the
+// regression test of the normal suite (tests/test_fuzz_regressions.cpp), where their entry
+// point is renamed by a macro. Everything here is header-only and inline.
+#ifndef LOGFERRY_FUZZ_HARNESS_SUPPORT_HPP
+#define LOGFERRY_FUZZ_HARNESS_SUPPORT_HPP
+
+#include <pthread.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define LOGFERRY_FUZZ_ASAN 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) && !defined(LOGFERRY_FUZZ_ASAN)
+#define LOGFERRY_FUZZ_ASAN 1
+#endif
+#if defined(LOGFERRY_FUZZ_ASAN)
+#include <sanitizer/asan_interface.h>
+#define LOGFERRY_FUZZ_POISON(address, size) ASAN_POISON_MEMORY_REGION(address, size)
+#else
+#define LOGFERRY_FUZZ_POISON(address, size) ((void)(address), (void)(size))
+#endif
+
+namespace logferry_fuzz {
+
+// Reads the input from the front: integers little-endian, and zeros once it is used up, so
+// that every input, however short, decodes to something.
+class Reader {
+public:
+    Reader(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
+
+    bool empty() const { return at_ >= size_; }
+    std::size_t left() const { return at_ < size_ ? size_ - at_ : 0; }
+
+    std::uint8_t u8() { return at_ < size_ ? data_[at_++] : 0; }
+    std::uint16_t u16()
+    {
+        const std::uint16_t low = u8();
+        return static_cast<std::uint16_t>(low | (u8() << 8));
+    }
+    std::uint32_t u32()
+    {
+        const std::uint32_t low = u16();
+        return low | (static_cast<std::uint32_t>(u16()) << 16);
+    }
+    std::uint64_t u64()
+    {
+        const std::uint64_t low = u32();
+        return low | (static_cast<std::uint64_t>(u32()) << 32);
+    }
+    // Up to `count` bytes (fewer when the input ends first).
+    std::string bytes(std::size_t count)
+    {
+        const std::size_t taken = count < left() ? count : left();
+        std::string out(reinterpret_cast<const char*>(data_ + at_), taken);
+        at_ += taken;
+        return out;
+    }
+
+private:
+    const std::uint8_t* data_;
+    std::size_t size_;
+    std::size_t at_ = 0;
+};
+
+// One object of type T in anonymous private memory, fenced by inaccessible pages: the object
+// ends exactly where the upper guard page begins, and the slack in front of it (which the
+// object's alignment allows) is poisoned in AddressSanitizer builds. Any access outside the
+// object faults. The mapping is made once and kept for the life of the process.
+template <typename T>
+class Guarded {
+public:
+    Guarded()
+    {
+        const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+        const std::size_t inner = (sizeof(T) + page - 1) / page * page;
+        void* reserved = ::mmap(nullptr, inner + 2 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (reserved == MAP_FAILED) {
+            std::fprintf(stderr, "fuzz harness: cannot reserve %zu bytes\n", inner + 2 * page);
+            std::abort();
+        }
+        unsigned char* middle = static_cast<unsigned char*>(reserved) + page;
+        if (::mprotect(middle, inner, PROT_READ | PROT_WRITE) != 0) {
+            std::fprintf(stderr, "fuzz harness: cannot open the guarded middle\n");
+            std::abort();
+        }
+        const std::size_t slack = inner - sizeof(T);
+        if (slack % alignof(T) != 0) {
+            std::fprintf(stderr, "fuzz harness: the object cannot end at the guard page\n");
+            std::abort();
+        }
+        LOGFERRY_FUZZ_POISON(middle, slack);
+        object_ = reinterpret_cast<T*>(middle + slack);
+    }
+    Guarded(const Guarded&) = delete;
+    Guarded& operator=(const Guarded&) = delete;
+
+    T* get() const { return object_; }
+    unsigned char* bytes() const { return reinterpret_cast<unsigned char*>(object_); }
+
+private:
+    T* object_ = nullptr;
+};
+
+// A robust process-shared mutex of the normal kind, as the creating end sets them up.
+inline void init_robust_mutex(pthread_mutex_t* mutex)
+{
+    pthread_mutexattr_t attributes;
+    if (::pthread_mutexattr_init(&attributes) != 0 ||
+        ::pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_NORMAL) != 0 ||
+        ::pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED) != 0 ||
+        ::pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST) != 0 ||
+        ::pthread_mutex_init(mutex, &attributes) != 0) {
+        std::fprintf(stderr, "fuzz harness: cannot set up a mutex\n");
+        std::abort();
+    }
+    ::pthread_mutexattr_destroy(&attributes);
+}
+
+// Collects what the library writes to std::cerr (its diagnostic lines) while it lives; the
+// process's standard error descriptor itself is left alone, so sanitizer reports still show.
+class Captured_cerr {
+public:
+    Captured_cerr() : previous_(std::cerr.rdbuf(buffer_.rdbuf())) {}
+    ~Captured_cerr() { std::cerr.rdbuf(previous_); }
+    Captured_cerr(const Captured_cerr&) = delete;
+    Captured_cerr& operator=(const Captured_cerr&) = delete;
+
+    // What was written since the last call.
+    std::string take()
+    {
+        std::string text = buffer_.str();
+        buffer_.str(std::string());
+        return text;
+    }
+
+private:
+    std::ostringstream buffer_;
+    std::streambuf* previous_;
+};
+
+// A broken expectation: says what and where on the standard error descriptor, then aborts,
+// which both libFuzzer and the test suite report as a failure of the input.
+[[noreturn]] inline void violation(const char* harness, const std::string& what)
+{
+    std::fprintf(stderr, "%s: expectation broken: %s\n", harness, what.c_str());
+    std::fflush(stderr);
+    std::abort();
+}
+
+inline std::string quoted(const std::string& text)
+{
+    std::string out = "\"";
+    for (unsigned char c : text) {
+        if (c == '\n') {
+            out += "\\n";
+        } else if (c < 32 || c > 126) {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02x", c);
+            out += hex;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + "\"";
+}
+
+}  // namespace logferry_fuzz
+
+#endif
