@@ -338,7 +338,7 @@ TEST(System, GuardLockErrorAloneWritesOneLine)
     Scoped_system installed(&fake);
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     fake.fail(Op::pthread_mutex_lock, EAGAIN, 0);
-    // The section ran unlocked; the real unlock of an unlocked normal mutex returns 0 here.
+    fake.fail(Op::pthread_mutex_unlock, 0, 0);  // the section ran unlocked; its unlock succeeds
     const std::string output = logferry_test::capture_stderr([&] { Mutex_lock_guard guard(&mutex, false); });
     EXPECT_EQ(output, "logferry: error while locking the mutex: Resource temporarily unavailable\n");
 }
