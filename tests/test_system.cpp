@@ -341,6 +341,7 @@ TEST(System, GuardLockErrorAloneWritesOneLine)
     fake.fail(Op::pthread_mutex_unlock, 0, 0);  // the section ran unlocked; its unlock succeeds
     const std::string output = logferry_test::capture_stderr([&] { Mutex_lock_guard guard(&mutex, false); });
     EXPECT_EQ(output, "logferry: error while locking the mutex: Resource temporarily unavailable\n");
+    EXPECT_EQ(fake.calls(Op::pthread_mutex_unlock), 1);  // the destructor still unlocks
 }
 
 // ---------------------------------------------------------------------------------------
