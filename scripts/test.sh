@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the library and the test suite and runs it: once in a normal build with warnings as
-# errors, once under AddressSanitizer and UndefinedBehaviorSanitizer (halting on the first
-# report). Installs what it needs first. Exits non-zero on any failure.
+# errors, once under AddressSanitizer and UndefinedBehaviorSanitizer, once under
+# ThreadSanitizer (each halting on the first report). Installs what it needs first. Exits
+# non-zero on any failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -33,6 +34,7 @@ run_suite() {
 
 run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
 run_suite asan-ubsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=address,undefined
+run_suite tsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=thread
 
 leftover=$(ls /dev/shm | grep -E '^logferry-' || true)
 if [ -n "$leftover" ]; then
