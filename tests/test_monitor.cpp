@@ -203,6 +203,7 @@ protected:
 
     // Runs the monitor with `arguments`, its output going to `out` and `err`.
     static int launch(const std::vector<std::string>& arguments, const std::string& out, const std::string& err) {
+        const std::string path = LOGFERRY_MONITOR_PATH;
         const pid_t pid = ::fork();
         if (pid == 0) {
             const int out_fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -211,7 +212,7 @@ protected:
                 ::_exit(127);
             }
             std::vector<char*> argv;
-            std::string program = LOGFERRY_MONITOR_PATH;
+            std::string program = path;
             argv.push_back(&program[0]);
             std::vector<std::string> copies = arguments;
             for (std::string& argument : copies) {
@@ -600,6 +601,46 @@ TEST_F(Monitor, ServesManyApplicationsAtOnce) {
     EXPECT_NE(output().find("-- stopped    signal: " + std::to_string(applications * messages) + " log messages from " +
                             std::to_string(applications) + " applications"),
               std::string::npos);
+}
+
+TEST_F(Monitor, HeldBackMessagesWaitWhileTheApplicationLives) {
+    start_monitor();
+    Test_application app(unique_id("", 20));
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("GATE", ""))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "C", ""))));
+    ASSERT_TRUE(app.log(records(start(1, 4, 1), text(1, "held back"), finish(1))));
+    // Two control requests, one after the other: once the second one is printed, the
+    // monitor has been through the ring at least once since the message went in.
+    ASSERT_TRUE(app.send_priority(records(Logferry_enable_local_print())));
+    ASSERT_TRUE(app.send_priority(records(Logferry_disable_remote())));
+    ASSERT_TRUE(wait_for("-- control    GATE disable-remote\n")) << output();
+    EXPECT_EQ(output().find("held back"), std::string::npos) << output();
+
+    app.release();
+    EXPECT_TRUE(wait_for("GATE C    info    \"held back\"\n")) << output();
+    app.close();
+}
+
+TEST_F(Monitor, HeldBackMessagesOfAClosedApplicationAreRead) {
+    // An application that ends before its ring was released: once it has closed its
+    // channel, nothing more is to come ahead of those messages.
+    start_monitor();
+    Test_application app(unique_id("", 20));
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("LATE", ""))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "C", ""))));
+    ASSERT_TRUE(app.log(records(start(1, 4, 1), text(1, "first"), finish(1))));
+    ASSERT_TRUE(app.log(records(start(2, 4, 1), text(2, "last"), finish(2))));
+    app.close();
+    ASSERT_TRUE(wait_for("-- detach")) << output();
+    EXPECT_NE(mask_timestamps(output()).find("<ts> LATE C    info    \"first\"\n"
+                                             "<ts> LATE C    info    \"last\"\n"
+                                             "-- detach     LATE " + app.name() + " (closed its channel)\n"),
+              std::string::npos)
+        << output();
 }
 
 TEST_F(Monitor, CountStopsAfterThatManyMessages) {

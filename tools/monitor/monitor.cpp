@@ -99,7 +99,7 @@ void Monitor::run(const volatile std::sig_atomic_t& stop) {
                 const std::int64_t stamp =
                     __atomic_load_n(&attachment->channel->segment->client_watchdog, __ATOMIC_SEQ_CST);
                 if (stamp != 0 && seconds - stamp > SILENCE_LIMIT_SECONDS) {
-                    if (!drain(*attachment, true)) {
+                    if (!read_remainder(*attachment)) {
                         break;
                     }
                     detach(*attachment, "no sign of life for " + std::to_string(seconds - stamp) + " s");
@@ -116,7 +116,7 @@ void Monitor::run(const volatile std::sig_atomic_t& stop) {
             // Read the stamp first: whatever the application wrote before it cleared the
             // stamp on its way out is drained below.
             const std::int64_t stamp = __atomic_load_n(&attachment->channel->segment->client_watchdog, __ATOMIC_SEQ_CST);
-            if (!drain(*attachment, stamp == 0)) {
+            if (!(stamp == 0 ? read_remainder(*attachment) : drain(*attachment, false))) {
                 break;
             }
             if (stamp == 0) {
@@ -209,6 +209,21 @@ bool Monitor::drain(Attachment& attachment, bool everything) {
         }
     }
     return stop_reason_.empty();
+}
+
+bool Monitor::read_remainder(Attachment& attachment) {
+    if (!drain(attachment, true)) {
+        return false;
+    }
+    // An application that logged right after a registration or a control request may
+    // have ended before its receiver thread released the ring again. Its registrations
+    // have all been read by now, so nothing is left to wait for: lift the gate and read
+    // what it held back.
+    if (attachment.channel->is_client_buffer_locked() && !attachment.channel->is_empty()) {
+        attachment.channel->unlock_client_buffer();
+        return drain(attachment, true);
+    }
+    return true;
 }
 
 void Monitor::handle_control(Attachment& attachment, const Record& record, const char* source) {

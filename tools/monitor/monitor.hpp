@@ -59,6 +59,9 @@ private:
     // Drains the priority area and the ring (a bounded number of units, or everything);
     // false once a limit stops the monitor.
     bool drain(Attachment& attachment, bool everything);
+    // Before a detach: drains everything, including what the application's gate still
+    // holds back.
+    bool read_remainder(Attachment& attachment);
     void handle_control(Attachment& attachment, const logferry_decoder::Record& record, const char* source);
     bool handle_ring_unit(Attachment& attachment, const std::vector<unsigned char>& bytes);
     void send_level_updates(Attachment& attachment, const logferry_decoder::Record& context);
