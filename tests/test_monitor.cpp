@@ -203,7 +203,11 @@ protected:
 
     // Runs the monitor with `arguments`, its output going to `out` and `err`.
     static int launch(const std::vector<std::string>& arguments, const std::string& out, const std::string& err) {
-        const std::string path = LOGFERRY_MONITOR_PATH;
+        return run_program(LOGFERRY_MONITOR_PATH, arguments, out, err);
+    }
+
+    static int run_program(const std::string& path, const std::vector<std::string>& arguments, const std::string& out,
+                           const std::string& err) {
         const pid_t pid = ::fork();
         if (pid == 0) {
             const int out_fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -742,6 +746,55 @@ TEST_F(Monitor, UndecodableUnitsAreReportedAndServiceGoesOn) {
     EXPECT_NE(text.find("-- error      BAD ring: stream-key-mismatch at offset 14 (kind 12)"), std::string::npos) << text;
     app.close();
 }
+
+#ifdef LOGFERRY_EXAMPLE_PATH
+// The example application on the real front end, under the monitor.
+TEST_F(Monitor, ExampleApplicationUnderTheMonitor) {
+    start_monitor({"--level", "MAIN=debug", "--say", "hello from the monitor"});
+    const std::string example_out = dir_ + "/example.out";
+    const std::string example_err = dir_ + "/example.err";
+    const int example = run_program(LOGFERRY_EXAMPLE_PATH, {}, example_out, example_err);
+    const int status = logferry_test::wait_child(example, milliseconds(20000));
+    const std::string printed = read_file(example_out);
+    const std::string complaints = read_file(example_err);
+    ::unlink(example_out.c_str());
+    ::unlink(example_err.c_str());
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    ASSERT_TRUE(wait_for("-- detach")) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+
+    // The example prints the level before and after the update, and the monitor's text.
+    EXPECT_NE(printed.find("example: debug for MAIN before the level update: disabled\n"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("example: debug for MAIN after the level update: enabled\n"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("hello from the monitor\n"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("example: done\n"), std::string::npos) << printed;
+    EXPECT_EQ(complaints, "");
+
+    std::smatch match;
+    const std::string text = output();
+    ASSERT_TRUE(std::regex_search(text, match, std::regex("/logferry-EXA-[0-9]{1,5}-[0-9a-f]+"))) << text;
+    const std::string channel = match.str();
+    const std::string expected =
+        "-- listening  lock=" + lock_file_ + "\n"
+        "-- attach     " + channel + "\n"
+        "-- say        " + channel + " \"hello from the monitor\"\n"
+        "-- app        EXA \"logferry example application\" channel=" + channel + "\n"
+        "-- context    EXA MAIN handle=1 level=info \"Main context\"\n"
+        "-- set-level  EXA MAIN handle=1 level=debug\n"
+        "-- context    EXA NET handle=2 level=warn \"Network context\"\n"
+        "-- control    EXA enable-local-print\n"
+        "<ts> EXA  MAIN info    \"every argument type:\" true -8 -1600 -320000 -6400000000 200 0xbeef 0755 "
+        "0b1011010 0xC0FFEE 1.5 3.141592653589793 \"a view of\" [de ad be ef] encoded[01 02 03]\n"
+        "<ts> EXA  MAIN debug   \"debug is on\"\n"
+        "<ts> EXA  NET  warn    \"link down, retrying\" 3\n"
+        "-- detach     EXA " + channel + " (closed its channel)\n"
+        "-- stopped    signal: 3 log messages from 1 applications\n";
+    EXPECT_EQ(mask_timestamps(text), expected);
+    EXPECT_EQ(errors(), "");
+    EXPECT_FALSE(logferry_test::shm_exists(channel));
+}
+#endif
 
 TEST_F(Monitor, UsageErrorsAndHelp) {
     const auto run = [&](const std::vector<std::string>& arguments) {
