@@ -23,8 +23,8 @@ using Stream_map = std::unordered_map<std::uint32_t, std::vector<unsigned char>>
 using Stream_node = Stream_map::node_type;
 
 constexpr std::uint8_t MAX_LOG_LEVEL = 6;
-// Longest text a text record takes (one byte of the 1390 is kept for a second terminator
-// so that a text of 1389 characters is refused), longest payload of the payload records.
+// Longest text a log call takes (1388 characters; a text of 1389 or more is dropped, not
+// cut), and longest payload of the raw and encoded records (1389 bytes).
 constexpr std::size_t MAX_TEXT_LENGTH = 1388;
 constexpr std::size_t MAX_PAYLOAD_LENGTH = 1389;
 constexpr std::size_t TEXT_SCAN_LIMIT = RECORD_DATA_SIZE;
