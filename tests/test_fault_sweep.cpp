@@ -1,0 +1,1134 @@
+// Fault-injection sweep: every operating-system call that the library's set-up and
+// tear-down paths make fails in turn, and the library must say exactly what the design says
+// for that failure (or nothing), return its failure result, leave nothing behind that the
+// design does not leave, not crash or hang, and work again on the next attempt.
+//
+// For each path the calls are discovered first: the path runs once without faults while
+// every call through the system seam is recorded. Then each recorded call (the first,
+// second, ... call of each operation) fails in its own case with each realistic failure of
+// the table below; the pthread calls return their error code, the others -1 with errno.
+// Every recorded call must have an entry in the table and every entry must name a call the
+// path makes, so the table and the code cannot drift apart unnoticed. Each test prints how
+// many (call, failure) pairs it covered and records it as the property "fault_pairs".
+//
+// The injected failures behave as the real system would: a failing close still releases
+// the descriptor (Linux does), a failing unlock leaves the mutex unlocked (it fails because
+// the caller does not hold it), and an EOWNERDEAD lock holds the lock. The sleeps are not
+// failed (their EINTR handling is tested with the system layer).
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "logferry/channel.hpp"
+#include "logferry/client.hpp"
+#include "logferry/listener.hpp"
+#include "support/fake_system.hpp"
+#include "support/test_util.hpp"
+
+using logferry_test::capture_stderr;
+using logferry_test::count_mappings;
+using logferry_test::count_open_fds;
+using logferry_test::Fake_system;
+using logferry_test::Op;
+using logferry_test::op_name;
+using logferry_test::Scoped_system;
+using logferry_test::shm_exists;
+
+namespace {
+
+const char* const LISTENER_SHM = "/logferry-daemon-listener";
+const char* const FALLBACK_LOCK = "/tmp/logferry-daemon-listener.lock";
+
+// ---------------------------------------------------------------------------------------
+// The failures and what the design makes of them.
+
+struct Failure {
+    long result;  // what the call returns: -1 (errno below) or, for pthread calls, the code
+    int error;    // errno for the calls that return -1
+};
+
+// What a failure leaves behind by design, besides the result and the message.
+enum Residue : unsigned {
+    NO_RESIDUE = 0,
+    CHANNEL_OBJECT = 1,    // the created channel object stays in /dev/shm (unmapped) until the next init
+    LISTENER_OBJECT = 2,   // the daemon's listener object stays in /dev/shm (unmapped)
+    LOCK_FILE = 4,         // the daemon's lock file stays, open and locked, until its next init or destruction
+    CHANNEL_MAPPING = 8,   // a failed munmap of the channel: the mapping stays
+    LISTENER_MAPPING = 16, // a failed munmap of the listener segment: the mapping stays
+    FALLBACK = 32,         // the listener switched to the lock file under /tmp (for good)
+};
+
+struct Row {
+    const char* part;  // which step of the path makes the call
+    Op op;
+    int occurrence;    // which call of `op` in the path (0 = the first); -1 = every one
+    Failure failure;
+    bool succeeds;     // the path's result despite the failure
+    std::string message;  // "{name}": the channel's name, "{error}": the failure's error text
+    unsigned residue;
+};
+
+bool is_pthread_op(Op op)
+{
+    switch (op) {
+    case Op::pthread_mutexattr_init:
+    case Op::pthread_mutexattr_settype:
+    case Op::pthread_mutexattr_setpshared:
+    case Op::pthread_mutexattr_setrobust:
+    case Op::pthread_mutexattr_destroy:
+    case Op::pthread_mutex_init:
+    case Op::pthread_mutex_lock:
+    case Op::pthread_mutex_trylock:
+    case Op::pthread_mutex_unlock:
+    case Op::pthread_mutex_consistent:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool is_sleep(Op op) { return op == Op::sleep_for_milliseconds || op == Op::sleep_for_seconds; }
+
+std::string replace_all(std::string text, const std::string& key, const std::string& value)
+{
+    for (std::size_t at = text.find(key); at != std::string::npos; at = text.find(key, at + value.size())) {
+        text.replace(at, key.size(), value);
+    }
+    return text;
+}
+
+std::string expected_message(const Row& row, const std::string& channel_name)
+{
+    const int code = is_pthread_op(row.op) ? static_cast<int>(row.failure.result) : row.failure.error;
+    return replace_all(replace_all(row.message, "{name}", channel_name), "{error}", std::strerror(code));
+}
+
+std::string describe(Op op, int occurrence, const Row& row)
+{
+    const int code = is_pthread_op(op) ? static_cast<int>(row.failure.result) : row.failure.error;
+    return std::string(row.part) + ": call " + std::to_string(occurrence + 1) + " of " + op_name(op) + " fails (" +
+           (code != 0 ? std::strerror(code) : "returns " + std::to_string(row.failure.result)) + ")";
+}
+
+// Texts of the design (one line each, "logferry: " first, the system's text where a call failed).
+const std::string OWNER_CHANNEL = "logferry: error setting owner of {name}: {error}\n";
+const std::string OWNER_CHANNEL_MISSING = "logferry: error setting owner of {name}: No such file or directory\n";
+const std::string OWNER_LISTENER = "logferry: error setting owner of /logferry-daemon-listener: {error}\n";
+const std::string OPEN_SHM = "logferry: error while opening the shared memory: {error}\n";
+const std::string TRUNCATE = "logferry: error while truncating the shared memory: {error}\n";
+const std::string MAP = "logferry: error while mapping the shared memory: {error}\n";
+const std::string UNMAP = "logferry: error while unmapping the shared memory: {error}\n";
+const std::string MUTEX_INIT = "logferry: error while initializing the mutex.\n";
+const std::string LOCK_FILE_TEXT = "logferry: error while locking the file: {error}\n";
+const std::string LOCK = "logferry: error while locking the mutex: {error}\n";
+const std::string UNLOCK = "logferry: error while unlocking the mutex: {error}\n";
+const std::string UNLOCK_NOT_HELD = "logferry: error while unlocking the mutex: Operation not permitted\n";
+const std::string GETTIME = "logferry: gettime failed\n";
+
+const Failure ENOMEM_CODE{ENOMEM, 0};
+const Failure EINVAL_CODE{EINVAL, 0};
+
+// The mutex set-up of a segment: every call may fail, at every mutex.
+void add_mutex_setup_rows(std::vector<Row>& rows, const char* part, unsigned residue)
+{
+    const std::pair<Op, std::vector<Failure>> calls[] = {
+        {Op::pthread_mutexattr_init, {ENOMEM_CODE}},
+        {Op::pthread_mutexattr_settype, {EINVAL_CODE}},
+        {Op::pthread_mutexattr_setpshared, {EINVAL_CODE, {ENOTSUP, 0}}},
+        {Op::pthread_mutexattr_setrobust, {EINVAL_CODE, {ENOTSUP, 0}}},
+        {Op::pthread_mutex_init, {{EAGAIN, 0}, ENOMEM_CODE, {EPERM, 0}}},
+        {Op::pthread_mutexattr_destroy, {EINVAL_CODE}},
+    };
+    for (const auto& call : calls) {
+        for (const Failure& failure : call.second) {
+            rows.push_back({part, call.first, -1, failure, false, MUTEX_INIT, residue});
+        }
+    }
+}
+
+// Logferry_client::init: the application's end creates its segment.
+std::vector<Row> channel_init_rows()
+{
+    const char* part = "channel init";
+    std::vector<Row> rows = {
+        {part, Op::shm_unlink, 0, {-1, EACCES}, true, "", NO_RESIDUE},  // a stale object's removal: ignored
+        // The group is set whatever shm_open returned: with no object it fails too.
+        {part, Op::shm_open, 0, {-1, EACCES}, false, OWNER_CHANNEL_MISSING + OPEN_SHM, NO_RESIDUE},
+        {part, Op::shm_open, 0, {-1, EMFILE}, false, OWNER_CHANNEL_MISSING + OPEN_SHM, NO_RESIDUE},
+        {part, Op::shm_open, 0, {-1, ENOSPC}, false, OWNER_CHANNEL_MISSING + OPEN_SHM, NO_RESIDUE},
+        {part, Op::chown, 0, {-1, EPERM}, true, OWNER_CHANNEL, NO_RESIDUE},
+        {part, Op::chown, 0, {-1, EINVAL}, true, OWNER_CHANNEL, NO_RESIDUE},
+        {part, Op::ftruncate, 0, {-1, EFBIG}, false, TRUNCATE, CHANNEL_OBJECT},
+        {part, Op::ftruncate, 0, {-1, EIO}, false, TRUNCATE, CHANNEL_OBJECT},
+        {part, Op::mmap, 0, {-1, ENOMEM}, false, MAP, CHANNEL_OBJECT},
+        {part, Op::mmap, 0, {-1, EACCES}, false, MAP, CHANNEL_OBJECT},
+        {part, Op::clock_gettime, 0, {-1, EINVAL}, true, "", NO_RESIDUE},  // the watchdog stays 0
+        {part, Op::close, 0, {-1, EIO}, true, "", NO_RESIDUE},
+    };
+    add_mutex_setup_rows(rows, part, CHANNEL_OBJECT);
+    return rows;
+}
+
+// Logferry_listener::init on the application's side, while a daemon holds the lock.
+// `first` is the number of earlier calls of shm_open, mmap and close in the same path
+// (close counts twice per earlier descriptor).
+std::vector<Row> listener_application_rows(int earlier_shm_open, int earlier_mmap, int earlier_close)
+{
+    const char* part = "listener init";
+    return {
+        // Without the run-state directory the lock file is looked for under /tmp, where no
+        // daemon holds it.
+        {part, Op::stat, 0, {-1, EACCES}, false, "", FALLBACK},
+        {part, Op::stat, 0, {-1, ENOENT}, false, "", FALLBACK},
+        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE},
+        {part, Op::open, 0, {-1, EMFILE}, false, "", NO_RESIDUE},
+        {part, Op::lockf, 0, {-1, ENOLCK}, false, "", NO_RESIDUE},
+        {part, Op::lockf, 0, {-1, EBADF}, false, "", NO_RESIDUE},
+        {part, Op::lockf, 0, {0, 0}, false, "", NO_RESIDUE},  // the lock looks free: no daemon
+        {part, Op::close, earlier_close, {-1, EIO}, true, "", NO_RESIDUE},
+        {part, Op::shm_open, earlier_shm_open, {-1, EACCES}, false, OPEN_SHM, NO_RESIDUE},
+        {part, Op::shm_open, earlier_shm_open, {-1, ENOENT}, false, OPEN_SHM, NO_RESIDUE},
+        {part, Op::mmap, earlier_mmap, {-1, ENOMEM}, false, MAP, NO_RESIDUE},
+        {part, Op::close, earlier_close + 1, {-1, EIO}, true, "", NO_RESIDUE},
+    };
+}
+
+// A process-shared lock taken and released through the guard (or explicitly). A failed lock
+// leaves the section unguarded, and the release of the lock that was never taken then fails.
+void add_lock_rows(std::vector<Row>& rows, const char* part, int occurrence)
+{
+    rows.push_back({part, Op::pthread_mutex_lock, occurrence, {ENOTRECOVERABLE, 0}, true, LOCK + UNLOCK_NOT_HELD, NO_RESIDUE});
+    rows.push_back({part, Op::pthread_mutex_lock, occurrence, {EINVAL, 0}, true, LOCK + UNLOCK_NOT_HELD, NO_RESIDUE});
+    rows.push_back({part, Op::pthread_mutex_lock, occurrence, {EAGAIN, 0}, true, LOCK + UNLOCK_NOT_HELD, NO_RESIDUE});
+    // The holder died: the lock is taken over without a word.
+    rows.push_back({part, Op::pthread_mutex_lock, occurrence, {EOWNERDEAD, 0}, true, "", NO_RESIDUE});
+    rows.push_back({part, Op::pthread_mutex_unlock, occurrence, {EPERM, 0}, true, UNLOCK, NO_RESIDUE});
+}
+
+// Logferry_listener::init on the daemon's side.
+std::vector<Row> listener_daemon_rows()
+{
+    const char* part = "daemon listener init";
+    const unsigned after_lock = LOCK_FILE;
+    const unsigned after_create = LOCK_FILE | LISTENER_OBJECT;
+    // With shm_open failing, the group is set on a name just removed; its errno is reported.
+    const std::string open_failed = "logferry: error setting owner of /logferry-daemon-listener: No such file or directory\n"
+                                    "logferry: error while opening the shared memory: No such file or directory\n";
+    std::vector<Row> rows = {
+        // Without the run-state directory the daemon takes the lock file under /tmp.
+        {part, Op::stat, 0, {-1, EACCES}, true, "", FALLBACK},
+        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE},
+        {part, Op::open, 0, {-1, EROFS}, false, "", NO_RESIDUE},
+        {part, Op::lockf, 0, {-1, ENOLCK}, false, LOCK_FILE_TEXT, after_lock},
+        {part, Op::lockf, 0, {-1, EINTR}, false, LOCK_FILE_TEXT, after_lock},
+        {part, Op::lockf, 0, {-1, EDEADLK}, false, LOCK_FILE_TEXT, after_lock},
+        {part, Op::shm_unlink, 0, {-1, EACCES}, true, "", NO_RESIDUE},
+        {part, Op::shm_open, 0, {-1, EACCES}, false, open_failed, after_lock},
+        {part, Op::shm_open, 0, {-1, EMFILE}, false, open_failed, after_lock},
+        {part, Op::chown, 0, {-1, EPERM}, true, OWNER_LISTENER, NO_RESIDUE},
+        {part, Op::ftruncate, 0, {-1, EFBIG}, false, TRUNCATE, after_create},
+        {part, Op::ftruncate, 0, {-1, EIO}, false, TRUNCATE, after_create},
+        {part, Op::mmap, 0, {-1, ENOMEM}, false, MAP, after_create},
+        {part, Op::mmap, 0, {-1, EACCES}, false, MAP, after_create},
+        {part, Op::close, 0, {-1, EIO}, true, "", NO_RESIDUE},
+    };
+    add_mutex_setup_rows(rows, part, after_create);
+    return rows;
+}
+
+// ---------------------------------------------------------------------------------------
+// The system used by the sweep: the fake system with injected failures that behave like
+// the real ones, a record of the calls, and sleeps at which the receiver thread parks until
+// the test lets it go on.
+
+class Sweep_system : public Fake_system {
+public:
+    Sweep_system()
+    {
+        on_call([this](Op op) { observe(op); });
+    }
+    ~Sweep_system() { on_call(nullptr); }
+
+    void start_recording()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        recorded_.clear();
+        recording_ = true;
+    }
+    std::vector<Op> stop_recording()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        recording_ = false;
+        return recorded_;
+    }
+
+    // The `occurrence`th call of `op` from now on fails once with `failure`.
+    void inject(Op op, int occurrence, const Failure& failure)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            target_ = op;
+            target_occurrence_ = occurrence;
+            seen_ = 0;
+            injected_ = false;
+            armed_ = true;
+        }
+        fail(op, failure.result, failure.error, 1, occurrence);
+    }
+    // Disarms the fault; true when the injected call was made.
+    bool clear()
+    {
+        clear_faults();
+        std::lock_guard<std::mutex> lock(mutex_);
+        armed_ = false;
+        return injected_;
+    }
+
+    int close(int fd) override
+    {
+        const int result = Fake_system::close(fd);
+        if (injected_now) {
+            ::close(fd);  // Linux releases the descriptor even when close reports an error
+        }
+        return result;
+    }
+    int pthread_mutex_lock(pthread_mutex_t* mutex) override
+    {
+        const int result = Fake_system::pthread_mutex_lock(mutex);
+        if (injected_now && result == EOWNERDEAD) {
+            ::pthread_mutex_lock(mutex);  // EOWNERDEAD comes with the lock
+        }
+        return result;
+    }
+    int pthread_mutex_unlock(pthread_mutex_t* mutex) override
+    {
+        const int result = Fake_system::pthread_mutex_unlock(mutex);
+        if (injected_now) {
+            ::pthread_mutex_unlock(mutex);  // the unlock fails because the lock is not held
+        }
+        return result;
+    }
+
+    // Parking: with it on, every sleep returns only when the test grants a wake-up (or the
+    // receiver thread is asked to finish).
+    void set_parking(bool on)
+    {
+        std::lock_guard<std::mutex> lock(park_mutex_);
+        parking_ = on;
+        park_cv_.notify_all();
+    }
+    int parks() const
+    {
+        std::lock_guard<std::mutex> lock(park_mutex_);
+        return parks_;
+    }
+    bool wait_parks(int count, std::chrono::milliseconds timeout = std::chrono::milliseconds(10000))
+    {
+        std::unique_lock<std::mutex> lock(park_mutex_);
+        return park_cv_.wait_for(lock, timeout, [&] { return parks_ >= count; });
+    }
+    // Lets the parked thread run one more pass and waits until it parks again.
+    bool run_one_pass()
+    {
+        int before = 0;
+        {
+            std::lock_guard<std::mutex> lock(park_mutex_);
+            before = parks_;
+            ++grants_;
+            park_cv_.notify_all();
+        }
+        return wait_parks(before + 1);
+    }
+
+    void sleep_for_milliseconds(unsigned int ms) override
+    {
+        Fake_system::sleep_for_milliseconds(ms);
+        park();
+    }
+    void sleep_for_seconds(unsigned int s) override
+    {
+        Fake_system::sleep_for_seconds(s);
+        park();
+    }
+
+    static thread_local bool injected_now;
+
+private:
+    void observe(Op op)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (recording_) {
+            recorded_.push_back(op);
+        }
+        injected_now = false;
+        if (armed_ && op == target_) {
+            if (seen_ == target_occurrence_) {
+                injected_now = true;
+                injected_ = true;
+            }
+            ++seen_;
+        }
+    }
+
+    void park()
+    {
+        std::unique_lock<std::mutex> lock(park_mutex_);
+        if (!parking_) {
+            return;
+        }
+        ++parks_;
+        park_cv_.notify_all();
+        while (grants_ == 0 && parking_ && !logferry::terminate_receiver_thread.load()) {
+            park_cv_.wait_for(lock, std::chrono::milliseconds(2));
+        }
+        if (grants_ > 0) {
+            --grants_;
+        }
+    }
+
+    std::mutex mutex_;
+    bool recording_ = false;
+    std::vector<Op> recorded_;
+    bool armed_ = false;
+    Op target_ = Op::count;
+    int target_occurrence_ = 0;
+    int seen_ = 0;
+    bool injected_ = false;
+
+    mutable std::mutex park_mutex_;
+    std::condition_variable park_cv_;
+    bool parking_ = false;
+    int parks_ = 0;
+    int grants_ = 0;
+};
+
+thread_local bool Sweep_system::injected_now = false;
+
+// Aborts the process with a note when one case runs too long: a hang is a finding too.
+class Hang_guard {
+public:
+    Hang_guard(std::string what, std::chrono::seconds limit) : what_(std::move(what))
+    {
+        watcher_ = std::thread([this, limit] {
+            std::unique_lock<std::mutex> lock(mutex_);
+            if (!cv_.wait_for(lock, limit, [this] { return done_; })) {
+                std::fprintf(stderr, "fault sweep: hang in case \"%s\"\n", what_.c_str());
+                std::fflush(stderr);
+                std::abort();
+            }
+        });
+    }
+    ~Hang_guard()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            done_ = true;
+        }
+        cv_.notify_all();
+        watcher_.join();
+    }
+    Hang_guard(const Hang_guard&) = delete;
+    Hang_guard& operator=(const Hang_guard&) = delete;
+
+private:
+    std::string what_;
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool done_ = false;
+    std::thread watcher_;
+};
+
+// Runs `run_case` for every recorded call and every failure the table gives for it, after
+// checking that the table and the recorded calls agree. Returns the number of pairs run.
+int sweep(const std::vector<Op>& calls, const std::vector<Row>& table,
+          const std::function<void(Op, int, const Row&)>& run_case)
+{
+    std::map<Op, int> made;
+    for (Op op : calls) {
+        if (!is_sleep(op)) {
+            ++made[op];
+        }
+    }
+    for (const Row& row : table) {
+        const int needed = row.occurrence < 0 ? 1 : row.occurrence + 1;
+        EXPECT_GE(made[row.op], needed) << row.part << ": the table expects call " << needed << " of "
+                                        << op_name(row.op) << ", which the path does not make";
+    }
+    int pairs = 0;
+    for (const auto& call : made) {
+        for (int occurrence = 0; occurrence < call.second; ++occurrence) {
+            bool covered = false;
+            for (const Row& row : table) {
+                if (row.op != call.first || (row.occurrence >= 0 && row.occurrence != occurrence)) {
+                    continue;
+                }
+                covered = true;
+                const std::string what = describe(call.first, occurrence, row);
+                SCOPED_TRACE(what);
+                Hang_guard guard(what, std::chrono::seconds(30));
+                run_case(call.first, occurrence, row);
+                ++pairs;
+                if (::testing::Test::HasFatalFailure()) {
+                    return pairs;
+                }
+            }
+            EXPECT_TRUE(covered) << "no expectation for call " << occurrence + 1 << " of " << op_name(call.first);
+        }
+    }
+    return pairs;
+}
+
+void report_pairs(const char* path, int pairs, int minimum, const std::vector<Op>& calls)
+{
+    std::string made;
+    for (Op op : calls) {
+        made += std::string(made.empty() ? "" : " ") + op_name(op);
+    }
+    std::printf("fault sweep, %s: %d (call, failure) pairs over the calls: %s\n", path, pairs, made.c_str());
+    std::fflush(stdout);
+    ::testing::Test::RecordProperty("fault_pairs", pairs);
+    EXPECT_GE(pairs, minimum);
+}
+
+bool path_exists(const std::string& path)
+{
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0;
+}
+
+// ---------------------------------------------------------------------------------------
+// Fixture: a private run-state directory (with ara_DLT), optionally a daemon's listener in a
+// child process (the lock it holds must belong to another process), and the sweep's system.
+
+class FaultSweep : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char pattern[] = "/tmp/logferry-sweep-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        runstate_ = pattern;
+        ASSERT_EQ(::mkdir((runstate_ + "/ara_DLT").c_str(), 0700), 0);
+        const char* previous = ::getenv("ADAPTIVE_RUNSTATE_DIR");
+        had_runstate_ = previous != nullptr;
+        previous_runstate_ = had_runstate_ ? previous : "";
+        ::setenv("ADAPTIVE_RUNSTATE_DIR", runstate_.c_str(), 1);
+        previous_lock_path_ = logferry::listener.lock_listener_name;
+        logferry::listener.lock_listener_name = lock_path();
+        ::shm_unlink(LISTENER_SHM);  // a stale segment of an aborted run
+    }
+
+    void TearDown() override
+    {
+        installed_.reset();
+        system_.reset();
+        stop_daemon();
+        logferry::listener.lock_listener_name = previous_lock_path_;
+        if (had_runstate_) {
+            ::setenv("ADAPTIVE_RUNSTATE_DIR", previous_runstate_.c_str(), 1);
+        } else {
+            ::unsetenv("ADAPTIVE_RUNSTATE_DIR");
+        }
+        ::unlink(lock_path().c_str());
+        ::rmdir((runstate_ + "/ara_DLT").c_str());
+        ::rmdir(runstate_.c_str());
+        EXPECT_FALSE(shm_exists(LISTENER_SHM)) << "the listener segment was left behind";
+    }
+
+    std::string lock_path() const { return runstate_ + "/ara_DLT/logferry-daemon-listener.lock"; }
+
+    // Call before install(): the child must run on the real system.
+    void start_daemon()
+    {
+        int ready[2];
+        int release[2];
+        ASSERT_EQ(::pipe(ready), 0);
+        ASSERT_EQ(::pipe(release), 0);
+        const std::string path = lock_path();
+        daemon_pid_ = logferry_test::fork_child([&] {
+            ::close(ready[0]);
+            ::close(release[1]);
+            logferry::Logferry_listener daemon(true);
+            daemon.lock_listener_name = path;
+            const bool ok = daemon.init();
+            const char answer = ok ? 'y' : 'n';
+            if (::write(ready[1], &answer, 1) != 1) {
+                return 2;
+            }
+            char ignored;
+            while (::read(release[0], &ignored, 1) > 0) {
+            }
+            daemon.uninit();
+            return ok ? 0 : 1;
+        });
+        ::close(ready[1]);
+        ::close(release[0]);
+        release_ = release[1];
+        char answer = 0;
+        ASSERT_EQ(::read(ready[0], &answer, 1), 1);
+        ::close(ready[0]);
+        ASSERT_EQ(answer, 'y');
+    }
+
+    void stop_daemon()
+    {
+        if (release_ >= 0) {
+            ::close(release_);
+            release_ = -1;
+        }
+        if (daemon_pid_ > 0) {
+            const int status = logferry_test::wait_child(daemon_pid_);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+            daemon_pid_ = -1;
+        }
+    }
+
+    Sweep_system& install()
+    {
+        system_.reset(new Sweep_system());
+        installed_.reset(new Scoped_system(system_.get()));
+        return *system_;
+    }
+
+    // Frees every entry of the daemon's list, as its watchdogs would in time: each connect
+    // announces the channel again, and nobody takes the announcements here.
+    void wipe_listener_list()
+    {
+        const int fd = ::shm_open(LISTENER_SHM, O_RDWR, 0);
+        ASSERT_GE(fd, 0);
+        void* mapped = ::mmap(nullptr, logferry::LISTENER_SEGMENT_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        ::close(fd);
+        ASSERT_NE(mapped, MAP_FAILED);
+        auto* segment = static_cast<logferry::Listener_segment*>(mapped);
+        std::memset(segment->entries, 0, sizeof segment->entries);
+        segment->read_index = 0;
+        segment->write_index = 0;
+        ::munmap(mapped, logferry::LISTENER_SEGMENT_SIZE);
+    }
+
+    // Whether `name` stands in the daemon's list.
+    bool announced(const std::string& name)
+    {
+        const int fd = ::shm_open(LISTENER_SHM, O_RDWR, 0);
+        if (fd < 0) {
+            return false;
+        }
+        void* mapped = ::mmap(nullptr, logferry::LISTENER_SEGMENT_SIZE, PROT_READ, MAP_SHARED, fd, 0);
+        ::close(fd);
+        if (mapped == MAP_FAILED) {
+            return false;
+        }
+        bool found = false;
+        const auto* segment = static_cast<const logferry::Listener_segment*>(mapped);
+        for (const auto& entry : segment->entries) {
+            if (std::string(entry.channel_name, ::strnlen(entry.channel_name, logferry::LISTENER_NAME_SIZE)) == name) {
+                found = true;
+            }
+        }
+        ::munmap(mapped, logferry::LISTENER_SEGMENT_SIZE);
+        return found;
+    }
+
+    std::string runstate_;
+    std::unique_ptr<Sweep_system> system_;
+    std::unique_ptr<Scoped_system> installed_;
+
+private:
+    bool had_runstate_ = false;
+    std::string previous_runstate_;
+    std::string previous_lock_path_;
+    int daemon_pid_ = -1;
+    int release_ = -1;
+};
+
+// The library-wide front-end state back as it was at load time (the channel name aside).
+void reset_front_end()
+{
+    logferry::exit();
+    logferry::registered_application.clear();
+    logferry::registered_contexts.clear();
+    logferry::log_level_filters.clear();
+    logferry::incomplete_logstream_messages.clear();
+    logferry::priority_message_queue = std::queue<std::vector<unsigned char>>();
+    logferry::init_called = false;
+    logferry::first_registration = true;
+    logferry::pending_registration = false;
+    logferry::terminate_receiver_thread = false;
+    logferry::client.lost_messages = 0;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------
+
+TEST_F(FaultSweep, ChannelInit)
+{
+    Sweep_system& system = install();
+    const std::string identifier = logferry_test::unique_id("c", 20);
+    const std::string name = "/logferry-" + identifier;
+    const int fds = count_open_fds();
+
+    std::vector<Op> calls;
+    {
+        logferry::Logferry_client channel;
+        channel.set_app_identifier(identifier);
+        system.start_recording();
+        const std::string output = capture_stderr([&] { ASSERT_TRUE(channel.init()); });
+        calls = system.stop_recording();
+        ASSERT_EQ(output, "") << "the path is not clean without faults (is the group settable here?)";
+        channel.uninit();
+    }
+
+    const int pairs = sweep(calls, channel_init_rows(), [&](Op op, int occurrence, const Row& row) {
+        logferry::Logferry_client channel;
+        channel.set_app_identifier(identifier);
+        system.inject(op, occurrence, row.failure);
+        bool result = !row.succeeds;
+        const std::string output = capture_stderr([&] { result = channel.init(); });
+        EXPECT_TRUE(system.clear()) << "the call was not made";
+        EXPECT_EQ(result, row.succeeds);
+        EXPECT_EQ(output, expected_message(row, name));
+        EXPECT_EQ(channel.is_initialized(), row.succeeds);
+        EXPECT_EQ(static_cast<void*>(channel.segment) == MAP_FAILED, !row.succeeds);
+        EXPECT_EQ(count_mappings(name), row.succeeds ? 1 : 0);
+        EXPECT_EQ(count_open_fds(), fds);
+        EXPECT_EQ(shm_exists(name), row.succeeds || (row.residue & CHANNEL_OBJECT) != 0);
+        channel.uninit();
+        if (row.succeeds) {
+            EXPECT_FALSE(shm_exists(name));
+        }
+
+        // The next attempt works and cleans up.
+        const std::string again = capture_stderr([&] { EXPECT_TRUE(channel.init()); });
+        EXPECT_EQ(again, "");
+        EXPECT_EQ(count_mappings(name), 1);
+        channel.uninit();
+        EXPECT_FALSE(shm_exists(name));
+        EXPECT_EQ(count_mappings(name), 0);
+        EXPECT_EQ(count_open_fds(), fds);
+    });
+    report_pairs("Logferry_client::init", pairs, 25, calls);
+}
+
+TEST_F(FaultSweep, DaemonListenerInit)
+{
+    Sweep_system& system = install();
+    const int fds = count_open_fds();
+
+    std::vector<Op> calls;
+    {
+        logferry::Logferry_listener daemon(true);
+        ASSERT_EQ(daemon.lock_listener_name, lock_path());
+        system.start_recording();
+        const std::string output = capture_stderr([&] { ASSERT_TRUE(daemon.init()); });
+        calls = system.stop_recording();
+        ASSERT_EQ(output, "");
+        daemon.uninit();
+    }
+    ASSERT_EQ(count_open_fds(), fds);
+
+    const int pairs = sweep(calls, listener_daemon_rows(), [&](Op op, int occurrence, const Row& row) {
+        {
+            logferry::Logferry_listener daemon(true);
+            system.inject(op, occurrence, row.failure);
+            bool result = !row.succeeds;
+            const std::string output = capture_stderr([&] { result = daemon.init(); });
+            EXPECT_TRUE(system.clear()) << "the call was not made";
+            EXPECT_EQ(result, row.succeeds);
+            EXPECT_EQ(output, expected_message(row, LISTENER_SHM));
+            EXPECT_EQ(daemon.is_initialized(), row.succeeds);
+            EXPECT_EQ(count_mappings(LISTENER_SHM), row.succeeds ? 1 : 0);
+            // The daemon keeps its lock file open (and locked) from a successful open on.
+            const bool lock_open = op != Op::open;
+            EXPECT_EQ(count_open_fds(), fds + (lock_open ? 1 : 0));
+            EXPECT_EQ(daemon.lock_listener_name, (row.residue & FALLBACK) != 0 ? FALLBACK_LOCK : lock_path());
+            EXPECT_EQ(path_exists(daemon.lock_listener_name), lock_open);
+            EXPECT_EQ(shm_exists(LISTENER_SHM), row.succeeds || (row.residue & LISTENER_OBJECT) != 0);
+            if (row.succeeds) {
+                daemon.uninit();  // removes the segment and the lock file
+                EXPECT_FALSE(shm_exists(LISTENER_SHM));
+                EXPECT_FALSE(path_exists(daemon.lock_listener_name));
+            }
+
+            // The next attempt on the same object works.
+            const std::string again = capture_stderr([&] { EXPECT_TRUE(daemon.init()); });
+            EXPECT_EQ(again, "");
+            EXPECT_EQ(count_mappings(LISTENER_SHM), 1);
+            EXPECT_EQ(count_open_fds(), fds + 1);
+            daemon.uninit();
+            EXPECT_FALSE(shm_exists(LISTENER_SHM));
+            EXPECT_FALSE(path_exists(daemon.lock_listener_name));
+        }
+        // Destroyed: the lock file's descriptor is closed as well.
+        EXPECT_EQ(count_open_fds(), fds);
+        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_FALSE(path_exists(FALLBACK_LOCK));
+    });
+    report_pairs("Logferry_listener::init (daemon)", pairs, 25, calls);
+}
+
+TEST_F(FaultSweep, ApplicationListenerInit)
+{
+    start_daemon();
+    Sweep_system& system = install();
+    const int fds = count_open_fds();
+
+    std::vector<Op> calls;
+    {
+        logferry::Logferry_listener application(false);
+        system.start_recording();
+        const std::string output = capture_stderr([&] { ASSERT_TRUE(application.init()); });
+        calls = system.stop_recording();
+        ASSERT_EQ(output, "");
+        application.uninit();
+    }
+
+    const int pairs = sweep(calls, listener_application_rows(0, 0, 0), [&](Op op, int occurrence, const Row& row) {
+        logferry::Logferry_listener application(false);
+        system.inject(op, occurrence, row.failure);
+        bool result = !row.succeeds;
+        const std::string output = capture_stderr([&] { result = application.init(); });
+        EXPECT_TRUE(system.clear()) << "the call was not made";
+        EXPECT_EQ(result, row.succeeds);
+        EXPECT_EQ(output, expected_message(row, LISTENER_SHM));
+        EXPECT_EQ(application.is_initialized(), row.succeeds);
+        EXPECT_EQ(count_mappings(LISTENER_SHM), row.succeeds ? 1 : 0);
+        EXPECT_EQ(count_open_fds(), fds);  // the application never keeps a descriptor
+        EXPECT_TRUE(shm_exists(LISTENER_SHM));  // the daemon's; an application never removes it
+        if ((row.residue & FALLBACK) != 0) {
+            EXPECT_EQ(application.lock_listener_name, FALLBACK_LOCK);
+            application.lock_listener_name = lock_path();  // the switch is for good by design
+        }
+        application.uninit();
+        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+
+        const std::string again = capture_stderr([&] { EXPECT_TRUE(application.init()); });
+        EXPECT_EQ(again, "");
+        EXPECT_EQ(count_mappings(LISTENER_SHM), 1);
+        application.uninit();
+        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_open_fds(), fds);
+    });
+    report_pairs("Logferry_listener::init (application)", pairs, 10, calls);
+}
+
+TEST_F(FaultSweep, ConnectStep)
+{
+    start_daemon();
+    Sweep_system& system = install();
+    logferry::set_app_identifier("SWP");
+    const std::string name = "/logferry-" + logferry::client.app_identifier;
+    const int fds = count_open_fds();
+
+    std::vector<Op> calls;
+    {
+        system.start_recording();
+        const std::string output = capture_stderr([&] { ASSERT_TRUE(logferry::connect_channel()); });
+        calls = system.stop_recording();
+        ASSERT_EQ(output, "");
+        ASSERT_EQ(logferry::client.get_filename(), name);
+        ASSERT_TRUE(announced(name));
+        wipe_listener_list();
+        reset_front_end();
+    }
+    ASSERT_FALSE(shm_exists(name));
+
+    // The channel is created first, then the listener opened, then the name announced.
+    std::vector<Row> table = channel_init_rows();
+    const std::vector<Row> listener_rows = listener_application_rows(1, 1, 1);
+    table.insert(table.end(), listener_rows.begin(), listener_rows.end());
+    add_lock_rows(table, "announcement", 0);
+
+    const int pairs = sweep(calls, table, [&](Op op, int occurrence, const Row& row) {
+        const std::string part = row.part;
+        system.inject(op, occurrence, row.failure);
+        bool result = !row.succeeds;
+        const std::string output = capture_stderr([&] { result = logferry::connect_channel(); });
+        EXPECT_TRUE(system.clear()) << "the call was not made";
+        EXPECT_EQ(result, row.succeeds);
+        EXPECT_EQ(output, expected_message(row, name));
+        const bool channel_open = part != "channel init" || row.succeeds;
+        const bool listener_open = part == "announcement" || row.succeeds;
+        EXPECT_EQ(logferry::client.is_initialized(), channel_open);
+        EXPECT_EQ(count_mappings(name), channel_open ? 1 : 0);
+        EXPECT_EQ(logferry::listener.is_initialized(), listener_open);
+        EXPECT_EQ(count_mappings(LISTENER_SHM), listener_open ? 1 : 0);
+        EXPECT_EQ(announced(name), row.succeeds);
+        EXPECT_EQ(count_open_fds(), fds);
+        if ((row.residue & FALLBACK) != 0) {
+            EXPECT_EQ(logferry::listener.lock_listener_name, FALLBACK_LOCK);
+            logferry::listener.lock_listener_name = lock_path();  // the switch is for good by design
+        }
+        wipe_listener_list();
+
+        logferry::exit();
+        EXPECT_EQ(count_mappings(name), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(shm_exists(name), (row.residue & CHANNEL_OBJECT) != 0);
+        EXPECT_EQ(count_open_fds(), fds);
+
+        // The next attempt works.
+        const std::string again = capture_stderr([&] { EXPECT_TRUE(logferry::connect_channel()); });
+        EXPECT_EQ(again, "");
+        EXPECT_TRUE(announced(name));
+        wipe_listener_list();
+        logferry::exit();
+        EXPECT_FALSE(shm_exists(name));
+        EXPECT_EQ(count_mappings(name), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_open_fds(), fds);
+    });
+    report_pairs("logferry::connect_channel", pairs, 45, calls);
+    reset_front_end();
+}
+
+TEST_F(FaultSweep, ChannelPushAndPop)
+{
+    Sweep_system& system = install();
+    const std::string identifier = logferry_test::unique_id("p", 20);
+    logferry::Logferry_client application;
+    application.set_app_identifier(identifier);
+    ASSERT_TRUE(application.init());
+    logferry::Logferry_base daemon;
+    ASSERT_TRUE(daemon.init(application.get_filename()));
+    application.unlock_client_buffer();
+    const std::string name = application.get_filename();
+    const int fds = count_open_fds();
+
+    const std::vector<unsigned char> log_record = {7, 3, 1, 0, 0, 0, 9, 9, 9, 9, 0, 0, 0, 0};
+    const std::vector<unsigned char> level_update = {24, 5, 42, 0, 0, 0};
+    const std::vector<unsigned char> registration = {3, 10, 0, 'A', 'P', 'P', '1', 0, 'x', 0};
+    // Both rings and the priority area, written at one end and read at the other; the
+    // priority area once through the explicit lock.
+    const auto traffic = [&] {
+        EXPECT_TRUE(application.push(log_record));
+        EXPECT_EQ(daemon.pop(), log_record);
+        EXPECT_TRUE(daemon.push(level_update));
+        EXPECT_EQ(application.pop(), level_update);
+        EXPECT_TRUE(application.push_priority(registration));
+        daemon.lock_priority_mutex();
+        EXPECT_EQ(daemon.pop_priority_unsynced(), registration);
+        daemon.unlock_priority_mutex();
+        EXPECT_TRUE(application.push_priority(registration));
+        EXPECT_EQ(daemon.pop_priority(), registration);
+    };
+
+    system.start_recording();
+    ASSERT_EQ(capture_stderr(traffic), "");
+    const std::vector<Op> calls = system.stop_recording();
+
+    std::vector<Row> table;
+    add_lock_rows(table, "rings and priority area", -1);
+    const int pairs = sweep(calls, table, [&](Op op, int occurrence, const Row& row) {
+        system.inject(op, occurrence, row.failure);
+        const std::string output = capture_stderr(traffic);
+        EXPECT_TRUE(system.clear()) << "the call was not made";
+        EXPECT_EQ(output, expected_message(row, name));
+        EXPECT_EQ(count_open_fds(), fds);
+        EXPECT_EQ(count_mappings(name), 2);
+        // Every lock is free again, and the channel works as before.
+        EXPECT_EQ(capture_stderr(traffic), "");
+        EXPECT_TRUE(application.is_empty());
+        EXPECT_TRUE(daemon.is_priority_empty());
+    });
+    report_pairs("channel push and pop", pairs, 30, calls);
+
+    daemon.uninit();
+    application.uninit();
+    EXPECT_FALSE(shm_exists(name));
+}
+
+// The receiver thread's reconnect: its announcement has gone from the daemon's list (as when
+// the daemon's watchdog freed it), so one pass of the thread withdraws the listener and runs
+// the connect step again. The thread parks in every sleep; the test lets it run one pass at
+// a time.
+TEST_F(FaultSweep, ReceiverThreadReconnect)
+{
+    start_daemon();
+    Sweep_system& system = install();
+    system.fake_sleeps(true);
+    system.set_parking(true);
+    reset_front_end();
+    logferry::set_app_identifier("SWR");
+    const std::string name = "/logferry-" + logferry::client.app_identifier;
+    const int fds = count_open_fds();
+
+    // Brings the library up with the thread parked after its first pass (no daemon attached
+    // to the channel: the thread keeps to its inactive branch).
+    const auto bring_up = [&] {
+        const int parked = system.parks();
+        logferry::init();
+        ASSERT_TRUE(system.wait_parks(parked + 1)) << "the receiver thread did not come to rest";
+        ASSERT_TRUE(logferry::listener.is_initialized());
+        ASSERT_TRUE(announced(name));
+    };
+
+    bring_up();
+    wipe_listener_list();
+    system.start_recording();
+    std::string output = capture_stderr([&] { ASSERT_TRUE(system.run_one_pass()); });
+    const std::vector<Op> calls = system.stop_recording();
+    ASSERT_EQ(output, "");
+    ASSERT_TRUE(announced(name));
+    ASSERT_EQ(system.sleeps_ms().back(), 50u);
+    wipe_listener_list();
+    logferry::exit();
+    ASSERT_EQ(count_open_fds(), fds);
+
+    std::vector<Row> table = {
+        {"connection check", Op::clock_gettime, 0, {-1, EINVAL}, true, GETTIME, NO_RESIDUE},
+        {"listener withdrawal", Op::munmap, 0, {-1, EINVAL}, true, UNMAP, LISTENER_MAPPING},
+    };
+    add_lock_rows(table, "announcement check", 0);
+    const std::vector<Row> listener_rows = listener_application_rows(0, 0, 0);
+    table.insert(table.end(), listener_rows.begin(), listener_rows.end());
+    add_lock_rows(table, "announcement", 1);
+
+    const int pairs = sweep(calls, table, [&](Op op, int occurrence, const Row& row) {
+        bring_up();
+        wipe_listener_list();
+        void* const old_listener_mapping = logferry::listener.segment;
+
+        system.inject(op, occurrence, row.failure);
+        const std::string output = capture_stderr([&] { EXPECT_TRUE(system.run_one_pass()); });
+        EXPECT_TRUE(system.clear()) << "the call was not made";
+        EXPECT_EQ(output, expected_message(row, name));
+        EXPECT_EQ(announced(name), row.succeeds);
+        EXPECT_EQ(logferry::listener.is_initialized(), row.succeeds);
+        // Announced again: the next look in 50 ms; otherwise the next try in a second.
+        EXPECT_EQ(system.sleeps_ms().back(), row.succeeds ? 50u : 1000u);
+        const bool leaked = (row.residue & LISTENER_MAPPING) != 0;
+        EXPECT_EQ(count_mappings(LISTENER_SHM), (row.succeeds ? 1 : 0) + (leaked ? 1 : 0));
+        EXPECT_EQ(count_mappings(name), 1);
+        EXPECT_TRUE(logferry::client.is_initialized());
+        EXPECT_EQ(count_open_fds(), fds);
+        if ((row.residue & FALLBACK) != 0) {
+            EXPECT_EQ(logferry::listener.lock_listener_name, FALLBACK_LOCK);
+            logferry::listener.lock_listener_name = lock_path();  // the switch is for good by design
+        }
+        if (leaked) {
+            ::munmap(old_listener_mapping, logferry::LISTENER_SEGMENT_SIZE);
+        }
+
+        // The next pass announces the channel (again).
+        wipe_listener_list();
+        const std::string again = capture_stderr([&] { EXPECT_TRUE(system.run_one_pass()); });
+        EXPECT_EQ(again, "");
+        EXPECT_TRUE(announced(name));
+        EXPECT_TRUE(logferry::listener.is_initialized());
+        EXPECT_EQ(system.sleeps_ms().back(), 50u);
+        EXPECT_EQ(count_mappings(LISTENER_SHM), 1);
+
+        wipe_listener_list();
+        logferry::exit();
+        EXPECT_FALSE(shm_exists(name));
+        EXPECT_EQ(count_mappings(name), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_open_fds(), fds);
+    });
+    report_pairs("receiver thread reconnect", pairs, 20, calls);
+    system.set_parking(false);
+    reset_front_end();
+}
+
+// logferry::exit with the receiver thread running: the thread wakes, looks at the connection
+// once more, handles what the daemon wrote back and ends; then the channel and the listener
+// are closed.
+TEST_F(FaultSweep, Exit)
+{
+    start_daemon();
+    Sweep_system& system = install();
+    system.fake_sleeps(true);
+    system.set_parking(true);
+    reset_front_end();
+    logferry::set_app_identifier("SWE");
+    const std::string name = "/logferry-" + logferry::client.app_identifier;
+    const int fds = count_open_fds();
+
+    const auto bring_up = [&] {
+        const int parked = system.parks();
+        logferry::init();
+        ASSERT_TRUE(system.wait_parks(parked + 1)) << "the receiver thread did not come to rest";
+        ASSERT_TRUE(logferry::client.is_initialized());
+        ASSERT_TRUE(logferry::listener.is_initialized());
+    };
+
+    bring_up();
+    system.start_recording();
+    std::string output = capture_stderr([] { logferry::exit(); });
+    const std::vector<Op> calls = system.stop_recording();
+    ASSERT_EQ(output, "");
+    ASSERT_FALSE(shm_exists(name));
+    wipe_listener_list();
+    ASSERT_EQ(count_open_fds(), fds);
+
+    std::vector<Row> table = {
+        {"receiver thread's last connection check", Op::clock_gettime, 0, {-1, EINVAL}, true, GETTIME, NO_RESIDUE},
+        // The channel's unmapping and removal report nothing; what they could not do stays.
+        {"channel close", Op::munmap, 0, {-1, EINVAL}, true, "", CHANNEL_MAPPING},
+        {"channel close", Op::shm_unlink, 0, {-1, EACCES}, true, "", CHANNEL_OBJECT},
+        {"channel close", Op::shm_unlink, 0, {-1, EPERM}, true, "", CHANNEL_OBJECT},
+        {"listener close", Op::munmap, 1, {-1, EINVAL}, true, UNMAP, LISTENER_MAPPING},
+    };
+    add_lock_rows(table, "receiver thread's last look at the daemon's ring", 0);
+
+    const int pairs = sweep(calls, table, [&](Op op, int occurrence, const Row& row) {
+        bring_up();
+        void* const channel_mapping = logferry::client.segment;
+        void* const listener_mapping = logferry::listener.segment;
+
+        system.inject(op, occurrence, row.failure);
+        const std::string output = capture_stderr([] { logferry::exit(); });
+        EXPECT_TRUE(system.clear()) << "the call was not made";
+        EXPECT_EQ(output, expected_message(row, name));
+        EXPECT_FALSE(logferry::message_receiver_thread.joinable());
+        EXPECT_FALSE(logferry::init_called.load());
+        EXPECT_FALSE(logferry::client.is_initialized());
+        EXPECT_FALSE(logferry::listener.is_initialized());
+        const bool channel_leaked = (row.residue & CHANNEL_MAPPING) != 0;
+        const bool listener_leaked = (row.residue & LISTENER_MAPPING) != 0;
+        EXPECT_EQ(count_mappings(name), channel_leaked ? 1 : 0);
+        EXPECT_EQ(count_mappings(LISTENER_SHM), listener_leaked ? 1 : 0);
+        EXPECT_EQ(shm_exists(name), (row.residue & CHANNEL_OBJECT) != 0);
+        EXPECT_EQ(count_open_fds(), fds);
+        if (channel_leaked) {
+            ::munmap(channel_mapping, logferry::CHANNEL_SEGMENT_SIZE);
+        }
+        if (listener_leaked) {
+            ::munmap(listener_mapping, logferry::LISTENER_SEGMENT_SIZE);
+        }
+        wipe_listener_list();
+
+        // The next init and exit work and leave nothing.
+        bring_up();
+        const std::string again = capture_stderr([] { logferry::exit(); });
+        EXPECT_EQ(again, "");
+        EXPECT_FALSE(shm_exists(name));
+        EXPECT_EQ(count_mappings(name), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_open_fds(), fds);
+        wipe_listener_list();
+    });
+    report_pairs("logferry::exit", pairs, 10, calls);
+    system.set_parking(false);
+    reset_front_end();
+}
