@@ -113,6 +113,27 @@ def priority():
     write(h, "scribbled-size", seed)
 
 
+# --- fuzz_channel_liveness -----------------------------------------------------------
+def liveness():
+    h = "fuzz_channel_liveness"
+    CLIENT, SERVER, CLOCK, UPDATE, ACTIVE = 0, 1, 2, 3, 4
+    D = 0x80  # at the daemon's end
+
+    def near(op, delta):
+        return bytes([op, 1, delta & 0xFF])
+
+    def raw(op, value):
+        return bytes([op, 3]) + struct.pack("<q", value)
+
+    write(h, "both-alive", bytes([0]) + near(CLIENT, 0) + near(SERVER, -3) + bytes([ACTIVE, ACTIVE | D])
+          + near(SERVER, -6) + bytes([ACTIVE]))
+    write(h, "stale-both", bytes([1]) + near(CLIENT, -3) + near(SERVER, -3) + bytes([UPDATE, ACTIVE | D, CLOCK, 2, 0, ACTIVE]))
+    write(h, "absurd-difference", bytes([1]) + raw(CLIENT, 100) + raw(SERVER, 100 + 1073741823) + bytes([ACTIVE | D])
+          + raw(SERVER, -(2**63)) + raw(CLIENT, 2**63 - 1) + bytes([ACTIVE, CLOCK, 1]) + struct.pack("<q", 2**63 - 1)
+          + bytes([ACTIVE | D, CLOCK, 1]) + struct.pack("<q", 0) + bytes([UPDATE]))
+    write(h, "clock-fails", bytes([0]) + near(CLIENT, 0) + bytes([CLOCK, 2, 0, ACTIVE, UPDATE | D, CLOCK, 0, 1, ACTIVE]))
+
+
 # --- fuzz_listener --------------------------------------------------------------------
 L_PUSH, L_CHECK, L_POP, L_NEXT, L_NEW, L_EMPTY, L_WATCH, L_SYNC, L_CLOCK, L_SCRIBBLE = 0, 2, 4, 5, 6, 7, 8, 9, 10, 11
 B = 0x80  # application B (the daemon's operations ignore it)
@@ -199,6 +220,7 @@ def daemon_message():
 
 
 def main():
+    liveness()
     daemon_message()
     rings()
     priority()

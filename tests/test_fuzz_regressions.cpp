@@ -20,6 +20,7 @@
 
 extern "C" int fuzz_channel_rings_entry(const std::uint8_t* data, std::size_t size);
 extern "C" int fuzz_channel_priority_entry(const std::uint8_t* data, std::size_t size);
+extern "C" int fuzz_channel_liveness_entry(const std::uint8_t* data, std::size_t size);
 extern "C" int fuzz_listener_entry(const std::uint8_t* data, std::size_t size);
 extern "C" int fuzz_deserialize_entry(const std::uint8_t* data, std::size_t size);
 #if defined(LOGFERRY_FUZZ_DAEMON_MESSAGE)
@@ -85,6 +86,11 @@ TEST(FuzzRegressions, ChannelRings) { EXPECT_GT(replay("fuzz_channel_rings", fuz
 TEST(FuzzRegressions, ChannelPriority)
 {
     EXPECT_GT(replay("fuzz_channel_priority", fuzz_channel_priority_entry), 0u);
+}
+
+TEST(FuzzRegressions, ChannelLiveness)
+{
+    EXPECT_GT(replay("fuzz_channel_liveness", fuzz_channel_liveness_entry), 0u);
 }
 
 TEST(FuzzRegressions, Listener) { EXPECT_GT(replay("fuzz_listener", fuzz_listener_entry), 0u); }
