@@ -13,8 +13,9 @@
 //
 // The injected failures behave as the real system would: a failing close still releases
 // the descriptor (Linux does), a failing unlock leaves the mutex unlocked (it fails because
-// the caller does not hold it), and an EOWNERDEAD lock holds the lock. The sleeps are not
-// failed (their EINTR handling is tested with the system layer).
+// the caller does not hold it), an EOWNERDEAD lock holds the lock, and after a failed lock
+// the release of the lock never taken fails with EPERM, as it does for a robust mutex. The
+// sleeps are not failed (their EINTR handling is tested with the system layer).
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -317,6 +318,10 @@ public:
         const int result = Fake_system::pthread_mutex_lock(mutex);
         if (injected_now && result == EOWNERDEAD) {
             ::pthread_mutex_lock(mutex);  // EOWNERDEAD comes with the lock
+        } else if (injected_now) {
+            // The lock was not taken, so the release that follows fails as a robust mutex's
+            // does when the caller does not hold it (without unlocking an unlocked mutex).
+            fail(Op::pthread_mutex_unlock, EPERM, 0, 1, 0);
         }
         return result;
     }
