@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -193,6 +194,9 @@ protected:
                 ::waitpid(pid, nullptr, 0);
             }
         }
+        for (const std::string& name : segments_) {
+            ::shm_unlink(name.c_str());
+        }
         for (const std::string& name : {out_, err_, err_ + "2", out_ + "2", lock_file_}) {
             ::unlink(name.c_str());
         }
@@ -265,6 +269,7 @@ protected:
     std::string err_;
     int pid_ = -1;
     int second_pid_ = -1;
+    std::vector<std::string> segments_;  // channel segments to remove in any case
 };
 
 // ----------------------------------------------------------------------------------------
@@ -470,6 +475,7 @@ TEST_F(Monitor, KilledApplicationIsDetached) {
     start_monitor();
     const std::string identifier = unique_id("", 20);
     const std::string channel = "/logferry-" + identifier;
+    segments_.push_back(channel);  // a killed application leaves its segment behind
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
     const int child = logferry_test::fork_child([&] {
@@ -508,12 +514,11 @@ TEST_F(Monitor, KilledApplicationIsDetached) {
     // The monitor keeps serving: a new application is attached after the detach.
     Test_application next(unique_id("next", 20));
     ASSERT_TRUE(next.announce());
-    EXPECT_TRUE(next.wait_attached());
+    EXPECT_TRUE(next.wait_attached()) << output() << errors();
     next.close();
     EXPECT_EQ(stop_monitor(), 0);
     // The application owned its segment; the monitor leaves it where it is.
     EXPECT_TRUE(logferry_test::shm_exists(channel));
-    ::shm_unlink(channel.c_str());
 }
 
 TEST_F(Monitor, LiveApplicationStaysAttachedBeyondTheSilenceLimit) {
