@@ -163,7 +163,6 @@ private:
                     break;
                 }
             }
-            read_.fetch_add(taken, std::memory_order_relaxed);
             if (nap.count() > 0) {
                 std::this_thread::sleep_for(nap);
             } else {
@@ -188,6 +187,7 @@ private:
             }
             ++taken;
         }
+        read_.fetch_add(taken, std::memory_order_relaxed);
         return taken;
     }
 
@@ -207,6 +207,8 @@ private:
 };
 
 Session session;
+// Messages written by the message benchmarks (warm-up messages included).
+std::atomic<std::uint64_t> messages_written{0};
 
 // ---------------------------------------------------------------------------------------
 // Benchmarks
@@ -236,6 +238,7 @@ void BM_message(benchmark::State& state)
     }
     set_allocation_counter(state, before);
     state.SetItemsProcessed(state.iterations());
+    messages_written.fetch_add(state.iterations() + 1);
 }
 BENCHMARK(BM_message)->UseRealTime();
 BENCHMARK(BM_message)->Threads(2)->UseRealTime();
@@ -274,6 +277,7 @@ void BM_message_no_concurrent_reader(benchmark::State& state)
     }
     set_allocation_counter(state, before + drain_allocations);
     state.SetItemsProcessed(state.iterations());
+    messages_written.fetch_add(state.iterations() + 1);
     session.drain_here();
     session.pause_reader(false);
 }
@@ -434,6 +438,7 @@ BENCHMARK(BM_floor_with_reader)->UseRealTime();
 
 struct Result {
     double real_ns = 0;
+    double cpu_ns = 0;
     double items_per_second = 0;
     double allocs_per_msg = -1;
 };
@@ -460,6 +465,7 @@ public:
             }
             Result result;
             result.real_ns = run.GetAdjustedRealTime();
+            result.cpu_ns = run.GetAdjustedCPUTime();
             const auto items = run.counters.find("items_per_second");
             if (items != run.counters.end()) {
                 result.items_per_second = items->second.value;
@@ -486,50 +492,52 @@ private:
     std::map<std::string, bool> medians_;
 };
 
-void print_summary(const Summary_reporter& reporter, std::uint64_t read, std::uint64_t lost)
+void print_row(const char* measure, const Result* result, const char* goal = "")
+{
+    if (result != nullptr) {
+        std::printf("  %-46s %9.1f %9.1f   %s\n", measure, result->real_ns, result->cpu_ns, goal);
+    }
+}
+
+void print_ratio(const char* measure, const Result* part, const Result* whole, const char* goal = "")
+{
+    if (part != nullptr && whole != nullptr && whole->real_ns > 0 && whole->cpu_ns > 0) {
+        std::printf("  %-46s %9.2f %9.2f   %s\n", measure, part->real_ns / whole->real_ns, part->cpu_ns / whole->cpu_ns,
+                    goal);
+    }
+}
+
+void print_summary(const Summary_reporter& reporter, std::uint64_t written, std::uint64_t read)
 {
     const Result* message = reporter.find("BM_message/real_time");
     const Result* message2 = reporter.find("BM_message/real_time/threads:2");
-    const Result* floor = reporter.find("BM_floor/real_time");
-    const Result* level = reporter.find("BM_is_log_level_enabled/real_time");
     const Result* quiet = reporter.find("BM_message_no_concurrent_reader/real_time");
+    const Result* floor = reporter.find("BM_floor/real_time");
     const Result* floor_read = reporter.find("BM_floor_with_reader/real_time");
-    std::printf("\nsummary (wall-clock ns; medians when repetitions were asked for)\n");
-    std::printf("  %-44s %10s\n", "measure", "value");
+    const Result* level = reporter.find("BM_is_log_level_enabled/real_time");
+    std::printf("\nsummary (medians when repetitions were asked for)\n");
+    std::printf("  %-46s %9s %9s\n", "measure", "wall", "cpu");
+    print_row("message, 1 thread: ns per message", message);
+    print_row("floor: ns per message", floor);
+    print_ratio("ratio message / floor", message, floor, "(goal <= 3.5, wall)");
+    print_row("message, 2 threads: ns per message (both)", message2);
+    print_row("is_log_level_enabled: ns", level, "(goal <= 40)");
     if (message != nullptr) {
-        std::printf("  %-44s %10.1f\n", "message, 1 thread: ns per message", message->real_ns);
-    }
-    if (floor != nullptr) {
-        std::printf("  %-44s %10.1f\n", "floor: ns per message", floor->real_ns);
-    }
-    if (message != nullptr && floor != nullptr && floor->real_ns > 0) {
-        std::printf("  %-44s %10.2f   (goal <= 3.5)\n", "ratio message / floor", message->real_ns / floor->real_ns);
+        std::printf("  %-46s %9.3f             (goal <= 2)\n", "heap allocations per message, 1 thread",
+                    message->allocs_per_msg);
     }
     if (message2 != nullptr) {
-        // Wall time over the messages of both threads together.
-        std::printf("  %-44s %10.1f\n", "message, 2 threads: ns per message", message2->real_ns);
+        std::printf("  %-46s %9.3f\n", "heap allocations per message, 2 threads", message2->allocs_per_msg);
     }
-    if (quiet != nullptr) {
-        std::printf("  %-44s %10.1f\n", "message, no concurrent reader: ns", quiet->real_ns);
-        if (floor != nullptr && floor->real_ns > 0) {
-            std::printf("  %-44s %10.2f\n", "ratio, no concurrent reader / floor", quiet->real_ns / floor->real_ns);
-        }
-    }
-    if (floor_read != nullptr && message != nullptr && floor_read->real_ns > 0) {
-        std::printf("  %-44s %10.1f\n", "floor with a concurrent reader: ns", floor_read->real_ns);
-        std::printf("  %-44s %10.2f\n", "ratio message / floor with reader", message->real_ns / floor_read->real_ns);
-    }
-    if (level != nullptr) {
-        std::printf("  %-44s %10.1f   (goal <= 40)\n", "is_log_level_enabled: ns", level->real_ns);
-    }
-    if (message != nullptr) {
-        std::printf("  %-44s %10.3f   (goal <= 2)\n", "allocations per message, 1 thread", message->allocs_per_msg);
-    }
-    if (message2 != nullptr) {
-        std::printf("  %-44s %10.3f\n", "allocations per message, 2 threads", message2->allocs_per_msg);
-    }
-    std::printf("  %-44s %10llu\n", "messages read by the daemon side", static_cast<unsigned long long>(read));
-    std::printf("  %-44s %10llu\n", "messages discarded (ring full)", static_cast<unsigned long long>(lost));
+    std::printf("  for comparison:\n");
+    print_row("message, no concurrent reader: ns", quiet);
+    print_ratio("ratio no concurrent reader / floor", quiet, floor);
+    print_row("floor with a concurrent reader: ns", floor_read);
+    print_ratio("ratio message / floor with reader", message, floor_read);
+    std::printf("  %-46s %9llu\n", "messages written", static_cast<unsigned long long>(written));
+    std::printf("  %-46s %9llu\n", "messages read by the daemon side", static_cast<unsigned long long>(read));
+    std::printf("  %-46s %9llu\n", "messages not read (discarded: ring full)",
+                static_cast<unsigned long long>(written > read ? written - read : 0));
 }
 
 }  // namespace
@@ -543,9 +551,8 @@ int main(int argc, char** argv)
     session.start();
     Summary_reporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    const std::uint64_t lost = logferry::client.lost_messages.load();
     session.stop();
-    print_summary(reporter, session.messages_read(), lost);
+    print_summary(reporter, messages_written.load(), session.messages_read());
     benchmark::Shutdown();
     return 0;
 }
