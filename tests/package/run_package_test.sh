@@ -25,6 +25,12 @@ if grep -v -E '^(logferry::|ara::|(typeinfo|typeinfo name|vtable|VTT) for (logfe
     echo "foreign names exported (above)"
     exit 1
 fi
+# Daemon-side code derives from and type-checks the exported classes: their type
+# information and virtual tables must be exported too.
+for name in "typeinfo for logferry::Logferry_base" "vtable for logferry::Logferry_client" \
+            "typeinfo for logferry::System_lib"; do
+    grep -qxF "$name" "$work/exports.txt" || { echo "not exported: $name"; exit 1; }
+done
 echo "exports: $(wc -l < "$work/exports.txt") names, all in logferry:: or ara::"
 
 run_clean() {
