@@ -27,8 +27,9 @@ started=$(date +%s)
 scripts/install-deps.sh clang libclang-rt-14-dev
 
 echo "=== building the harnesses in $build ==="
-cmake -S fuzz -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo > "$build.configure.log" 2>&1 ||
-    { cat "$build.configure.log"; exit 1; }
+mkdir -p "$build"
+cmake -S fuzz -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo > "$build/configure.log" 2>&1 ||
+    { cat "$build/configure.log"; exit 1; }
 cmake --build "$build" -j"$jobs"
 
 mapfile -t harnesses < "$build/harnesses.txt"
