@@ -15,6 +15,7 @@
 #include "logferry/channel.hpp"
 #include "support/channel_fixture.hpp"
 #include "support/fake_system.hpp"
+#include "support/robust_list.hpp"
 #include "support/test_util.hpp"
 
 using logferry_test::Bytes;
@@ -334,6 +335,7 @@ pthread_mutex_t* mutex_of(logferry::Channel_segment* segment, Held held)
 // The daemon's end dies holding `held`; the application's end carries on.
 void daemon_dies_holding(Held held)
 {
+    LOGFERRY_REQUIRE_ROBUST_LIST();
     logferry_test::Channel_pair channel;
     ASSERT_TRUE(channel.open(false));
     channel.app.unlock_client_buffer();
@@ -408,6 +410,7 @@ void daemon_dies_holding(Held held)
 // orphaned segment.
 void application_dies_holding(Held held)
 {
+    LOGFERRY_REQUIRE_ROBUST_LIST();
     const std::string identifier = logferry_test::unique_id("app");
     const std::string name = "/logferry-" + identifier;
     const Bytes registration = record(3, 20, 0x33);
@@ -481,6 +484,7 @@ TEST_F(ChannelProcesses, ApplicationKilledHoldingTheServerMutex) { application_d
 
 TEST_F(ChannelProcesses, ExplicitPriorityLockTakesOverFromADeadHolder)
 {
+    LOGFERRY_REQUIRE_ROBUST_LIST();
     ASSERT_TRUE(channel.open(false));
     const std::string name = channel.name;
     Signal_pipe holding;
