@@ -1,5 +1,6 @@
 // The connect step against a daemon's listener list: the application's channel is announced,
 // and a channel name too long for the list is refused there.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -35,19 +36,32 @@ std::string identifier_of_length(std::size_t length)
 
 }  // namespace
 
-// The names announced in the listener list, as the application's end sees them.
+// The names announced in the listener list, read through a mapping of our own under the
+// list's mutex (the library's receiver thread may open and close its own mapping meanwhile).
 std::vector<std::string> announced_names()
 {
     std::vector<std::string> names;
-    const logferry::Listener_segment* segment = logferry::listener.segment;
-    if (segment == MAP_FAILED) {
+    const int fd = ::shm_open("/logferry-daemon-listener", O_RDWR, 0);
+    if (fd < 0) {
+        ADD_FAILURE() << "no listener segment";
         return names;
     }
-    for (const auto& entry : segment->entries) {
-        if (entry.channel_name[0] != 0) {
-            names.emplace_back(entry.channel_name, ::strnlen(entry.channel_name, logferry::LISTENER_NAME_SIZE));
+    void* memory = ::mmap(nullptr, logferry::LISTENER_SEGMENT_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (memory == MAP_FAILED) {
+        ADD_FAILURE() << "cannot map the listener segment";
+        return names;
+    }
+    auto* segment = static_cast<logferry::Listener_segment*>(memory);
+    {
+        logferry::Mutex_lock_guard lock(&segment->list_mutex.mutex, false);
+        for (const auto& entry : segment->entries) {
+            if (entry.channel_name[0] != 0) {
+                names.emplace_back(entry.channel_name, ::strnlen(entry.channel_name, logferry::LISTENER_NAME_SIZE));
+            }
         }
     }
+    ::munmap(memory, logferry::LISTENER_SEGMENT_SIZE);
     return names;
 }
 
@@ -122,7 +136,6 @@ TEST_F(ClientListener, InitAnnouncesTheChannelToTheDaemon)
     name_channel(identifier_of_length(9));
     logferry::init();
     remember_channel();
-    EXPECT_TRUE(logferry::listener.is_initialized());
     EXPECT_TRUE(logferry::message_receiver_thread.joinable());
     EXPECT_EQ(announced_names(), std::vector<std::string>{logferry::client.get_filename()});
 }
