@@ -72,17 +72,21 @@ namespace {
 
 constexpr std::uint32_t CONTEXT = 7;
 constexpr std::uint8_t LEVEL_INFO = 4;
-// The reader's nap between bursts (BENCH_READER_NAP_US overrides it); the ring (131071
-// bytes, about 2200 of these messages) must not fill up meanwhile.
+// More records than the channel's ring can hold at once (each takes at least 3 bytes).
+constexpr std::uint64_t CLIENT_RING_RECORDS_MAX = logferry::CLIENT_BUFFER_SIZE / 3 + 1;
+// Both readers (the daemon's end of the channel, and the floor's reader) wake every
+// READER_NAP_US microseconds and take everything waiting in one hold of the ring's mutex.
+// The ring (131071 bytes, about 2200 of these messages) must not fill up meanwhile.
+// BENCH_READER_NAP_US and BENCH_READER_BATCH (records per hold) override the defaults.
 int reader_nap_us()
 {
     const char* text = std::getenv("BENCH_READER_NAP_US");
-    return text != nullptr ? std::atoi(text) : 50;
+    return text != nullptr ? std::atoi(text) : 100;
 }
 std::uint64_t reader_batch()
 {
     const char* text = std::getenv("BENCH_READER_BATCH");
-    return text != nullptr ? static_cast<std::uint64_t>(std::atoll(text)) : 64;
+    return text != nullptr ? static_cast<std::uint64_t>(std::atoll(text)) : CLIENT_RING_RECORDS_MAX;
 }
 const std::uint64_t READER_BATCH = reader_batch();
 
@@ -171,8 +175,9 @@ private:
         }
     }
 
-    // Takes up to READER_BATCH records in one hold of the ring's mutex, as a daemon that
-    // drains in bursts does (pop_unsynced is the daemon's reading step under a held lock).
+    // Takes up to READER_BATCH records (by default all) in one hold of the ring's mutex, as
+    // a daemon that drains in bursts does (pop_unsynced is the daemon's reading step under a
+    // held lock).
     std::uint64_t take_batch()
     {
         if (reader_end_.is_client_buffer_locked()) {
