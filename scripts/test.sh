@@ -8,6 +8,7 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 jobs=${LOGFERRY_JOBS:-2}
+shm_before=$(ls /dev/shm | grep -E '^logferry-' | sort || true)
 passed=0
 failed=0
 
@@ -36,7 +37,8 @@ run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
 run_suite asan-ubsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=address,undefined
 run_suite tsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=thread
 
-leftover=$(ls /dev/shm | grep -E '^logferry-' || true)
+# Nothing the suites created may stay in /dev/shm.
+leftover=$(comm -13 <(printf '%s\n' "$shm_before") <(ls /dev/shm | grep -E '^logferry-' | sort || true) | grep . || true)
 if [ -n "$leftover" ]; then
     echo "left behind in /dev/shm: $leftover"
     failed=$((failed + 1))
