@@ -31,3 +31,7 @@ if(LOGFERRY_STATIC_TESTS)
   list(TRANSFORM _system_links REPLACE "^jx_osal$" jx_osal_static)
   set_target_properties(lf_system PROPERTIES INTERFACE_LINK_LIBRARIES "${_system_links}")
 endif()
+
+# The first program of the emulated machine that runs the suite (scripts/arm64.sh).
+add_executable(logferry_arm64_init ${CMAKE_CURRENT_LIST_DIR}/suite_init.cpp)
+target_link_options(logferry_arm64_init PRIVATE -static)

@@ -1,0 +1,380 @@
+// The first (and only) program of the emulated 64-bit Arm machine that runs the test suite:
+// the kernel starts it as /init from an initramfs holding the statically linked test
+// programs. It mounts what the tests need, runs every test case of the manifest as its own
+// process, one after the other, as CTest would, prints one line per case and a summary, and
+// ends with exactly one of
+//   ARM64 SUITE: PASS
+//   ARM64 SUITE: FAIL (<which>)
+// before it powers the machine off.
+//
+// Manifest (/suite/manifest), one test case per block of lines:
+//   test <name>
+//   timeout <seconds>
+//   cwd <working directory>
+//   env <NAME=value>          (any number)
+//   arg <argument>            (program first; any number)
+//   end
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/reboot.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+const char* const manifest_path = "/suite/manifest";
+const char* const log_dir = "/var/log/suite";
+
+struct Test_case {
+    std::string name;
+    double timeout = 60;
+    std::string cwd = "/";
+    std::vector<std::string> env;
+    std::vector<std::string> args;
+};
+
+void say(const std::string& line)
+{
+    const std::string whole = line + "\n";
+    std::fwrite(whole.data(), 1, whole.size(), stdout);
+    std::fflush(stdout);
+}
+
+void power_off()
+{
+    std::fflush(stdout);
+    ::sync();
+    ::reboot(RB_POWER_OFF);
+    // Not reached unless the kernel refused; PID 1 must not return.
+    for (;;) {
+        ::pause();
+    }
+}
+
+void make_dirs(const std::string& path, mode_t mode = 0755)
+{
+    std::string partial;
+    std::istringstream parts(path);
+    std::string part;
+    while (std::getline(parts, part, '/')) {
+        if (part.empty()) {
+            continue;
+        }
+        partial += "/" + part;
+        ::mkdir(partial.c_str(), mode);
+    }
+}
+
+bool mount_fs(const char* type, const char* target, unsigned long flags, const char* options, mode_t mode)
+{
+    make_dirs(target, mode);
+    if (::mount(type, target, type, flags, options) != 0 && errno != EBUSY) {
+        say(std::string("init: cannot mount ") + type + " on " + target + ": " + std::strerror(errno));
+        return false;
+    }
+    ::chmod(target, mode);
+    return true;
+}
+
+// The kernel opens /dev/console for us only if the initramfs has it; make sure we have one.
+void attach_console()
+{
+    if (::fcntl(1, F_GETFD) != -1) {
+        return;
+    }
+    const int fd = ::open("/dev/console", O_RDWR | O_NOCTTY);
+    if (fd < 0) {
+        return;
+    }
+    ::dup2(fd, 0);
+    ::dup2(fd, 1);
+    ::dup2(fd, 2);
+    if (fd > 2) {
+        ::close(fd);
+    }
+}
+
+bool read_manifest(std::vector<Test_case>& tests)
+{
+    std::ifstream in(manifest_path);
+    if (!in) {
+        return false;
+    }
+    Test_case current;
+    std::string line;
+    while (std::getline(in, line)) {
+        const auto space = line.find(' ');
+        const std::string key = line.substr(0, space);
+        const std::string value = space == std::string::npos ? std::string() : line.substr(space + 1);
+        if (key == "test") {
+            current = Test_case();
+            current.name = value;
+        } else if (key == "timeout") {
+            current.timeout = std::atof(value.c_str());
+        } else if (key == "cwd") {
+            current.cwd = value;
+        } else if (key == "env") {
+            current.env.push_back(value);
+        } else if (key == "arg") {
+            current.args.push_back(value);
+        } else if (key == "end") {
+            tests.push_back(current);
+        }
+    }
+    return true;
+}
+
+double now_seconds()
+{
+    timespec ts{};
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::string file_name_for(const std::string& test_name)
+{
+    std::string name;
+    for (char c : test_name) {
+        name += (std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '.' || c == '-') ? c : '_';
+    }
+    return std::string(log_dir) + "/" + name + ".log";
+}
+
+enum class Outcome { passed, skipped, failed, timed_out };
+
+// Runs one case in a process group of its own, its output into `log`; kills the whole group
+// when the time is up. Reaps every other child that ends meanwhile (we are PID 1).
+Outcome run_case(const Test_case& test, const std::string& log, std::string& detail)
+{
+    std::vector<std::string> environment = {
+        "PATH=/bin:/usr/bin",
+        "HOME=/root",
+        "TMPDIR=/tmp",
+        "ADAPTIVE_RUNSTATE_DIR=/run/adaptive",
+    };
+    environment.insert(environment.end(), test.env.begin(), test.env.end());
+
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        detail = std::string("fork failed: ") + std::strerror(errno);
+        return Outcome::failed;
+    }
+    if (pid == 0) {
+        ::setpgid(0, 0);
+        const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int null_in = ::open("/dev/null", O_RDONLY);
+        if (out >= 0) {
+            ::dup2(out, 1);
+            ::dup2(out, 2);
+            ::close(out);
+        }
+        if (null_in >= 0) {
+            ::dup2(null_in, 0);
+            ::close(null_in);
+        }
+        if (::chdir(test.cwd.c_str()) != 0) {
+            std::fprintf(stderr, "cannot enter %s: %s\n", test.cwd.c_str(), std::strerror(errno));
+            ::_exit(126);
+        }
+        std::vector<char*> argv;
+        for (const auto& arg : test.args) {
+            argv.push_back(const_cast<char*>(arg.c_str()));
+        }
+        argv.push_back(nullptr);
+        std::vector<char*> envp;
+        for (const auto& entry : environment) {
+            envp.push_back(const_cast<char*>(entry.c_str()));
+        }
+        envp.push_back(nullptr);
+        ::execve(argv[0], argv.data(), envp.data());
+        std::fprintf(stderr, "cannot run %s: %s\n", argv[0], std::strerror(errno));
+        ::_exit(127);
+    }
+    ::setpgid(pid, pid);
+
+    const double deadline = now_seconds() + test.timeout;
+    int status = 0;
+    bool timed_out = false;
+    for (;;) {
+        int other_status = 0;
+        const pid_t done = ::waitpid(-1, &other_status, WNOHANG);
+        if (done == pid) {
+            status = other_status;
+            break;
+        }
+        if (done > 0) {
+            continue;  // an orphan handed to us
+        }
+        if (now_seconds() > deadline) {
+            timed_out = true;
+            ::kill(-pid, SIGKILL);
+            ::waitpid(pid, &status, 0);
+            break;
+        }
+        ::usleep(5000);
+    }
+    // Whatever the case left running in its group goes too.
+    ::kill(-pid, SIGKILL);
+    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+
+    if (timed_out) {
+        detail = "timed out after " + std::to_string(static_cast<int>(test.timeout)) + " s";
+        return Outcome::timed_out;
+    }
+    if (WIFSIGNALED(status)) {
+        detail = std::string("killed by signal ") + std::to_string(WTERMSIG(status)) + " (" +
+                 strsignal(WTERMSIG(status)) + ")";
+        return Outcome::failed;
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        detail = "exit status " + std::to_string(WEXITSTATUS(status));
+        return Outcome::failed;
+    }
+    // As CTest's SKIP_REGULAR_EXPRESSION for these tests.
+    if (read_file(log).find("[  SKIPPED ]") != std::string::npos) {
+        return Outcome::skipped;
+    }
+    return Outcome::passed;
+}
+
+std::vector<std::string> leftovers_in_dev_shm()
+{
+    std::vector<std::string> names;
+    DIR* dir = ::opendir("/dev/shm");
+    if (dir == nullptr) {
+        return names;
+    }
+    while (const dirent* entry = ::readdir(dir)) {
+        if (std::strncmp(entry->d_name, "logferry-", 9) == 0) {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    ::closedir(dir);
+    return names;
+}
+
+std::string join_limited(const std::vector<std::string>& names, std::size_t limit)
+{
+    std::string text;
+    for (std::size_t i = 0; i < names.size() && i < limit; ++i) {
+        text += (i == 0 ? "" : ", ") + names[i];
+    }
+    if (names.size() > limit) {
+        text += " and " + std::to_string(names.size() - limit) + " more";
+    }
+    return text;
+}
+
+}  // namespace
+
+int main()
+{
+    bool mounted = mount_fs("devtmpfs", "/dev", MS_NOSUID, "mode=0755", 0755);
+    attach_console();
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    say("init: logferry arm64 test suite");
+
+    mounted = mount_fs("proc", "/proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, "", 0555) && mounted;
+    mounted = mount_fs("sysfs", "/sys", MS_NOSUID | MS_NODEV | MS_NOEXEC, "", 0555) && mounted;
+    mounted = mount_fs("tmpfs", "/dev/shm", MS_NOSUID | MS_NODEV, "mode=1777", 01777) && mounted;
+    mounted = mount_fs("tmpfs", "/tmp", MS_NOSUID | MS_NODEV, "mode=1777", 01777) && mounted;
+    mounted = mount_fs("tmpfs", "/run", MS_NOSUID | MS_NODEV, "mode=0755", 0755) && mounted;
+    make_dirs("/run/adaptive");
+    make_dirs(log_dir);
+    if (!mounted) {
+        say("ARM64 SUITE: FAIL (file systems could not be mounted)");
+        power_off();
+    }
+
+    {
+        std::string version = read_file("/proc/version");
+        while (!version.empty() && version.back() == '\n') {
+            version.pop_back();
+        }
+        const long cpus = ::sysconf(_SC_NPROCESSORS_ONLN);
+        say("init: " + version + "; " + std::to_string(cpus) + " cpu(s)");
+    }
+
+    std::vector<Test_case> tests;
+    if (!read_manifest(tests) || tests.empty()) {
+        say("ARM64 SUITE: FAIL (no test manifest at " + std::string(manifest_path) + ")");
+        power_off();
+    }
+
+    int passed = 0;
+    int skipped = 0;
+    std::vector<std::string> failed;
+    const double start = now_seconds();
+    for (std::size_t i = 0; i < tests.size(); ++i) {
+        const Test_case& test = tests[i];
+        const std::string log = file_name_for(test.name);
+        std::string detail;
+        const double begun = now_seconds();
+        const Outcome outcome = run_case(test, log, detail);
+        char took[32];
+        std::snprintf(took, sizeof took, "%.2f s", now_seconds() - begun);
+        std::string line = "[" + std::to_string(i + 1) + "/" + std::to_string(tests.size()) + "] " + test.name + " ";
+        switch (outcome) {
+        case Outcome::passed:
+            ++passed;
+            say(line + "passed (" + took + ")");
+            break;
+        case Outcome::skipped:
+            ++skipped;
+            say(line + "SKIPPED (" + took + ")");
+            break;
+        case Outcome::failed:
+        case Outcome::timed_out:
+            failed.push_back(test.name);
+            say(line + "FAILED: " + detail + " (" + took + ")");
+            say("----- output of " + test.name + " -----");
+            say(read_file(log));
+            say("----- end of output -----");
+            break;
+        }
+    }
+    char total[32];
+    std::snprintf(total, sizeof total, "%.1f s", now_seconds() - start);
+    say("arm64 suite: " + std::to_string(passed) + " passed, " + std::to_string(failed.size()) + " failed, " +
+        std::to_string(skipped) + " skipped (" + total + ")");
+
+    std::vector<std::string> reasons;
+    if (!failed.empty()) {
+        reasons.push_back(join_limited(failed, 10));
+    }
+    const std::vector<std::string> left = leftovers_in_dev_shm();
+    if (!left.empty()) {
+        reasons.push_back("left behind in /dev/shm: " + join_limited(left, 5));
+    }
+    if (reasons.empty()) {
+        say("ARM64 SUITE: PASS");
+    } else {
+        say("ARM64 SUITE: FAIL (" + join_limited(reasons, reasons.size()) + ")");
+    }
+    power_off();
+}
