@@ -29,7 +29,9 @@ thread_local bool counting_allocations = false;
 thread_local long allocations = 0;
 }  // namespace
 
-void* operator new(std::size_t size)
+// The replacements are kept out of line: inlined into the code that uses them, gcc's
+// optimiser pairs malloc() with operator delete (or operator new with free()) and warns.
+__attribute__((noinline)) void* operator new(std::size_t size)
 {
     if (counting_allocations) {
         ++allocations;
@@ -40,8 +42,8 @@ void* operator new(std::size_t size)
     }
     return memory;
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 

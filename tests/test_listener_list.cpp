@@ -36,7 +36,9 @@ namespace {
 std::atomic<long> allocation_count{0};
 }  // namespace
 
-void* operator new(std::size_t size)
+// The replacements are kept out of line: inlined into the code that uses them, gcc's
+// optimiser pairs malloc() with operator delete (or operator new with free()) and warns.
+__attribute__((noinline)) void* operator new(std::size_t size)
 {
     allocation_count.fetch_add(1);
     if (void* memory = std::malloc(size != 0 ? size : 1)) {
@@ -45,9 +47,9 @@ void* operator new(std::size_t size)
     throw std::bad_alloc();
 }
 
-void operator delete(void* memory) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
 
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 using logferry::Listener_entry;
 using logferry::Listener_segment;
