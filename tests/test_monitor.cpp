@@ -16,12 +16,15 @@
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "logferry/channel.hpp"
+#include "logferry/client.hpp"
 #include "logferry/listener.hpp"
 #include "logferry/message.hpp"
 #include "support/test_util.hpp"
@@ -799,7 +802,128 @@ TEST_F(Monitor, ExampleApplicationUnderTheMonitor) {
     EXPECT_EQ(errors(), "");
     EXPECT_FALSE(logferry_test::shm_exists(channel));
 }
+
+// Two copies of the example at once: every line of each appears, whole, exactly once per
+// copy, and the monitor counts both.
+TEST_F(Monitor, TwoExampleApplicationsAtOnce) {
+    start_monitor({"--level", "MAIN=debug", "--say", "hello from the monitor"});
+    int examples[2];
+    for (int i = 0; i < 2; ++i) {
+        const std::string base = dir_ + "/example" + std::to_string(i);
+        examples[i] = run_program(LOGFERRY_EXAMPLE_PATH, {}, base + ".out", base + ".err");
+    }
+    for (int i = 0; i < 2; ++i) {
+        const int status = logferry_test::wait_child(examples[i], milliseconds(20000));
+        const std::string base = dir_ + "/example" + std::to_string(i);
+        const std::string printed = read_file(base + ".out");
+        ::unlink((base + ".out").c_str());
+        ::unlink((base + ".err").c_str());
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_NE(printed.find("example: debug for MAIN after the level update: enabled\n"), std::string::npos)
+            << printed;
+    }
+    ASSERT_TRUE(wait_until([&] {
+        const std::string text = output();
+        const auto first = text.find("-- detach");
+        return first != std::string::npos && text.find("-- detach", first + 1) != std::string::npos;
+    })) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+
+    std::multiset<std::string> lines;
+    for (const std::string& line : split_lines(mask_timestamps(output()))) {
+        lines.insert(std::regex_replace(line, std::regex("/logferry-EXA-[0-9]{1,5}-[0-9a-f]+"), "<channel>"));
+    }
+    const std::vector<std::string> per_application = {
+        "-- attach     <channel>",
+        "-- say        <channel> \"hello from the monitor\"",
+        "-- app        EXA \"logferry example application\" channel=<channel>",
+        "-- context    EXA MAIN handle=1 level=info \"Main context\"",
+        "-- set-level  EXA MAIN handle=1 level=debug",
+        "-- context    EXA NET handle=2 level=warn \"Network context\"",
+        "-- control    EXA enable-local-print",
+        "<ts> EXA  MAIN info    \"every argument type:\" true -8 -1600 -320000 -6400000000 200 0xbeef 0755 "
+        "0b1011010 0xC0FFEE 1.5 3.141592653589793 \"a view of\" [de ad be ef] encoded[01 02 03]",
+        "<ts> EXA  MAIN debug   \"debug is on\"",
+        "<ts> EXA  NET  warn    \"link down, retrying\" 3",
+        "-- detach     EXA <channel> (closed its channel)"};
+    std::multiset<std::string> expected = {"-- listening  lock=" + lock_file_,
+                                           "-- stopped    signal: 6 log messages from 2 applications"};
+    for (int copy = 0; copy < 2; ++copy) {
+        expected.insert(per_application.begin(), per_application.end());
+    }
+    EXPECT_EQ(lines, expected) << output();
+    EXPECT_EQ(errors(), "");
+}
 #endif
+
+// An application that keeps logging while the monitor is stopped and started again: the
+// new monitor gets the registrations replayed, then every message, none lost across the
+// restart.
+TEST_F(Monitor, RestartedMonitorGetsTheRegistrationsReplayedAndEveryMessage) {
+    start_monitor();
+    const std::string stop_file = dir_ + "/stop";
+    const int application = logferry_test::fork_child([&] {
+        // The library fixed its lock-file path when it was loaded, before this test set the
+        // run-state directory.
+        logferry::listener.lock_listener_name = lock_file_;
+        logferry::set_app_identifier("RST");
+        logferry::init();
+        if (!logferry::register_app("RST", "keeps logging") || !logferry::register_context(1, "LOOP", "loop", 4)) {
+            return 2;
+        }
+        struct stat info {};
+        for (std::int32_t n = 0; n < 3000 && ::stat(stop_file.c_str(), &info) != 0; ++n) {
+            logferry::log_start(1, 7, 4);
+            logferry::log_int32(7, n);
+            logferry::log_finish(7);
+            ::usleep(10000);
+        }
+        logferry::exit();
+        return 0;
+    });
+    ASSERT_GT(application, 0);
+    ASSERT_TRUE(wait_for("LOOP info    5\n")) << output();
+    const std::string first_run = output();
+    EXPECT_EQ(stop_monitor(), 0);
+
+    start_monitor();
+    ASSERT_TRUE(wait_for("-- app        RST \"keeps logging\"")) << output();
+    ASSERT_TRUE(wait_for("-- context    RST LOOP handle=1 level=info \"loop\"")) << output();
+    // Messages flow again: wait for a number logged well after the restart.
+    const auto numbers_in = [](const std::string& text) {
+        std::vector<int> numbers;
+        const std::regex message("RST  LOOP info    ([0-9]+)");
+        for (auto it = std::sregex_iterator(text.begin(), text.end(), message); it != std::sregex_iterator(); ++it) {
+            numbers.push_back(std::stoi((*it)[1]));
+        }
+        return numbers;
+    };
+    const std::vector<int> before = numbers_in(first_run);
+    ASSERT_FALSE(before.empty());
+    ASSERT_TRUE(wait_until([&] {
+        const std::vector<int> after = numbers_in(output());
+        return !after.empty() && after.back() >= before.back() + 50;
+    }, milliseconds(20000))) << output();
+    {
+        std::ofstream stop(stop_file);
+    }
+    const int status = logferry_test::wait_child(application, milliseconds(10000));
+    ::unlink(stop_file.c_str());
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ASSERT_TRUE(wait_for("-- detach")) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+
+    // The registrations came before any message of the second run, and the numbers of
+    // both runs together are every number from 0 on, in order, each once.
+    const std::string second_run = output();
+    EXPECT_LT(second_run.find("-- context    RST LOOP"), second_run.find("RST  LOOP info"));
+    std::vector<int> all = numbers_in(first_run);
+    const std::vector<int> after = numbers_in(second_run);
+    all.insert(all.end(), after.begin(), after.end());
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        ASSERT_EQ(all[i], static_cast<int>(i)) << "message " << i << " of " << all.size();
+    }
+}
 
 TEST_F(Monitor, UsageErrorsAndHelp) {
     const auto run = [&](const std::vector<std::string>& arguments) {
