@@ -23,7 +23,8 @@ constexpr std::uint32_t NET_CONTEXT = 2;
 constexpr std::uint8_t level(ara::log::LogLevel value) { return static_cast<std::uint8_t>(value); }
 
 // Waits up to `limit` for the daemon to raise MAIN's level to debug.
-bool wait_for_debug(std::chrono::milliseconds limit) {
+bool wait_for_debug(std::chrono::milliseconds limit)
+{
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!logferry::is_log_level_enabled(MAIN_CONTEXT, level(ara::log::LogLevel::kDebug))) {
         if (std::chrono::steady_clock::now() >= deadline) {
@@ -38,7 +39,8 @@ const char* yes_no(bool value) { return value ? "enabled" : "disabled"; }
 
 }  // namespace
 
-int main() {
+int main()
+{
     logferry::set_app_identifier("EXA");
     logferry::init();
 

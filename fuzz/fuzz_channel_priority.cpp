@@ -106,7 +106,8 @@ private:
             segment_->priority_size = size_;
             patch_data();
         }
-        for (logferry::Logferry_base* end : {static_cast<logferry::Logferry_base*>(&state_.application), &state_.daemon}) {
+        for (logferry::Logferry_base* end :
+             {static_cast<logferry::Logferry_base*>(&state_.application), &state_.daemon}) {
             end->segment = segment_;
             end->initialized = true;
         }
@@ -127,8 +128,9 @@ private:
 
     void step(std::uint8_t operation)
     {
-        logferry::Logferry_base& end = (operation & 0x80) != 0 ? static_cast<logferry::Logferry_base&>(state_.daemon)
-                                                               : static_cast<logferry::Logferry_base&>(state_.application);
+        logferry::Logferry_base& end = (operation & 0x80) != 0
+                                           ? static_cast<logferry::Logferry_base&>(state_.daemon)
+                                           : static_cast<logferry::Logferry_base&>(state_.application);
         switch ((operation & 0x7F) % 9) {
         case 0:
         case 1:
@@ -218,9 +220,10 @@ private:
     void popped(const Bytes& taken, const std::string& what)
     {
         const std::size_t used = std::min<std::size_t>(size_, PRIORITY_DATA_SIZE);
-        expect(taken.size() == used, what + " returned " + std::to_string(taken.size()) + " bytes with a size of " +
-                                         std::to_string(size_));
-        expect(std::equal(taken.begin(), taken.end(), data_.begin()), what + " returned other bytes than the area held");
+        expect(taken.size() == used,
+               what + " returned " + std::to_string(taken.size()) + " bytes with a size of " + std::to_string(size_));
+        expect(std::equal(taken.begin(), taken.end(), data_.begin()),
+               what + " returned other bytes than the area held");
         if (used != 0) {
             data_.fill(0);
             size_ = 0;
@@ -229,8 +232,8 @@ private:
 
     void compare_area()
     {
-        expect(segment_->priority_size == size_, "priority_size is " + std::to_string(segment_->priority_size) +
-                                                     ", expected " + std::to_string(size_));
+        expect(segment_->priority_size == size_,
+               "priority_size is " + std::to_string(segment_->priority_size) + ", expected " + std::to_string(size_));
         if (std::memcmp(segment_->priority_data, data_.data(), PRIORITY_DATA_SIZE) == 0) {
             return;
         }

@@ -199,7 +199,8 @@ private:
             }
         }
 
-        for (logferry::Logferry_base* end : {static_cast<logferry::Logferry_base*>(&state_.application), &state_.daemon}) {
+        for (logferry::Logferry_base* end :
+             {static_cast<logferry::Logferry_base*>(&state_.application), &state_.daemon}) {
             end->segment = segment_;
             end->initialized = true;
             end->lost_messages = 0;
@@ -260,7 +261,10 @@ private:
         const bool client_ring_selected = daemon_end ? !own : own;
         return client_ring_selected ? client_ring(segment_) : server_ring(segment_);
     }
-    Ring_model& model_of(const Ring_view& ring) { return ring.capacity == CLIENT_BUFFER_SIZE ? client_model_ : server_model_; }
+    Ring_model& model_of(const Ring_view& ring)
+    {
+        return ring.capacity == CLIENT_BUFFER_SIZE ? client_model_ : server_model_;
+    }
     // The end that writes a ring counts that ring's discards.
     std::uint64_t discards_of(const Ring_view& ring) const
     {
@@ -351,9 +355,8 @@ private:
             while (found < model.queue.size() && model.queue[found] != record) {
                 ++found;
             }
-            expect(found < model.queue.size(),
-                   what + " returned a record of " + std::to_string(record.size()) + " bytes that was never pushed (" +
-                       describe_ring(ring) + ")");
+            expect(found < model.queue.size(), what + " returned a record of " + std::to_string(record.size()) +
+                                                   " bytes that was never pushed (" + describe_ring(ring) + ")");
             model.skipped += found;
             model.queue.erase(model.queue.begin(), model.queue.begin() + static_cast<long>(found) + 1);
         }
@@ -374,9 +377,9 @@ private:
         const std::string what = by_daemon ? "is_empty of the daemon" : "is_empty of the application";
         expect_output(cerr.take(), "", what);
         if (pristine_ && discards_of(ring) == 0) {
-            expect(empty == model_of(ring).queue.empty(),
-                   what + " said " + (empty ? "empty" : "not empty") + " with " +
-                       std::to_string(model_of(ring).queue.size()) + " records waiting (" + describe_ring(ring) + ")");
+            expect(empty == model_of(ring).queue.empty(), what + " said " + (empty ? "empty" : "not empty") + " with " +
+                                                              std::to_string(model_of(ring).queue.size()) +
+                                                              " records waiting (" + describe_ring(ring) + ")");
         }
     }
 

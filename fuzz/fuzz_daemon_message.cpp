@@ -122,10 +122,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             expected_reported = "logferry: empty message received.\n";
         } else if (original[0] == logferry::KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER) {
             if (original.size() == 6 && original[1] <= 6) {
-                const std::uint32_t handle = static_cast<std::uint32_t>(original[2]) |
-                                             static_cast<std::uint32_t>(original[3]) << 8 |
-                                             static_cast<std::uint32_t>(original[4]) << 16 |
-                                             static_cast<std::uint32_t>(original[5]) << 24;
+                const std::uint32_t handle =
+                    static_cast<std::uint32_t>(original[2]) | static_cast<std::uint32_t>(original[3]) << 8 |
+                    static_cast<std::uint32_t>(original[4]) << 16 | static_cast<std::uint32_t>(original[5]) << 24;
                 const auto entry = expected_filters.find(handle);
                 if (entry != expected_filters.end()) {
                     entry->second = original[1];

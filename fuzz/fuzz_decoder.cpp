@@ -63,7 +63,8 @@ void check_contiguous(const std::vector<Record>& records, const std::uint8_t* da
         at += record.size;
     }
     if (whole) {
-        expect(at == size, std::string(where) + ": records end at " + std::to_string(at) + " of " + std::to_string(size));
+        expect(at == size,
+               std::string(where) + ": records end at " + std::to_string(at) + " of " + std::to_string(size));
     }
 }
 

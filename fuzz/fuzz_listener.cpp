@@ -40,9 +40,9 @@
 
 namespace {
 
+using logferry::Listener_entry;
 using logferry::LISTENER_ENTRY_COUNT;
 using logferry::LISTENER_NAME_SIZE;
-using logferry::Listener_entry;
 using logferry::Listener_segment;
 using logferry::Logferry_listener;
 using logferry_fuzz::Reader;
@@ -124,7 +124,8 @@ public:
     void sync_list()
     {
         const std::uint8_t read = list.read_index;
-        if (read >= LISTENER_ENTRY_COUNT || list.entries[read].channel_name[0] == 0 || list.entries[read].picked_up == 1) {
+        if (read >= LISTENER_ENTRY_COUNT || list.entries[read].channel_name[0] == 0 ||
+            list.entries[read].picked_up == 1) {
             list.read_index = 0;
             for (std::uint8_t i = 0; i < LISTENER_ENTRY_COUNT; ++i) {
                 if (announced(list.entries[i])) {
@@ -134,7 +135,8 @@ public:
             }
         }
         const std::uint8_t write = list.write_index;
-        if (write < LISTENER_ENTRY_COUNT && list.entries[write].channel_name[0] == 0 && list.entries[write].picked_up != 1) {
+        if (write < LISTENER_ENTRY_COUNT && list.entries[write].channel_name[0] == 0 &&
+            list.entries[write].picked_up != 1) {
             return;
         }
         list.write_index = list.read_index;
@@ -533,8 +535,8 @@ private:
             }
         }
         if (segment_->read_index != model_.list.read_index || segment_->write_index != model_.list.write_index) {
-            logferry_fuzz::violation(HARNESS, "after " + what + ": indices " + std::to_string(segment_->read_index) + "/" +
-                                                  std::to_string(segment_->write_index) + ", expected " +
+            logferry_fuzz::violation(HARNESS, "after " + what + ": indices " + std::to_string(segment_->read_index) +
+                                                  "/" + std::to_string(segment_->write_index) + ", expected " +
                                                   std::to_string(model_.list.read_index) + "/" +
                                                   std::to_string(model_.list.write_index));
         }
@@ -552,8 +554,8 @@ private:
         if (state_.daemon.proxy_watchdogs) {
             for (std::uint32_t i = 0; i < LISTENER_ENTRY_COUNT; ++i) {
                 if (state_.daemon.proxy_watchdogs[i] != model_.daemon.watchdogs[i]) {
-                    logferry_fuzz::violation(HARNESS, "after " + what + ": proxy watchdog " + std::to_string(i) + " is " +
-                                                          std::to_string(state_.daemon.proxy_watchdogs[i]) +
+                    logferry_fuzz::violation(HARNESS, "after " + what + ": proxy watchdog " + std::to_string(i) +
+                                                          " is " + std::to_string(state_.daemon.proxy_watchdogs[i]) +
                                                           ", expected " + std::to_string(model_.daemon.watchdogs[i]));
                 }
             }

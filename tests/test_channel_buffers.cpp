@@ -285,8 +285,8 @@ TEST_F(ChannelBuffers, PushClientRefusesUnknownKindsWithAMessage)
             capture_stderr([&] { pushed = channel.app.push(record(static_cast<unsigned char>(kind), 8)); });
         EXPECT_FALSE(pushed);
         EXPECT_EQ(text, "logferry: unknown message type " + std::to_string(kind) + "\n");
-        const std::string direct = capture_stderr(
-            [&] { pushed = channel.app.push_client(record(static_cast<unsigned char>(kind), 1)); });
+        const std::string direct =
+            capture_stderr([&] { pushed = channel.app.push_client(record(static_cast<unsigned char>(kind), 1)); });
         EXPECT_FALSE(pushed);
         EXPECT_EQ(direct, "logferry: unknown message type " + std::to_string(kind) + "\n");
     }
@@ -590,9 +590,10 @@ TEST_F(ChannelBuffers, RandomisedPushesAndPopsFollowTheModel)
         }
         const bool use_client = std::uniform_int_distribution<int>(0, 1)(random) == 0;
         Ring_model& model = use_client ? client_model : server_model;
-        logferry::Logferry_base& writer = use_client ? static_cast<logferry::Logferry_base&>(channel.app)
-                                                     : channel.daemon;
-        logferry::Logferry_base& reader = use_client ? channel.daemon : static_cast<logferry::Logferry_base&>(channel.app);
+        logferry::Logferry_base& writer =
+            use_client ? static_cast<logferry::Logferry_base&>(channel.app) : channel.daemon;
+        logferry::Logferry_base& reader =
+            use_client ? channel.daemon : static_cast<logferry::Logferry_base&>(channel.app);
         const Ring_fields& ring = use_client ? client : server;
         const std::uint32_t capacity = ring.capacity;
 
@@ -617,7 +618,8 @@ TEST_F(ChannelBuffers, RandomisedPushesAndPopsFollowTheModel)
                 byte = static_cast<unsigned char>(random());
             }
             if (size > 0) {
-                data[0] = use_client ? client_kinds[random() % sizeof client_kinds] : static_cast<unsigned char>(random());
+                data[0] =
+                    use_client ? client_kinds[random() % sizeof client_kinds] : static_cast<unsigned char>(random());
             }
             const bool expected = model.placeable(size);
             const std::uint64_t lost_before = model.lost();

@@ -89,8 +89,7 @@ public:
         std::size_t end;
     };
 
-    Fence(Channel_segment* segment, std::vector<Range> allowed)
-        : base_(reinterpret_cast<unsigned char*>(segment))
+    Fence(Channel_segment* segment, std::vector<Range> allowed) : base_(reinterpret_cast<unsigned char*>(segment))
     {
         std::size_t at = 0;
         allowed.push_back(Range{MAPPED, MAPPED});
@@ -246,7 +245,9 @@ void scribble(std::mt19937& random, const Ring_fields& ring)
         *ring.write_index = garbage_index(random, capacity);
     } else if (what == 4) {
         // A prefix at R or W (when they are inside the ring), or anywhere.
-        std::uint32_t at = random() % 3 == 0 ? *ring.read_index : random() % 3 == 0 ? *ring.write_index : random() % capacity;
+        std::uint32_t at = random() % 3 == 0   ? *ring.read_index
+                           : random() % 3 == 0 ? *ring.write_index
+                                               : random() % capacity;
         if (at + 1 < capacity) {
             const std::uint32_t length = random() % 2 == 0 ? random() % 0x10000 : capacity - at - random() % 4;
             ring.bytes[at] = static_cast<unsigned char>(length);
@@ -433,8 +434,8 @@ TEST_F(ChannelGarbage, PriorityAreaSurvivesGarbage)
             default:
                 break;
             }
-            logferry::Logferry_base& end = random() % 2 == 0 ? static_cast<logferry::Logferry_base&>(channel.app)
-                                                            : channel.daemon;
+            logferry::Logferry_base& end =
+                random() % 2 == 0 ? static_cast<logferry::Logferry_base&>(channel.app) : channel.daemon;
             const int op = static_cast<int>(random() % 6);
             Bytes data(random() % 2100 + (random() % 8 == 0 ? 0 : 1));
             if (!data.empty()) {
@@ -481,8 +482,8 @@ TEST_F(ChannelGarbage, IndexBeyondTheRingRestartsItEmpty)
     channel.app.unlock_client_buffer();
     const Ring_fields ring = channel.client_ring();
     const Bytes kept = record(3, 50, 0x21);
-    for (const std::uint32_t bad : {CLIENT_BUFFER_SIZE - 2, CLIENT_BUFFER_SIZE - 1, CLIENT_BUFFER_SIZE,
-                                    CLIENT_BUFFER_SIZE + 5, 0xFFFFFFFFu}) {
+    for (const std::uint32_t bad :
+         {CLIENT_BUFFER_SIZE - 2, CLIENT_BUFFER_SIZE - 1, CLIENT_BUFFER_SIZE, CLIENT_BUFFER_SIZE + 5, 0xFFFFFFFFu}) {
         ASSERT_TRUE(channel.app.push(kept));
         *ring.read_index = bad;
         EXPECT_TRUE(channel.daemon.is_empty()) << bad;

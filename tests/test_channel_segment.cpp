@@ -143,7 +143,7 @@ TEST(ChannelSegment, MutexesAreSetUpInOrderEachWithItsOwnAttributes)
     name_for_test(client);
     ASSERT_TRUE(client.init());
     fake.on_call(nullptr);
-    const std::vector<Op> one = {Op::pthread_mutexattr_init,      Op::pthread_mutexattr_settype,
+    const std::vector<Op> one = {Op::pthread_mutexattr_init,       Op::pthread_mutexattr_settype,
                                  Op::pthread_mutexattr_setpshared, Op::pthread_mutexattr_setrobust,
                                  Op::pthread_mutex_init,           Op::pthread_mutexattr_destroy};
     std::vector<Op> expected;
@@ -440,21 +440,23 @@ const char* const MUTEX_MESSAGE = "logferry: error while initializing the mutex.
 
 INSTANTIATE_TEST_SUITE_P(
     EachCall, ChannelSegmentInitFailure,
-    ::testing::Values(
-        Init_failure{Op::shm_open, -1, EACCES, 0, "logferry: error while opening the shared memory: Permission denied\n"},
-        Init_failure{Op::ftruncate, -1, EFBIG, 0, "logferry: error while truncating the shared memory: File too large\n"},
-        Init_failure{Op::mmap, -1, ENOMEM, 0, "logferry: error while mapping the shared memory: Cannot allocate memory\n"},
-        Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 0, MUTEX_MESSAGE},
-        Init_failure{Op::pthread_mutexattr_settype, EINVAL, 0, 0, MUTEX_MESSAGE},
-        Init_failure{Op::pthread_mutexattr_setpshared, EINVAL, 0, 0, MUTEX_MESSAGE},
-        Init_failure{Op::pthread_mutexattr_setrobust, EINVAL, 0, 0, MUTEX_MESSAGE},
-        Init_failure{Op::pthread_mutex_init, EAGAIN, 0, 0, MUTEX_MESSAGE},
-        Init_failure{Op::pthread_mutexattr_destroy, EINVAL, 0, 0, MUTEX_MESSAGE},
-        Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 1, MUTEX_MESSAGE},  // the client ring's mutex
-        Init_failure{Op::pthread_mutex_init, EAGAIN, 0, 1, MUTEX_MESSAGE},
-        Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 2, MUTEX_MESSAGE},  // the daemon ring's mutex
-        Init_failure{Op::pthread_mutexattr_setrobust, EINVAL, 0, 2, MUTEX_MESSAGE},
-        Init_failure{Op::pthread_mutex_init, EAGAIN, 0, 2, MUTEX_MESSAGE}),
+    ::testing::Values(Init_failure{Op::shm_open, -1, EACCES, 0,
+                                   "logferry: error while opening the shared memory: Permission denied\n"},
+                      Init_failure{Op::ftruncate, -1, EFBIG, 0,
+                                   "logferry: error while truncating the shared memory: File too large\n"},
+                      Init_failure{Op::mmap, -1, ENOMEM, 0,
+                                   "logferry: error while mapping the shared memory: Cannot allocate memory\n"},
+                      Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 0, MUTEX_MESSAGE},
+                      Init_failure{Op::pthread_mutexattr_settype, EINVAL, 0, 0, MUTEX_MESSAGE},
+                      Init_failure{Op::pthread_mutexattr_setpshared, EINVAL, 0, 0, MUTEX_MESSAGE},
+                      Init_failure{Op::pthread_mutexattr_setrobust, EINVAL, 0, 0, MUTEX_MESSAGE},
+                      Init_failure{Op::pthread_mutex_init, EAGAIN, 0, 0, MUTEX_MESSAGE},
+                      Init_failure{Op::pthread_mutexattr_destroy, EINVAL, 0, 0, MUTEX_MESSAGE},
+                      Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 1, MUTEX_MESSAGE},  // the client ring's mutex
+                      Init_failure{Op::pthread_mutex_init, EAGAIN, 0, 1, MUTEX_MESSAGE},
+                      Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 2, MUTEX_MESSAGE},  // the daemon ring's mutex
+                      Init_failure{Op::pthread_mutexattr_setrobust, EINVAL, 0, 2, MUTEX_MESSAGE},
+                      Init_failure{Op::pthread_mutex_init, EAGAIN, 0, 2, MUTEX_MESSAGE}),
     [](const ::testing::TestParamInfo<Init_failure>& info) {
         return std::string(logferry_test::op_name(info.param.op)) + "_" + std::to_string(info.param.skip);
     });

@@ -38,9 +38,9 @@ TEST(ClientLifecycle, LoadTimeStateIsEmptyAndUninitialised)
     EXPECT_FALSE(logferry::listener.is_listening());
     EXPECT_NE(logferry::sys, nullptr);
     // The mutexes start unlocked.
-    for (std::mutex* mutex : {&logferry::application_mutex, &logferry::contexts_mutex, &logferry::filters_mutex,
-                              &logferry::priority_message_queue_mutex,
-                              &logferry::incomplete_logstream_messages_mutex}) {
+    for (std::mutex* mutex :
+         {&logferry::application_mutex, &logferry::contexts_mutex, &logferry::filters_mutex,
+          &logferry::priority_message_queue_mutex, &logferry::incomplete_logstream_messages_mutex}) {
         ASSERT_TRUE(mutex->try_lock());
         mutex->unlock();
     }

@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <memory>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 

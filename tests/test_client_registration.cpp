@@ -116,8 +116,8 @@ TEST_F(ClientRegistration, LongDescriptionsAreCutTo79Characters)
     const auto queued = queued_priority_records();
     ASSERT_EQ(queued.size(), 2u);
 
-    const Bytes app = logferry_test::concat(
-        {Bytes{3, 88, 0, 'A', 'P', 'P', '1', 0}, text_bytes(std::string(79, 'q')), Bytes{0}});
+    const Bytes app =
+        logferry_test::concat({Bytes{3, 88, 0, 'A', 'P', 'P', '1', 0}, text_bytes(std::string(79, 'q')), Bytes{0}});
     EXPECT_EQ(queued[0], app);
     EXPECT_EQ(queued[0].size(), 88u);
     EXPECT_EQ(+logferry::registered_application.at(0).length, 88);

@@ -134,22 +134,29 @@ std::uint32_t read_u32(const Bytes& bytes, std::size_t at)
 long record_key(const Bytes& record)
 {
     switch (record[0]) {
-        case 7:
-            return read_u32(record, 6);
-        case 8: case 9: case 10: case 11: case 12: case 13: case 18: case 19:
-            return read_u32(record, 1);
-        case 14:
-            return read_u32(record, 3);
-        case 15:
-            return read_u32(record, 4);
-        case 16:
-            return read_u32(record, 6);
-        case 17:
-            return read_u32(record, 10);
-        case 20:
-            return read_u32(record, 3);
-        default:
-            return -1;
+    case 7:
+        return read_u32(record, 6);
+    case 8:
+    case 9:
+    case 10:
+    case 11:
+    case 12:
+    case 13:
+    case 18:
+    case 19:
+        return read_u32(record, 1);
+    case 14:
+        return read_u32(record, 3);
+    case 15:
+        return read_u32(record, 4);
+    case 16:
+        return read_u32(record, 6);
+    case 17:
+        return read_u32(record, 10);
+    case 20:
+        return read_u32(record, 3);
+    default:
+        return -1;
     }
 }
 
@@ -225,9 +232,9 @@ TEST_F(ClientStreams, StartInt8FinishIsOneMessageInOrder)
     ASSERT_TRUE(logferry::log_start(CONTEXT, 1, 4));
     logferry::log_int8(1, -5);
     logferry::log_finish(1);
-    const Bytes expected{7, 4, 1, 0, 0, 0, 1, 0, 0, 0, 0x40, 0xE2, 0x01, 0x00,  // start, timestamp 123456
-                         10, 1, 0, 0, 0, 0xFB,                                  // int8 -5
-                         8, 1, 0, 0, 0};                                        // finish
+    const Bytes expected{7,  4, 1, 0, 0, 0,    1, 0, 0, 0, 0x40, 0xE2, 0x01, 0x00,  // start, timestamp 123456
+                         10, 1, 0, 0, 0, 0xFB,                                      // int8 -5
+                         8,  1, 0, 0, 0};                                           // finish
     EXPECT_EQ(only_message(), expected);
     EXPECT_FALSE(logferry::is_logstream_enabled(1));
     EXPECT_EQ(logferry::incomplete_logstream_messages.count(1), 0u);
@@ -341,8 +348,8 @@ TEST_F(ClientStreams, EveryTypedCallWritesItsRecord)
     EXPECT_EQ(records[4], (Bytes{11, 0x44, 0x33, 0x22, 0x11, 0xFE, 0xFF}));
     EXPECT_EQ(records[8], (Bytes{15, 2, 0x34, 0x12, 0x44, 0x33, 0x22, 0x11}));
     EXPECT_EQ(records[11], (Bytes{18, 0x44, 0x33, 0x22, 0x11, 0x00, 0x00, 0x80, 0x3F}));
-    EXPECT_EQ(records[13], concat({Bytes{20, 19, 0, 0x44, 0x33, 0x22, 0x11}, Bytes{'h', 'e', 'l', 'l', 'o', ' ', 'w',
-                                                                                  'o', 'r', 'l', 'd', 0}}));
+    EXPECT_EQ(records[13], concat({Bytes{20, 19, 0, 0x44, 0x33, 0x22, 0x11},
+                                   Bytes{'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', 0}}));
 }
 
 TEST_F(ClientStreams, FormatsOutsideZeroToSixAreSentAsZero)
@@ -357,11 +364,11 @@ TEST_F(ClientStreams, FormatsOutsideZeroToSixAreSentAsZero)
         log_uint32_formatted(1, 3, code);
         log_uint64_formatted(1, 4, code);
         log_finish(1);
-        EXPECT_EQ(only_message(), concat({formatted_record<Logferry_write_uint8_formatted>(1, 1, sent),
-                                          formatted_record<Logferry_write_uint16_formatted>(1, 2, sent),
-                                          formatted_record<Logferry_write_uint32_formatted>(1, 3, sent),
-                                          formatted_record<Logferry_write_uint64_formatted>(1, 4, sent),
-                                          finish_record(1)}))
+        EXPECT_EQ(only_message(),
+                  concat({formatted_record<Logferry_write_uint8_formatted>(1, 1, sent),
+                          formatted_record<Logferry_write_uint16_formatted>(1, 2, sent),
+                          formatted_record<Logferry_write_uint32_formatted>(1, 3, sent),
+                          formatted_record<Logferry_write_uint64_formatted>(1, 4, sent), finish_record(1)}))
             << format;
     }
 }
@@ -490,10 +497,9 @@ TEST_F(ClientStreams, EncodedPayloadRules)
     logferry::log_encoded_payload(1, payload, 3);
     logferry::log_encoded_payload(1, payload, 0);
     logferry::log_finish(1);
-    EXPECT_EQ(only_message(),
-              concat({start_record(4, CONTEXT, 1), encoded_payload_record(1, payload),
-                      encoded_payload_record(1, Bytes(payload.begin(), payload.begin() + 3)),
-                      Bytes{22, 9, 0, 0, 0, 1, 0, 0, 0}, finish_record(1)}));
+    EXPECT_EQ(only_message(), concat({start_record(4, CONTEXT, 1), encoded_payload_record(1, payload),
+                                      encoded_payload_record(1, Bytes(payload.begin(), payload.begin() + 3)),
+                                      Bytes{22, 9, 0, 0, 0, 1, 0, 0, 0}, finish_record(1)}));
 }
 
 TEST_F(ClientStreams, EncodedPayloadAsFirstRecordIsRefusedByTheChannel)
@@ -549,8 +555,7 @@ TEST_F(ClientStreams, AppendToLogstreamCopiesBytes)
     EXPECT_TRUE(logferry::append_to_logstream(8, Bytes{9, 8, 0, 0, 0, 1}));
     {
         std::lock_guard<std::mutex> lock(logferry::incomplete_logstream_messages_mutex);
-        EXPECT_EQ(logferry::incomplete_logstream_messages.at(8),
-                  (Bytes{12, 8, 0, 0, 0, 1, 0, 0, 0, 9, 8, 0, 0, 0, 1}));
+        EXPECT_EQ(logferry::incomplete_logstream_messages.at(8), (Bytes{12, 8, 0, 0, 0, 1, 0, 0, 0, 9, 8, 0, 0, 0, 1}));
     }
     logferry::log_finish(8);
     EXPECT_EQ(only_message(), (Bytes{12, 8, 0, 0, 0, 1, 0, 0, 0, 9, 8, 0, 0, 0, 1, 8, 8, 0, 0, 0}));
@@ -624,11 +629,21 @@ TEST_F(ClientStreams, TwoThreadsInAlternationBuildTwoCompleteMessages)
             const int mine = step * 2 + side;
             ASSERT_TRUE(wait_until([&] { return turn.load() == mine; }));
             switch (step) {
-                case 0: EXPECT_TRUE(logferry::log_start(CONTEXT, key, 4)); break;
-                case 1: logferry::log_int32(key, static_cast<std::int32_t>(key * 10)); break;
-                case 2: logferry::log_utf8_string(key, key == 1 ? "from A" : "from B"); break;
-                case 3: logferry::log_uint32_formatted(key, key, LogFormat::kHex); break;
-                default: logferry::log_finish(key); break;
+            case 0:
+                EXPECT_TRUE(logferry::log_start(CONTEXT, key, 4));
+                break;
+            case 1:
+                logferry::log_int32(key, static_cast<std::int32_t>(key * 10));
+                break;
+            case 2:
+                logferry::log_utf8_string(key, key == 1 ? "from A" : "from B");
+                break;
+            case 3:
+                logferry::log_uint32_formatted(key, key, LogFormat::kHex);
+                break;
+            default:
+                logferry::log_finish(key);
+                break;
             }
             turn = mine + 1;
         }

@@ -28,14 +28,16 @@ using logferry_decoder::Unit_shape;
 using Bytes = std::vector<unsigned char>;
 
 template <typename R>
-Bytes bytes_of(const R& record) {
+Bytes bytes_of(const R& record)
+{
     Bytes out;
     serialize(record, out);
     return out;
 }
 
 template <typename... R>
-Bytes concat(const R&... records) {
+Bytes concat(const R&... records)
+{
     Bytes out;
     int unused[] = {(serialize(records, out), 0)...};
     static_cast<void>(unused);
@@ -43,7 +45,8 @@ Bytes concat(const R&... records) {
 }
 
 // Decodes `bytes` as one record that must fill them exactly.
-Record whole_record(const Bytes& bytes) {
+Record whole_record(const Bytes& bytes)
+{
     const auto result = decode_record(bytes);
     EXPECT_TRUE(result.error.ok()) << logferry_decoder::describe(result.error);
     EXPECT_EQ(result.record.size, bytes.size());
@@ -52,13 +55,15 @@ Record whole_record(const Bytes& bytes) {
 }
 
 template <std::size_t N>
-void fill(std::array<char, N>& field, const std::string& text) {
+void fill(std::array<char, N>& field, const std::string& text)
+{
     ASSERT_LE(text.size(), N);
     std::memcpy(field.data(), text.data(), text.size());
 }
 
 Logferry_write_start start_record(std::uint32_t key, std::uint8_t level = 4, std::uint32_t handle = 1,
-                                  std::uint32_t timestamp = 123456) {
+                                  std::uint32_t timestamp = 123456)
+{
     Logferry_write_start start;
     start.log_level = level;
     start.context_handle = handle;
@@ -67,13 +72,15 @@ Logferry_write_start start_record(std::uint32_t key, std::uint8_t level = 4, std
     return start;
 }
 
-Logferry_write_finish finish_record(std::uint32_t key) {
+Logferry_write_finish finish_record(std::uint32_t key)
+{
     Logferry_write_finish finish;
     finish.stream_key = key;
     return finish;
 }
 
-Logferry_write_utf8_string text_record(std::uint32_t key, const std::string& text) {
+Logferry_write_utf8_string text_record(std::uint32_t key, const std::string& text)
+{
     Logferry_write_utf8_string record;
     record.stream_key = key;
     fill(record.text, text);
@@ -82,7 +89,8 @@ Logferry_write_utf8_string text_record(std::uint32_t key, const std::string& tex
 }
 
 // A text record whose text array holds no zero: the encoder ends it after the key.
-Logferry_write_utf8_string unterminated_text_record(std::uint32_t key) {
+Logferry_write_utf8_string unterminated_text_record(std::uint32_t key)
+{
     Logferry_write_utf8_string record;
     record.stream_key = key;
     record.text.fill('t');
@@ -90,7 +98,8 @@ Logferry_write_utf8_string unterminated_text_record(std::uint32_t key) {
     return record;
 }
 
-Logferry_write_int32 int32_record(std::uint32_t key, std::int32_t value) {
+Logferry_write_int32 int32_record(std::uint32_t key, std::int32_t value)
+{
     Logferry_write_int32 record;
     record.stream_key = key;
     record.value = value;
@@ -101,7 +110,8 @@ Logferry_write_int32 int32_record(std::uint32_t key, std::int32_t value) {
 // end is caught by the address sanitizer.
 struct Exact_copy {
     explicit Exact_copy(const Bytes& bytes, std::size_t count)
-        : data(new unsigned char[count == 0 ? 1 : count]), size(count) {
+        : data(new unsigned char[count == 0 ? 1 : count]), size(count)
+    {
         if (count != 0) {
             std::memcpy(data.get(), bytes.data(), count);
         }
@@ -113,7 +123,8 @@ struct Exact_copy {
 // ----------------------------------------------------------------------------------------
 // Registration and control records.
 
-TEST(Decoder, DisableRemoteEnableLocalPrintAndUnregisterAppAreOneByte) {
+TEST(Decoder, DisableRemoteEnableLocalPrintAndUnregisterAppAreOneByte)
+{
     const Record disable = whole_record(bytes_of(Logferry_disable_remote()));
     EXPECT_EQ(disable.kind, KIND_DISABLE_REMOTE);
     const Record enable = whole_record(bytes_of(Logferry_enable_local_print()));
@@ -123,7 +134,8 @@ TEST(Decoder, DisableRemoteEnableLocalPrintAndUnregisterAppAreOneByte) {
     EXPECT_EQ(unregister.size, 1U);
 }
 
-TEST(Decoder, InitFileCarriesTheFileName) {
+TEST(Decoder, InitFileCarriesTheFileName)
+{
     Logferry_init_file record;
     fill(record.file_name, "/var/log/example.dlt");
     const Record decoded = whole_record(bytes_of(record));
@@ -137,7 +149,8 @@ TEST(Decoder, InitFileCarriesTheFileName) {
     EXPECT_EQ(whole_record(bytes_of(Logferry_init_file())).text, "");
 }
 
-TEST(Decoder, InitFileWithoutZeroIsUnterminated) {
+TEST(Decoder, InitFileWithoutZeroIsUnterminated)
+{
     Bytes bytes(256, 'f');
     bytes[0] = KIND_INIT_FILE;
     const auto result = decode_record(bytes);
@@ -146,7 +159,8 @@ TEST(Decoder, InitFileWithoutZeroIsUnterminated) {
     EXPECT_EQ(result.error.kind, KIND_INIT_FILE);
 }
 
-TEST(Decoder, RegisterAppCarriesIdDescriptionAndLength) {
+TEST(Decoder, RegisterAppCarriesIdDescriptionAndLength)
+{
     const Bytes bytes = bytes_of(Logferry_register_app("EXA", "Example application"));
     const Record decoded = whole_record(bytes);
     EXPECT_EQ(decoded.kind, KIND_REGISTER_APP);
@@ -167,7 +181,8 @@ TEST(Decoder, RegisterAppCarriesIdDescriptionAndLength) {
     EXPECT_EQ(full.size, 88U);
 }
 
-TEST(Decoder, RegisterAppBuiltWithoutTextsKeepsItsShortLength) {
+TEST(Decoder, RegisterAppBuiltWithoutTextsKeepsItsShortLength)
+{
     // Length 8 but 9 bytes: the empty description's zero is still written.
     const Record decoded = whole_record(bytes_of(Logferry_register_app(nullptr, "x")));
     EXPECT_EQ(decoded.length, 8U);
@@ -177,7 +192,8 @@ TEST(Decoder, RegisterAppBuiltWithoutTextsKeepsItsShortLength) {
     EXPECT_TRUE(decoded.is(logferry_decoder::length_mismatch));
 }
 
-TEST(Decoder, RegisterContextCarriesLevelHandleIdAndDescription) {
+TEST(Decoder, RegisterContextCarriesLevelHandleIdAndDescription)
+{
     const Bytes bytes = bytes_of(Logferry_register_context(5, 0x01020304, "MAIN", "Main context"));
     const Record decoded = whole_record(bytes);
     EXPECT_EQ(decoded.kind, KIND_REGISTER_CONTEXT);
@@ -194,7 +210,8 @@ TEST(Decoder, RegisterContextCarriesLevelHandleIdAndDescription) {
     EXPECT_EQ(empty.id, "C");
 }
 
-TEST(Decoder, RegisterRecordsWithoutTheirZerosAreRejected) {
+TEST(Decoder, RegisterRecordsWithoutTheirZerosAreRejected)
+{
     Bytes app = bytes_of(Logferry_register_app("ABCD", "x"));
     app[7] = 'E';  // the ID's fifth byte
     EXPECT_EQ(decode_record(app).error.code, Error_code::unterminated_field);
@@ -215,14 +232,16 @@ TEST(Decoder, RegisterRecordsWithoutTheirZerosAreRejected) {
     EXPECT_EQ(result.error.offset, 8U);
 }
 
-TEST(Decoder, RegisterContextWithLevelAboveSixIsInvalid) {
+TEST(Decoder, RegisterContextWithLevelAboveSixIsInvalid)
+{
     const Bytes bytes = bytes_of(Logferry_register_context(7, 1, "CTX", "d"));
     const auto result = decode_record(bytes);
     EXPECT_EQ(result.error.code, Error_code::invalid_value);
     EXPECT_EQ(result.error.offset, 3U);
 }
 
-TEST(Decoder, UnregisterContextCarriesTheHandle) {
+TEST(Decoder, UnregisterContextCarriesTheHandle)
+{
     Logferry_unregister_context record;
     record.context_handle = 0xCAFEBABE;
     const Record decoded = whole_record(bytes_of(record));
@@ -230,7 +249,8 @@ TEST(Decoder, UnregisterContextCarriesTheHandle) {
     EXPECT_EQ(decoded.context_handle, 0xCAFEBABEU);
 }
 
-TEST(Decoder, LevelUpdateCarriesLevelAndHandle) {
+TEST(Decoder, LevelUpdateCarriesLevelAndHandle)
+{
     const Bytes bytes = {24, 6, 0x78, 0x56, 0x34, 0x12};
     const Record decoded = whole_record(bytes);
     EXPECT_EQ(decoded.kind, KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER);
@@ -243,7 +263,8 @@ TEST(Decoder, LevelUpdateCarriesLevelAndHandle) {
 // ----------------------------------------------------------------------------------------
 // Log records.
 
-TEST(Decoder, StartAndFinishCarryTheirFields) {
+TEST(Decoder, StartAndFinishCarryTheirFields)
+{
     const Record start = whole_record(bytes_of(start_record(0x11223344, 3, 7, 0xFFFFFFFF)));
     EXPECT_EQ(start.kind, KIND_WRITE_START);
     EXPECT_EQ(start.log_level, 3U);
@@ -258,7 +279,8 @@ TEST(Decoder, StartAndFinishCarryTheirFields) {
     EXPECT_EQ(decode_record(bytes_of(start_record(1, 7))).error.code, Error_code::invalid_value);
 }
 
-TEST(Decoder, BoolValues) {
+TEST(Decoder, BoolValues)
+{
     Logferry_write_bool record;
     record.stream_key = 9;
     record.value = 1;
@@ -274,7 +296,8 @@ TEST(Decoder, BoolValues) {
     EXPECT_EQ(result.error.offset, 5U);
 }
 
-TEST(Decoder, SignedIntegersOfEveryWidth) {
+TEST(Decoder, SignedIntegersOfEveryWidth)
+{
     Logferry_write_int8 i8;
     i8.stream_key = 1;
     i8.value = -128;
@@ -306,7 +329,8 @@ TEST(Decoder, SignedIntegersOfEveryWidth) {
     EXPECT_EQ(d64.stream_key, 4U);
 }
 
-TEST(Decoder, FormattedUnsignedIntegersOfEveryWidth) {
+TEST(Decoder, FormattedUnsignedIntegersOfEveryWidth)
+{
     Logferry_write_uint8_formatted u8;
     u8.format = static_cast<std::uint8_t>(LogFormat::kBin);
     u8.value = 0xA5;
@@ -345,7 +369,8 @@ TEST(Decoder, FormattedUnsignedIntegersOfEveryWidth) {
     EXPECT_EQ(d64.value_bits, 64U);
 }
 
-TEST(Decoder, FloatingPointValues) {
+TEST(Decoder, FloatingPointValues)
+{
     Logferry_write_float32 f32;
     f32.value = 1.0f;
     f32.stream_key = 0;
@@ -364,7 +389,8 @@ TEST(Decoder, FloatingPointValues) {
     EXPECT_EQ(d64.value_bits, 64U);
 }
 
-TEST(Decoder, TextRecords) {
+TEST(Decoder, TextRecords)
+{
     const Record hello = whole_record(bytes_of(text_record(3, "hello world")));
     EXPECT_EQ(hello.kind, KIND_WRITE_UTF8_STRING);
     EXPECT_EQ(hello.text, "hello world");
@@ -382,7 +408,8 @@ TEST(Decoder, TextRecords) {
     EXPECT_EQ(full.size, 1397U);
 }
 
-TEST(Decoder, TextWithoutZeroEndsAfterTheStreamKey) {
+TEST(Decoder, TextWithoutZeroEndsAfterTheStreamKey)
+{
     const Bytes bytes = bytes_of(unterminated_text_record(0x55));
     ASSERT_EQ(bytes.size(), 7U);
     const Record decoded = whole_record(bytes);
@@ -393,7 +420,8 @@ TEST(Decoder, TextWithoutZeroEndsAfterTheStreamKey) {
     EXPECT_EQ(decoded.length, 1398U);
 }
 
-TEST(Decoder, TextLengthFieldThatDisagreesIsReported) {
+TEST(Decoder, TextLengthFieldThatDisagreesIsReported)
+{
     // What a string view over a text with an early zero produces: length 18, 3 characters.
     Logferry_write_utf8_string record = text_record(1, "abc");
     record.length = 18;
@@ -405,7 +433,8 @@ TEST(Decoder, TextLengthFieldThatDisagreesIsReported) {
     EXPECT_FALSE(decoded.is(logferry_decoder::text_omitted));
 }
 
-TEST(Decoder, RawRecordsCarryFormatAndPayload) {
+TEST(Decoder, RawRecordsCarryFormatAndPayload)
+{
     Logferry_write_raw_formatted record;
     record.format = static_cast<std::uint8_t>(LogFormat::kHex);
     record.size = 4;
@@ -430,7 +459,8 @@ TEST(Decoder, RawRecordsCarryFormatAndPayload) {
     EXPECT_EQ(full.payload.size(), RECORD_MAX_PAYLOAD_SIZE);
 }
 
-TEST(Decoder, PayloadSizeZeroOrAbove1389EndsAfterTheFixedFields) {
+TEST(Decoder, PayloadSizeZeroOrAbove1389EndsAfterTheFixedFields)
+{
     Logferry_write_raw_formatted raw;
     raw.size = 0;
     raw.length = 10;
@@ -466,7 +496,8 @@ TEST(Decoder, PayloadSizeZeroOrAbove1389EndsAfterTheFixedFields) {
     EXPECT_TRUE(whole.is(logferry_decoder::payload_omitted));
 }
 
-TEST(Decoder, EncodedPayloadAndEncodedMessage) {
+TEST(Decoder, EncodedPayloadAndEncodedMessage)
+{
     Logferry_write_encoded_payload payload;
     payload.size = 3;
     payload.length = 12;
@@ -493,7 +524,8 @@ TEST(Decoder, EncodedPayloadAndEncodedMessage) {
     EXPECT_EQ(whole.irregular, 0U);
 }
 
-TEST(Decoder, PayloadLengthFieldThatDisagreesIsReported) {
+TEST(Decoder, PayloadLengthFieldThatDisagreesIsReported)
+{
     Logferry_write_raw_formatted raw;
     raw.size = 2;
     raw.length = 99;
@@ -503,7 +535,8 @@ TEST(Decoder, PayloadLengthFieldThatDisagreesIsReported) {
     EXPECT_TRUE(decoded.is(logferry_decoder::length_mismatch));
 }
 
-TEST(Decoder, PayloadRunningPastTheEndIsTruncated) {
+TEST(Decoder, PayloadRunningPastTheEndIsTruncated)
+{
     Logferry_write_raw_formatted raw;
     raw.size = 8;
     raw.length = 18;
@@ -515,7 +548,8 @@ TEST(Decoder, PayloadRunningPastTheEndIsTruncated) {
     EXPECT_EQ(result.error.kind, KIND_WRITE_RAW_FORMATTED);
 }
 
-TEST(Decoder, KindsAbove24AreUnknown) {
+TEST(Decoder, KindsAbove24AreUnknown)
+{
     for (int kind = 25; kind < 256; ++kind) {
         const Bytes bytes(16, static_cast<unsigned char>(kind));
         EXPECT_EQ(decode_record(bytes).error.code, Error_code::unknown_kind) << kind;
@@ -525,7 +559,8 @@ TEST(Decoder, KindsAbove24AreUnknown) {
     EXPECT_EQ(decode_record(Bytes()).error.code, Error_code::empty_input);
 }
 
-TEST(Decoder, KindNamesCoverEveryKind) {
+TEST(Decoder, KindNamesCoverEveryKind)
+{
     EXPECT_STREQ(logferry_decoder::kind_name(0), "disable_remote");
     EXPECT_STREQ(logferry_decoder::kind_name(20), "write_utf8_string");
     EXPECT_STREQ(logferry_decoder::kind_name(24), "update_context_log_level_filter");
@@ -535,7 +570,8 @@ TEST(Decoder, KindNamesCoverEveryKind) {
 
 // Every prefix of every record kind, in an allocation of exactly that size: the full
 // record decodes, every shorter prefix is reported as cut and nothing is read behind it.
-TEST(Decoder, EveryCutRecordIsTruncatedAndNeverReadPastItsEnd) {
+TEST(Decoder, EveryCutRecordIsTruncatedAndNeverReadPastItsEnd)
+{
     Logferry_write_raw_formatted raw;
     raw.size = 5;
     raw.length = 15;
@@ -601,14 +637,16 @@ TEST(Decoder, EveryCutRecordIsTruncatedAndNeverReadPastItsEnd) {
 // ----------------------------------------------------------------------------------------
 // Priority area reads.
 
-TEST(Decoder, PriorityAreaWithOneRecord) {
+TEST(Decoder, PriorityAreaWithOneRecord)
+{
     const auto read = decode_priority_area(bytes_of(Logferry_register_app("APP", "desc")));
     ASSERT_TRUE(read.error.ok());
     ASSERT_EQ(read.records.size(), 1U);
     EXPECT_EQ(read.records[0].id, "APP");
 }
 
-TEST(Decoder, PriorityAreaWithSeveralRecordsEndToEnd) {
+TEST(Decoder, PriorityAreaWithSeveralRecordsEndToEnd)
+{
     Logferry_init_file file;
     fill(file.file_name, "out.dlt");
     const Bytes bytes = concat(Logferry_register_app("APP", "desc"), Logferry_register_context(4, 1, "CTX1", "one"),
@@ -634,7 +672,8 @@ TEST(Decoder, PriorityAreaWithSeveralRecordsEndToEnd) {
     EXPECT_EQ(offset, bytes.size());
 }
 
-TEST(Decoder, PriorityAreaRejectsOtherKindsAndKeepsWhatCameBefore) {
+TEST(Decoder, PriorityAreaRejectsOtherKindsAndKeepsWhatCameBefore)
+{
     const Bytes bytes = concat(Logferry_register_app("APP", "d"), Logferry_unregister_app());
     const auto read = decode_priority_area(bytes);
     EXPECT_EQ(read.error.code, Error_code::unexpected_kind);
@@ -649,7 +688,8 @@ TEST(Decoder, PriorityAreaRejectsOtherKindsAndKeepsWhatCameBefore) {
     EXPECT_EQ(decode_priority_area(Bytes()).error.code, Error_code::empty_input);
 }
 
-TEST(Decoder, PriorityAreaCutInsideItsSecondRecord) {
+TEST(Decoder, PriorityAreaCutInsideItsSecondRecord)
+{
     Bytes bytes = concat(Logferry_register_app("APP", "d"), Logferry_register_context(4, 1, "CTX1", "one"));
     bytes.resize(bytes.size() - 3);
     const auto read = decode_priority_area(bytes);
@@ -660,7 +700,8 @@ TEST(Decoder, PriorityAreaCutInsideItsSecondRecord) {
 // ----------------------------------------------------------------------------------------
 // Ring units.
 
-TEST(Decoder, LogMessageWithEveryArgumentKind) {
+TEST(Decoder, LogMessageWithEveryArgumentKind)
+{
     const std::uint32_t key = 0x00000102;
     Logferry_write_bool b;
     b.stream_key = key;
@@ -742,7 +783,8 @@ TEST(Decoder, LogMessageWithEveryArgumentKind) {
     }
 }
 
-TEST(Decoder, RingUnitsOfASingleRecord) {
+TEST(Decoder, RingUnitsOfASingleRecord)
+{
     Logferry_write_encoded_message message;
     message.size = 3;
     message.length = 8;
@@ -767,7 +809,8 @@ TEST(Decoder, RingUnitsOfASingleRecord) {
     EXPECT_TRUE(trailing.records.empty());
 }
 
-TEST(Decoder, MessagesTheFrontEndMayBuildWithoutAStart) {
+TEST(Decoder, MessagesTheFrontEndMayBuildWithoutAStart)
+{
     // A finish record alone, and arguments without a start.
     const auto lone = decode_ring_unit(bytes_of(finish_record(9)));
     ASSERT_TRUE(lone.error.ok());
@@ -787,7 +830,8 @@ TEST(Decoder, MessagesTheFrontEndMayBuildWithoutAStart) {
     EXPECT_EQ(twice.start()->timestamp, 10U);
 }
 
-TEST(Decoder, TextShortFormInsideAMessage) {
+TEST(Decoder, TextShortFormInsideAMessage)
+{
     // The short form is followed by the finish record, whose key holds zero bytes: read
     // with a text, the message would not end with its finish record.
     const Bytes bytes = concat(start_record(1), unterminated_text_record(1), int32_record(1, -1), finish_record(1));
@@ -804,7 +848,8 @@ TEST(Decoder, TextShortFormInsideAMessage) {
     EXPECT_TRUE(last.records[1].is(logferry_decoder::text_omitted));
 }
 
-TEST(Decoder, TextShortFormWithAKeyWithoutZeroBytes) {
+TEST(Decoder, TextShortFormWithAKeyWithoutZeroBytes)
+{
     // No zero at all behind the short form: the text reading fails at once.
     const std::uint32_t key = 0x01010101;
     const auto unit = decode_ring_unit(concat(unterminated_text_record(key), finish_record(key)));
@@ -813,7 +858,8 @@ TEST(Decoder, TextShortFormWithAKeyWithoutZeroBytes) {
     EXPECT_TRUE(unit.records[0].is(logferry_decoder::text_omitted));
 }
 
-TEST(Decoder, ManyShortFormsInOneMessageStayCheap) {
+TEST(Decoder, ManyShortFormsInOneMessageStayCheap)
+{
     // Every text record could be either form; the decoder must not try them all in turn.
     Bytes bytes = bytes_of(start_record(1));
     for (int i = 0; i < 5000; ++i) {
@@ -825,7 +871,8 @@ TEST(Decoder, ManyShortFormsInOneMessageStayCheap) {
     EXPECT_EQ(unit.records.size(), 5002U);
 }
 
-TEST(Decoder, TextsWithMismatchedLengthsInsideAMessage) {
+TEST(Decoder, TextsWithMismatchedLengthsInsideAMessage)
+{
     Logferry_write_utf8_string view = text_record(2, "abc");
     view.length = 18;
     const auto unit = decode_ring_unit(concat(start_record(2), view, text_record(2, "next"), finish_record(2)));
@@ -836,7 +883,8 @@ TEST(Decoder, TextsWithMismatchedLengthsInsideAMessage) {
     EXPECT_EQ(unit.records[2].text, "next");
 }
 
-TEST(Decoder, MessageCutInsideATextIsTruncated) {
+TEST(Decoder, MessageCutInsideATextIsTruncated)
+{
     Bytes bytes = concat(start_record(1), text_record(1, "a text that is cut"));
     bytes.resize(bytes.size() - 6);
     const auto unit = decode_ring_unit(bytes);
@@ -845,20 +893,23 @@ TEST(Decoder, MessageCutInsideATextIsTruncated) {
     EXPECT_EQ(unit.shape, Unit_shape::invalid);
 }
 
-TEST(Decoder, MessageWithoutFinish) {
+TEST(Decoder, MessageWithoutFinish)
+{
     const auto unit = decode_ring_unit(concat(start_record(1), int32_record(1, 2)));
     EXPECT_EQ(unit.error.code, Error_code::missing_finish);
     EXPECT_EQ(unit.error.offset, 23U);
     EXPECT_TRUE(unit.records.empty());
 }
 
-TEST(Decoder, MessageWithBytesBehindTheFinish) {
+TEST(Decoder, MessageWithBytesBehindTheFinish)
+{
     const auto unit = decode_ring_unit(concat(start_record(1), finish_record(1), int32_record(1, 2)));
     EXPECT_EQ(unit.error.code, Error_code::trailing_bytes);
     EXPECT_EQ(unit.error.offset, 19U);
 }
 
-TEST(Decoder, MessageMixingStreams) {
+TEST(Decoder, MessageMixingStreams)
+{
     const auto unit = decode_ring_unit(concat(start_record(1), int32_record(2, 5), finish_record(1)));
     EXPECT_EQ(unit.error.code, Error_code::stream_key_mismatch);
     EXPECT_EQ(unit.error.offset, 14U);
@@ -866,8 +917,10 @@ TEST(Decoder, MessageMixingStreams) {
     EXPECT_NE(logferry_decoder::describe(unit.error).find("stream 2"), std::string::npos);
 }
 
-TEST(Decoder, MessageHoldingARecordThatCannotStandThere) {
-    const auto registration = decode_ring_unit(concat(start_record(1), Logferry_register_app("A", "b"), finish_record(1)));
+TEST(Decoder, MessageHoldingARecordThatCannotStandThere)
+{
+    const auto registration =
+        decode_ring_unit(concat(start_record(1), Logferry_register_app("A", "b"), finish_record(1)));
     EXPECT_EQ(registration.error.code, Error_code::unexpected_kind);
     EXPECT_EQ(registration.error.offset, 14U);
     EXPECT_EQ(registration.error.kind, KIND_REGISTER_APP);
@@ -877,7 +930,8 @@ TEST(Decoder, MessageHoldingARecordThatCannotStandThere) {
     EXPECT_EQ(decode_ring_unit(unknown).error.code, Error_code::unknown_kind);
 }
 
-TEST(Decoder, MessageWithInvalidValues) {
+TEST(Decoder, MessageWithInvalidValues)
+{
     Logferry_write_bool b;
     b.stream_key = 1;
     b.value = 3;
@@ -887,7 +941,8 @@ TEST(Decoder, MessageWithInvalidValues) {
     EXPECT_EQ(decode_ring_unit(concat(start_record(1, 9), finish_record(1))).error.code, Error_code::invalid_value);
 }
 
-TEST(Decoder, DescribeNamesCodeOffsetKindAndDetail) {
+TEST(Decoder, DescribeNamesCodeOffsetKindAndDetail)
+{
     const auto unit = decode_ring_unit(Bytes{KIND_WRITE_INT32, 1, 0});
     EXPECT_EQ(logferry_decoder::describe(unit.error),
               "truncated at offset 0 (kind 12): write_int32 needs 9 bytes, 3 left");
@@ -895,7 +950,8 @@ TEST(Decoder, DescribeNamesCodeOffsetKindAndDetail) {
     EXPECT_STREQ(logferry_decoder::error_name(Error_code::stream_key_mismatch), "stream-key-mismatch");
 }
 
-TEST(Decoder, EveryCutMessageIsAnErrorAndNeverReadPastItsEnd) {
+TEST(Decoder, EveryCutMessageIsAnErrorAndNeverReadPastItsEnd)
+{
     Logferry_write_raw_formatted raw;
     raw.stream_key = 4;
     raw.size = 3;
@@ -914,7 +970,8 @@ TEST(Decoder, EveryCutMessageIsAnErrorAndNeverReadPastItsEnd) {
 // Random corruption of valid input: whatever comes out, it is a result, not a crash or a
 // read behind the input (checked by the sanitizer build), and a success accounts for
 // every byte.
-TEST(Decoder, CorruptedInputNeverCrashes) {
+TEST(Decoder, CorruptedInputNeverCrashes)
+{
     Logferry_write_raw_formatted raw;
     raw.stream_key = 4;
     raw.size = 3;

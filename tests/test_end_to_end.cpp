@@ -91,9 +91,9 @@ void register_and_log_and_check(Daemon_peer& peer)
     }
     ASSERT_TRUE(wait_until([&] { return payloads(peer, "ring ").size() >= 10; }, std::chrono::milliseconds(10000)));
 
-    const Bytes expected_priority = concat({app_record(), context_record(1, "CTX1", "first", 4),
-                                            bytes_of(logferry::Logferry_enable_local_print{}),
-                                            context_record(2, "CTX2", "second", 3)});
+    const Bytes expected_priority =
+        concat({app_record(), context_record(1, "CTX1", "first", 4), bytes_of(logferry::Logferry_enable_local_print{}),
+                context_record(2, "CTX2", "second", 3)});
     std::string priority;
     for (const std::string& part : payloads(peer, "priority ")) {
         priority += part;
@@ -255,9 +255,8 @@ TEST_F(EndToEnd, DaemonKilledAndBackGetsTheReplayBeforeQueuedRecords)
                                         hex_of(context_record(3, "CTX3", "third", 5))};
     EXPECT_EQ(replayed, kept);
     EXPECT_EQ(priority[4], hex_of(context_record(3, "CTX3", "third", 5)));
-    EXPECT_EQ(masked_ring(second),
-              (std::vector<std::string>{expected_message(1, 20, 2), expected_message(2, 21, 3),
-                                        expected_message(2, 30, 4)}));
+    EXPECT_EQ(masked_ring(second), (std::vector<std::string>{expected_message(1, 20, 2), expected_message(2, 21, 3),
+                                                             expected_message(2, 30, 4)}));
     EXPECT_LT(index_of_last(second, "priority "), second.wait_for("ring "));
     EXPECT_FALSE(logferry::pending_registration);
 }

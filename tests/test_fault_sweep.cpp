@@ -71,20 +71,20 @@ struct Failure {
 // What a failure leaves behind by design, besides the result and the message.
 enum Residue : unsigned {
     NO_RESIDUE = 0,
-    CHANNEL_OBJECT = 1,    // the created channel object stays in /dev/shm (unmapped) until the next init
-    LISTENER_OBJECT = 2,   // the daemon's listener object stays in /dev/shm (unmapped)
-    LOCK_FILE = 4,         // the daemon's lock file stays, open and locked, until its next init or destruction
-    CHANNEL_MAPPING = 8,   // a failed munmap of the channel: the mapping stays
-    LISTENER_MAPPING = 16, // a failed munmap of the listener segment: the mapping stays
-    FALLBACK = 32,         // the listener switched to the lock file under /tmp (for good)
+    CHANNEL_OBJECT = 1,     // the created channel object stays in /dev/shm (unmapped) until the next init
+    LISTENER_OBJECT = 2,    // the daemon's listener object stays in /dev/shm (unmapped)
+    LOCK_FILE = 4,          // the daemon's lock file stays, open and locked, until its next init or destruction
+    CHANNEL_MAPPING = 8,    // a failed munmap of the channel: the mapping stays
+    LISTENER_MAPPING = 16,  // a failed munmap of the listener segment: the mapping stays
+    FALLBACK = 32,          // the listener switched to the lock file under /tmp (for good)
 };
 
 struct Row {
     const char* part;  // which step of the path makes the call
     Op op;
-    int occurrence;    // which call of `op` in the path (0 = the first); -1 = every one
+    int occurrence;  // which call of `op` in the path (0 = the first); -1 = every one
     Failure failure;
-    bool succeeds;     // the path's result despite the failure
+    bool succeeds;        // the path's result despite the failure
     std::string message;  // "{name}": the channel's name, "{error}": the failure's error text
     unsigned residue;
 };
@@ -218,7 +218,8 @@ std::vector<Row> listener_application_rows(int earlier_shm_open, int earlier_mma
 // leaves the section unguarded, and the release of the lock that was never taken then fails.
 void add_lock_rows(std::vector<Row>& rows, const char* part, int occurrence)
 {
-    rows.push_back({part, Op::pthread_mutex_lock, occurrence, {ENOTRECOVERABLE, 0}, true, LOCK + UNLOCK_NOT_HELD, NO_RESIDUE});
+    rows.push_back(
+        {part, Op::pthread_mutex_lock, occurrence, {ENOTRECOVERABLE, 0}, true, LOCK + UNLOCK_NOT_HELD, NO_RESIDUE});
     rows.push_back({part, Op::pthread_mutex_lock, occurrence, {EINVAL, 0}, true, LOCK + UNLOCK_NOT_HELD, NO_RESIDUE});
     rows.push_back({part, Op::pthread_mutex_lock, occurrence, {EAGAIN, 0}, true, LOCK + UNLOCK_NOT_HELD, NO_RESIDUE});
     // The holder died: the lock is taken over without a word.
@@ -233,8 +234,9 @@ std::vector<Row> listener_daemon_rows()
     const unsigned after_lock = LOCK_FILE;
     const unsigned after_create = LOCK_FILE | LISTENER_OBJECT;
     // With shm_open failing, the group is set on a name just removed; its errno is reported.
-    const std::string open_failed = "logferry: error setting owner of /logferry-daemon-listener: No such file or directory\n"
-                                    "logferry: error while opening the shared memory: No such file or directory\n";
+    const std::string open_failed =
+        "logferry: error setting owner of /logferry-daemon-listener: No such file or directory\n"
+        "logferry: error while opening the shared memory: No such file or directory\n";
     std::vector<Row> rows = {
         // Without the run-state directory the daemon takes the lock file under /tmp.
         {part, Op::stat, 0, {-1, EACCES}, true, "", FALLBACK},
@@ -817,7 +819,7 @@ TEST_F(FaultSweep, ApplicationListenerInit)
         EXPECT_EQ(output, expected_message(row, LISTENER_SHM));
         EXPECT_EQ(application.is_initialized(), row.succeeds);
         EXPECT_EQ(count_mappings(LISTENER_SHM), row.succeeds ? 1 : 0);
-        EXPECT_EQ(count_open_fds(), fds);  // the application never keeps a descriptor
+        EXPECT_EQ(count_open_fds(), fds);       // the application never keeps a descriptor
         EXPECT_TRUE(shm_exists(LISTENER_SHM));  // the daemon's; an application never removes it
         if ((row.residue & FALLBACK) != 0) {
             EXPECT_EQ(application.lock_listener_name, FALLBACK_LOCK);

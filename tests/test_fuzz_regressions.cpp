@@ -83,15 +83,9 @@ std::size_t replay(const std::string& harness, Entry entry)
 
 TEST(FuzzRegressions, ChannelRings) { EXPECT_GT(replay("fuzz_channel_rings", fuzz_channel_rings_entry), 0u); }
 
-TEST(FuzzRegressions, ChannelPriority)
-{
-    EXPECT_GT(replay("fuzz_channel_priority", fuzz_channel_priority_entry), 0u);
-}
+TEST(FuzzRegressions, ChannelPriority) { EXPECT_GT(replay("fuzz_channel_priority", fuzz_channel_priority_entry), 0u); }
 
-TEST(FuzzRegressions, ChannelLiveness)
-{
-    EXPECT_GT(replay("fuzz_channel_liveness", fuzz_channel_liveness_entry), 0u);
-}
+TEST(FuzzRegressions, ChannelLiveness) { EXPECT_GT(replay("fuzz_channel_liveness", fuzz_channel_liveness_entry), 0u); }
 
 TEST(FuzzRegressions, Listener) { EXPECT_GT(replay("fuzz_listener", fuzz_listener_entry), 0u); }
 

@@ -172,9 +172,9 @@ bool read_frame(int fd, std::string& text, bool bounded)
 }
 
 struct Reply {
-    std::string result;       // "1"/"0" for a bool, the name for get_next
-    std::string output;       // what the operation wrote to standard error
-    long allocations = -1;    // allocations made by the operation itself
+    std::string result;     // "1"/"0" for a bool, the name for get_next
+    std::string output;     // what the operation wrote to standard error
+    long allocations = -1;  // allocations made by the operation itself
 };
 
 // A forked process with one listener (the daemon's when `listening`), on a fake clock, that
@@ -892,9 +892,8 @@ TEST(ListenerList, DeadHolderOfTheListMutexIsTakenOverSilently)
     Daemon_and_application both;
     Listener_segment* segment = both.segment();
     // A child shares the mapping, takes the list mutex and dies holding it.
-    const int pid = logferry_test::fork_child([segment] {
-        return ::pthread_mutex_lock(&segment->list_mutex.mutex) == 0 ? 0 : 1;
-    });
+    const int pid =
+        logferry_test::fork_child([segment] { return ::pthread_mutex_lock(&segment->list_mutex.mutex) == 0 ? 0 : 1; });
     const int status = logferry_test::wait_child(pid);
     ASSERT_TRUE(status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0);
 

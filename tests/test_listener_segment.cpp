@@ -795,8 +795,9 @@ TEST(ListenerSegment, EveryMutexSetupFailureIsReported)
     Fake_system fake;
     Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
-    const Op steps[] = {Op::pthread_mutexattr_init, Op::pthread_mutexattr_settype, Op::pthread_mutexattr_setpshared,
-                        Op::pthread_mutexattr_setrobust, Op::pthread_mutex_init, Op::pthread_mutexattr_destroy};
+    const Op steps[] = {Op::pthread_mutexattr_init,       Op::pthread_mutexattr_settype,
+                        Op::pthread_mutexattr_setpshared, Op::pthread_mutexattr_setrobust,
+                        Op::pthread_mutex_init,           Op::pthread_mutexattr_destroy};
     for (Op failing : steps) {
         SCOPED_TRACE(logferry_test::op_name(failing));
         fake.clear_faults();

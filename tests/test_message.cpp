@@ -19,7 +19,8 @@ using logferry::serialize;
 using Bytes = std::vector<unsigned char>;
 
 template <typename R>
-Bytes bytes_of(const R& record) {
+Bytes bytes_of(const R& record)
+{
     Bytes out;
     serialize(record, out);
     return out;
@@ -27,7 +28,8 @@ Bytes bytes_of(const R& record) {
 
 // The record's in-memory bytes, to check default construction and layout.
 template <typename R>
-Bytes memory_of(const R& record) {
+Bytes memory_of(const R& record)
+{
     Bytes out(sizeof(R));
     std::memcpy(out.data(), &record, sizeof(R));
     return out;
@@ -35,36 +37,42 @@ Bytes memory_of(const R& record) {
 
 // Packed fields may sit at odd addresses: compare copies, never references.
 template <typename T>
-T copy_of(T field) {
+T copy_of(T field)
+{
     return field;
 }
 
 // `kind` followed by `count - 1` zero bytes.
-Bytes kind_then_zeros(unsigned char kind, std::size_t count) {
+Bytes kind_then_zeros(unsigned char kind, std::size_t count)
+{
     Bytes out(count, 0);
     out[0] = kind;
     return out;
 }
 
-Bytes concat(Bytes head, const Bytes& tail) {
+Bytes concat(Bytes head, const Bytes& tail)
+{
     head.insert(head.end(), tail.begin(), tail.end());
     return head;
 }
 
 template <std::size_t N>
-void fill_text(std::array<char, N>& target, const std::string& text) {
+void fill_text(std::array<char, N>& target, const std::string& text)
+{
     ASSERT_LE(text.size(), N);
     std::memcpy(target.data(), text.data(), text.size());
 }
 
 template <std::size_t N>
-void fill_payload(std::array<std::uint8_t, N>& target, std::size_t count) {
+void fill_payload(std::array<std::uint8_t, N>& target, std::size_t count)
+{
     for (std::size_t i = 0; i < count; ++i) {
         target.at(i) = static_cast<std::uint8_t>(i * 7 + 1);
     }
 }
 
-Bytes payload_pattern(std::size_t count) {
+Bytes payload_pattern(std::size_t count)
+{
     Bytes out(count);
     for (std::size_t i = 0; i < count; ++i) {
         out[i] = static_cast<unsigned char>(i * 7 + 1);
@@ -76,7 +84,8 @@ const char* const kNoTerminatorMessage = "array::at: __n (which is 80) >= _Nm (w
 
 // ---------------------------------------------------------------- layout
 
-TEST(Message, RecordSizesArePinned) {
+TEST(Message, RecordSizesArePinned)
+{
     EXPECT_EQ(sizeof(logferry::Logferry_disable_remote), 1u);
     EXPECT_EQ(sizeof(logferry::Logferry_enable_local_print), 1u);
     EXPECT_EQ(sizeof(logferry::Logferry_init_file), 256u);
@@ -104,7 +113,8 @@ TEST(Message, RecordSizesArePinned) {
     EXPECT_EQ(sizeof(logferry::Logferry_update_context_log_level_filter), 6u);
 }
 
-TEST(Message, FieldOffsetsFollowDeclarationOrder) {
+TEST(Message, FieldOffsetsFollowDeclarationOrder)
+{
     using namespace logferry;
     EXPECT_EQ(offsetof(Logferry_register_app, length), 1u);
     EXPECT_EQ(offsetof(Logferry_register_app, app_id), 3u);
@@ -127,7 +137,8 @@ TEST(Message, FieldOffsetsFollowDeclarationOrder) {
     EXPECT_EQ(offsetof(Logferry_update_context_log_level_filter, context_handle), 2u);
 }
 
-TEST(Message, PackedLayoutHoldsFieldsInDeclaredOrder) {
+TEST(Message, PackedLayoutHoldsFieldsInDeclaredOrder)
+{
     logferry::Logferry_write_int32 record;
     record.value = 0x11223344;
     record.stream_key = 0xAABBCCDD;
@@ -135,7 +146,8 @@ TEST(Message, PackedLayoutHoldsFieldsInDeclaredOrder) {
     EXPECT_EQ(memory_of(record), (Bytes{12, 0x44, 0x33, 0x22, 0x11, 0xDD, 0xCC, 0xBB, 0xAA}));
 }
 
-TEST(Message, DefaultRecordsAreZeroWithTheirKind) {
+TEST(Message, DefaultRecordsAreZeroWithTheirKind)
+{
     using namespace logferry;
     EXPECT_EQ(memory_of(Logferry_disable_remote{}), kind_then_zeros(0, 1));
     EXPECT_EQ(memory_of(Logferry_enable_local_print{}), kind_then_zeros(1, 1));
@@ -164,7 +176,8 @@ TEST(Message, DefaultRecordsAreZeroWithTheirKind) {
     EXPECT_EQ(memory_of(Logferry_update_context_log_level_filter{}), kind_then_zeros(24, 6));
 }
 
-TEST(Message, PriorityKindsAreControlAndRegistration) {
+TEST(Message, PriorityKindsAreControlAndRegistration)
+{
     for (unsigned int kind = 0; kind < 256; ++kind) {
         const bool expected = kind == 0 || kind == 1 || kind == 2 || kind == 3 || kind == 5;
         EXPECT_EQ(logferry::is_priority_kind(static_cast<std::uint8_t>(kind)), expected) << kind;
@@ -173,7 +186,8 @@ TEST(Message, PriorityKindsAreControlAndRegistration) {
 
 // ---------------------------------------------------------------- kinds 0, 1, 4
 
-TEST(Message, OneByteControlRecords) {
+TEST(Message, OneByteControlRecords)
+{
     EXPECT_EQ(bytes_of(logferry::Logferry_unregister_app{}), (Bytes{4}));
     EXPECT_EQ(bytes_of(logferry::Logferry_enable_local_print{}), (Bytes{1}));
     EXPECT_EQ(bytes_of(logferry::Logferry_disable_remote{}), (Bytes{0}));
@@ -181,7 +195,8 @@ TEST(Message, OneByteControlRecords) {
 
 // ---------------------------------------------------------------- kind 2
 
-TEST(Message, InitFileWritesTheWholeNameField) {
+TEST(Message, InitFileWritesTheWholeNameField)
+{
     logferry::Logferry_init_file record;
     fill_text(record.file_name, "trace.log");
     const Bytes out = bytes_of(record);
@@ -192,7 +207,8 @@ TEST(Message, InitFileWritesTheWholeNameField) {
     EXPECT_EQ(out, expected);
 }
 
-TEST(Message, InitFileEmptyAndLongestName) {
+TEST(Message, InitFileEmptyAndLongestName)
+{
     EXPECT_EQ(bytes_of(logferry::Logferry_init_file{}), kind_then_zeros(2, 256));
 
     logferry::Logferry_init_file longest;
@@ -207,13 +223,15 @@ TEST(Message, InitFileEmptyAndLongestName) {
 
 // ---------------------------------------------------------------- kind 3
 
-TEST(Message, RegisterAppFourCharacterIdAndOneCharacterDescription) {
+TEST(Message, RegisterAppFourCharacterIdAndOneCharacterDescription)
+{
     const logferry::Logferry_register_app record("ABCD", "x");
     EXPECT_EQ(copy_of(record.length), 10);
     EXPECT_EQ(bytes_of(record), (Bytes{3, 0x0A, 0x00, 'A', 'B', 'C', 'D', 0, 'x', 0}));
 }
 
-TEST(Message, RegisterAppWithNullTextKeepsMinimumLength) {
+TEST(Message, RegisterAppWithNullTextKeepsMinimumLength)
+{
     const logferry::Logferry_register_app no_description("ABCD", nullptr);
     EXPECT_EQ(copy_of(no_description.length), 8);
     // The empty description's terminator is still written: 9 bytes for length 8.
@@ -225,20 +243,23 @@ TEST(Message, RegisterAppWithNullTextKeepsMinimumLength) {
     EXPECT_EQ(memory_of(no_id), concat(Bytes{3, 8}, Bytes(86, 0)));
 }
 
-TEST(Message, RegisterAppLongIdIsCutToFour) {
+TEST(Message, RegisterAppLongIdIsCutToFour)
+{
     const logferry::Logferry_register_app record("ABCDEFG", "d");
     EXPECT_EQ(record.app_id, (std::array<char, 5>{'A', 'B', 'C', 'D', 0}));
     EXPECT_EQ(bytes_of(record), (Bytes{3, 10, 0, 'A', 'B', 'C', 'D', 0, 'd', 0}));
 }
 
-TEST(Message, RegisterAppShortIdIsZeroFilled) {
+TEST(Message, RegisterAppShortIdIsZeroFilled)
+{
     const logferry::Logferry_register_app record("AB", "");
     EXPECT_EQ(record.app_id, (std::array<char, 5>{'A', 'B', 0, 0, 0}));
     EXPECT_EQ(copy_of(record.length), 9);
     EXPECT_EQ(bytes_of(record), (Bytes{3, 9, 0, 'A', 'B', 0, 0, 0, 0}));
 }
 
-TEST(Message, RegisterAppLongDescriptionIsCutTo79) {
+TEST(Message, RegisterAppLongDescriptionIsCutTo79)
+{
     const std::string description(100, 'd');
     const logferry::Logferry_register_app record("APP1", description.c_str());
     EXPECT_EQ(copy_of(record.length), 88);
@@ -249,14 +270,16 @@ TEST(Message, RegisterAppLongDescriptionIsCutTo79) {
     EXPECT_EQ(out, concat(concat(Bytes{3, 88, 0, 'A', 'P', 'P', '1', 0}, Bytes(79, 'd')), Bytes{0}));
 }
 
-TEST(Message, RegisterAppDescriptionOf79IsKeptWhole) {
+TEST(Message, RegisterAppDescriptionOf79IsKeptWhole)
+{
     const std::string description(79, 'e');
     const logferry::Logferry_register_app record("A", description.c_str());
     EXPECT_EQ(copy_of(record.length), 88);
     EXPECT_EQ(bytes_of(record), concat(concat(Bytes{3, 88, 0, 'A', 0, 0, 0, 0}, Bytes(79, 'e')), Bytes{0}));
 }
 
-TEST(Message, RegisterAppDescriptionStopsAtItsFirstZero) {
+TEST(Message, RegisterAppDescriptionStopsAtItsFirstZero)
+{
     // Bytes after the first zero are not written, whatever the length field says.
     logferry::Logferry_register_app record("ABCD", "ab");
     record.description.at(3) = 'z';
@@ -264,14 +287,16 @@ TEST(Message, RegisterAppDescriptionStopsAtItsFirstZero) {
     EXPECT_EQ(bytes_of(record), (Bytes{3, 77, 0, 'A', 'B', 'C', 'D', 0, 'a', 'b', 0}));
 }
 
-TEST(Message, RegisterAppIdIsWrittenAsStored) {
+TEST(Message, RegisterAppIdIsWrittenAsStored)
+{
     logferry::Logferry_register_app record("ABCD", "x");
     record.app_id.at(4) = 'E';
     record.app_id.at(1) = 0;
     EXPECT_EQ(bytes_of(record), (Bytes{3, 10, 0, 'A', 0, 'C', 'D', 'E', 'x', 0}));
 }
 
-TEST(Message, RegisterAppWithoutTerminatorRaisesBoundsError) {
+TEST(Message, RegisterAppWithoutTerminatorRaisesBoundsError)
+{
     logferry::Logferry_register_app record("ABCD", "x");
     record.description.fill('q');
     Bytes out{0xEE};
@@ -286,20 +311,23 @@ TEST(Message, RegisterAppWithoutTerminatorRaisesBoundsError) {
 
 // ---------------------------------------------------------------- kind 5
 
-TEST(Message, RegisterContextWithEmptyDescription) {
+TEST(Message, RegisterContextWithEmptyDescription)
+{
     const logferry::Logferry_register_context record(4, 0x01020304, "CTX1", "");
     EXPECT_EQ(copy_of(record.length), 14);
     EXPECT_EQ(bytes_of(record), (Bytes{5, 14, 0, 4, 4, 3, 2, 1, 'C', 'T', 'X', '1', 0, 0}));
 }
 
-TEST(Message, RegisterContextTypicalValue) {
+TEST(Message, RegisterContextTypicalValue)
+{
     const logferry::Logferry_register_context record(6, 0xDEADBEEF, "NET", "net io");
     EXPECT_EQ(copy_of(record.length), 20);
-    EXPECT_EQ(bytes_of(record), (Bytes{5, 20, 0, 6, 0xEF, 0xBE, 0xAD, 0xDE, 'N', 'E', 'T', 0, 0,
-                                       'n', 'e', 't', ' ', 'i', 'o', 0}));
+    EXPECT_EQ(bytes_of(record),
+              (Bytes{5, 20, 0, 6, 0xEF, 0xBE, 0xAD, 0xDE, 'N', 'E', 'T', 0, 0, 'n', 'e', 't', ' ', 'i', 'o', 0}));
 }
 
-TEST(Message, RegisterContextWithNullTextKeepsMinimumLength) {
+TEST(Message, RegisterContextWithNullTextKeepsMinimumLength)
+{
     const logferry::Logferry_register_context record(3, 0x0A0B0C0D, nullptr, "d");
     EXPECT_EQ(copy_of(record.length), 13);
     EXPECT_EQ(record.log_level, 3);
@@ -311,7 +339,8 @@ TEST(Message, RegisterContextWithNullTextKeepsMinimumLength) {
     EXPECT_EQ(bytes_of(no_description), (Bytes{5, 13, 0, 1, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
 }
 
-TEST(Message, RegisterContextIdsAreCutOrZeroFilled) {
+TEST(Message, RegisterContextIdsAreCutOrZeroFilled)
+{
     const logferry::Logferry_register_context long_id(2, 1, "CONTEXT", "c");
     EXPECT_EQ(long_id.context_id, (std::array<char, 5>{'C', 'O', 'N', 'T', 0}));
     EXPECT_EQ(bytes_of(long_id), (Bytes{5, 15, 0, 2, 1, 0, 0, 0, 'C', 'O', 'N', 'T', 0, 'c', 0}));
@@ -321,19 +350,20 @@ TEST(Message, RegisterContextIdsAreCutOrZeroFilled) {
     EXPECT_EQ(bytes_of(short_id), (Bytes{5, 15, 0, 2, 1, 0, 0, 0, 'C', 'X', 0, 0, 0, 'c', 0}));
 }
 
-TEST(Message, RegisterContextLongDescriptionIsCutTo79) {
+TEST(Message, RegisterContextLongDescriptionIsCutTo79)
+{
     const std::string description(100, 'k');
     const logferry::Logferry_register_context record(5, 0xFFFFFFFF, "CTX1", description.c_str());
     EXPECT_EQ(copy_of(record.length), 93);
     EXPECT_EQ(record.description.at(79), 0);
     const Bytes out = bytes_of(record);
     EXPECT_EQ(out.size(), 93u);
-    EXPECT_EQ(out, concat(concat(Bytes{5, 93, 0, 5, 0xFF, 0xFF, 0xFF, 0xFF, 'C', 'T', 'X', '1', 0},
-                                 Bytes(79, 'k')),
+    EXPECT_EQ(out, concat(concat(Bytes{5, 93, 0, 5, 0xFF, 0xFF, 0xFF, 0xFF, 'C', 'T', 'X', '1', 0}, Bytes(79, 'k')),
                           Bytes{0}));
 }
 
-TEST(Message, RegisterContextWithoutTerminatorRaisesBoundsError) {
+TEST(Message, RegisterContextWithoutTerminatorRaisesBoundsError)
+{
     logferry::Logferry_register_context record(4, 1, "CTX1", "x");
     record.description.fill('q');
     Bytes out{1, 2, 3};
@@ -348,7 +378,8 @@ TEST(Message, RegisterContextWithoutTerminatorRaisesBoundsError) {
 
 // ---------------------------------------------------------------- kinds 6, 7, 8
 
-TEST(Message, UnregisterContext) {
+TEST(Message, UnregisterContext)
+{
     logferry::Logferry_unregister_context record;
     record.context_handle = 0x01020304;
     EXPECT_EQ(bytes_of(record), (Bytes{6, 4, 3, 2, 1}));
@@ -356,7 +387,8 @@ TEST(Message, UnregisterContext) {
     EXPECT_EQ(bytes_of(record), (Bytes{6, 0xFF, 0xFF, 0xFF, 0xFF}));
 }
 
-TEST(Message, WriteStart) {
+TEST(Message, WriteStart)
+{
     logferry::Logferry_write_start record;
     record.log_level = 3;
     record.context_handle = 7;
@@ -368,11 +400,11 @@ TEST(Message, WriteStart) {
     record.context_handle = 0xFFFFFFFF;
     record.stream_key = 0;
     record.timestamp = 0x89ABCDEF;
-    EXPECT_EQ(bytes_of(record),
-              (Bytes{7, 6, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0xEF, 0xCD, 0xAB, 0x89}));
+    EXPECT_EQ(bytes_of(record), (Bytes{7, 6, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0xEF, 0xCD, 0xAB, 0x89}));
 }
 
-TEST(Message, WriteFinish) {
+TEST(Message, WriteFinish)
+{
     logferry::Logferry_write_finish record;
     record.stream_key = 9;
     EXPECT_EQ(bytes_of(record), (Bytes{8, 9, 0, 0, 0}));
@@ -382,7 +414,8 @@ TEST(Message, WriteFinish) {
 
 // ---------------------------------------------------------------- kinds 9-13
 
-TEST(Message, WriteBool) {
+TEST(Message, WriteBool)
+{
     logferry::Logferry_write_bool record;
     record.value = 1;
     record.stream_key = 0xA1B2C3D4;
@@ -395,7 +428,8 @@ TEST(Message, WriteBool) {
     EXPECT_EQ(bytes_of(record), (Bytes{9, 0, 0, 0, 0, 0x7F}));
 }
 
-TEST(Message, WriteInt8) {
+TEST(Message, WriteInt8)
+{
     logferry::Logferry_write_int8 record;
     record.value = -5;
     record.stream_key = 1;
@@ -406,7 +440,8 @@ TEST(Message, WriteInt8) {
     EXPECT_EQ(bytes_of(record), (Bytes{10, 1, 0, 0, 0, 0x7F}));
 }
 
-TEST(Message, WriteInt16) {
+TEST(Message, WriteInt16)
+{
     logferry::Logferry_write_int16 record;
     record.value = -2;
     record.stream_key = 1;
@@ -418,7 +453,8 @@ TEST(Message, WriteInt16) {
     EXPECT_EQ(bytes_of(record), (Bytes{11, 4, 3, 2, 1, 0x34, 0x12}));
 }
 
-TEST(Message, WriteInt32) {
+TEST(Message, WriteInt32)
+{
     logferry::Logferry_write_int32 record;
     record.value = 0x12345678;
     record.stream_key = 2;
@@ -429,23 +465,22 @@ TEST(Message, WriteInt32) {
     EXPECT_EQ(bytes_of(record), (Bytes{12, 2, 0, 0, 0, 0x00, 0x00, 0x00, 0x80}));
 }
 
-TEST(Message, WriteInt64) {
+TEST(Message, WriteInt64)
+{
     logferry::Logferry_write_int64 record;
     record.value = 0x0102030405060708;
     record.stream_key = 0xFFFFFFFE;
-    EXPECT_EQ(bytes_of(record),
-              (Bytes{13, 0xFE, 0xFF, 0xFF, 0xFF, 8, 7, 6, 5, 4, 3, 2, 1}));
+    EXPECT_EQ(bytes_of(record), (Bytes{13, 0xFE, 0xFF, 0xFF, 0xFF, 8, 7, 6, 5, 4, 3, 2, 1}));
     record.value = -2;
-    EXPECT_EQ(bytes_of(record), (Bytes{13, 0xFE, 0xFF, 0xFF, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF,
-                                       0xFF, 0xFF, 0xFF}));
+    EXPECT_EQ(bytes_of(record), (Bytes{13, 0xFE, 0xFF, 0xFF, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}));
     record.value = std::numeric_limits<std::int64_t>::min();
-    EXPECT_EQ(bytes_of(record),
-              (Bytes{13, 0xFE, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0x80}));
+    EXPECT_EQ(bytes_of(record), (Bytes{13, 0xFE, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0x80}));
 }
 
 // ---------------------------------------------------------------- kinds 14-17
 
-TEST(Message, WriteUint8Formatted) {
+TEST(Message, WriteUint8Formatted)
+{
     logferry::Logferry_write_uint8_formatted record;
     record.format = 2;
     record.value = 0xAB;
@@ -458,7 +493,8 @@ TEST(Message, WriteUint8Formatted) {
     EXPECT_EQ(bytes_of(record), (Bytes{14, 9, 0xFF, 1, 2, 3, 4}));
 }
 
-TEST(Message, WriteUint16Formatted) {
+TEST(Message, WriteUint16Formatted)
+{
     logferry::Logferry_write_uint16_formatted record;
     record.format = 2;
     record.value = 0x1234;
@@ -469,7 +505,8 @@ TEST(Message, WriteUint16Formatted) {
     EXPECT_EQ(bytes_of(record), (Bytes{15, 6, 0xFF, 0xFF, 5, 0, 0, 0}));
 }
 
-TEST(Message, WriteUint32Formatted) {
+TEST(Message, WriteUint32Formatted)
+{
     logferry::Logferry_write_uint32_formatted record;
     record.format = 1;
     record.value = 0xCAFEBABE;
@@ -477,21 +514,21 @@ TEST(Message, WriteUint32Formatted) {
     EXPECT_EQ(bytes_of(record), (Bytes{16, 1, 0xBE, 0xBA, 0xFE, 0xCA, 0x44, 0x33, 0x22, 0x11}));
 }
 
-TEST(Message, WriteUint64Formatted) {
+TEST(Message, WriteUint64Formatted)
+{
     logferry::Logferry_write_uint64_formatted record;
     record.format = 4;
     record.value = 0x0123456789ABCDEF;
     record.stream_key = 3;
-    EXPECT_EQ(bytes_of(record), (Bytes{17, 4, 0xEF, 0xCD, 0xAB, 0x89, 0x67, 0x45, 0x23, 0x01, 3,
-                                       0, 0, 0}));
+    EXPECT_EQ(bytes_of(record), (Bytes{17, 4, 0xEF, 0xCD, 0xAB, 0x89, 0x67, 0x45, 0x23, 0x01, 3, 0, 0, 0}));
     record.value = std::numeric_limits<std::uint64_t>::max();
-    EXPECT_EQ(bytes_of(record), (Bytes{17, 4, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 3,
-                                       0, 0, 0}));
+    EXPECT_EQ(bytes_of(record), (Bytes{17, 4, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 3, 0, 0, 0}));
 }
 
 // ---------------------------------------------------------------- kinds 18, 19
 
-TEST(Message, WriteFloat32) {
+TEST(Message, WriteFloat32)
+{
     logferry::Logferry_write_float32 record;
     record.value = 1.0f;
     record.stream_key = 0;
@@ -503,7 +540,8 @@ TEST(Message, WriteFloat32) {
     EXPECT_EQ(bytes_of(record), (Bytes{18, 0x10, 0, 0, 0, 0x00, 0x00, 0x80, 0x7F}));
 }
 
-TEST(Message, WriteFloat64) {
+TEST(Message, WriteFloat64)
+{
     logferry::Logferry_write_float64 record;
     record.value = 1.0;
     record.stream_key = 0x01020304;
@@ -514,23 +552,25 @@ TEST(Message, WriteFloat64) {
 
 // ---------------------------------------------------------------- kind 20
 
-TEST(Message, WriteUtf8StringTypical) {
+TEST(Message, WriteUtf8StringTypical)
+{
     logferry::Logferry_write_utf8_string record;
     fill_text(record.text, "hello");
     record.length = 13;
     record.stream_key = 0x0A0B0C0D;
-    EXPECT_EQ(bytes_of(record),
-              (Bytes{20, 13, 0, 0x0D, 0x0C, 0x0B, 0x0A, 'h', 'e', 'l', 'l', 'o', 0}));
+    EXPECT_EQ(bytes_of(record), (Bytes{20, 13, 0, 0x0D, 0x0C, 0x0B, 0x0A, 'h', 'e', 'l', 'l', 'o', 0}));
 }
 
-TEST(Message, WriteUtf8StringEmptyText) {
+TEST(Message, WriteUtf8StringEmptyText)
+{
     logferry::Logferry_write_utf8_string record;
     record.length = 8;
     record.stream_key = 1;
     EXPECT_EQ(bytes_of(record), (Bytes{20, 8, 0, 1, 0, 0, 0, 0}));
 }
 
-TEST(Message, WriteUtf8StringLongestText) {
+TEST(Message, WriteUtf8StringLongestText)
+{
     logferry::Logferry_write_utf8_string record;
     fill_text(record.text, std::string(1389, 't'));
     record.length = 1397;
@@ -540,7 +580,8 @@ TEST(Message, WriteUtf8StringLongestText) {
     EXPECT_EQ(out, concat(concat(Bytes{20, 0x75, 0x05, 2, 0, 0, 0}, Bytes(1389, 't')), Bytes{0}));
 }
 
-TEST(Message, WriteUtf8StringWithoutZeroEndsAfterStreamKey) {
+TEST(Message, WriteUtf8StringWithoutZeroEndsAfterStreamKey)
+{
     logferry::Logferry_write_utf8_string record;
     fill_text(record.text, std::string(1390, 'u'));
     record.length = 1398;
@@ -548,7 +589,8 @@ TEST(Message, WriteUtf8StringWithoutZeroEndsAfterStreamKey) {
     EXPECT_EQ(bytes_of(record), (Bytes{20, 0x76, 0x05, 3, 0, 0, 0}));
 }
 
-TEST(Message, WriteUtf8StringStopsAtFirstZeroWhateverTheLength) {
+TEST(Message, WriteUtf8StringStopsAtFirstZeroWhateverTheLength)
+{
     // A string view cut short by an inner zero: the length field tells the asked length.
     logferry::Logferry_write_utf8_string record;
     fill_text(record.text, std::string("abc\0efghij", 10));
@@ -559,7 +601,8 @@ TEST(Message, WriteUtf8StringStopsAtFirstZeroWhateverTheLength) {
 
 // ---------------------------------------------------------------- kind 21
 
-TEST(Message, WriteRawFormattedTypical) {
+TEST(Message, WriteRawFormattedTypical)
+{
     logferry::Logferry_write_raw_formatted record;
     record.length = 13;
     record.format = 3;
@@ -571,7 +614,8 @@ TEST(Message, WriteRawFormattedTypical) {
     EXPECT_EQ(bytes_of(record), (Bytes{21, 13, 0, 3, 3, 0, 4, 3, 2, 1, 0x00, 0xFF, 0x10}));
 }
 
-TEST(Message, WriteRawFormattedSizeBounds) {
+TEST(Message, WriteRawFormattedSizeBounds)
+{
     logferry::Logferry_write_raw_formatted record;
     record.format = 1;
     record.stream_key = 7;
@@ -602,7 +646,8 @@ TEST(Message, WriteRawFormattedSizeBounds) {
 
 // ---------------------------------------------------------------- kind 22
 
-TEST(Message, WriteEncodedPayloadTypical) {
+TEST(Message, WriteEncodedPayloadTypical)
+{
     logferry::Logferry_write_encoded_payload record;
     record.length = 11;
     record.size = 2;
@@ -612,7 +657,8 @@ TEST(Message, WriteEncodedPayloadTypical) {
     EXPECT_EQ(bytes_of(record), (Bytes{22, 11, 0, 2, 0, 0xDD, 0xCC, 0xBB, 0xAA, 0x42, 0x00}));
 }
 
-TEST(Message, WriteEncodedPayloadSizeBounds) {
+TEST(Message, WriteEncodedPayloadSizeBounds)
+{
     logferry::Logferry_write_encoded_payload record;
     record.stream_key = 1;
     fill_payload(record.payload, 1390);
@@ -634,7 +680,8 @@ TEST(Message, WriteEncodedPayloadSizeBounds) {
 
 // ---------------------------------------------------------------- kind 23
 
-TEST(Message, WriteEncodedMessageTypical) {
+TEST(Message, WriteEncodedMessageTypical)
+{
     logferry::Logferry_write_encoded_message record;
     record.size = 3;
     record.length = 8;
@@ -644,7 +691,8 @@ TEST(Message, WriteEncodedMessageTypical) {
     EXPECT_EQ(bytes_of(record), (Bytes{23, 8, 0, 3, 0, 9, 8, 7}));
 }
 
-TEST(Message, WriteEncodedMessageSizeBounds) {
+TEST(Message, WriteEncodedMessageSizeBounds)
+{
     logferry::Logferry_write_encoded_message record;
     fill_payload(record.payload, 1390);
 
@@ -665,7 +713,8 @@ TEST(Message, WriteEncodedMessageSizeBounds) {
 
 // ---------------------------------------------------------------- several records
 
-TEST(Message, RecordsAreAppendedEndToEnd) {
+TEST(Message, RecordsAreAppendedEndToEnd)
+{
     Bytes out{0xAA, 0xBB};  // never cleared
 
     logferry::Logferry_write_start start;
@@ -690,28 +739,30 @@ TEST(Message, RecordsAreAppendedEndToEnd) {
     finish.stream_key = 1;
     serialize(finish, out);
 
-    EXPECT_EQ(out, (Bytes{0xAA, 0xBB,                                         //
-                          7, 4, 1, 0, 0, 0, 1, 0, 0, 0, 0x00, 0x01, 0, 0,     //
-                          10, 1, 0, 0, 0, 0xFB,                               //
-                          20, 10, 0, 1, 0, 0, 0, 'o', 'k', 0,                 //
-                          8, 1, 0, 0, 0}));
+    EXPECT_EQ(out, (Bytes{0xAA, 0xBB,                                                   //
+                          7,    4,    1, 0, 0, 0,    1, 0,   0,   0, 0x00, 0x01, 0, 0,  //
+                          10,   1,    0, 0, 0, 0xFB,                                    //
+                          20,   10,   0, 1, 0, 0,    0, 'o', 'k', 0,                    //
+                          8,    1,    0, 0, 0}));
 }
 
-TEST(Message, PriorityRecordsConcatenate) {
+TEST(Message, PriorityRecordsConcatenate)
+{
     Bytes out;
     serialize(logferry::Logferry_register_app("AP", "a"), out);
     serialize(logferry::Logferry_register_context(2, 3, "C", ""), out);
     serialize(logferry::Logferry_enable_local_print{}, out);
     serialize(logferry::Logferry_disable_remote{}, out);
-    EXPECT_EQ(out, (Bytes{3, 10, 0, 'A', 'P', 0, 0, 0, 'a', 0,                //
-                          5, 14, 0, 2, 3, 0, 0, 0, 'C', 0, 0, 0, 0, 0,        //
-                          1,                                                  //
+    EXPECT_EQ(out, (Bytes{3, 10, 0, 'A', 'P', 0, 0, 0, 'a', 0,              //
+                          5, 14, 0, 2,   3,   0, 0, 0, 'C', 0, 0, 0, 0, 0,  //
+                          1,                                                //
                           0}));
 }
 
 // ---------------------------------------------------------------- kind 24
 
-TEST(Message, DeserializeLevelUpdate) {
+TEST(Message, DeserializeLevelUpdate)
+{
     logferry::Logferry_update_context_log_level_filter record;
     EXPECT_TRUE(deserialize(Bytes{24, 6, 0x78, 0x56, 0x34, 0x12}, 6, record));
     EXPECT_EQ(record.kind, 24);
@@ -719,7 +770,8 @@ TEST(Message, DeserializeLevelUpdate) {
     EXPECT_EQ(copy_of(record.context_handle), 0x12345678u);
 }
 
-TEST(Message, DeserializeRejectsLevelAboveSix) {
+TEST(Message, DeserializeRejectsLevelAboveSix)
+{
     logferry::Logferry_update_context_log_level_filter record;
     record.context_handle = 0xCAFE;
     EXPECT_FALSE(deserialize(Bytes{24, 7, 0x78, 0x56, 0x34, 0x12}, 6, record));
@@ -731,7 +783,8 @@ TEST(Message, DeserializeRejectsLevelAboveSix) {
     EXPECT_EQ(copy_of(record.context_handle), 0xCAFEu);
 }
 
-TEST(Message, DeserializeShortSizeStoresLevelOnly) {
+TEST(Message, DeserializeShortSizeStoresLevelOnly)
+{
     logferry::Logferry_update_context_log_level_filter record;
     record.context_handle = 77;
     EXPECT_FALSE(deserialize(Bytes{24, 6, 0x78, 0x56, 0x34, 0x12}, 5, record));
@@ -743,7 +796,8 @@ TEST(Message, DeserializeShortSizeStoresLevelOnly) {
     EXPECT_EQ(copy_of(record.context_handle), 77u);
 }
 
-TEST(Message, DeserializeLevelZeroAndUnexaminedKind) {
+TEST(Message, DeserializeLevelZeroAndUnexaminedKind)
+{
     logferry::Logferry_update_context_log_level_filter record;
     record.log_level = 5;
     // Byte 0 is the caller's business; level 0 (off) is a valid update.
@@ -753,7 +807,8 @@ TEST(Message, DeserializeLevelZeroAndUnexaminedKind) {
     EXPECT_EQ(copy_of(record.context_handle), 0xFFFFFFFFu);
 }
 
-TEST(Message, DeserializeRoundTripOfFilterRecordBytes) {
+TEST(Message, DeserializeRoundTripOfFilterRecordBytes)
+{
     logferry::Logferry_update_context_log_level_filter sent;
     sent.log_level = 4;
     sent.context_handle = 0x2A;

@@ -44,7 +44,8 @@ using std::chrono::milliseconds;
 const char LISTENER_SEGMENT[] = "/logferry-daemon-listener";
 
 template <typename... R>
-Bytes records(const R&... record) {
+Bytes records(const R&... record)
+{
     Bytes out;
     int unused[] = {(serialize(record, out), 0)...};
     static_cast<void>(unused);
@@ -52,7 +53,8 @@ Bytes records(const R&... record) {
 }
 
 // The monotonic clock in 0.1 ms units, as the front end stamps its start records.
-std::uint32_t now_stamp() {
+std::uint32_t now_stamp()
+{
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<std::uint32_t>(static_cast<std::uint64_t>(now.tv_sec) * 10000U +
@@ -60,7 +62,8 @@ std::uint32_t now_stamp() {
 }
 
 Logferry_write_start start(std::uint32_t key, std::uint8_t level, std::uint32_t handle,
-                           std::uint32_t timestamp = now_stamp()) {
+                           std::uint32_t timestamp = now_stamp())
+{
     Logferry_write_start record;
     record.log_level = level;
     record.context_handle = handle;
@@ -69,13 +72,15 @@ Logferry_write_start start(std::uint32_t key, std::uint8_t level, std::uint32_t 
     return record;
 }
 
-Logferry_write_finish finish(std::uint32_t key) {
+Logferry_write_finish finish(std::uint32_t key)
+{
     Logferry_write_finish record;
     record.stream_key = key;
     return record;
 }
 
-Logferry_write_utf8_string text(std::uint32_t key, const std::string& value) {
+Logferry_write_utf8_string text(std::uint32_t key, const std::string& value)
+{
     Logferry_write_utf8_string record;
     record.stream_key = key;
     std::copy(value.begin(), value.end(), record.text.begin());
@@ -83,7 +88,8 @@ Logferry_write_utf8_string text(std::uint32_t key, const std::string& value) {
     return record;
 }
 
-Logferry_write_int32 int32(std::uint32_t key, std::int32_t value) {
+Logferry_write_int32 int32(std::uint32_t key, std::int32_t value)
+{
     Logferry_write_int32 record;
     record.stream_key = key;
     record.value = value;
@@ -91,7 +97,8 @@ Logferry_write_int32 int32(std::uint32_t key, std::int32_t value) {
 }
 
 template <typename R, typename V>
-R formatted(std::uint32_t key, V value, LogFormat format) {
+R formatted(std::uint32_t key, V value, LogFormat format)
+{
     R record;
     record.stream_key = key;
     record.value = value;
@@ -100,12 +107,14 @@ R formatted(std::uint32_t key, V value, LogFormat format) {
 }
 
 // Replaces the timestamp column of every log line by "<ts>".
-std::string mask_timestamps(const std::string& transcript) {
+std::string mask_timestamps(const std::string& transcript)
+{
     static const std::regex stamp("^ *[0-9]+\\.[0-9]{4} ", std::regex::multiline);
     return std::regex_replace(transcript, stamp, "<ts> ");
 }
 
-std::vector<std::string> split_lines(const std::string& text) {
+std::vector<std::string> split_lines(const std::string& text)
+{
     std::vector<std::string> lines;
     std::istringstream stream(text);
     for (std::string line; std::getline(stream, line);) {
@@ -118,7 +127,8 @@ std::vector<std::string> split_lines(const std::string& text) {
 // waits, as the front end's receiver thread does about once a second.
 class Test_application {
 public:
-    explicit Test_application(const std::string& identifier) : listener_(false) {
+    explicit Test_application(const std::string& identifier) : listener_(false)
+    {
         channel_.set_app_identifier(identifier);
     }
 
@@ -126,7 +136,8 @@ public:
     bool announce() { return channel_.init() && listener_.init() && listener_.push(channel_.get_filename()); }
 
     // Waits for the monitor to attach, then withdraws the announcement.
-    bool wait_attached(milliseconds timeout = milliseconds(10000)) {
+    bool wait_attached(milliseconds timeout = milliseconds(10000))
+    {
         const bool attached = wait_until(
             [&] {
                 stamp();
@@ -141,7 +152,8 @@ public:
     }
 
     // Places one registration or control record and waits until the monitor took it.
-    bool send_priority(const Bytes& bytes) {
+    bool send_priority(const Bytes& bytes)
+    {
         return wait_until([&] {
                    stamp();
                    return channel_.push_priority(bytes);
@@ -156,7 +168,8 @@ public:
     bool log(const Bytes& bytes) { return channel_.push(bytes); }
 
     // The next message from the monitor, or nothing after `timeout`.
-    Bytes receive(milliseconds timeout = milliseconds(5000)) {
+    Bytes receive(milliseconds timeout = milliseconds(5000))
+    {
         Bytes bytes;
         wait_until(
             [&] {
@@ -180,7 +193,8 @@ private:
 
 class Monitor : public ::testing::Test {
 protected:
-    void SetUp() override {
+    void SetUp() override
+    {
         dir_ = "/tmp/lfmon-" + unique_id("", 40);
         ASSERT_EQ(::mkdir(dir_.c_str(), 0700), 0);
         ASSERT_EQ(::mkdir((dir_ + "/ara_DLT").c_str(), 0700), 0);
@@ -190,7 +204,8 @@ protected:
         err_ = dir_ + "/monitor.err";
     }
 
-    void TearDown() override {
+    void TearDown() override
+    {
         for (const int pid : {pid_, second_pid_}) {
             if (pid > 0) {
                 ::kill(pid, SIGKILL);
@@ -209,12 +224,14 @@ protected:
     }
 
     // Runs the monitor with `arguments`, its output going to `out` and `err`.
-    static int launch(const std::vector<std::string>& arguments, const std::string& out, const std::string& err) {
+    static int launch(const std::vector<std::string>& arguments, const std::string& out, const std::string& err)
+    {
         return run_program(LOGFERRY_MONITOR_PATH, arguments, out, err);
     }
 
     static int run_program(const std::string& path, const std::vector<std::string>& arguments, const std::string& out,
-                           const std::string& err) {
+                           const std::string& err)
+    {
         const pid_t pid = ::fork();
         if (pid == 0) {
             const int out_fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -237,7 +254,8 @@ protected:
     }
 
     // Starts the monitor and waits until it holds the listener.
-    void start_monitor(const std::vector<std::string>& arguments = {}) {
+    void start_monitor(const std::vector<std::string>& arguments = {})
+    {
         ::unlink(out_.c_str());  // no readiness line of an earlier run
         pid_ = launch(arguments, out_, err_);
         ASSERT_GT(pid_, 0);
@@ -245,14 +263,16 @@ protected:
     }
 
     // Sends `signal` and returns the monitor's wait status (-1 when it did not end).
-    int stop_monitor(int signal = SIGTERM) {
+    int stop_monitor(int signal = SIGTERM)
+    {
         ::kill(pid_, signal);
         const int status = logferry_test::wait_child(pid_, milliseconds(10000));
         pid_ = -1;
         return status;
     }
 
-    static std::string read_file(const std::string& path) {
+    static std::string read_file(const std::string& path)
+    {
         std::ifstream file(path);
         std::stringstream content;
         content << file.rdbuf();
@@ -262,7 +282,8 @@ protected:
     std::string output() const { return read_file(out_); }
     std::string errors() const { return read_file(err_); }
 
-    bool wait_for(const std::string& needle, milliseconds timeout = milliseconds(10000)) const {
+    bool wait_for(const std::string& needle, milliseconds timeout = milliseconds(10000)) const
+    {
         return wait_until([&] { return output().find(needle) != std::string::npos; }, timeout);
     }
 
@@ -277,7 +298,8 @@ protected:
 
 // ----------------------------------------------------------------------------------------
 
-TEST_F(Monitor, TranscriptOfOneApplication) {
+TEST_F(Monitor, TranscriptOfOneApplication)
+{
     start_monitor({"--level", "MAIN=debug", "--say", "hello app"});
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
@@ -323,16 +345,16 @@ TEST_F(Monitor, TranscriptOfOneApplication) {
     encoded.size = 2;
     encoded.length = 11;
     encoded.payload = {{0x01, 0x02}};
-    ASSERT_TRUE(app.log(records(
-        start(7, 4, 1), text(7, "hello, monitor"), flag, i8, i16, int32(7, 70000), i64,
-        formatted<Logferry_write_uint8_formatted>(7, std::uint8_t{200}, LogFormat::kDefault),
-        formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0xBEEF}, LogFormat::kHex),
-        formatted<Logferry_write_uint32_formatted>(7, std::uint32_t{8}, LogFormat::kOct),
-        formatted<Logferry_write_uint64_formatted>(7, std::uint64_t{5}, LogFormat::kBin),
-        formatted<Logferry_write_uint32_formatted>(7, std::uint32_t{0xABCDEF}, LogFormat::kHexUpper),
-        formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0x1234}, LogFormat::kDec),
-        formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0x1234}, LogFormat::kRaw), f32, f64, raw, encoded,
-        finish(7))));
+    ASSERT_TRUE(
+        app.log(records(start(7, 4, 1), text(7, "hello, monitor"), flag, i8, i16, int32(7, 70000), i64,
+                        formatted<Logferry_write_uint8_formatted>(7, std::uint8_t{200}, LogFormat::kDefault),
+                        formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0xBEEF}, LogFormat::kHex),
+                        formatted<Logferry_write_uint32_formatted>(7, std::uint32_t{8}, LogFormat::kOct),
+                        formatted<Logferry_write_uint64_formatted>(7, std::uint64_t{5}, LogFormat::kBin),
+                        formatted<Logferry_write_uint32_formatted>(7, std::uint32_t{0xABCDEF}, LogFormat::kHexUpper),
+                        formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0x1234}, LogFormat::kDec),
+                        formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0x1234}, LogFormat::kRaw), f32, f64,
+                        raw, encoded, finish(7))));
     ASSERT_TRUE(app.log(records(start(8, 3, 2), text(8, "second"), finish(8))));
     Logferry_unregister_context unregister;
     unregister.context_handle = 2;
@@ -352,10 +374,17 @@ TEST_F(Monitor, TranscriptOfOneApplication) {
 
     const std::string channel = app.name();
     const std::string expected =
-        "-- listening  lock=" + lock_file_ + "\n"
-        "-- attach     " + channel + "\n"
-        "-- say        " + channel + " \"hello app\"\n"
-        "-- app        TAPP \"Test application\" channel=" + channel + "\n"
+        "-- listening  lock=" + lock_file_ +
+        "\n"
+        "-- attach     " +
+        channel +
+        "\n"
+        "-- say        " +
+        channel +
+        " \"hello app\"\n"
+        "-- app        TAPP \"Test application\" channel=" +
+        channel +
+        "\n"
         "-- context    TAPP MAIN handle=1 level=info \"Main context\"\n"
         "-- set-level  TAPP MAIN handle=1 level=debug\n"
         "-- context    TAPP AUX handle=2 level=warn \"Aux context\"\n"
@@ -367,13 +396,16 @@ TEST_F(Monitor, TranscriptOfOneApplication) {
         "<ts> TAPP AUX  warn    \"second\"\n"
         "-- unregister TAPP AUX handle=2\n"
         "-- unregister TAPP\n"
-        "-- detach     TAPP " + channel + " (closed its channel)\n"
+        "-- detach     TAPP " +
+        channel +
+        " (closed its channel)\n"
         "-- stopped    signal: 2 log messages from 1 applications\n";
     EXPECT_EQ(mask_timestamps(output()), expected);
     EXPECT_EQ(errors(), "");
 }
 
-TEST_F(Monitor, TimestampsAndArgumentsAreRenderedExactly) {
+TEST_F(Monitor, TimestampsAndArgumentsAreRenderedExactly)
+{
     start_monitor();
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
@@ -407,12 +439,11 @@ TEST_F(Monitor, TimestampsAndArgumentsAreRenderedExactly) {
     tenth.value = 0.1f;
     Logferry_write_bool no;
     no.stream_key = 1;
-    ASSERT_TRUE(app.log(records(start(1, 6, 0xFFFFFFFF, 123456), text(1, "quote \" and\nline"), omitted, big, bin,
-                                upper, tenth, no,
-                                formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kOct),
-                                formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kBin),
-                                formatted<Logferry_write_uint64_formatted>(1, ~std::uint64_t{0}, LogFormat::kDec),
-                                finish(1))));
+    ASSERT_TRUE(
+        app.log(records(start(1, 6, 0xFFFFFFFF, 123456), text(1, "quote \" and\nline"), omitted, big, bin, upper, tenth,
+                        no, formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kOct),
+                        formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kBin),
+                        formatted<Logferry_write_uint64_formatted>(1, ~std::uint64_t{0}, LogFormat::kDec), finish(1))));
     // The largest timestamp, a message without start, an encoded message.
     ASSERT_TRUE(app.log(records(start(2, 1, 0xFFFFFFFF, 0xFFFFFFFF), finish(2))));
     ASSERT_TRUE(app.log(records(int32(3, -1), finish(3))));
@@ -434,7 +465,8 @@ TEST_F(Monitor, TimestampsAndArgumentsAreRenderedExactly) {
     app.close();
 }
 
-TEST_F(Monitor, LevelOptionMatchesEveryContextWithThatIdAndNoOther) {
+TEST_F(Monitor, LevelOptionMatchesEveryContextWithThatIdAndNoOther)
+{
     start_monitor({"--level", "MAIN=2", "--level=AUX=verbose"});
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
@@ -456,7 +488,8 @@ TEST_F(Monitor, LevelOptionMatchesEveryContextWithThatIdAndNoOther) {
     app.close();
 }
 
-TEST_F(Monitor, SayReachesEveryApplicationOnceAttached) {
+TEST_F(Monitor, SayReachesEveryApplicationOnceAttached)
+{
     start_monitor({"--say", "first line", "--say", ""});
     Test_application one(unique_id("one", 20));
     Test_application two(unique_id("two", 20));
@@ -474,7 +507,8 @@ TEST_F(Monitor, SayReachesEveryApplicationOnceAttached) {
     two.close();
 }
 
-TEST_F(Monitor, KilledApplicationIsDetached) {
+TEST_F(Monitor, KilledApplicationIsDetached)
+{
     start_monitor();
     const std::string identifier = unique_id("", 20);
     const std::string channel = "/logferry-" + identifier;
@@ -509,8 +543,7 @@ TEST_F(Monitor, KilledApplicationIsDetached) {
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
     const auto killed = std::chrono::steady_clock::now();
-    EXPECT_TRUE(wait_for("-- detach     KILL " + channel + " (no sign of life for ", milliseconds(12000)))
-        << output();
+    EXPECT_TRUE(wait_for("-- detach     KILL " + channel + " (no sign of life for ", milliseconds(12000))) << output();
     // Whole seconds: more than five between its last stamp and the clock.
     EXPECT_GE(std::chrono::steady_clock::now() - killed, milliseconds(4000));
 
@@ -524,7 +557,8 @@ TEST_F(Monitor, KilledApplicationIsDetached) {
     EXPECT_TRUE(logferry_test::shm_exists(channel));
 }
 
-TEST_F(Monitor, LiveApplicationStaysAttachedBeyondTheSilenceLimit) {
+TEST_F(Monitor, LiveApplicationStaysAttachedBeyondTheSilenceLimit)
+{
     start_monitor();
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
@@ -540,7 +574,8 @@ TEST_F(Monitor, LiveApplicationStaysAttachedBeyondTheSilenceLimit) {
     EXPECT_TRUE(wait_for("-- detach     LIVE " + app.name() + " (closed its channel)")) << output();
 }
 
-TEST_F(Monitor, ServesManyApplicationsAtOnce) {
+TEST_F(Monitor, ServesManyApplicationsAtOnce)
+{
     start_monitor();
     constexpr int applications = 4;
     constexpr int messages = 600;
@@ -552,7 +587,8 @@ TEST_F(Monitor, ServesManyApplicationsAtOnce) {
             const std::string id = "AP" + std::to_string(a);
             if (!app.announce() || !app.wait_attached() ||
                 !app.send_priority(records(Logferry_register_app(id.c_str(), ""))) ||
-                !app.send_priority(records(Logferry_register_context(4, 100 + a, ("C" + std::to_string(a)).c_str(), "")))) {
+                !app.send_priority(
+                    records(Logferry_register_context(4, 100 + a, ("C" + std::to_string(a)).c_str(), "")))) {
                 return 1;
             }
             // Everything is written while ordinary traffic is still held back, then
@@ -560,8 +596,8 @@ TEST_F(Monitor, ServesManyApplicationsAtOnce) {
             // gone with the whole backlog still to read.
             for (int m = 0; m < messages; ++m) {
                 const std::uint32_t key = static_cast<std::uint32_t>(m);
-                if (!app.log(records(start(key, 4, 100 + a), int32(key, m), text(key, std::string(40, static_cast<char>('a' + a))),
-                                     finish(key)))) {
+                if (!app.log(records(start(key, 4, 100 + a), int32(key, m),
+                                     text(key, std::string(40, static_cast<char>('a' + a))), finish(key)))) {
                     return 2;
                 }
                 if (m % 20 == 0) {
@@ -582,7 +618,8 @@ TEST_F(Monitor, ServesManyApplicationsAtOnce) {
         [&] {
             const std::string text = output();
             std::size_t count = 0;
-            for (std::size_t at = text.find("-- detach"); at != std::string::npos; at = text.find("-- detach", at + 1)) {
+            for (std::size_t at = text.find("-- detach"); at != std::string::npos;
+                 at = text.find("-- detach", at + 1)) {
                 ++count;
             }
             return count == static_cast<std::size_t>(applications);
@@ -615,7 +652,8 @@ TEST_F(Monitor, ServesManyApplicationsAtOnce) {
               std::string::npos);
 }
 
-TEST_F(Monitor, HeldBackMessagesWaitWhileTheApplicationLives) {
+TEST_F(Monitor, HeldBackMessagesWaitWhileTheApplicationLives)
+{
     start_monitor();
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
@@ -635,7 +673,8 @@ TEST_F(Monitor, HeldBackMessagesWaitWhileTheApplicationLives) {
     app.close();
 }
 
-TEST_F(Monitor, HeldBackMessagesOfAClosedApplicationAreRead) {
+TEST_F(Monitor, HeldBackMessagesOfAClosedApplicationAreRead)
+{
     // An application that ends before its ring was released: once it has closed its
     // channel, nothing more is to come ahead of those messages.
     start_monitor();
@@ -650,12 +689,14 @@ TEST_F(Monitor, HeldBackMessagesOfAClosedApplicationAreRead) {
     ASSERT_TRUE(wait_for("-- detach")) << output();
     EXPECT_NE(mask_timestamps(output()).find("<ts> LATE C    info    \"first\"\n"
                                              "<ts> LATE C    info    \"last\"\n"
-                                             "-- detach     LATE " + app.name() + " (closed its channel)\n"),
+                                             "-- detach     LATE " +
+                                             app.name() + " (closed its channel)\n"),
               std::string::npos)
         << output();
 }
 
-TEST_F(Monitor, CountStopsAfterThatManyMessages) {
+TEST_F(Monitor, CountStopsAfterThatManyMessages)
+{
     start_monitor({"--count", "2"});
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
@@ -671,7 +712,8 @@ TEST_F(Monitor, CountStopsAfterThatManyMessages) {
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
     const std::string text = mask_timestamps(output());
-    EXPECT_NE(text.find("<ts> CNT  C    info    0\n<ts> CNT  C    info    1\n-- stopped    count: 2 log messages from 1 applications\n"),
+    EXPECT_NE(text.find("<ts> CNT  C    info    0\n<ts> CNT  C    info    1\n-- stopped    count: 2 log messages from "
+                        "1 applications\n"),
               std::string::npos)
         << text;
     EXPECT_EQ(text.find("info    2"), std::string::npos);
@@ -680,7 +722,8 @@ TEST_F(Monitor, CountStopsAfterThatManyMessages) {
     app.close();
 }
 
-TEST_F(Monitor, DurationStopsByItself) {
+TEST_F(Monitor, DurationStopsByItself)
+{
     const auto began = std::chrono::steady_clock::now();
     start_monitor({"--duration", "0.5"});
     const int status = logferry_test::wait_child(pid_, milliseconds(10000));
@@ -692,7 +735,8 @@ TEST_F(Monitor, DurationStopsByItself) {
     EXPECT_NE(::access(lock_file_.c_str(), F_OK), 0);
 }
 
-TEST_F(Monitor, SigintAndSigtermRemoveTheListenerSegmentAndTheLockFile) {
+TEST_F(Monitor, SigintAndSigtermRemoveTheListenerSegmentAndTheLockFile)
+{
     for (const int signal : {SIGINT, SIGTERM}) {
         start_monitor();
         EXPECT_TRUE(logferry_test::shm_exists(LISTENER_SEGMENT));
@@ -706,7 +750,8 @@ TEST_F(Monitor, SigintAndSigtermRemoveTheListenerSegmentAndTheLockFile) {
     }
 }
 
-TEST_F(Monitor, StoppingTellsAttachedApplications) {
+TEST_F(Monitor, StoppingTellsAttachedApplications)
+{
     start_monitor();
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
@@ -721,7 +766,8 @@ TEST_F(Monitor, StoppingTellsAttachedApplications) {
     EXPECT_FALSE(logferry_test::shm_exists(app.name()));
 }
 
-TEST_F(Monitor, SecondMonitorIsRefusedWhileOneRuns) {
+TEST_F(Monitor, SecondMonitorIsRefusedWhileOneRuns)
+{
     start_monitor();
     second_pid_ = launch({}, out_ + "2", err_ + "2");
     const int status = logferry_test::wait_child(second_pid_, milliseconds(10000));
@@ -734,7 +780,8 @@ TEST_F(Monitor, SecondMonitorIsRefusedWhileOneRuns) {
     EXPECT_EQ(stop_monitor(), 0);
 }
 
-TEST_F(Monitor, UndecodableUnitsAreReportedAndServiceGoesOn) {
+TEST_F(Monitor, UndecodableUnitsAreReportedAndServiceGoesOn)
+{
     start_monitor();
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
@@ -751,13 +798,15 @@ TEST_F(Monitor, UndecodableUnitsAreReportedAndServiceGoesOn) {
                         "[3 bytes: 0c 01 00]\n"),
               std::string::npos)
         << text;
-    EXPECT_NE(text.find("-- error      BAD ring: stream-key-mismatch at offset 14 (kind 12)"), std::string::npos) << text;
+    EXPECT_NE(text.find("-- error      BAD ring: stream-key-mismatch at offset 14 (kind 12)"), std::string::npos)
+        << text;
     app.close();
 }
 
 #ifdef LOGFERRY_EXAMPLE_PATH
 // The example application on the real front end, under the monitor.
-TEST_F(Monitor, ExampleApplicationUnderTheMonitor) {
+TEST_F(Monitor, ExampleApplicationUnderTheMonitor)
+{
     start_monitor({"--level", "MAIN=debug", "--say", "hello from the monitor"});
     const std::string example_out = dir_ + "/example.out";
     const std::string example_err = dir_ + "/example.err";
@@ -773,7 +822,8 @@ TEST_F(Monitor, ExampleApplicationUnderTheMonitor) {
     EXPECT_EQ(stop_monitor(), 0);
 
     // The example prints the level before and after the update, and the monitor's text.
-    EXPECT_NE(printed.find("example: debug for MAIN before the level update: disabled\n"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("example: debug for MAIN before the level update: disabled\n"), std::string::npos)
+        << printed;
     EXPECT_NE(printed.find("example: debug for MAIN after the level update: enabled\n"), std::string::npos) << printed;
     EXPECT_NE(printed.find("hello from the monitor\n"), std::string::npos) << printed;
     EXPECT_NE(printed.find("example: done\n"), std::string::npos) << printed;
@@ -784,10 +834,17 @@ TEST_F(Monitor, ExampleApplicationUnderTheMonitor) {
     ASSERT_TRUE(std::regex_search(text, match, std::regex("/logferry-EXA-[0-9]{1,5}-[0-9a-f]+"))) << text;
     const std::string channel = match.str();
     const std::string expected =
-        "-- listening  lock=" + lock_file_ + "\n"
-        "-- attach     " + channel + "\n"
-        "-- say        " + channel + " \"hello from the monitor\"\n"
-        "-- app        EXA \"logferry example application\" channel=" + channel + "\n"
+        "-- listening  lock=" + lock_file_ +
+        "\n"
+        "-- attach     " +
+        channel +
+        "\n"
+        "-- say        " +
+        channel +
+        " \"hello from the monitor\"\n"
+        "-- app        EXA \"logferry example application\" channel=" +
+        channel +
+        "\n"
         "-- context    EXA MAIN handle=1 level=info \"Main context\"\n"
         "-- set-level  EXA MAIN handle=1 level=debug\n"
         "-- context    EXA NET handle=2 level=warn \"Network context\"\n"
@@ -796,7 +853,9 @@ TEST_F(Monitor, ExampleApplicationUnderTheMonitor) {
         "0b1011010 0xC0FFEE 1.5 3.141592653589793 \"a view of\" [de ad be ef] encoded[01 02 03]\n"
         "<ts> EXA  MAIN debug   \"debug is on\"\n"
         "<ts> EXA  NET  warn    \"link down, retrying\" 3\n"
-        "-- detach     EXA " + channel + " (closed its channel)\n"
+        "-- detach     EXA " +
+        channel +
+        " (closed its channel)\n"
         "-- stopped    signal: 3 log messages from 1 applications\n";
     EXPECT_EQ(mask_timestamps(text), expected);
     EXPECT_EQ(errors(), "");
@@ -805,7 +864,8 @@ TEST_F(Monitor, ExampleApplicationUnderTheMonitor) {
 
 // Two copies of the example at once: every line of each appears, whole, exactly once per
 // copy, and the monitor counts both.
-TEST_F(Monitor, TwoExampleApplicationsAtOnce) {
+TEST_F(Monitor, TwoExampleApplicationsAtOnce)
+{
     start_monitor({"--level", "MAIN=debug", "--say", "hello from the monitor"});
     int examples[2];
     for (int i = 0; i < 2; ++i) {
@@ -859,7 +919,8 @@ TEST_F(Monitor, TwoExampleApplicationsAtOnce) {
 // An application that keeps logging while the monitor is stopped and started again: the
 // new monitor gets the registrations replayed, then every message, none lost across the
 // restart.
-TEST_F(Monitor, RestartedMonitorGetsTheRegistrationsReplayedAndEveryMessage) {
+TEST_F(Monitor, RestartedMonitorGetsTheRegistrationsReplayedAndEveryMessage)
+{
     start_monitor();
     const std::string stop_file = dir_ + "/stop";
     const int application = logferry_test::fork_child([&] {
@@ -900,10 +961,13 @@ TEST_F(Monitor, RestartedMonitorGetsTheRegistrationsReplayedAndEveryMessage) {
     };
     const std::vector<int> before = numbers_in(first_run);
     ASSERT_FALSE(before.empty());
-    ASSERT_TRUE(wait_until([&] {
-        const std::vector<int> after = numbers_in(output());
-        return !after.empty() && after.back() >= before.back() + 50;
-    }, milliseconds(20000))) << output();
+    ASSERT_TRUE(wait_until(
+        [&] {
+            const std::vector<int> after = numbers_in(output());
+            return !after.empty() && after.back() >= before.back() + 50;
+        },
+        milliseconds(20000)))
+        << output();
     {
         std::ofstream stop(stop_file);
     }
@@ -925,7 +989,8 @@ TEST_F(Monitor, RestartedMonitorGetsTheRegistrationsReplayedAndEveryMessage) {
     }
 }
 
-TEST_F(Monitor, UsageErrorsAndHelp) {
+TEST_F(Monitor, UsageErrorsAndHelp)
+{
     const auto run = [&](const std::vector<std::string>& arguments) {
         const int pid = launch(arguments, out_, err_);
         const int status = logferry_test::wait_child(pid, milliseconds(10000));

@@ -102,8 +102,7 @@ TEST(Receiver, TextIsPrintedUpToItsFirstZeroWithoutANewlineAdded)
 TEST(Receiver, EmptyMessageIsReported)
 {
     Bytes empty;
-    EXPECT_EQ(capture_stderr([&] { logferry::handle_daemon_message(empty); }),
-              "logferry: empty message received.\n");
+    EXPECT_EQ(capture_stderr([&] { logferry::handle_daemon_message(empty); }), "logferry: empty message received.\n");
 }
 
 TEST(Receiver, AnyFailureEndsTheThreadWithOneMessage)

@@ -117,12 +117,12 @@ TEST(System, SeamHasTheTwentyFiveOperationsInOrderWithExactTypes)
     void (System_lib::*sleep_s)(unsigned int) = &System_lib::sleep_for_seconds;
 
     const std::vector<long> slots = {
-        vtable_slot(open_op),       vtable_slot(close_op),      vtable_slot(lockf_op),      vtable_slot(unlink_op),
-        vtable_slot(ftruncate_op),  vtable_slot(clock_op),      vtable_slot(getpid_op),     vtable_slot(attr_init),
-        vtable_slot(attr_type),     vtable_slot(attr_pshared),  vtable_slot(attr_robust),   vtable_slot(attr_destroy),
-        vtable_slot(mutex_init),    vtable_slot(mutex_lock),    vtable_slot(mutex_trylock), vtable_slot(mutex_unlock),
-        vtable_slot(mutex_consistent), vtable_slot(mmap_op),    vtable_slot(munmap_op),     vtable_slot(shm_open_op),
-        vtable_slot(shm_unlink_op), vtable_slot(stat_op),       vtable_slot(chown_op),      vtable_slot(sleep_ms),
+        vtable_slot(open_op),          vtable_slot(close_op),     vtable_slot(lockf_op),      vtable_slot(unlink_op),
+        vtable_slot(ftruncate_op),     vtable_slot(clock_op),     vtable_slot(getpid_op),     vtable_slot(attr_init),
+        vtable_slot(attr_type),        vtable_slot(attr_pshared), vtable_slot(attr_robust),   vtable_slot(attr_destroy),
+        vtable_slot(mutex_init),       vtable_slot(mutex_lock),   vtable_slot(mutex_trylock), vtable_slot(mutex_unlock),
+        vtable_slot(mutex_consistent), vtable_slot(mmap_op),      vtable_slot(munmap_op),     vtable_slot(shm_open_op),
+        vtable_slot(shm_unlink_op),    vtable_slot(stat_op),      vtable_slot(chown_op),      vtable_slot(sleep_ms),
         vtable_slot(sleep_s)};
     std::vector<long> expected;
     for (long i = 0; i < 25; ++i) {

@@ -54,8 +54,7 @@ LOGFERRY_API extern std::unordered_map<std::uint32_t, Logferry_register_context>
 LOGFERRY_API extern std::unordered_map<std::uint32_t, std::uint8_t> log_level_filters;
 /// Stream key to the serialized records of the message under assembly.
 /// Guarded by `incomplete_logstream_messages_mutex`.
-LOGFERRY_API extern std::unordered_map<std::uint32_t, std::vector<unsigned char>>
-    incomplete_logstream_messages;
+LOGFERRY_API extern std::unordered_map<std::uint32_t, std::vector<unsigned char>> incomplete_logstream_messages;
 /// Serialized registration and control records waiting for the channel's priority area.
 /// Guarded by `priority_message_queue_mutex`.
 LOGFERRY_API extern std::queue<std::vector<unsigned char>> priority_message_queue;
@@ -102,8 +101,8 @@ LOGFERRY_API bool connect_channel();
 LOGFERRY_API bool register_app(const char* app_id, const char* description);
 /// Registers context `context_handle` with its ID, description and default level (0-6).
 /// False for a level above 6, before any `register_app` or for a null text.
-LOGFERRY_API bool register_context(std::uint32_t context_handle, const char* context_id,
-                                   const char* description, std::uint8_t log_level);
+LOGFERRY_API bool register_context(std::uint32_t context_handle, const char* context_id, const char* description,
+                                   std::uint8_t log_level);
 /// Withdraws the application's registrations.
 LOGFERRY_API void unregister_app();
 /// Withdraws the registration and the level filter of one context.
@@ -124,8 +123,7 @@ LOGFERRY_API void submit_priority_record(const std::vector<unsigned char>& bytes
 
 /// Opens a message for a registered context; false for a level above 6 or an
 /// unregistered context. No level filter is applied here (see `is_log_level_enabled`).
-LOGFERRY_API bool log_start(std::uint32_t context_handle, std::uint32_t stream_key,
-                            std::uint8_t log_level);
+LOGFERRY_API bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint8_t log_level);
 LOGFERRY_API void log_bool(std::uint32_t stream_key, bool value);
 LOGFERRY_API void log_int8(std::uint32_t stream_key, std::int8_t value);
 LOGFERRY_API void log_int16(std::uint32_t stream_key, std::int16_t value);
@@ -133,12 +131,9 @@ LOGFERRY_API void log_int32(std::uint32_t stream_key, std::int32_t value);
 LOGFERRY_API void log_int64(std::uint32_t stream_key, std::int64_t value);
 /// The formatted numbers take a format of 0 to 6; any other value is sent as 0.
 LOGFERRY_API void log_uint8_formatted(std::uint32_t stream_key, std::uint8_t value, LogFormat format);
-LOGFERRY_API void log_uint16_formatted(std::uint32_t stream_key, std::uint16_t value,
-                                       LogFormat format);
-LOGFERRY_API void log_uint32_formatted(std::uint32_t stream_key, std::uint32_t value,
-                                       LogFormat format);
-LOGFERRY_API void log_uint64_formatted(std::uint32_t stream_key, std::uint64_t value,
-                                       LogFormat format);
+LOGFERRY_API void log_uint16_formatted(std::uint32_t stream_key, std::uint16_t value, LogFormat format);
+LOGFERRY_API void log_uint32_formatted(std::uint32_t stream_key, std::uint32_t value, LogFormat format);
+LOGFERRY_API void log_uint64_formatted(std::uint32_t stream_key, std::uint64_t value, LogFormat format);
 LOGFERRY_API void log_float32(std::uint32_t stream_key, float value);
 LOGFERRY_API void log_float64(std::uint32_t stream_key, double value);
 /// A zero-terminated text of at most 1388 characters; longer texts are dropped, not cut.
@@ -146,8 +141,8 @@ LOGFERRY_API void log_utf8_string(std::uint32_t stream_key, const char* text);
 /// At most `length` (up to 1388) bytes of `text`, stopping early at a zero byte.
 LOGFERRY_API void log_string_view(std::uint32_t stream_key, const char* text, std::uint64_t length);
 /// Exactly `length` (up to 1389) bytes of `data`; the format is passed on unchecked.
-LOGFERRY_API void log_raw_formatted(std::uint32_t stream_key, const std::uint8_t* data,
-                                    std::uint16_t length, LogFormat format);
+LOGFERRY_API void log_raw_formatted(std::uint32_t stream_key, const std::uint8_t* data, std::uint16_t length,
+                                    LogFormat format);
 /// The first `length` (up to 1389) bytes of an already encoded argument.
 LOGFERRY_API void log_encoded_payload(std::uint32_t stream_key, const std::vector<unsigned char>& payload,
                                       const std::uint16_t& length);
@@ -155,8 +150,7 @@ LOGFERRY_API void log_encoded_payload(std::uint32_t stream_key, const std::vecto
 LOGFERRY_API void log_finish(std::uint32_t stream_key);
 /// Sends the first `length` (up to 1389) bytes of an already encoded message at once,
 /// outside any stream.
-LOGFERRY_API void log_encoded_message(const std::vector<unsigned char>& message,
-                                      const std::uint16_t& length);
+LOGFERRY_API void log_encoded_message(const std::vector<unsigned char>& message, const std::uint16_t& length);
 /// Appends serialized records to the message under `stream_key`, opening it if needed.
 /// Always true.
 LOGFERRY_API bool append_to_logstream(std::uint32_t stream_key, const std::vector<unsigned char>& bytes);

@@ -67,8 +67,7 @@ public:
           unacknowledged_checks(0),
           proxy_watchdogs(),
           lock_listener_name(get_full_adaptive_runstate_directory() + "/ara_DLT/logferry-daemon-listener.lock")
-    {
-    }
+    {}
 
     // Segment and lock file life cycle.
     bool init();

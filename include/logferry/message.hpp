@@ -71,15 +71,16 @@ constexpr std::uint8_t KIND_WRITE_ENCODED_MESSAGE = 23;
 constexpr std::uint8_t KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER = 24;
 
 /// True for the kinds admitted to the channel's priority area (0, 1, 2, 3 and 5).
-constexpr bool is_priority_kind(std::uint8_t kind) noexcept {
+constexpr bool is_priority_kind(std::uint8_t kind) noexcept
+{
     return kind <= KIND_REGISTER_APP || kind == KIND_REGISTER_CONTEXT;
 }
 
 // Widths of the fixed text and payload arrays.
-constexpr std::size_t RECORD_ID_SIZE = 5;             // 4 characters and a zero
-constexpr std::size_t RECORD_DESCRIPTION_SIZE = 80;   // at most 79 characters and a zero
-constexpr std::size_t RECORD_FILE_NAME_SIZE = 255;    // at most 254 characters and a zero
-constexpr std::size_t RECORD_DATA_SIZE = 1390;        // text or payload of a log argument
+constexpr std::size_t RECORD_ID_SIZE = 5;            // 4 characters and a zero
+constexpr std::size_t RECORD_DESCRIPTION_SIZE = 80;  // at most 79 characters and a zero
+constexpr std::size_t RECORD_FILE_NAME_SIZE = 255;   // at most 254 characters and a zero
+constexpr std::size_t RECORD_DATA_SIZE = 1390;       // text or payload of a log argument
 
 // Longest texts and payloads that a record carries in full.
 constexpr std::size_t RECORD_MAX_DESCRIPTION_LENGTH = RECORD_DESCRIPTION_SIZE - 1;  // 79
@@ -94,8 +95,8 @@ constexpr std::uint16_t REGISTER_CONTEXT_MIN_LENGTH = 13;
 /// stopping at the first zero of the source; the rest of `target` is left as it is.
 /// Returns the number of characters copied. `limit` must not exceed `target`'s size.
 template <std::size_t N>
-inline std::size_t copy_bounded_text(std::array<char, N>& target, const char* source,
-                                     std::size_t limit) noexcept {
+inline std::size_t copy_bounded_text(std::array<char, N>& target, const char* source, std::size_t limit) noexcept
+{
     std::size_t n = 0;
     while (n < limit && n < N && source[n] != '\0') {
         target[n] = source[n];
@@ -141,12 +142,11 @@ struct Logferry_register_app {
     /// byte 4 stays 0) and at most 79 characters of `desc_text` (byte 79 stays 0), each
     /// copy stopping at the first zero of its source, and sets the length to the copied
     /// description's length + 9.
-    Logferry_register_app(const char* id, const char* desc_text) noexcept
-        : length(REGISTER_APP_MIN_LENGTH) {
+    Logferry_register_app(const char* id, const char* desc_text) noexcept : length(REGISTER_APP_MIN_LENGTH)
+    {
         if (id != nullptr && desc_text != nullptr) {
             copy_bounded_text(app_id, id, RECORD_ID_SIZE - 1);
-            const std::size_t n =
-                copy_bounded_text(description, desc_text, RECORD_MAX_DESCRIPTION_LENGTH);
+            const std::size_t n = copy_bounded_text(description, desc_text, RECORD_MAX_DESCRIPTION_LENGTH);
             length = static_cast<std::uint16_t>(n + REGISTER_APP_MIN_LENGTH + 1);
         }
     }
@@ -178,13 +178,12 @@ struct Logferry_register_context {
     /// (zero-filled, byte 4 stays 0) and at most 79 characters of `desc_text` (byte 79
     /// stays 0), each copy stopping at the first zero of its source, and sets the
     /// length to the copied description's length + 14.
-    Logferry_register_context(std::uint8_t level, std::uint32_t handle, const char* id,
-                              const char* desc_text) noexcept
-        : length(REGISTER_CONTEXT_MIN_LENGTH), log_level(level), context_handle(handle) {
+    Logferry_register_context(std::uint8_t level, std::uint32_t handle, const char* id, const char* desc_text) noexcept
+        : length(REGISTER_CONTEXT_MIN_LENGTH), log_level(level), context_handle(handle)
+    {
         if (id != nullptr && desc_text != nullptr) {
             copy_bounded_text(context_id, id, RECORD_ID_SIZE - 1);
-            const std::size_t n =
-                copy_bounded_text(description, desc_text, RECORD_MAX_DESCRIPTION_LENGTH);
+            const std::size_t n = copy_bounded_text(description, desc_text, RECORD_MAX_DESCRIPTION_LENGTH);
             length = static_cast<std::uint16_t>(n + REGISTER_CONTEXT_MIN_LENGTH + 1);
         }
     }
@@ -438,8 +437,7 @@ static_assert(offsetof(Logferry_write_encoded_message, payload) == 5, "record la
 
 static_assert(sizeof(Logferry_update_context_log_level_filter) == 6, "record layout");
 static_assert(offsetof(Logferry_update_context_log_level_filter, log_level) == 1, "record layout");
-static_assert(offsetof(Logferry_update_context_log_level_filter, context_handle) == 2,
-              "record layout");
+static_assert(offsetof(Logferry_update_context_log_level_filter, context_handle) == 2, "record layout");
 
 // Appends the record's bytes to `out` (which is never cleared). Throws only on memory
 // exhaustion, and std::out_of_range for a register record whose 80-byte description
@@ -450,15 +448,12 @@ static_assert(offsetof(Logferry_update_context_log_level_filter, context_handle)
 // payload bytes only when size is 1 to 1389; otherwise it ends after its fixed fields.
 // The `length` fields are written as stored and never decide how much is written.
 LOGFERRY_API void serialize(const Logferry_disable_remote& record, std::vector<unsigned char>& out);
-LOGFERRY_API void serialize(const Logferry_enable_local_print& record,
-                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_enable_local_print& record, std::vector<unsigned char>& out);
 LOGFERRY_API void serialize(const Logferry_init_file& record, std::vector<unsigned char>& out);
 LOGFERRY_API void serialize(const Logferry_register_app& record, std::vector<unsigned char>& out);
 LOGFERRY_API void serialize(const Logferry_unregister_app& record, std::vector<unsigned char>& out);
-LOGFERRY_API void serialize(const Logferry_register_context& record,
-                            std::vector<unsigned char>& out);
-LOGFERRY_API void serialize(const Logferry_unregister_context& record,
-                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_register_context& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_unregister_context& record, std::vector<unsigned char>& out);
 LOGFERRY_API void serialize(const Logferry_write_start& record, std::vector<unsigned char>& out);
 LOGFERRY_API void serialize(const Logferry_write_finish& record, std::vector<unsigned char>& out);
 LOGFERRY_API void serialize(const Logferry_write_bool& record, std::vector<unsigned char>& out);
@@ -466,24 +461,16 @@ LOGFERRY_API void serialize(const Logferry_write_int8& record, std::vector<unsig
 LOGFERRY_API void serialize(const Logferry_write_int16& record, std::vector<unsigned char>& out);
 LOGFERRY_API void serialize(const Logferry_write_int32& record, std::vector<unsigned char>& out);
 LOGFERRY_API void serialize(const Logferry_write_int64& record, std::vector<unsigned char>& out);
-LOGFERRY_API void serialize(const Logferry_write_uint8_formatted& record,
-                            std::vector<unsigned char>& out);
-LOGFERRY_API void serialize(const Logferry_write_uint16_formatted& record,
-                            std::vector<unsigned char>& out);
-LOGFERRY_API void serialize(const Logferry_write_uint32_formatted& record,
-                            std::vector<unsigned char>& out);
-LOGFERRY_API void serialize(const Logferry_write_uint64_formatted& record,
-                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_uint8_formatted& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_uint16_formatted& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_uint32_formatted& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_uint64_formatted& record, std::vector<unsigned char>& out);
 LOGFERRY_API void serialize(const Logferry_write_float32& record, std::vector<unsigned char>& out);
 LOGFERRY_API void serialize(const Logferry_write_float64& record, std::vector<unsigned char>& out);
-LOGFERRY_API void serialize(const Logferry_write_utf8_string& record,
-                            std::vector<unsigned char>& out);
-LOGFERRY_API void serialize(const Logferry_write_raw_formatted& record,
-                            std::vector<unsigned char>& out);
-LOGFERRY_API void serialize(const Logferry_write_encoded_payload& record,
-                            std::vector<unsigned char>& out);
-LOGFERRY_API void serialize(const Logferry_write_encoded_message& record,
-                            std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_utf8_string& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_raw_formatted& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_encoded_payload& record, std::vector<unsigned char>& out);
+LOGFERRY_API void serialize(const Logferry_write_encoded_message& record, std::vector<unsigned char>& out);
 
 /// Reads a level-filter update from the daemon. Byte 0 is not looked at (the caller
 /// has checked it is 24) and `in` must hold at least 2 bytes.

@@ -27,14 +27,11 @@ enum class LogLevel : std::uint8_t {
 };
 
 /// Output sinks as a bit set; any non-empty combination of the three bits is valid.
-enum class LogMode : std::uint8_t {
-    kRemote = 0x01,
-    kFile = 0x02,
-    kConsole = 0x04
-};
+enum class LogMode : std::uint8_t { kRemote = 0x01, kFile = 0x02, kConsole = 0x04 };
 
 /// Combines two modes into one bit set.
-constexpr LogMode operator|(LogMode lhs, LogMode rhs) noexcept {
+constexpr LogMode operator|(LogMode lhs, LogMode rhs) noexcept
+{
     return static_cast<LogMode>(static_cast<std::uint8_t>(lhs) | static_cast<std::uint8_t>(rhs));
 }
 
@@ -46,15 +43,7 @@ namespace logferry {
 /// Presentation code for formatted numbers and raw data. Only the numbers 0 to 6
 /// cross the channel; what each one means is up to the daemon. 0 is the default
 /// that invalid codes are mapped to.
-enum class LogFormat : std::uint8_t {
-    kDefault = 0,
-    kDec = 1,
-    kHex = 2,
-    kOct = 3,
-    kBin = 4,
-    kHexUpper = 5,
-    kRaw = 6
-};
+enum class LogFormat : std::uint8_t { kDefault = 0, kDec = 1, kHex = 2, kOct = 3, kBin = 4, kHexUpper = 5, kRaw = 6 };
 
 /// The level if it is below 7, else `LogLevel::kOff`.
 LOGFERRY_API ara::log::LogLevel dlt_validate_log_level(ara::log::LogLevel level) noexcept;

@@ -161,8 +161,7 @@ bool placeable(std::size_t size, std::uint32_t capacity)
 
 // The writing step: appends one record of `size` bytes (placeable in this ring), discarding
 // the oldest records while there is no room, one count in `lost` per discard step.
-void write_record(const Ring& ring, const unsigned char* data, std::uint32_t size,
-                  std::atomic<std::uint64_t>& lost)
+void write_record(const Ring& ring, const unsigned char* data, std::uint32_t size, std::atomic<std::uint64_t>& lost)
 {
     const std::uint32_t capacity = ring.capacity;
     Mutex_lock_guard lock(ring.mutex, false);

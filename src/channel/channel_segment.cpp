@@ -24,8 +24,7 @@ bool init_robust_mutex(pthread_mutex_t* mutex)
            sys->pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_NORMAL) == 0 &&
            sys->pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED) == 0 &&
            sys->pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST) == 0 &&
-           sys->pthread_mutex_init(mutex, &attributes) == 0 &&
-           sys->pthread_mutexattr_destroy(&attributes) == 0;
+           sys->pthread_mutex_init(mutex, &attributes) == 0 && sys->pthread_mutexattr_destroy(&attributes) == 0;
 }
 
 }  // namespace
@@ -38,8 +37,7 @@ Logferry_base::Logferry_base(bool client_side_, bool owner_) noexcept
       owner(owner_),
       lost_messages(0),
       segment(static_cast<Channel_segment*>(MAP_FAILED))
-{
-}
+{}
 
 // Deliberately neither unmaps nor unlinks: only the application's end cleans up on its own.
 Logferry_base::~Logferry_base() = default;

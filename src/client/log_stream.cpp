@@ -185,8 +185,7 @@ bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint
 void log_bool(std::uint32_t stream_key, bool value)
 {
     unsigned char record[encoding::MAX_FIXED_SIZE];
-    append_record(stream_key, record,
-                  encoding::encode_plain_u8(record, KIND_WRITE_BOOL, stream_key, value ? 1 : 0));
+    append_record(stream_key, record, encoding::encode_plain_u8(record, KIND_WRITE_BOOL, stream_key, value ? 1 : 0));
 }
 
 void log_int8(std::uint32_t stream_key, std::int8_t value)
@@ -287,8 +286,8 @@ void log_raw_formatted(std::uint32_t stream_key, const std::uint8_t* data, std::
     }
     // The format goes out as given: raw data keeps whatever presentation code it was handed.
     unsigned char head[encoding::RAW_HEAD_SIZE];
-    encoding::encode_raw_head(head, static_cast<std::uint16_t>(length + 10), static_cast<std::uint8_t>(format),
-                              length, stream_key);
+    encoding::encode_raw_head(head, static_cast<std::uint16_t>(length + 10), static_cast<std::uint8_t>(format), length,
+                              stream_key);
     append_record(stream_key, Record_pieces{head, sizeof(head), data, length, 0});
 }
 

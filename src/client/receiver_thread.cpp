@@ -18,7 +18,7 @@ namespace {
 
 constexpr unsigned int TICK_MS = 50;
 constexpr unsigned int RECONNECT_BACKOFF_S = 1;
-constexpr std::uint32_t LOSS_CHECK_TICKS = 100;     // losses are checked every 101st tick
+constexpr std::uint32_t LOSS_CHECK_TICKS = 100;  // losses are checked every 101st tick
 constexpr std::uint32_t CONNECTION_RECHECK_MS = 1000;
 constexpr useconds_t SHUTDOWN_GRACE_US = 50000;
 

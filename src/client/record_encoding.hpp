@@ -66,8 +66,8 @@ constexpr std::size_t ENCODED_PAYLOAD_HEAD_SIZE = 9;
 constexpr std::size_t ENCODED_MESSAGE_HEAD_SIZE = 5;
 constexpr std::size_t MAX_FIXED_SIZE = 14;
 
-inline std::size_t encode_start(unsigned char* out, std::uint8_t level, std::uint32_t handle,
-                                std::uint32_t key, std::uint32_t timestamp) noexcept
+inline std::size_t encode_start(unsigned char* out, std::uint8_t level, std::uint32_t handle, std::uint32_t key,
+                                std::uint32_t timestamp) noexcept
 {
     unsigned char* p = put_u8(out, KIND_WRITE_START);
     p = put_u8(p, level);
@@ -147,14 +147,13 @@ inline std::size_t encode_formatted_u64(unsigned char* out, std::uint8_t format,
 // zero follow.
 inline std::size_t encode_text_head(unsigned char* out, std::uint16_t length, std::uint32_t key) noexcept
 {
-    return static_cast<std::size_t>(put_u32(put_u16(put_u8(out, KIND_WRITE_UTF8_STRING), length), key) -
-                                    out);
+    return static_cast<std::size_t>(put_u32(put_u16(put_u8(out, KIND_WRITE_UTF8_STRING), length), key) - out);
 }
 
 // Head of a raw record (kind 21): kind, length, format, size, stream key. `size` payload
 // bytes follow when size is 1 to 1389.
-inline std::size_t encode_raw_head(unsigned char* out, std::uint16_t length, std::uint8_t format,
-                                   std::uint16_t size, std::uint32_t key) noexcept
+inline std::size_t encode_raw_head(unsigned char* out, std::uint16_t length, std::uint8_t format, std::uint16_t size,
+                                   std::uint32_t key) noexcept
 {
     unsigned char* p = put_u16(put_u8(out, KIND_WRITE_RAW_FORMATTED), length);
     return static_cast<std::size_t>(put_u32(put_u16(put_u8(p, format), size), key) - out);
@@ -169,11 +168,9 @@ inline std::size_t encode_encoded_payload_head(unsigned char* out, std::uint16_t
 }
 
 // Head of an encoded-message record (kind 23): kind, length, size.
-inline std::size_t encode_encoded_message_head(unsigned char* out, std::uint16_t length,
-                                               std::uint16_t size) noexcept
+inline std::size_t encode_encoded_message_head(unsigned char* out, std::uint16_t length, std::uint16_t size) noexcept
 {
-    return static_cast<std::size_t>(put_u16(put_u16(put_u8(out, KIND_WRITE_ENCODED_MESSAGE), length), size) -
-                                    out);
+    return static_cast<std::size_t>(put_u16(put_u16(put_u8(out, KIND_WRITE_ENCODED_MESSAGE), length), size) - out);
 }
 
 }  // namespace encoding

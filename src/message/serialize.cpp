@@ -14,24 +14,28 @@ namespace logferry {
 namespace {
 
 // Grows `out` by `count` bytes and returns where the new bytes start.
-unsigned char* grow(std::vector<unsigned char>& out, std::size_t count) {
+unsigned char* grow(std::vector<unsigned char>& out, std::size_t count)
+{
     const std::size_t old_size = out.size();
     out.resize(old_size + count);
     return out.data() + old_size;
 }
 
-unsigned char* put_u8(unsigned char* p, std::uint8_t value) noexcept {
+unsigned char* put_u8(unsigned char* p, std::uint8_t value) noexcept
+{
     *p = value;
     return p + 1;
 }
 
-unsigned char* put_u16(unsigned char* p, std::uint16_t value) noexcept {
+unsigned char* put_u16(unsigned char* p, std::uint16_t value) noexcept
+{
     p[0] = static_cast<unsigned char>(value);
     p[1] = static_cast<unsigned char>(value >> 8);
     return p + 2;
 }
 
-unsigned char* put_u32(unsigned char* p, std::uint32_t value) noexcept {
+unsigned char* put_u32(unsigned char* p, std::uint32_t value) noexcept
+{
     p[0] = static_cast<unsigned char>(value);
     p[1] = static_cast<unsigned char>(value >> 8);
     p[2] = static_cast<unsigned char>(value >> 16);
@@ -39,7 +43,8 @@ unsigned char* put_u32(unsigned char* p, std::uint32_t value) noexcept {
     return p + 4;
 }
 
-unsigned char* put_u64(unsigned char* p, std::uint64_t value) noexcept {
+unsigned char* put_u64(unsigned char* p, std::uint64_t value) noexcept
+{
     for (unsigned int i = 0; i < 8; ++i) {
         p[i] = static_cast<unsigned char>(value >> (8 * i));
     }
@@ -47,28 +52,34 @@ unsigned char* put_u64(unsigned char* p, std::uint64_t value) noexcept {
 }
 
 // Signed values: two's complement, so the unsigned conversion gives the bytes.
-unsigned char* put_i8(unsigned char* p, std::int8_t value) noexcept {
+unsigned char* put_i8(unsigned char* p, std::int8_t value) noexcept
+{
     return put_u8(p, static_cast<std::uint8_t>(value));
 }
-unsigned char* put_i16(unsigned char* p, std::int16_t value) noexcept {
+unsigned char* put_i16(unsigned char* p, std::int16_t value) noexcept
+{
     return put_u16(p, static_cast<std::uint16_t>(value));
 }
-unsigned char* put_i32(unsigned char* p, std::int32_t value) noexcept {
+unsigned char* put_i32(unsigned char* p, std::int32_t value) noexcept
+{
     return put_u32(p, static_cast<std::uint32_t>(value));
 }
-unsigned char* put_i64(unsigned char* p, std::int64_t value) noexcept {
+unsigned char* put_i64(unsigned char* p, std::int64_t value) noexcept
+{
     return put_u64(p, static_cast<std::uint64_t>(value));
 }
 
 // Floating-point values go out as the bytes of their in-memory representation.
 template <typename T>
-unsigned char* put_memory(unsigned char* p, T value) noexcept {
+unsigned char* put_memory(unsigned char* p, T value) noexcept
+{
     std::memcpy(p, &value, sizeof value);
     return p + sizeof value;
 }
 
 template <std::size_t N>
-unsigned char* put_array(unsigned char* p, const std::array<char, N>& array, std::size_t count) noexcept {
+unsigned char* put_array(unsigned char* p, const std::array<char, N>& array, std::size_t count) noexcept
+{
     if (count != 0) {
         std::memcpy(p, array.data(), count);
     }
@@ -76,8 +87,8 @@ unsigned char* put_array(unsigned char* p, const std::array<char, N>& array, std
 }
 
 template <std::size_t N>
-unsigned char* put_array(unsigned char* p, const std::array<std::uint8_t, N>& array,
-                         std::size_t count) noexcept {
+unsigned char* put_array(unsigned char* p, const std::array<std::uint8_t, N>& array, std::size_t count) noexcept
+{
     if (count != 0) {
         std::memcpy(p, array.data(), count);
     }
@@ -87,7 +98,8 @@ unsigned char* put_array(unsigned char* p, const std::array<std::uint8_t, N>& ar
 // Number of description bytes a register record writes: the characters up to the
 // first zero plus that zero. A description without a zero fails the bounds-checked
 // access of index 80, before anything is appended.
-std::size_t description_bytes(const std::array<char, RECORD_DESCRIPTION_SIZE>& description) {
+std::size_t description_bytes(const std::array<char, RECORD_DESCRIPTION_SIZE>& description)
+{
     const void* zero = std::memchr(description.data(), 0, description.size());
     if (zero == nullptr) {
         static_cast<void>(description.at(description.size()));  // throws std::out_of_range
@@ -96,28 +108,33 @@ std::size_t description_bytes(const std::array<char, RECORD_DESCRIPTION_SIZE>& d
 }
 
 // Payload bytes a payload record writes: `size` when it is 1 to 1389, else none.
-std::size_t payload_bytes(std::uint16_t size) noexcept {
+std::size_t payload_bytes(std::uint16_t size) noexcept
+{
     const std::uint16_t before = static_cast<std::uint16_t>(size - 1U);
     return before <= RECORD_MAX_PAYLOAD_SIZE - 1 ? size : 0;
 }
 
 }  // namespace
 
-void serialize(const Logferry_disable_remote& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_disable_remote& record, std::vector<unsigned char>& out)
+{
     put_u8(grow(out, 1), record.kind);
 }
 
-void serialize(const Logferry_enable_local_print& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_enable_local_print& record, std::vector<unsigned char>& out)
+{
     put_u8(grow(out, 1), record.kind);
 }
 
-void serialize(const Logferry_init_file& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_init_file& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 1 + RECORD_FILE_NAME_SIZE);
     p = put_u8(p, record.kind);
     put_array(p, record.file_name, RECORD_FILE_NAME_SIZE);
 }
 
-void serialize(const Logferry_register_app& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_register_app& record, std::vector<unsigned char>& out)
+{
     const std::size_t text = description_bytes(record.description);
     unsigned char* p = grow(out, 3 + RECORD_ID_SIZE + text);
     p = put_u8(p, record.kind);
@@ -126,11 +143,13 @@ void serialize(const Logferry_register_app& record, std::vector<unsigned char>& 
     put_array(p, record.description, text);
 }
 
-void serialize(const Logferry_unregister_app& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_unregister_app& record, std::vector<unsigned char>& out)
+{
     put_u8(grow(out, 1), record.kind);
 }
 
-void serialize(const Logferry_register_context& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_register_context& record, std::vector<unsigned char>& out)
+{
     const std::size_t text = description_bytes(record.description);
     unsigned char* p = grow(out, 8 + RECORD_ID_SIZE + text);
     p = put_u8(p, record.kind);
@@ -141,13 +160,15 @@ void serialize(const Logferry_register_context& record, std::vector<unsigned cha
     put_array(p, record.description, text);
 }
 
-void serialize(const Logferry_unregister_context& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_unregister_context& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 5);
     p = put_u8(p, record.kind);
     put_u32(p, record.context_handle);
 }
 
-void serialize(const Logferry_write_start& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_start& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 14);
     p = put_u8(p, record.kind);
     p = put_u8(p, record.log_level);
@@ -156,7 +177,8 @@ void serialize(const Logferry_write_start& record, std::vector<unsigned char>& o
     put_u32(p, record.timestamp);
 }
 
-void serialize(const Logferry_write_finish& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_finish& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 5);
     p = put_u8(p, record.kind);
     put_u32(p, record.stream_key);
@@ -164,35 +186,40 @@ void serialize(const Logferry_write_finish& record, std::vector<unsigned char>& 
 
 // The plain-number kinds write the stream key before the value.
 
-void serialize(const Logferry_write_bool& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_bool& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 6);
     p = put_u8(p, record.kind);
     p = put_u32(p, record.stream_key);
     put_u8(p, record.value);
 }
 
-void serialize(const Logferry_write_int8& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_int8& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 6);
     p = put_u8(p, record.kind);
     p = put_u32(p, record.stream_key);
     put_i8(p, record.value);
 }
 
-void serialize(const Logferry_write_int16& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_int16& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 7);
     p = put_u8(p, record.kind);
     p = put_u32(p, record.stream_key);
     put_i16(p, record.value);
 }
 
-void serialize(const Logferry_write_int32& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_int32& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 9);
     p = put_u8(p, record.kind);
     p = put_u32(p, record.stream_key);
     put_i32(p, record.value);
 }
 
-void serialize(const Logferry_write_int64& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_int64& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 13);
     p = put_u8(p, record.kind);
     p = put_u32(p, record.stream_key);
@@ -201,7 +228,8 @@ void serialize(const Logferry_write_int64& record, std::vector<unsigned char>& o
 
 // The formatted kinds write format and value first and the stream key last.
 
-void serialize(const Logferry_write_uint8_formatted& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_uint8_formatted& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 7);
     p = put_u8(p, record.kind);
     p = put_u8(p, record.format);
@@ -209,7 +237,8 @@ void serialize(const Logferry_write_uint8_formatted& record, std::vector<unsigne
     put_u32(p, record.stream_key);
 }
 
-void serialize(const Logferry_write_uint16_formatted& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_uint16_formatted& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 8);
     p = put_u8(p, record.kind);
     p = put_u8(p, record.format);
@@ -217,7 +246,8 @@ void serialize(const Logferry_write_uint16_formatted& record, std::vector<unsign
     put_u32(p, record.stream_key);
 }
 
-void serialize(const Logferry_write_uint32_formatted& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_uint32_formatted& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 10);
     p = put_u8(p, record.kind);
     p = put_u8(p, record.format);
@@ -225,7 +255,8 @@ void serialize(const Logferry_write_uint32_formatted& record, std::vector<unsign
     put_u32(p, record.stream_key);
 }
 
-void serialize(const Logferry_write_uint64_formatted& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_uint64_formatted& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 14);
     p = put_u8(p, record.kind);
     p = put_u8(p, record.format);
@@ -233,28 +264,29 @@ void serialize(const Logferry_write_uint64_formatted& record, std::vector<unsign
     put_u32(p, record.stream_key);
 }
 
-void serialize(const Logferry_write_float32& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_float32& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 9);
     p = put_u8(p, record.kind);
     p = put_u32(p, record.stream_key);
     put_memory(p, record.value);
 }
 
-void serialize(const Logferry_write_float64& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_float64& record, std::vector<unsigned char>& out)
+{
     unsigned char* p = grow(out, 13);
     p = put_u8(p, record.kind);
     p = put_u32(p, record.stream_key);
     put_memory(p, record.value);
 }
 
-void serialize(const Logferry_write_utf8_string& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_utf8_string& record, std::vector<unsigned char>& out)
+{
     // The text up to and including its first zero; without a zero in the whole array
     // the record deliberately ends after the stream key.
     const void* zero = std::memchr(record.text.data(), 0, record.text.size());
     const std::size_t text =
-        zero == nullptr
-            ? 0
-            : static_cast<std::size_t>(static_cast<const char*>(zero) - record.text.data()) + 1;
+        zero == nullptr ? 0 : static_cast<std::size_t>(static_cast<const char*>(zero) - record.text.data()) + 1;
     unsigned char* p = grow(out, 7 + text);
     p = put_u8(p, record.kind);
     p = put_u16(p, record.length);
@@ -262,7 +294,8 @@ void serialize(const Logferry_write_utf8_string& record, std::vector<unsigned ch
     put_array(p, record.text, text);
 }
 
-void serialize(const Logferry_write_raw_formatted& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_raw_formatted& record, std::vector<unsigned char>& out)
+{
     const std::size_t payload = payload_bytes(record.size);
     unsigned char* p = grow(out, 10 + payload);
     p = put_u8(p, record.kind);
@@ -273,7 +306,8 @@ void serialize(const Logferry_write_raw_formatted& record, std::vector<unsigned 
     put_array(p, record.payload, payload);
 }
 
-void serialize(const Logferry_write_encoded_payload& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_encoded_payload& record, std::vector<unsigned char>& out)
+{
     const std::size_t payload = payload_bytes(record.size);
     unsigned char* p = grow(out, 9 + payload);
     p = put_u8(p, record.kind);
@@ -283,7 +317,8 @@ void serialize(const Logferry_write_encoded_payload& record, std::vector<unsigne
     put_array(p, record.payload, payload);
 }
 
-void serialize(const Logferry_write_encoded_message& record, std::vector<unsigned char>& out) {
+void serialize(const Logferry_write_encoded_message& record, std::vector<unsigned char>& out)
+{
     const std::size_t payload = payload_bytes(record.size);
     unsigned char* p = grow(out, 5 + payload);
     p = put_u8(p, record.kind);
@@ -293,7 +328,8 @@ void serialize(const Logferry_write_encoded_message& record, std::vector<unsigne
 }
 
 bool deserialize(const std::vector<unsigned char>& in, unsigned long size,
-                 Logferry_update_context_log_level_filter& out) {
+                 Logferry_update_context_log_level_filter& out)
+{
     out.log_level = in.at(1);
     if (out.log_level > static_cast<std::uint8_t>(ara::log::LogLevel::kVerbose)) {
         return false;
@@ -301,10 +337,8 @@ bool deserialize(const std::vector<unsigned char>& in, unsigned long size,
     if (size <= 5) {
         return false;
     }
-    out.context_handle = static_cast<std::uint32_t>(in.at(2)) |
-                         static_cast<std::uint32_t>(in.at(3)) << 8 |
-                         static_cast<std::uint32_t>(in.at(4)) << 16 |
-                         static_cast<std::uint32_t>(in.at(5)) << 24;
+    out.context_handle = static_cast<std::uint32_t>(in.at(2)) | static_cast<std::uint32_t>(in.at(3)) << 8 |
+                         static_cast<std::uint32_t>(in.at(4)) << 16 | static_cast<std::uint32_t>(in.at(5)) << 24;
     return true;
 }
 

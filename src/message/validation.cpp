@@ -13,7 +13,8 @@ namespace logferry {
 namespace detail {
 
 std::string checked_substr(const std::string& text, std::size_t position, std::size_t count,
-                           const char* fallback) noexcept {
+                           const char* fallback) noexcept
+{
     try {
         return text.substr(position, count);
     } catch (const std::out_of_range& error) {
@@ -31,17 +32,17 @@ constexpr std::uint8_t MODE_BITS = 0x07;            // remote | file | console
 constexpr std::size_t ID_LENGTH = 4;
 
 // Shared test of levels and formats: a value below 7 passes, anything else becomes 0.
-std::uint8_t below_seven_or_zero(std::uint8_t value) noexcept {
-    return value < LEVEL_AND_FORMAT_LIMIT ? value : 0;
-}
+std::uint8_t below_seven_or_zero(std::uint8_t value) noexcept { return value < LEVEL_AND_FORMAT_LIMIT ? value : 0; }
 
 }  // namespace
 
-ara::log::LogLevel dlt_validate_log_level(ara::log::LogLevel level) noexcept {
+ara::log::LogLevel dlt_validate_log_level(ara::log::LogLevel level) noexcept
+{
     return static_cast<ara::log::LogLevel>(below_seven_or_zero(static_cast<std::uint8_t>(level)));
 }
 
-ara::log::LogMode dlt_validate_log_mode(ara::log::LogMode mode) noexcept {
+ara::log::LogMode dlt_validate_log_mode(ara::log::LogMode mode) noexcept
+{
     const std::uint8_t bits = static_cast<std::uint8_t>(mode);
     if (bits == 0 || (bits & static_cast<std::uint8_t>(~MODE_BITS)) != 0) {
         return ara::log::LogMode::kConsole;
@@ -49,22 +50,24 @@ ara::log::LogMode dlt_validate_log_mode(ara::log::LogMode mode) noexcept {
     return mode;
 }
 
-LogFormat dlt_validate_format(LogFormat format) noexcept {
+LogFormat dlt_validate_format(LogFormat format) noexcept
+{
     return static_cast<LogFormat>(below_seven_or_zero(static_cast<std::uint8_t>(format)));
 }
 
-std::string dlt_validate_string(const std::string& text, unsigned long maximum) noexcept {
+std::string dlt_validate_string(const std::string& text, unsigned long maximum) noexcept
+{
     if (text.empty()) {
         return std::string();
     }
     // Unsigned arithmetic: a maximum of 0 wraps to the largest count and keeps the text whole.
     const std::uint64_t keep = static_cast<std::uint64_t>(maximum) - 1U;
-    const std::size_t count =
-        static_cast<std::size_t>(std::min<std::uint64_t>(keep, text.size()));
+    const std::size_t count = static_cast<std::size_t>(std::min<std::uint64_t>(keep, text.size()));
     return detail::checked_substr(text, 0, count, "");
 }
 
-std::string dlt_validate_id(const std::string& id) noexcept {
+std::string dlt_validate_id(const std::string& id) noexcept
+{
     if (id.empty()) {
         return "XXXX";
     }

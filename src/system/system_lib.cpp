@@ -101,10 +101,7 @@ void System_lib::sleep_for_seconds(unsigned int s)
     sleep_for(request);
 }
 
-std::string get_full_adaptive_runstate_directory()
-{
-    return jx::osal::common::get_full_adaptive_runstate_dir();
-}
+std::string get_full_adaptive_runstate_directory() { return jx::osal::common::get_full_adaptive_runstate_dir(); }
 
 void report_error(const std::string& text)
 {

@@ -149,7 +149,8 @@ int main()
                 unsigned long handle = 0;
                 unsigned int level = 0;
                 words >> handle >> level;
-                message = {logferry::KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER, static_cast<unsigned char>(level),
+                message = {logferry::KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER,
+                           static_cast<unsigned char>(level),
                            static_cast<unsigned char>(handle & 0xFF),
                            static_cast<unsigned char>((handle >> 8) & 0xFF),
                            static_cast<unsigned char>((handle >> 16) & 0xFF),

@@ -75,7 +75,8 @@ inline int count_threads()
 // kind or a record running past the end yields the rest as one piece.
 inline std::vector<Bytes> split_records(const Bytes& message)
 {
-    static const int fixed_size[25] = {1, 1, 256, -1, 1, -1, 5, 14, 5, 6, 6, 7, 9, 13, 7, 8, 10, 14, 9, 13, -1, -1, -1, -1, 6};
+    static const int fixed_size[25] = {1,  1, 256, -1, 1,  -1, 5,  14, 5,  6,  6,  7, 9,
+                                       13, 7, 8,   10, 14, 9,  13, -1, -1, -1, -1, 6};
     std::vector<Bytes> records;
     std::size_t at = 0;
     while (at < message.size()) {

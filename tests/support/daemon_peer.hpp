@@ -29,8 +29,8 @@ public:
     // returns its index or -1.
     int wait_for(const std::string& prefix, std::chrono::milliseconds timeout = std::chrono::milliseconds(10000),
                  std::size_t from = 0) const;
-    void kill_hard();       // SIGKILL: no clean-up at all
-    bool quit();            // clean stop; true when it exited 0
+    void kill_hard();  // SIGKILL: no clean-up at all
+    bool quit();       // clean stop; true when it exited 0
 
 private:
     void read_lines();

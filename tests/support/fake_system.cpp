@@ -8,30 +8,30 @@ namespace logferry_test {
 const char* op_name(Op op)
 {
     static const char* const names[OP_COUNT] = {"open",
-                                                 "close",
-                                                 "lockf",
-                                                 "unlink",
-                                                 "ftruncate",
-                                                 "clock_gettime",
-                                                 "getpid",
-                                                 "pthread_mutexattr_init",
-                                                 "pthread_mutexattr_settype",
-                                                 "pthread_mutexattr_setpshared",
-                                                 "pthread_mutexattr_setrobust",
-                                                 "pthread_mutexattr_destroy",
-                                                 "pthread_mutex_init",
-                                                 "pthread_mutex_lock",
-                                                 "pthread_mutex_trylock",
-                                                 "pthread_mutex_unlock",
-                                                 "pthread_mutex_consistent",
-                                                 "mmap",
-                                                 "munmap",
-                                                 "shm_open",
-                                                 "shm_unlink",
-                                                 "stat",
-                                                 "chown",
-                                                 "sleep_for_milliseconds",
-                                                 "sleep_for_seconds"};
+                                                "close",
+                                                "lockf",
+                                                "unlink",
+                                                "ftruncate",
+                                                "clock_gettime",
+                                                "getpid",
+                                                "pthread_mutexattr_init",
+                                                "pthread_mutexattr_settype",
+                                                "pthread_mutexattr_setpshared",
+                                                "pthread_mutexattr_setrobust",
+                                                "pthread_mutexattr_destroy",
+                                                "pthread_mutex_init",
+                                                "pthread_mutex_lock",
+                                                "pthread_mutex_trylock",
+                                                "pthread_mutex_unlock",
+                                                "pthread_mutex_consistent",
+                                                "mmap",
+                                                "munmap",
+                                                "shm_open",
+                                                "shm_unlink",
+                                                "stat",
+                                                "chown",
+                                                "sleep_for_milliseconds",
+                                                "sleep_for_seconds"};
     const int index = static_cast<int>(op);
     return index >= 0 && index < OP_COUNT ? names[index] : "?";
 }
@@ -145,11 +145,11 @@ bool Fake_system::intercept(Op op, long& result)
     return failing;
 }
 
-#define LOGFERRY_FAKE_INT(op, call)     \
-    long result = 0;                    \
-    if (intercept(Op::op, result)) {    \
+#define LOGFERRY_FAKE_INT(op, call)      \
+    long result = 0;                     \
+    if (intercept(Op::op, result)) {     \
         return static_cast<int>(result); \
-    }                                   \
+    }                                    \
     return call
 
 int Fake_system::open(const char* path, int flags, unsigned int mode)
@@ -224,7 +224,10 @@ void* Fake_system::mmap(void* addr, unsigned long length, int prot, int flags, i
     }
     return System_lib::mmap(addr, length, prot, flags, fd, offset);
 }
-int Fake_system::munmap(void* addr, unsigned long length) { LOGFERRY_FAKE_INT(munmap, System_lib::munmap(addr, length)); }
+int Fake_system::munmap(void* addr, unsigned long length)
+{
+    LOGFERRY_FAKE_INT(munmap, System_lib::munmap(addr, length));
+}
 int Fake_system::shm_open(const char* name, int flags, unsigned int mode)
 {
     LOGFERRY_FAKE_INT(shm_open, System_lib::shm_open(name, flags, mode));

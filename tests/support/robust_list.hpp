@@ -16,12 +16,12 @@ bool robust_mutex_owner_death_supported();
 
 // First statement of a test that needs a dead owner of a robust mutex to be reported:
 // skips the test, with the reason, where that cannot happen.
-#define LOGFERRY_REQUIRE_ROBUST_LIST()                                                          \
-    do {                                                                                        \
+#define LOGFERRY_REQUIRE_ROBUST_LIST()                                                         \
+    do {                                                                                       \
         if (!::logferry_test::robust_mutex_owner_death_supported()) {                          \
             GTEST_SKIP() << "robust mutex owner death is not reported here (no kernel robust " \
-                            "list: get_robust_list failed)";                                    \
-        }                                                                                       \
+                            "list: get_robust_list failed)";                                   \
+        }                                                                                      \
     } while (false)
 
 #endif

@@ -110,8 +110,7 @@ int fork_child(const std::function<int()>& body)
 int wait_child(int pid, std::chrono::milliseconds timeout)
 {
     int status = 0;
-    const bool done = wait_until(
-        [&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout);
+    const bool done = wait_until([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout);
     if (!done) {
         ::kill(pid, SIGKILL);
         ::waitpid(pid, &status, 0);

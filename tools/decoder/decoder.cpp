@@ -17,16 +17,16 @@ using namespace logferry;
 constexpr std::uint8_t MAX_KIND = KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER;
 constexpr std::uint8_t MAX_LEVEL = static_cast<std::uint8_t>(ara::log::LogLevel::kVerbose);
 
-std::uint16_t read_u16(const unsigned char* p) noexcept {
-    return static_cast<std::uint16_t>(p[0] | p[1] << 8);
-}
+std::uint16_t read_u16(const unsigned char* p) noexcept { return static_cast<std::uint16_t>(p[0] | p[1] << 8); }
 
-std::uint32_t read_u32(const unsigned char* p) noexcept {
+std::uint32_t read_u32(const unsigned char* p) noexcept
+{
     return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
            static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
 }
 
-std::uint64_t read_u64(const unsigned char* p) noexcept {
+std::uint64_t read_u64(const unsigned char* p) noexcept
+{
     std::uint64_t value = 0;
     for (unsigned int i = 0; i < 8; ++i) {
         value |= static_cast<std::uint64_t>(p[i]) << (8 * i);
@@ -35,19 +35,23 @@ std::uint64_t read_u64(const unsigned char* p) noexcept {
 }
 
 // Characters of a zero-padded field up to its first zero (at most `width`).
-std::string field_text(const unsigned char* p, std::size_t width) {
+std::string field_text(const unsigned char* p, std::size_t width)
+{
     const void* zero = std::memchr(p, 0, width);
-    const std::size_t n = zero == nullptr ? width : static_cast<std::size_t>(static_cast<const unsigned char*>(zero) - p);
+    const std::size_t n =
+        zero == nullptr ? width : static_cast<std::size_t>(static_cast<const unsigned char*>(zero) - p);
     return std::string(reinterpret_cast<const char*>(p), n);
 }
 
 // Index of the first zero among `count` bytes at p, or `count` when there is none.
-std::size_t find_zero(const unsigned char* p, std::size_t count) noexcept {
+std::size_t find_zero(const unsigned char* p, std::size_t count) noexcept
+{
     const void* zero = count == 0 ? nullptr : std::memchr(p, 0, count);
     return zero == nullptr ? count : static_cast<std::size_t>(static_cast<const unsigned char*>(zero) - p);
 }
 
-Error make_error(Error_code code, std::size_t offset, int kind, std::string detail) {
+Error make_error(Error_code code, std::size_t offset, int kind, std::string detail)
+{
     Error error;
     error.code = code;
     error.offset = offset;
@@ -67,21 +71,23 @@ struct Extent {
     std::uint32_t stream_key = 0;
 };
 
-bool has_length_field(std::uint8_t kind) noexcept {
+bool has_length_field(std::uint8_t kind) noexcept
+{
     return kind == KIND_REGISTER_APP || kind == KIND_REGISTER_CONTEXT ||
            (kind >= KIND_WRITE_UTF8_STRING && kind <= KIND_WRITE_ENCODED_MESSAGE);
 }
 
 // Payload bytes that a payload record with this size field carries: the encoder writes
 // them only for sizes 1 to 1389.
-std::size_t carried_payload(std::uint16_t size) noexcept {
+std::size_t carried_payload(std::uint16_t size) noexcept
+{
     return size >= 1 && size <= RECORD_MAX_PAYLOAD_SIZE ? size : 0;
 }
 
 // Decodes the record that starts at data[pos]. With `out` null only the extent is
 // determined (no strings or payloads are copied).
-Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, Text_form form,
-                 Record* out) {
+Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, Text_form form, Record* out)
+{
     Extent x;
     if (pos >= size) {
         x.error = make_error(Error_code::truncated, pos, -1, "the input ends where a record should start");
@@ -208,7 +214,8 @@ Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, T
         }
         r.stream_key = read_u32(p + 1);
         if (p[5] > 1) {
-            return fail(Error_code::invalid_value, pos + 5, "boolean value " + std::to_string(p[5]) + " is neither 0 nor 1");
+            return fail(Error_code::invalid_value, pos + 5,
+                        "boolean value " + std::to_string(p[5]) + " is neither 0 nor 1");
         }
         r.bool_value = p[5] == 1;
         r.value_bits = 8;
@@ -226,10 +233,18 @@ Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, T
         r.stream_key = read_u32(p + 1);
         r.value_bits = 8 * bytes;
         switch (bytes) {
-        case 1: r.signed_value = static_cast<std::int8_t>(p[5]); break;
-        case 2: r.signed_value = static_cast<std::int16_t>(read_u16(p + 5)); break;
-        case 4: r.signed_value = static_cast<std::int32_t>(read_u32(p + 5)); break;
-        default: r.signed_value = static_cast<std::int64_t>(read_u64(p + 5)); break;
+        case 1:
+            r.signed_value = static_cast<std::int8_t>(p[5]);
+            break;
+        case 2:
+            r.signed_value = static_cast<std::int16_t>(read_u16(p + 5));
+            break;
+        case 4:
+            r.signed_value = static_cast<std::int32_t>(read_u32(p + 5));
+            break;
+        default:
+            r.signed_value = static_cast<std::int64_t>(read_u64(p + 5));
+            break;
         }
         x.size = 5 + bytes;
         break;
@@ -246,10 +261,18 @@ Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, T
         r.format = p[1];
         r.value_bits = 8 * bytes;
         switch (bytes) {
-        case 1: r.unsigned_value = p[2]; break;
-        case 2: r.unsigned_value = read_u16(p + 2); break;
-        case 4: r.unsigned_value = read_u32(p + 2); break;
-        default: r.unsigned_value = read_u64(p + 2); break;
+        case 1:
+            r.unsigned_value = p[2];
+            break;
+        case 2:
+            r.unsigned_value = read_u16(p + 2);
+            break;
+        case 4:
+            r.unsigned_value = read_u32(p + 2);
+            break;
+        default:
+            r.unsigned_value = read_u64(p + 2);
+            break;
         }
         r.stream_key = read_u32(p + 2 + bytes);
         x.size = 6 + bytes;
@@ -362,11 +385,13 @@ Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, T
 }
 
 // A record of a log message: start, argument or finish.
-bool is_message_kind(std::uint8_t kind) noexcept {
+bool is_message_kind(std::uint8_t kind) noexcept
+{
     return kind == KIND_WRITE_START || kind == KIND_WRITE_FINISH || is_argument_kind(kind);
 }
 
-Error misplaced(std::size_t pos, std::uint8_t kind, const char* where) {
+Error misplaced(std::size_t pos, std::uint8_t kind, const char* where)
+{
     if (kind > MAX_KIND) {
         return make_error(Error_code::unknown_kind, pos, kind, "no record kind above 24 exists");
     }
@@ -376,7 +401,8 @@ Error misplaced(std::size_t pos, std::uint8_t kind, const char* where) {
 // Reads a log message record by record, taking a text record's text whenever there is
 // one. Sets `ambiguous` when it took the text of a record that could also have been the
 // short form.
-Ring_unit read_message_greedily(const unsigned char* data, std::size_t size, bool& ambiguous) {
+Ring_unit read_message_greedily(const unsigned char* data, std::size_t size, bool& ambiguous)
+{
     Ring_unit unit;
     std::vector<Record> records;
     bool have_key = false;
@@ -438,7 +464,8 @@ Ring_unit read_message_greedily(const unsigned char* data, std::size_t size, boo
 // form. Positions are visited once forwards (which record starts are reachable) and
 // once backwards (from which of them the message can be completed), so the work stays
 // linear in the size of the message.
-bool read_message_exhaustively(const unsigned char* data, std::size_t size, std::vector<Record>& records) {
+bool read_message_exhaustively(const unsigned char* data, std::size_t size, std::vector<Record>& records)
+{
     if (size < 5 || data[size - 5] != KIND_WRITE_FINISH) {
         return false;
     }
@@ -507,23 +534,35 @@ bool read_message_exhaustively(const unsigned char* data, std::size_t size, std:
 
 }  // namespace
 
-const char* error_name(Error_code code) noexcept {
+const char* error_name(Error_code code) noexcept
+{
     switch (code) {
-    case Error_code::none: return "ok";
-    case Error_code::empty_input: return "empty-input";
-    case Error_code::truncated: return "truncated";
-    case Error_code::unknown_kind: return "unknown-kind";
-    case Error_code::unexpected_kind: return "unexpected-kind";
-    case Error_code::unterminated_field: return "unterminated-field";
-    case Error_code::invalid_value: return "invalid-value";
-    case Error_code::stream_key_mismatch: return "stream-key-mismatch";
-    case Error_code::missing_finish: return "missing-finish";
-    case Error_code::trailing_bytes: return "trailing-bytes";
+    case Error_code::none:
+        return "ok";
+    case Error_code::empty_input:
+        return "empty-input";
+    case Error_code::truncated:
+        return "truncated";
+    case Error_code::unknown_kind:
+        return "unknown-kind";
+    case Error_code::unexpected_kind:
+        return "unexpected-kind";
+    case Error_code::unterminated_field:
+        return "unterminated-field";
+    case Error_code::invalid_value:
+        return "invalid-value";
+    case Error_code::stream_key_mismatch:
+        return "stream-key-mismatch";
+    case Error_code::missing_finish:
+        return "missing-finish";
+    case Error_code::trailing_bytes:
+        return "trailing-bytes";
     }
     return "unknown-error";
 }
 
-std::string describe(const Error& error) {
+std::string describe(const Error& error)
+{
     std::string text = error_name(error.code);
     if (error.ok()) {
         return text;
@@ -538,26 +577,42 @@ std::string describe(const Error& error) {
     return text;
 }
 
-const char* kind_name(int kind) noexcept {
+const char* kind_name(int kind) noexcept
+{
     static const char* const names[] = {
-        "disable_remote",       "enable_local_print",    "init_file",
-        "register_app",         "unregister_app",        "register_context",
-        "unregister_context",   "write_start",           "write_finish",
-        "write_bool",           "write_int8",            "write_int16",
-        "write_int32",          "write_int64",           "write_uint8_formatted",
-        "write_uint16_formatted", "write_uint32_formatted", "write_uint64_formatted",
-        "write_float32",        "write_float64",         "write_utf8_string",
-        "write_raw_formatted",  "write_encoded_payload", "write_encoded_message",
+        "disable_remote",
+        "enable_local_print",
+        "init_file",
+        "register_app",
+        "unregister_app",
+        "register_context",
+        "unregister_context",
+        "write_start",
+        "write_finish",
+        "write_bool",
+        "write_int8",
+        "write_int16",
+        "write_int32",
+        "write_int64",
+        "write_uint8_formatted",
+        "write_uint16_formatted",
+        "write_uint32_formatted",
+        "write_uint64_formatted",
+        "write_float32",
+        "write_float64",
+        "write_utf8_string",
+        "write_raw_formatted",
+        "write_encoded_payload",
+        "write_encoded_message",
         "update_context_log_level_filter",
     };
     return kind >= 0 && kind <= MAX_KIND ? names[kind] : "unknown";
 }
 
-bool is_argument_kind(int kind) noexcept {
-    return kind >= KIND_WRITE_BOOL && kind <= KIND_WRITE_ENCODED_PAYLOAD;
-}
+bool is_argument_kind(int kind) noexcept { return kind >= KIND_WRITE_BOOL && kind <= KIND_WRITE_ENCODED_PAYLOAD; }
 
-Record_result decode_record(const unsigned char* data, std::size_t size) {
+Record_result decode_record(const unsigned char* data, std::size_t size)
+{
     Record_result result;
     if (size == 0) {
         result.error = make_error(Error_code::empty_input, 0, -1, "no bytes to decode");
@@ -575,11 +630,13 @@ Record_result decode_record(const unsigned char* data, std::size_t size) {
     return result;
 }
 
-Record_result decode_record(const std::vector<unsigned char>& bytes) {
+Record_result decode_record(const std::vector<unsigned char>& bytes)
+{
     return decode_record(bytes.data(), bytes.size());
 }
 
-Priority_read decode_priority_area(const unsigned char* data, std::size_t size) {
+Priority_read decode_priority_area(const unsigned char* data, std::size_t size)
+{
     Priority_read read;
     if (size == 0) {
         read.error = make_error(Error_code::empty_input, 0, -1, "no bytes to decode");
@@ -603,11 +660,13 @@ Priority_read decode_priority_area(const unsigned char* data, std::size_t size) 
     return read;
 }
 
-Priority_read decode_priority_area(const std::vector<unsigned char>& bytes) {
+Priority_read decode_priority_area(const std::vector<unsigned char>& bytes)
+{
     return decode_priority_area(bytes.data(), bytes.size());
 }
 
-Ring_unit decode_ring_unit(const unsigned char* data, std::size_t size) {
+Ring_unit decode_ring_unit(const unsigned char* data, std::size_t size)
+{
     Ring_unit unit;
     if (size == 0) {
         unit.error = make_error(Error_code::empty_input, 0, -1, "no bytes to decode");
@@ -649,11 +708,13 @@ Ring_unit decode_ring_unit(const unsigned char* data, std::size_t size) {
     return unit;
 }
 
-Ring_unit decode_ring_unit(const std::vector<unsigned char>& bytes) {
+Ring_unit decode_ring_unit(const std::vector<unsigned char>& bytes)
+{
     return decode_ring_unit(bytes.data(), bytes.size());
 }
 
-const Record* Ring_unit::start() const noexcept {
+const Record* Ring_unit::start() const noexcept
+{
     if (shape != Unit_shape::log_message) {
         return nullptr;
     }
@@ -665,7 +726,8 @@ const Record* Ring_unit::start() const noexcept {
     return nullptr;
 }
 
-const Record* Ring_unit::finish() const noexcept {
+const Record* Ring_unit::finish() const noexcept
+{
     if (shape != Unit_shape::log_message || records.empty()) {
         return nullptr;
     }

@@ -68,9 +68,9 @@ std::string describe(const Error& error);
 /// Marks of records that the encoder produces from unusual values; they are decoded
 /// all the same.
 enum Irregularity : std::uint8_t {
-    length_mismatch = 1,   // the length field differs from the record's size
-    text_omitted = 2,      // kind 20 without its text (its text array held no zero)
-    payload_omitted = 4,   // kinds 21-23 whose size field is above 1389: no payload
+    length_mismatch = 1,  // the length field differs from the record's size
+    text_omitted = 2,     // kind 20 without its text (its text array held no zero)
+    payload_omitted = 4,  // kinds 21-23 whose size field is above 1389: no payload
 };
 
 /// Name of a record kind ("register_app", "write_int32", ...), "unknown" above 24.
@@ -83,8 +83,8 @@ bool is_argument_kind(int kind) noexcept;
 /// their initial values.
 struct Record {
     std::uint8_t kind = 0;
-    std::size_t offset = 0;             // where the record starts in the input
-    std::size_t size = 0;               // bytes it takes in the input
+    std::size_t offset = 0;  // where the record starts in the input
+    std::size_t size = 0;    // bytes it takes in the input
 
     std::uint16_t length = 0;           // 3, 5, 20, 21, 22, 23: the length field as sent
     std::uint8_t log_level = 0;         // 5, 7, 24
@@ -98,13 +98,13 @@ struct Record {
     std::vector<std::uint8_t> payload;  // 21, 22, 23: the payload bytes present
 
     // Argument value of kinds 9 to 19.
-    bool bool_value = false;            // 9
-    std::int64_t signed_value = 0;      // 10 to 13
-    std::uint64_t unsigned_value = 0;   // 14 to 17
-    double float_value = 0.0;           // 18 (widened from single precision), 19
-    unsigned int value_bits = 0;        // width of the number sent: 8, 16, 32 or 64
+    bool bool_value = false;           // 9
+    std::int64_t signed_value = 0;     // 10 to 13
+    std::uint64_t unsigned_value = 0;  // 14 to 17
+    double float_value = 0.0;          // 18 (widened from single precision), 19
+    unsigned int value_bits = 0;       // width of the number sent: 8, 16, 32 or 64
 
-    std::uint8_t irregular = 0;         // Irregularity bits
+    std::uint8_t irregular = 0;  // Irregularity bits
 
     bool is(Irregularity mark) const noexcept { return (irregular & mark) != 0; }
 };

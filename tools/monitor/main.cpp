@@ -36,12 +36,14 @@ const char usage[] =
     "The lock file is $ADAPTIVE_RUNSTATE_DIR/ara_DLT/logferry-daemon-listener.lock, or\n"
     "/tmp/logferry-daemon-listener.lock when that directory does not exist.\n";
 
-int usage_error(const std::string& text) {
+int usage_error(const std::string& text)
+{
     std::cerr << "logferry-monitor: " << text << "\n" << usage;
     return 2;
 }
 
-bool parse_count(const std::string& text, std::uint64_t& value) {
+bool parse_count(const std::string& text, std::uint64_t& value)
+{
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
         return false;
     }
@@ -51,7 +53,8 @@ bool parse_count(const std::string& text, std::uint64_t& value) {
     return errno == 0 && *end == '\0' && value > 0;
 }
 
-bool parse_seconds(const std::string& text, double& value) {
+bool parse_seconds(const std::string& text, double& value)
+{
     if (text.empty()) {
         return false;
     }
@@ -63,7 +66,8 @@ bool parse_seconds(const std::string& text, double& value) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv)
+{
     logferry_monitor::Options options;
     for (int i = 1; i < argc; ++i) {
         std::string option = argv[i];
@@ -92,8 +96,8 @@ int main(int argc, char** argv) {
             std::uint8_t level = 0;
             if (split == std::string::npos || split == 0 || split > 4 ||
                 !logferry_monitor::parse_level(value.substr(split + 1), level)) {
-                return usage_error("--level wants CTX=LEVEL (a context ID of 1 to 4 characters, a level name or 0-6), not " +
-                                   value);
+                return usage_error(
+                    "--level wants CTX=LEVEL (a context ID of 1 to 4 characters, a level name or 0-6), not " + value);
             }
             options.levels.emplace_back(value.substr(0, split), level);
         } else if (option == "--say") {

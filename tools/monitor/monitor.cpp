@@ -36,25 +36,26 @@ constexpr int UNITS_PER_PASS = 256;
 // Bytes shown of a unit that cannot be decoded.
 constexpr std::size_t DUMP_LIMIT = 32;
 
-std::int64_t monotonic_seconds() {
+std::int64_t monotonic_seconds()
+{
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<std::int64_t>(now.tv_sec);
 }
 
-void poll_pause() {
+void poll_pause()
+{
     timespec pause{0, POLL_PERIOD_NS};
     ::nanosleep(&pause, nullptr);
 }
 
-std::string padded(const std::string& word) {
+std::string padded(const std::string& word)
+{
     return word.size() >= 10 ? word : word + std::string(10 - word.size(), ' ');
 }
 
 // "-- <event> <details>": every line that is not a log message.
-std::string event(const std::string& word, const std::string& details) {
-    return "-- " + padded(word) + " " + details;
-}
+std::string event(const std::string& word, const std::string& details) { return "-- " + padded(word) + " " + details; }
 
 }  // namespace
 
@@ -62,7 +63,8 @@ Monitor::Monitor(Options options) : options_(std::move(options)), listener_(true
 
 Monitor::~Monitor() { shutdown("exit"); }
 
-bool Monitor::start() {
+bool Monitor::start()
+{
     // The listener's own init would wait for the lock of a daemon that is already
     // running; refuse instead.
     listener_.check_lock_listener_name();
@@ -85,7 +87,8 @@ bool Monitor::start() {
     return true;
 }
 
-void Monitor::run(const volatile std::sig_atomic_t& stop) {
+void Monitor::run(const volatile std::sig_atomic_t& stop)
+{
     const auto began = Clock::now();
     auto next_housekeeping = began;
     while (started_ && stop == 0 && stop_reason_.empty()) {
@@ -115,7 +118,8 @@ void Monitor::run(const volatile std::sig_atomic_t& stop) {
             }
             // Read the stamp first: whatever the application wrote before it cleared the
             // stamp on its way out is drained below.
-            const std::int64_t stamp = __atomic_load_n(&attachment->channel->segment->client_watchdog, __ATOMIC_SEQ_CST);
+            const std::int64_t stamp =
+                __atomic_load_n(&attachment->channel->segment->client_watchdog, __ATOMIC_SEQ_CST);
             if (!(stamp == 0 ? read_remainder(*attachment) : drain(*attachment, false))) {
                 break;
             }
@@ -139,7 +143,8 @@ void Monitor::run(const volatile std::sig_atomic_t& stop) {
     }
 }
 
-void Monitor::shutdown(const std::string& reason) {
+void Monitor::shutdown(const std::string& reason)
+{
     if (!started_) {
         return;
     }
@@ -153,7 +158,8 @@ void Monitor::shutdown(const std::string& reason) {
                               " log messages from " + std::to_string(applications_) + " applications"));
 }
 
-void Monitor::attach(const std::string& name) {
+void Monitor::attach(const std::string& name)
+{
     for (const auto& attachment : attachments_) {
         if (attachment->name == name && attachment->channel->is_initialized()) {
             return;  // announced again while attached: the attachment stands
@@ -180,12 +186,14 @@ void Monitor::attach(const std::string& name) {
     attachments_.push_back(std::move(attachment));
 }
 
-void Monitor::detach(Attachment& attachment, const std::string& why) {
+void Monitor::detach(Attachment& attachment, const std::string& why)
+{
     emit(event("detach", label(attachment) + " " + attachment.name + " (" + why + ")"));
     attachment.channel->uninit();
 }
 
-bool Monitor::drain(Attachment& attachment, bool everything) {
+bool Monitor::drain(Attachment& attachment, bool everything)
+{
     const std::vector<unsigned char> priority = attachment.channel->pop_priority();
     if (!priority.empty()) {
         const auto read = logferry_decoder::decode_priority_area(priority);
@@ -211,7 +219,8 @@ bool Monitor::drain(Attachment& attachment, bool everything) {
     return stop_reason_.empty();
 }
 
-bool Monitor::read_remainder(Attachment& attachment) {
+bool Monitor::read_remainder(Attachment& attachment)
+{
     if (!drain(attachment, true)) {
         return false;
     }
@@ -226,7 +235,8 @@ bool Monitor::read_remainder(Attachment& attachment) {
     return true;
 }
 
-void Monitor::handle_control(Attachment& attachment, const Record& record, const char* source) {
+void Monitor::handle_control(Attachment& attachment, const Record& record, const char* source)
+{
     using namespace logferry;
     switch (record.kind) {
     case KIND_REGISTER_APP:
@@ -262,16 +272,19 @@ void Monitor::handle_control(Attachment& attachment, const Record& record, const
     }
 }
 
-void Monitor::send_level_updates(Attachment& attachment, const Record& context) {
+void Monitor::send_level_updates(Attachment& attachment, const Record& context)
+{
     for (const auto& wanted : options_.levels) {
         if (wanted.first != context.id) {
             continue;
         }
         const std::uint32_t handle = context.context_handle;
-        const std::vector<unsigned char> update = {
-            logferry::KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER, wanted.second,
-            static_cast<unsigned char>(handle), static_cast<unsigned char>(handle >> 8),
-            static_cast<unsigned char>(handle >> 16), static_cast<unsigned char>(handle >> 24)};
+        const std::vector<unsigned char> update = {logferry::KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER,
+                                                   wanted.second,
+                                                   static_cast<unsigned char>(handle),
+                                                   static_cast<unsigned char>(handle >> 8),
+                                                   static_cast<unsigned char>(handle >> 16),
+                                                   static_cast<unsigned char>(handle >> 24)};
         const std::string what = label(attachment) + " " + context.id + " handle=" + std::to_string(handle) +
                                  " level=" + level_name(wanted.second);
         if (attachment.channel->push(update)) {
@@ -282,7 +295,8 @@ void Monitor::send_level_updates(Attachment& attachment, const Record& context) 
     }
 }
 
-bool Monitor::handle_ring_unit(Attachment& attachment, const std::vector<unsigned char>& bytes) {
+bool Monitor::handle_ring_unit(Attachment& attachment, const std::vector<unsigned char>& bytes)
+{
     using logferry_decoder::Unit_shape;
     const auto unit = logferry_decoder::decode_ring_unit(bytes);
     if (unit.shape == Unit_shape::invalid) {
@@ -292,9 +306,10 @@ bool Monitor::handle_ring_unit(Attachment& attachment, const std::vector<unsigne
     if (unit.shape == Unit_shape::single_record) {
         const Record& record = unit.records.front();
         if (record.kind == logferry::KIND_WRITE_ENCODED_MESSAGE) {
-            const std::string body = record.is(logferry_decoder::payload_omitted)
-                                         ? "encoded-message[" + std::to_string(record.payload_size) + " bytes not carried]"
-                                         : "encoded-message[" + hex_bytes(record.payload) + "]";
+            const std::string body =
+                record.is(logferry_decoder::payload_omitted)
+                    ? "encoded-message[" + std::to_string(record.payload_size) + " bytes not carried]"
+                    : "encoded-message[" + hex_bytes(record.payload) + "]";
             emit(render_log_line("-", label(attachment), "-", "-", {body}));
             return count_message();
         }
@@ -327,7 +342,8 @@ bool Monitor::handle_ring_unit(Attachment& attachment, const std::vector<unsigne
 }
 
 void Monitor::report_error(const Attachment& attachment, const char* source, const logferry_decoder::Error& error,
-                           const std::vector<unsigned char>& bytes) {
+                           const std::vector<unsigned char>& bytes)
+{
     const std::size_t shown = bytes.size() < DUMP_LIMIT ? bytes.size() : DUMP_LIMIT;
     std::string dump = hex_bytes(std::vector<std::uint8_t>(bytes.begin(), bytes.begin() + static_cast<long>(shown)));
     if (shown < bytes.size()) {
@@ -337,7 +353,8 @@ void Monitor::report_error(const Attachment& attachment, const char* source, con
                             std::to_string(bytes.size()) + " bytes: " + dump + "]"));
 }
 
-bool Monitor::count_message() {
+bool Monitor::count_message()
+{
     ++messages_;
     if (options_.max_messages != 0 && messages_ >= options_.max_messages) {
         stop_reason_ = "count";
@@ -346,7 +363,8 @@ bool Monitor::count_message() {
     return true;
 }
 
-void Monitor::emit(const std::string& line) {
+void Monitor::emit(const std::string& line)
+{
     const std::string text = line + "\n";
     std::size_t done = 0;
     while (done < text.size()) {
@@ -364,11 +382,13 @@ void Monitor::emit(const std::string& line) {
     }
 }
 
-std::string Monitor::label(const Attachment& attachment) {
+std::string Monitor::label(const Attachment& attachment)
+{
     return attachment.app_id.empty() ? attachment.name : attachment.app_id;
 }
 
-std::string Monitor::context_label(const Attachment& attachment, std::uint32_t handle) {
+std::string Monitor::context_label(const Attachment& attachment, std::uint32_t handle)
+{
     const auto it = attachment.contexts.find(handle);
     return it != attachment.contexts.end() ? it->second : "#" + std::to_string(handle);
 }

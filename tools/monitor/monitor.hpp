@@ -50,7 +50,7 @@ private:
     struct Attachment {
         std::unique_ptr<logferry::Logferry_base> channel;
         std::string name;
-        std::string app_id;  // empty until the application has registered
+        std::string app_id;                                       // empty until the application has registered
         std::unordered_map<std::uint32_t, std::string> contexts;  // handle to context ID
     };
 

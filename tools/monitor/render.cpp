@@ -11,7 +11,8 @@ namespace {
 
 const char* const level_names[] = {"off", "fatal", "error", "warn", "info", "debug", "verbose"};
 
-std::string to_base(std::uint64_t value, unsigned int base, bool upper) {
+std::string to_base(std::uint64_t value, unsigned int base, bool upper)
+{
     const char* digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
     char buffer[65];
     std::size_t n = 0;
@@ -24,22 +25,26 @@ std::string to_base(std::uint64_t value, unsigned int base, bool upper) {
     return text;
 }
 
-std::string pad_right(const std::string& text, std::size_t width) {
+std::string pad_right(const std::string& text, std::size_t width)
+{
     return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
 }
 
-std::string pad_left(const std::string& text, std::size_t width) {
+std::string pad_left(const std::string& text, std::size_t width)
+{
     return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
 }
 
 template <typename T>
-std::string shortest(T value) {
+std::string shortest(T value)
+{
     char buffer[64];
     const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
     return std::string(buffer, result.ptr);
 }
 
-std::string render_unsigned(const logferry_decoder::Record& record) {
+std::string render_unsigned(const logferry_decoder::Record& record)
+{
     const std::uint64_t value = record.unsigned_value;
     switch (static_cast<logferry::LogFormat>(record.format)) {
     case logferry::LogFormat::kHex:
@@ -62,7 +67,8 @@ std::string render_unsigned(const logferry_decoder::Record& record) {
     }
 }
 
-std::string render_raw(const logferry_decoder::Record& record) {
+std::string render_raw(const logferry_decoder::Record& record)
+{
     if (record.is(logferry_decoder::payload_omitted)) {
         return "[" + std::to_string(record.payload_size) + " bytes not carried]";
     }
@@ -70,11 +76,23 @@ std::string render_raw(const logferry_decoder::Record& record) {
     bool upper = false;
     std::size_t width = 2;
     switch (static_cast<logferry::LogFormat>(record.format)) {
-    case logferry::LogFormat::kDec: base = 10; width = 0; break;
-    case logferry::LogFormat::kOct: base = 8; width = 3; break;
-    case logferry::LogFormat::kBin: base = 2; width = 8; break;
-    case logferry::LogFormat::kHexUpper: upper = true; break;
-    default: break;
+    case logferry::LogFormat::kDec:
+        base = 10;
+        width = 0;
+        break;
+    case logferry::LogFormat::kOct:
+        base = 8;
+        width = 3;
+        break;
+    case logferry::LogFormat::kBin:
+        base = 2;
+        width = 8;
+        break;
+    case logferry::LogFormat::kHexUpper:
+        upper = true;
+        break;
+    default:
+        break;
     }
     std::string text = "[";
     for (std::size_t i = 0; i < record.payload.size(); ++i) {
@@ -89,11 +107,10 @@ std::string render_raw(const logferry_decoder::Record& record) {
 
 }  // namespace
 
-std::string level_name(std::uint8_t level) {
-    return level < 7 ? level_names[level] : "level" + std::to_string(level);
-}
+std::string level_name(std::uint8_t level) { return level < 7 ? level_names[level] : "level" + std::to_string(level); }
 
-bool parse_level(const std::string& text, std::uint8_t& level) {
+bool parse_level(const std::string& text, std::uint8_t& level)
+{
     for (std::uint8_t i = 0; i < 7; ++i) {
         if (text == level_names[i] || text == std::to_string(i)) {
             level = i;
@@ -103,22 +120,34 @@ bool parse_level(const std::string& text, std::uint8_t& level) {
     return false;
 }
 
-std::string render_timestamp(std::uint32_t units) {
+std::string render_timestamp(std::uint32_t units)
+{
     char buffer[32];
     std::snprintf(buffer, sizeof buffer, "%u.%04u", units / 10000U, units % 10000U);
     return buffer;
 }
 
-std::string quote(const std::string& text) {
+std::string quote(const std::string& text)
+{
     std::string out = "\"";
     for (const char c : text) {
         const unsigned char u = static_cast<unsigned char>(c);
         switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
+        case '"':
+            out += "\\\"";
+            break;
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
         default:
             if (u < 0x20 || u == 0x7F) {
                 char escape[8];
@@ -132,7 +161,8 @@ std::string quote(const std::string& text) {
     return out + "\"";
 }
 
-std::string hex_bytes(const std::vector<std::uint8_t>& bytes) {
+std::string hex_bytes(const std::vector<std::uint8_t>& bytes)
+{
     std::string out;
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         char digits[4];
@@ -142,7 +172,8 @@ std::string hex_bytes(const std::vector<std::uint8_t>& bytes) {
     return out;
 }
 
-std::string render_argument(const logferry_decoder::Record& record) {
+std::string render_argument(const logferry_decoder::Record& record)
+{
     using namespace logferry;
     switch (record.kind) {
     case KIND_WRITE_BOOL:
@@ -175,9 +206,9 @@ std::string render_argument(const logferry_decoder::Record& record) {
     }
 }
 
-std::string render_log_line(const std::string& timestamp, const std::string& app_id,
-                            const std::string& context_id, const std::string& level,
-                            const std::vector<std::string>& arguments) {
+std::string render_log_line(const std::string& timestamp, const std::string& app_id, const std::string& context_id,
+                            const std::string& level, const std::vector<std::string>& arguments)
+{
     std::string line = pad_left(timestamp, 11) + " " + pad_right(app_id, 4) + " " + pad_right(context_id, 4) + " " +
                        pad_right(level, 7);
     for (const std::string& argument : arguments) {

@@ -41,9 +41,8 @@ std::string render_argument(const logferry_decoder::Record& record);
 
 /// Columns of a log line: timestamp right-aligned to 11, application and context ID
 /// left-aligned to 4, level left-aligned to 7, then the arguments separated by spaces.
-std::string render_log_line(const std::string& timestamp, const std::string& app_id,
-                            const std::string& context_id, const std::string& level,
-                            const std::vector<std::string>& arguments);
+std::string render_log_line(const std::string& timestamp, const std::string& app_id, const std::string& context_id,
+                            const std::string& level, const std::vector<std::string>& arguments);
 
 }  // namespace logferry_monitor
 
