@@ -138,6 +138,8 @@ class LOGFERRY_API Logferry_client : public Logferry_base {
 public:
     Logferry_client() noexcept;
     ~Logferry_client() override;
+    Logferry_client(const Logferry_client&) = delete;
+    Logferry_client& operator=(const Logferry_client&) = delete;
 };
 
 }  // namespace logferry

@@ -62,10 +62,6 @@ public:
         : lock_file(-1),
           segment(static_cast<Listener_segment*>(MAP_FAILED)),
           listening(listening_),
-          initialized(false),
-          own_entry(-1),
-          unacknowledged_checks(0),
-          proxy_watchdogs(),
           lock_listener_name(get_full_adaptive_runstate_directory() + "/ara_DLT/logferry-daemon-listener.lock")
     {}
 
@@ -99,9 +95,9 @@ public:
     File_descriptor_guard lock_file;
     Listener_segment* segment;
     bool listening;
-    bool initialized;
-    std::int16_t own_entry;
-    std::uint8_t unacknowledged_checks;
+    bool initialized = false;
+    std::int16_t own_entry = -1;
+    std::uint8_t unacknowledged_checks = 0;
     // Daemon only: per entry the monotonic second at which it expires; 0 when not armed.
     std::unique_ptr<std::int64_t[]> proxy_watchdogs;
     std::string lock_listener_name;

@@ -281,7 +281,7 @@ struct Logferry_write_uint64_formatted {
 /// Kind 18: IEEE 754 single precision.
 struct Logferry_write_float32 {
     std::uint8_t kind = KIND_WRITE_FLOAT32;
-    float value = 0.0f;
+    float value = 0.0F;
     std::uint32_t stream_key = 0;
 };
 

@@ -3,7 +3,7 @@
 
 #include <pthread.h>
 #include <sys/stat.h>
-#include <time.h>
+#include <time.h>  // NOLINT(modernize-deprecated-headers): POSIX timespec, as the system seam passes it
 
 #include <string>
 
@@ -73,7 +73,7 @@ public:
 
     void close_descriptor();
     File_descriptor_guard& operator=(int const& fd) &;
-    bool operator==(int const& fd) const;
+    bool operator==(int const& other) const;
     operator int() const;
 
     int fd;

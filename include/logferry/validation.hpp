@@ -12,7 +12,8 @@
 
 #include "logferry/export.hpp"
 
-namespace ara {
+// Two namespace blocks: the public headers stay valid C++14 for applications.
+namespace ara {  // NOLINT(modernize-concat-nested-namespaces)
 namespace log {
 
 /// Severity of a log message; the higher, the more verbose.

@@ -71,6 +71,7 @@ Ring server_ring(Channel_segment* segment)
 // Single reads and writes of shared fields: the value is fetched exactly once, whatever the
 // peer does meanwhile. Ordering comes from the ring's mutex.
 std::uint32_t load_index(const std::uint32_t* field) { return __atomic_load_n(field, __ATOMIC_RELAXED); }
+// NOLINTNEXTLINE(readability-non-const-parameter): __atomic_store_n writes through `field`
 void store_index(std::uint32_t* field, std::uint32_t value) { __atomic_store_n(field, value, __ATOMIC_RELAXED); }
 std::uint32_t load_byte(const unsigned char* byte) { return __atomic_load_n(byte, __ATOMIC_RELAXED); }
 

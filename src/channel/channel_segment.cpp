@@ -1,8 +1,8 @@
 // The channel segment: naming, creation, attachment and teardown of one end.
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "channel/segment_access.hpp"
@@ -81,7 +81,7 @@ bool Logferry_base::init(const std::string& name)
 
 bool Logferry_base::prepare_shm()
 {
-    int fd;
+    int fd = -1;
     if (client_side) {
         fd = sys->shm_open(filename.c_str(), O_CREAT | O_RDWR, CHANNEL_MODE);
         const int open_errno = errno;

@@ -2,7 +2,7 @@
 //
 // The stamps come from another process and may hold any 64-bit value; differences are taken
 // in 128-bit arithmetic so that no pair of stamps can overflow the comparison.
-#include <time.h>
+#include <time.h>  // NOLINT(modernize-deprecated-headers): POSIX clock_gettime and CLOCK_MONOTONIC
 
 #include <iostream>
 #include <string>
@@ -44,7 +44,7 @@ void Logferry_base::update_connection_active_timer()
         report_error("gettime failed");
         return;
     }
-    const std::int64_t seconds = static_cast<std::int64_t>(now.tv_sec);
+    const auto seconds = static_cast<std::int64_t>(now.tv_sec);
     if (seconds <= 0) {
         return;
     }

@@ -6,9 +6,9 @@
 // encoding and drops what does not parse) and zero the area; `push_priority` sees a non-empty
 // area and `force_push_priority` an overflow, so no copy ever leaves the area. The size is
 // read once per critical section and only the local copy is used.
-#include <errno.h>
 #include <pthread.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -29,6 +29,7 @@ const char* const NOT_INITIALIZED = "shared memory not initialized.";
 bool is_priority_kind(unsigned char kind) { return kind <= 3 || kind == 5; }
 
 std::uint16_t load_size(const std::uint16_t* field) { return __atomic_load_n(field, __ATOMIC_RELAXED); }
+// NOLINTNEXTLINE(readability-non-const-parameter): __atomic_store_n writes through `field`
 void store_size(std::uint16_t* field, std::uint16_t value) { __atomic_store_n(field, value, __ATOMIC_RELAXED); }
 
 // The checks both writers make before they lock: false when the record is to be refused.

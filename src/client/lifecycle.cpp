@@ -1,7 +1,9 @@
 // Library lifecycle: naming the channel, bringing the library up and taking it down.
-#include <time.h>
+#include <time.h>  // NOLINT(modernize-deprecated-headers): POSIX clock_gettime and CLOCK_MONOTONIC
 
-#include <cstdio>
+#include <array>
+#include <charconv>
+#include <string>
 
 #include "logferry/client.hpp"
 #include "logferry/system.hpp"
@@ -19,15 +21,16 @@ void set_app_identifier(const std::string& identifier)
     std::uint32_t stamp = 0;
     timespec now{};
     if (sys->clock_gettime(CLOCK_MONOTONIC, &now) == 0) {
-        stamp = static_cast<std::uint32_t>(static_cast<std::uint64_t>(now.tv_sec) * 1000000u +
+        stamp = static_cast<std::uint32_t>(static_cast<std::uint64_t>(now.tv_sec) * 1000000U +
                                            static_cast<std::uint64_t>(now.tv_nsec / 1000));
     }
-    char stamp_text[16];
-    std::snprintf(stamp_text, sizeof(stamp_text), "%x", static_cast<unsigned int>(stamp));
+    // Lowercase hexadecimal without leading zeros (8 digits at most).
+    std::array<char, 8> stamp_digits{};
+    const std::to_chars_result stamp_end =
+        std::to_chars(stamp_digits.data(), stamp_digits.data() + stamp_digits.size(), stamp, 16);
+    const std::string stamp_text(stamp_digits.data(), stamp_end.ptr);
 
-    char pid_text[24];
-    std::snprintf(pid_text, sizeof(pid_text), "%d", sys->getpid());
-    std::string pid(pid_text);
+    std::string pid = std::to_string(sys->getpid());
     if (pid.size() > PID_TEXT_LENGTH) {
         pid.erase(0, pid.size() - PID_TEXT_LENGTH);
     }

@@ -6,7 +6,7 @@
 // log_finish takes the whole map node out, so the message is moved, not copied, and the
 // node with its vector's capacity is kept by the finishing thread for its next message.
 // In steady state a message thus costs no heap allocation.
-#include <time.h>
+#include <time.h>  // NOLINT(modernize-deprecated-headers): POSIX clock_gettime and CLOCK_MONOTONIC
 
 #include <cstring>
 #include <utility>
@@ -170,7 +170,7 @@ bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint
     std::uint32_t timestamp = 0;
     timespec now{};
     if (sys->clock_gettime(CLOCK_MONOTONIC, &now) == 0) {
-        timestamp = static_cast<std::uint32_t>(now.tv_sec) * 10000u + static_cast<std::uint32_t>(now.tv_nsec / 100000);
+        timestamp = static_cast<std::uint32_t>(now.tv_sec) * 10000U + static_cast<std::uint32_t>(now.tv_nsec / 100000);
     }
     unsigned char record[encoding::START_SIZE];
     const std::size_t size = encoding::encode_start(record, log_level, context_handle, stream_key, timestamp);

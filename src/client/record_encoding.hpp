@@ -17,8 +17,7 @@
 
 #include "logferry/message.hpp"
 
-namespace logferry {
-namespace encoding {
+namespace logferry::encoding {
 
 inline unsigned char* put_u8(unsigned char* out, std::uint8_t value) noexcept
 {
@@ -173,7 +172,6 @@ inline std::size_t encode_encoded_message_head(unsigned char* out, std::uint16_t
     return static_cast<std::size_t>(put_u16(put_u16(put_u8(out, KIND_WRITE_ENCODED_MESSAGE), length), size) - out);
 }
 
-}  // namespace encoding
-}  // namespace logferry
+}  // namespace logferry::encoding
 
 #endif

@@ -5,10 +5,12 @@
 // bounds: an index above 31 is treated as pointing at nothing usable (sync_list rescans from 0,
 // and any other use reads it as 0), and no name is ever read beyond its 32 bytes. Correct peers
 // never produce such values; for every state they can produce the list behaves as designed.
-#include <errno.h>
-#include <time.h>
+#include <time.h>  // NOLINT(modernize-deprecated-headers): POSIX clock_gettime and CLOCK_MONOTONIC
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "logferry/listener.hpp"
 #include "logferry/system.hpp"
@@ -34,7 +36,7 @@ bool in_range(std::uint8_t raw) { return raw < LISTENER_ENTRY_COUNT; }
 // The entry after `index`, wrapping from 31 to 0.
 std::uint8_t next_index(std::uint8_t index)
 {
-    return index + 1u < LISTENER_ENTRY_COUNT ? static_cast<std::uint8_t>(index + 1u) : std::uint8_t{0};
+    return index + 1U < LISTENER_ENTRY_COUNT ? static_cast<std::uint8_t>(index + 1U) : std::uint8_t{0};
 }
 
 bool is_announced(const Listener_entry& entry) { return entry.channel_name[0] != 0 && entry.picked_up == 0; }
@@ -185,14 +187,14 @@ std::string Logferry_listener::get_next()
 {
     if (!initialized) {
         report_not_initialized();
-        return std::string();
+        return {};
     }
     Mutex_lock_guard lock(&segment->list_mutex.mutex, false);
     sync_list();
     const std::uint8_t read = entry_index(&segment->read_index);
     Listener_entry& entry = segment->entries[read];
     if (entry.channel_name[0] == 0 || entry.picked_up == 1) {
-        return std::string();
+        return {};
     }
     // At most the 32 bytes of the field: a full-length name has no terminator.
     char name[LISTENER_NAME_SIZE];
@@ -213,12 +215,7 @@ bool Logferry_listener::has_new_entry()
         return false;
     }
     Mutex_lock_guard lock(&segment->list_mutex.mutex, false);
-    for (const Listener_entry& entry : segment->entries) {
-        if (is_announced(entry)) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(std::begin(segment->entries), std::end(segment->entries), is_announced);
 }
 
 bool Logferry_listener::is_empty()
@@ -229,12 +226,8 @@ bool Logferry_listener::is_empty()
         return false;
     }
     Mutex_lock_guard lock(&segment->list_mutex.mutex, false);
-    for (const Listener_entry& entry : segment->entries) {
-        if (entry.channel_name[0] != 0) {
-            return false;
-        }
-    }
-    return true;
+    return std::all_of(std::begin(segment->entries), std::end(segment->entries),
+                       [](const Listener_entry& entry) { return entry.channel_name[0] == 0; });
 }
 
 void Logferry_listener::check_watchdogs()
@@ -256,7 +249,7 @@ void Logferry_listener::check_watchdogs()
         report_error("error while getting time: ", errno);
         return;
     }
-    const std::int64_t now = static_cast<std::int64_t>(now_time.tv_sec);
+    const auto now = static_cast<std::int64_t>(now_time.tv_sec);
 
     Mutex_lock_guard lock(&segment->list_mutex.mutex, false);
     for (std::uint32_t i = 0; i < LISTENER_ENTRY_COUNT; ++i) {

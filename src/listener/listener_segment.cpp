@@ -1,11 +1,12 @@
 // The listener segment and the daemon's lock file: creation, attachment and teardown.
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "logferry/listener.hpp"
 #include "logferry/system.hpp"
@@ -66,7 +67,7 @@ bool Logferry_listener::init()
             report_error("error while locking the file: ", errno);
             return false;
         }
-        proxy_watchdogs.reset(new std::int64_t[LISTENER_ENTRY_COUNT]());
+        proxy_watchdogs = std::make_unique<std::int64_t[]>(LISTENER_ENTRY_COUNT);
     } else {
         lock_file = sys->open(lock_listener_name.c_str(), O_RDONLY, LISTENER_MODE);
         if (lock_file == -1) {
@@ -85,7 +86,7 @@ bool Logferry_listener::init()
     }
 
     File_descriptor_guard descriptor(-1);  // closed on return; the mapping stays
-    bool mapped;
+    bool mapped = false;
     if (listening) {
         sys->shm_unlink(LISTENER_SHM_NAME);  // applications still mapped keep the stale one
         const int fd = sys->shm_open(LISTENER_SHM_NAME, O_RDWR | O_CREAT, LISTENER_MODE);

@@ -6,8 +6,7 @@
 #include <cstddef>
 #include <string>
 
-namespace logferry {
-namespace detail {
+namespace logferry::detail {
 
 // `text.substr(position, count)`. Should that raise std::out_of_range, writes
 // "Out of range error: " with the exception's message and a newline to the standard
@@ -15,7 +14,6 @@ namespace detail {
 std::string checked_substr(const std::string& text, std::size_t position, std::size_t count,
                            const char* fallback) noexcept;
 
-}  // namespace detail
-}  // namespace logferry
+}  // namespace logferry::detail
 
 #endif  // LOGFERRY_SRC_MESSAGE_CHECKED_SUBSTR_HPP

@@ -110,7 +110,7 @@ std::size_t description_bytes(const std::array<char, RECORD_DESCRIPTION_SIZE>& d
 // Payload bytes a payload record writes: `size` when it is 1 to 1389, else none.
 std::size_t payload_bytes(std::uint16_t size) noexcept
 {
-    const std::uint16_t before = static_cast<std::uint16_t>(size - 1U);
+    const auto before = static_cast<std::uint16_t>(size - 1U);
     return before <= RECORD_MAX_PAYLOAD_SIZE - 1 ? size : 0;
 }
 

@@ -43,7 +43,7 @@ ara::log::LogLevel dlt_validate_log_level(ara::log::LogLevel level) noexcept
 
 ara::log::LogMode dlt_validate_log_mode(ara::log::LogMode mode) noexcept
 {
-    const std::uint8_t bits = static_cast<std::uint8_t>(mode);
+    const auto bits = static_cast<std::uint8_t>(mode);
     if (bits == 0 || (bits & static_cast<std::uint8_t>(~MODE_BITS)) != 0) {
         return ara::log::LogMode::kConsole;
     }
@@ -58,7 +58,7 @@ LogFormat dlt_validate_format(LogFormat format) noexcept
 std::string dlt_validate_string(const std::string& text, unsigned long maximum) noexcept
 {
     if (text.empty()) {
-        return std::string();
+        return {};
     }
     // Unsigned arithmetic: a maximum of 0 wraps to the largest count and keeps the text whole.
     const std::uint64_t keep = static_cast<std::uint64_t>(maximum) - 1U;

@@ -1,8 +1,8 @@
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <iostream>
 
@@ -21,6 +21,7 @@ namespace {
 
 // The library's own instance; it has no state, so constant initialisation makes it usable
 // before any static constructor runs.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and the seam has no virtual destructor by design
 class Default_system final : public System_lib {
 public:
     constexpr Default_system() noexcept = default;
@@ -38,7 +39,11 @@ void sleep_for(timespec request)
 
 LOGFERRY_CONSTINIT System_lib* sys = &default_system;
 
-int System_lib::open(const char* path, int flags, unsigned int mode) { return ::open(path, flags, mode); }
+int System_lib::open(const char* path, int flags, unsigned int mode)
+{
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-vararg): POSIX open takes its mode as a vararg
+    return ::open(path, flags, mode);
+}
 int System_lib::close(int fd) { return ::close(fd); }
 int System_lib::lockf(int fd, int cmd, long len) { return ::lockf(fd, cmd, len); }
 int System_lib::unlink(const char* path) { return ::unlink(path); }

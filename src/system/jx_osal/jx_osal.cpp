@@ -5,9 +5,7 @@
 
 #include <cstdlib>
 
-namespace jx {
-namespace osal {
-namespace common {
+namespace jx::osal::common {
 
 std::string get_full_adaptive_runstate_dir()
 {
@@ -22,6 +20,4 @@ std::string get_full_adaptive_runstate_dir()
     return dir;
 }
 
-}  // namespace common
-}  // namespace osal
-}  // namespace jx
+}  // namespace jx::osal::common

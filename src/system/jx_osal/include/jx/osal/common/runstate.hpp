@@ -3,15 +3,11 @@
 
 #include <string>
 
-namespace jx {
-namespace osal {
-namespace common {
+namespace jx::osal::common {
 
 // The platform's run-state directory, without a trailing separator.
 __attribute__((visibility("default"))) std::string get_full_adaptive_runstate_dir();
 
-}  // namespace common
-}  // namespace osal
-}  // namespace jx
+}  // namespace jx::osal::common
 
 #endif
