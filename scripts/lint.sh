@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Static checks. Installs what it needs first; exits non-zero on any finding.
+# 1. Formatting: every C++ file under src/, include/, tools/, examples/, tests/, fuzz/ and
+#    bench/ (build directories left out) must be as clang-format 14 formats it (.clang-format).
+# 2. clang-tidy (.clang-tidy, every finding an error) over every src/**/*.cpp and the library's
+#    headers they include (include/logferry/, src/), with the compile commands of a
+#    configure-only build in build-lint.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh clang-format clang-tidy
+
+jobs=${LOGFERRY_JOBS:-2}
+failed=0
+
+for tool in clang-format clang-tidy; do
+    if ! "$tool" --version | grep -q 'version 14\.'; then
+        echo "warning: $("$tool" --version | grep version) is not version 14; its results may differ"
+    fi
+done
+
+echo "=== clang-format ==="
+mapfile -t sources < <(find src include tools examples tests fuzz bench -type d -name 'build*' -prune -o \
+    -type f \( -name '*.cpp' -o -name '*.hpp' -o -name '*.h' -o -name '*.cc' \) -print | sort)
+if clang-format --dry-run --Werror "${sources[@]}"; then
+    echo "${#sources[@]} files formatted"
+else
+    echo "=== formatting drift (fix with: clang-format -i <file>) ==="
+    failed=1
+fi
+
+echo "=== clang-tidy ==="
+dir=build-lint
+cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DLOGFERRY_BUILD_TESTS=OFF > "$dir.configure.log" 2>&1 \
+    || { cat "$dir.configure.log"; exit 1; }
+mapfile -t library_sources < <(find src -type f -name '*.cpp' | sort)
+log=$dir/clang-tidy.log
+# One clang-tidy per file, at most $jobs at once; each file's report is printed whole.
+tidy_status=0
+printf '%s\n' "${library_sources[@]}" | xargs -P "$jobs" -I{} sh -c \
+    'out=$(clang-tidy -p "$1" --quiet --warnings-as-errors="*" \
+        --header-filter="include/logferry/.*|src/.*" "$2" 2>&1); status=$?; printf "%s\n" "$out"; exit $status' \
+    sh "$dir" {} > "$log" || tidy_status=$?
+grep -v -E '^[0-9]+ warnings? (and [0-9]+ errors? )?generated\.$|^Suppressed [0-9]+ warnings|^Use -header-filter|^$' "$log" || true
+findings=$(grep -c -E '(warning|error): ' "$log" || true)
+if [ "$tidy_status" -ne 0 ] || [ "$findings" -ne 0 ]; then
+    echo "=== clang-tidy: $findings findings in ${#library_sources[@]} files ==="
+    failed=1
+else
+    echo "${#library_sources[@]} files without findings"
+fi
+
+if [ "$failed" -ne 0 ]; then
+    echo "=== lint FAILED ==="
+    exit 1
+fi
+echo "=== lint passed ==="
