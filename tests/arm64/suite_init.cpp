@@ -92,6 +92,36 @@ bool mount_fs(const char* type, const char* target, unsigned long flags, const c
     return true;
 }
 
+bool has_entries(const char* path)
+{
+    DIR* dir = ::opendir(path);
+    if (dir == nullptr) {
+        return false;
+    }
+    bool any = false;
+    while (const dirent* entry = ::readdir(dir)) {
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
+            any = true;
+            break;
+        }
+    }
+    ::closedir(dir);
+    return any;
+}
+
+// A fresh tmpfs on `target`, unless the initramfs put files there (a build tree under /tmp,
+// kept at its absolute path): then the directory stays on the root file system, which is a
+// tmpfs itself when the kernel is given no root=.
+bool mount_tmpfs_unless_populated(const char* target, const char* options, mode_t mode)
+{
+    if (has_entries(target)) {
+        ::chmod(target, mode);
+        say(std::string("init: ") + target + " holds files of the initramfs: it stays on the root file system");
+        return true;
+    }
+    return mount_fs("tmpfs", target, MS_NOSUID | MS_NODEV, options, mode);
+}
+
 // The kernel opens /dev/console for us only if the initramfs has it; make sure we have one.
 void attach_console()
 {
@@ -302,8 +332,8 @@ int main()
     mounted = mount_fs("proc", "/proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, "", 0555) && mounted;
     mounted = mount_fs("sysfs", "/sys", MS_NOSUID | MS_NODEV | MS_NOEXEC, "", 0555) && mounted;
     mounted = mount_fs("tmpfs", "/dev/shm", MS_NOSUID | MS_NODEV, "mode=1777", 01777) && mounted;
-    mounted = mount_fs("tmpfs", "/tmp", MS_NOSUID | MS_NODEV, "mode=1777", 01777) && mounted;
-    mounted = mount_fs("tmpfs", "/run", MS_NOSUID | MS_NODEV, "mode=0755", 0755) && mounted;
+    mounted = mount_tmpfs_unless_populated("/tmp", "mode=1777", 01777) && mounted;
+    mounted = mount_tmpfs_unless_populated("/run", "mode=0755", 0755) && mounted;
     make_dirs("/run/adaptive");
     make_dirs(log_dir);
     if (!mounted) {
