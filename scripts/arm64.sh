@@ -64,7 +64,7 @@ if [[ " $stages " == *" user "* ]]; then
     #   one process and does not follow execve, and no binfmt_misc handler is registered.
     user_mode_excluded='^(Package\.InstallAndConsume.*|EndToEnd\..*|Monitor\..*)$'
     echo "user mode: not run here (they start other target programs, or check the native package): $user_mode_excluded"
-    log=$build.user-mode.log
+    log=$build.ctest.log
     timeout "$user_timeout" ctest --test-dir "$build" -j"$jobs" --output-on-failure --no-tests=error \
         -E "$user_mode_excluded" > "$log" 2>&1 || failed+=("user mode")
     # CTest's summary: the count, the skipped cases and the failed ones; the full log is $log.
