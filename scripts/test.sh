@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds the library and the test suite and runs it: once in a normal build with warnings as
+# Checks formatting and clang-tidy, then builds the library and the test suite and runs it:
+# once in a normal build with warnings as
 # errors, once under AddressSanitizer and UndefinedBehaviorSanitizer, once under
 # ThreadSanitizer (each halting on the first report). Installs what it needs first. Exits
 # non-zero on any failure.
@@ -32,6 +33,14 @@ run_suite() {
     passed=$((passed + ${total:-0} - ${fails:-0}))
     failed=$((failed + ${fails:-0}))
 }
+
+echo "=== lint: formatting and clang-tidy ==="
+if scripts/lint.sh; then
+    passed=$((passed + 1))
+else
+    echo "=== lint FAILED ==="
+    failed=$((failed + 1))
+fi
 
 run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
 run_suite asan-ubsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=address,undefined
