@@ -9,6 +9,9 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 jobs=${LOGFERRY_JOBS:-2}
+export ASAN_OPTIONS=halt_on_error=1:detect_leaks=1
+export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+export TSAN_OPTIONS=halt_on_error=1
 shm_before=$(ls /dev/shm | grep -E '^logferry-' | sort || true)
 passed=0
 failed=0

@@ -73,14 +73,20 @@ __attribute__((constructor(101))) void look_at_sys_early() { sys_seen_early = lo
 // ---------------------------------------------------------------------------------------
 // The seam's shape
 
-// Itanium ABI: a pointer to a virtual member holds 1 + its byte offset in the vtable.
+// Itanium ABI: a pointer to a virtual member holds 1 + its byte offset in the vtable (on
+// 64-bit Arm: the offset itself).
 template <typename F>
 long vtable_slot(F member)
 {
     static_assert(sizeof(F) == 2 * sizeof(long), "unexpected member pointer size");
     long words[2];
     std::memcpy(words, &member, sizeof words);
+#if defined(__aarch64__)
+    // The Arm variant keeps the plain offset and marks "virtual" in the adjustment word.
+    return words[0] / static_cast<long>(sizeof(void*));
+#else
     return (words[0] - 1) / static_cast<long>(sizeof(void*));
+#endif
 }
 
 TEST(System, SeamHasTheTwentyFiveOperationsInOrderWithExactTypes)

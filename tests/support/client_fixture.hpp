@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,7 +64,17 @@ inline int count_threads()
         return -1;
     }
     while (const dirent* entry = ::readdir(dir)) {
-        if (entry->d_name[0] != '.') {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        // A thread that has been joined can stay listed for a moment while the kernel
+        // finishes it; only threads that are not dead count.
+        std::ifstream stat(std::string("/proc/self/task/") + entry->d_name + "/stat");
+        std::string line;
+        std::getline(stat, line);
+        const auto close = line.rfind(')');
+        const char state = close != std::string::npos && close + 2 < line.size() ? line[close + 2] : '?';
+        if (state != 'Z' && state != 'X' && !line.empty()) {
             ++count;
         }
     }
