@@ -944,8 +944,8 @@ TEST_F(Monitor, RestartedMonitorGetsTheRegistrationsReplayedAndEveryMessage)
     });
     ASSERT_GT(application, 0);
     ASSERT_TRUE(wait_for("LOOP info    5\n")) << output();
-    const std::string first_run = output();
     EXPECT_EQ(stop_monitor(), 0);
+    const std::string first_run = output();  // all of it: the monitor printed on until it stopped
 
     start_monitor();
     ASSERT_TRUE(wait_for("-- app        RST \"keeps logging\"")) << output();
