@@ -39,7 +39,7 @@ constexpr long CLOCK_NANOSECONDS = 345678901;
 constexpr std::uint32_t TIMESTAMP = 123456;
 constexpr std::uint32_t CONTEXT = 1;
 
-// The records as the specification of each call fills them, serialized by the message
+// The records as each call is designed to fill them, serialized by the message
 // catalogue: the reference the front end's bytes are compared with.
 Bytes start_record(std::uint8_t level, std::uint32_t handle, std::uint32_t key, std::uint32_t timestamp = TIMESTAMP)
 {
