@@ -44,6 +44,7 @@
 #include "logferry/client.hpp"
 #include "logferry/listener.hpp"
 #include "support/fake_system.hpp"
+#include "support/listener_daemon.hpp"
 #include "support/test_util.hpp"
 
 using logferry_test::capture_stderr;
@@ -564,48 +565,13 @@ protected:
     std::string lock_path() const { return runstate_ + "/ara_DLT/logferry-daemon-listener.lock"; }
 
     // Call before install(): the child must run on the real system.
-    void start_daemon()
-    {
-        int ready[2];
-        int release[2];
-        ASSERT_EQ(::pipe(ready), 0);
-        ASSERT_EQ(::pipe(release), 0);
-        const std::string path = lock_path();
-        daemon_pid_ = logferry_test::fork_child([&] {
-            ::close(ready[0]);
-            ::close(release[1]);
-            logferry::Logferry_listener daemon(true);
-            daemon.lock_listener_name = path;
-            const bool ok = daemon.init();
-            const char answer = ok ? 'y' : 'n';
-            if (::write(ready[1], &answer, 1) != 1) {
-                return 2;
-            }
-            char ignored;
-            while (::read(release[0], &ignored, 1) > 0) {
-            }
-            daemon.uninit();
-            return ok ? 0 : 1;
-        });
-        ::close(ready[1]);
-        ::close(release[0]);
-        release_ = release[1];
-        char answer = 0;
-        ASSERT_EQ(::read(ready[0], &answer, 1), 1);
-        ::close(ready[0]);
-        ASSERT_EQ(answer, 'y');
-    }
+    void start_daemon() { ASSERT_TRUE(daemon_.start(lock_path())); }
 
     void stop_daemon()
     {
-        if (release_ >= 0) {
-            ::close(release_);
-            release_ = -1;
-        }
-        if (daemon_pid_ > 0) {
-            const int status = logferry_test::wait_child(daemon_pid_);
+        if (daemon_.running()) {
+            const int status = daemon_.stop();
             EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-            daemon_pid_ = -1;
         }
     }
 
@@ -663,8 +629,7 @@ private:
     bool had_runstate_ = false;
     std::string previous_runstate_;
     std::string previous_lock_path_;
-    int daemon_pid_ = -1;
-    int release_ = -1;
+    logferry_test::Listener_daemon_child daemon_;
 };
 
 // The library-wide front-end state back as it was at load time (the channel name aside).
