@@ -11,7 +11,8 @@
 # inputs in the normal test suites.
 #
 # Usage: scripts/fuzz.sh [seconds]
-# Environment: LOGFERRY_FUZZ_BUILD (build directory, default build-fuzz), LOGFERRY_JOBS.
+# Environment: LOGFERRY_FUZZ_BUILD (build directory, default build-fuzz), LOGFERRY_JOBS (how
+# many harnesses run at once, default 2).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -41,54 +42,85 @@ fi
 export ASAN_OPTIONS=${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
 
-failed=()
-summary=()
-for harness in "${harnesses[@]}"; do
-    program="$build/$harness"
-    regressions="fuzz/regressions/$harness"
-    seeds="fuzz/corpus/$harness"
-    work="$build/run/$harness"
-    rm -rf "$work/artifacts"
+# One harness: replay the kept regressions, then fuzz. Writes its summary line to
+# $work/summary and, on any failure, a reason to $work/failed.
+fuzz_one() {
+    local harness=$1
+    local program="$build/$harness"
+    local regressions="fuzz/regressions/$harness"
+    local seeds="fuzz/corpus/$harness"
+    local work="$build/run/$harness"
+    rm -rf "$work/artifacts" "$work/failed" "$work/summary"
     mkdir -p "$work/corpus" "$work/artifacts"
-    log="$work/fuzz.log"
+    local log="$work/fuzz.log"
 
-    kept=0
+    local kept=0
     if [ -d "$regressions" ]; then
         kept=$(find "$regressions" -type f | wc -l)
     fi
-    echo "=== $harness: $kept regression input(s) ==="
+    echo "=== $harness: $kept regression input(s), then fuzzing for ${seconds}s ==="
     if [ "$kept" -gt 0 ]; then
         if ! find "$regressions" -type f -print0 | xargs -0 "$program" > "$work/regressions.log" 2>&1; then
             tail -n 40 "$work/regressions.log"
             echo "=== $harness: a regression input FAILED ==="
-            failed+=("$harness (regressions)")
+            echo "$harness (regressions)" >> "$work/failed"
         fi
     fi
 
-    echo "=== $harness: fuzzing for ${seconds}s ==="
-    inputs=("$work/corpus")
+    local inputs=("$work/corpus")
     [ -d "$seeds" ] && inputs+=("$seeds")
     [ "$kept" -gt 0 ] && inputs+=("$regressions")
-    status=0
+    local status=0
     "$program" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=3072 -print_final_stats=1 \
         -artifact_prefix="$work/artifacts/" "${inputs[@]}" > "$log" 2>&1 || status=$?
+    local runs corpus findings
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
     corpus=$(find "$work/corpus" -type f | wc -l)
     findings=$(find "$work/artifacts" -type f | wc -l)
     if [ "$status" -ne 0 ] || [ "$findings" -gt 0 ]; then
-        grep -E 'expectation broken|ERROR:|SUMMARY:|runtime error' "$log" | head -n 20 || true
-        tail -n 5 "$log"
-        mkdir -p "$regressions"
-        for artifact in "$work/artifacts"/*; do
-            [ -f "$artifact" ] || continue
-            cp "$artifact" "$regressions/"
-            echo "finding kept as $regressions/$(basename "$artifact")"
-        done
-        echo "=== $harness: FINDING (exit status $status, log $log) ==="
-        failed+=("$harness")
+        {
+            grep -E 'expectation broken|ERROR:|SUMMARY:|runtime error' "$log" | head -n 20 || true
+            tail -n 5 "$log"
+            mkdir -p "$regressions"
+            for artifact in "$work/artifacts"/*; do
+                [ -f "$artifact" ] || continue
+                cp "$artifact" "$regressions/"
+                echo "finding kept as $regressions/$(basename "$artifact")"
+            done
+            echo "=== $harness: FINDING (exit status $status, log $log) ==="
+        }
+        echo "$harness" >> "$work/failed"
     fi
-    summary+=("$(printf '%-24s %10s runs  %5s corpus inputs  %s' "$harness" "${runs:-?}" "$corpus" \
-        "$([ "$status" -eq 0 ] && [ "$findings" -eq 0 ] && echo ok || echo FINDING)")")
+    printf '%-24s %10s runs  %5s corpus inputs  %s\n' "$harness" "${runs:-?}" "$corpus" \
+        "$([ "$status" -eq 0 ] && [ "$findings" -eq 0 ] && echo ok || echo FINDING)" > "$work/summary"
+}
+
+# The harnesses are independent: run as many at once as there are jobs.
+running=0
+for harness in "${harnesses[@]}"; do
+    if [ "$running" -ge "$jobs" ]; then
+        wait -n || true
+        running=$((running - 1))
+    fi
+    fuzz_one "$harness" &
+    running=$((running + 1))
+done
+wait
+
+failed=()
+summary=()
+for harness in "${harnesses[@]}"; do
+    work="$build/run/$harness"
+    if [ -f "$work/summary" ]; then
+        summary+=("$(cat "$work/summary")")
+    else
+        summary+=("$(printf '%-24s did not finish' "$harness")")
+        failed+=("$harness (did not finish)")
+    fi
+    if [ -f "$work/failed" ]; then
+        mapfile -t reasons < "$work/failed"
+        failed+=("${reasons[@]}")
+    fi
 done
 
 echo "=== summary (${seconds}s per harness, $(( $(date +%s) - started ))s in all) ==="

@@ -1,9 +1,16 @@
 #!/usr/bin/env bash
-# Checks formatting and clang-tidy, then builds the library and the test suite and runs it:
-# once in a normal build with warnings as
-# errors, once under AddressSanitizer and UndefinedBehaviorSanitizer, once under
-# ThreadSanitizer (each halting on the first report). Installs what it needs first. Exits
-# non-zero on any failure.
+# What CI runs. In order:
+#   lint        formatting drift and clang-tidy (scripts/lint.sh);
+#   normal      the library and the whole suite, warnings as errors;
+#   asan-ubsan  the same under AddressSanitizer and UndefinedBehaviorSanitizer;
+#   tsan        the same under ThreadSanitizer (each sanitizer halts on its first report);
+#   fuzz        every libFuzzer harness for LOGFERRY_FUZZ_SECONDS (60) seconds (scripts/fuzz.sh);
+#   coverage    the suite in a coverage build, line and branch coverage of src/, at least 90 %
+#               of lines (scripts/coverage.sh);
+#   arm64       the cross build for 64-bit Arm, its suite under qemu's user mode and in an
+#               emulated arm64 machine (scripts/arm64.sh).
+# LOGFERRY_STAGES picks a subset for a quicker local run (default: all of them, as CI).
+# Installs what it needs first. Runs every stage even after a failure; exits non-zero on any.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -37,17 +44,37 @@ run_suite() {
     failed=$((failed + ${fails:-0}))
 }
 
-echo "=== lint: formatting and clang-tidy ==="
-if scripts/lint.sh; then
-    passed=$((passed + 1))
-else
-    echo "=== lint FAILED ==="
-    failed=$((failed + 1))
-fi
+stages=" ${LOGFERRY_STAGES:-lint normal asan-ubsan tsan fuzz coverage arm64} "
+timings=()
+wanted() { [[ "$stages" == *" $1 "* ]]; }
+timed() {
+    local name=$1 start status=0
+    shift
+    start=$(date +%s)
+    "$@" || status=$?
+    timings+=("$(printf '%-11s %4d s' "$name" $(($(date +%s) - start)))")
+    return "$status"
+}
+# A stage that is one script: counts as one passed or failed check.
+run_script() {
+    local name=$1
+    shift
+    echo "=== $name: $* ==="
+    if timed "$name" "$@"; then
+        passed=$((passed + 1))
+    else
+        echo "=== $name FAILED ==="
+        failed=$((failed + 1))
+    fi
+}
 
-run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
-run_suite asan-ubsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=address,undefined
-run_suite tsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=thread
+wanted lint && run_script lint scripts/lint.sh
+wanted normal && timed normal run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
+wanted asan-ubsan && timed asan-ubsan run_suite asan-ubsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=address,undefined
+wanted tsan && timed tsan run_suite tsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=thread
+wanted fuzz && run_script fuzz scripts/fuzz.sh "${LOGFERRY_FUZZ_SECONDS:-60}"
+wanted coverage && run_script coverage scripts/coverage.sh
+wanted arm64 && run_script arm64 scripts/arm64.sh
 
 # Nothing the suites created may stay in /dev/shm.
 leftover=$(comm -13 <(printf '%s\n' "$shm_before") <(ls /dev/shm | grep -E '^logferry-' | sort || true) | grep . || true)
@@ -55,5 +82,7 @@ if [ -n "$leftover" ]; then
     echo "left behind in /dev/shm: $leftover"
     failed=$((failed + 1))
 fi
+echo "=== timings ==="
+printf '  %s\n' "${timings[@]}"
 echo "suites: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]
