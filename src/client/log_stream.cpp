@@ -11,9 +11,9 @@
 #include <cstring>
 #include <utility>
 
-#include "client/record_encoding.hpp"
 #include "logferry/client.hpp"
 #include "logferry/system.hpp"
+#include "message/record_encoding.hpp"
 
 namespace logferry {
 
@@ -177,7 +177,8 @@ bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint
         timestamp = static_cast<std::uint32_t>(now.tv_sec) * 10000U + static_cast<std::uint32_t>(now.tv_nsec / 100000);
     }
     unsigned char record[encoding::START_SIZE];
-    const std::size_t size = encoding::encode_start(record, log_level, context_handle, stream_key, timestamp);
+    const std::size_t size =
+        encoding::encode_start(record, KIND_WRITE_START, log_level, context_handle, stream_key, timestamp);
     {
         // A start normally opens its stream: one map operation that finds or opens it.
         std::lock_guard<std::mutex> lock(incomplete_logstream_messages_mutex);
@@ -223,25 +224,33 @@ void log_int64(std::uint32_t stream_key, std::int64_t value)
 void log_uint8_formatted(std::uint32_t stream_key, std::uint8_t value, LogFormat format)
 {
     unsigned char record[encoding::MAX_FIXED_SIZE];
-    append_record(stream_key, record, encoding::encode_formatted_u8(record, validated(format), value, stream_key));
+    append_record(
+        stream_key, record,
+        encoding::encode_formatted_u8(record, KIND_WRITE_UINT8_FORMATTED, validated(format), value, stream_key));
 }
 
 void log_uint16_formatted(std::uint32_t stream_key, std::uint16_t value, LogFormat format)
 {
     unsigned char record[encoding::MAX_FIXED_SIZE];
-    append_record(stream_key, record, encoding::encode_formatted_u16(record, validated(format), value, stream_key));
+    append_record(
+        stream_key, record,
+        encoding::encode_formatted_u16(record, KIND_WRITE_UINT16_FORMATTED, validated(format), value, stream_key));
 }
 
 void log_uint32_formatted(std::uint32_t stream_key, std::uint32_t value, LogFormat format)
 {
     unsigned char record[encoding::MAX_FIXED_SIZE];
-    append_record(stream_key, record, encoding::encode_formatted_u32(record, validated(format), value, stream_key));
+    append_record(
+        stream_key, record,
+        encoding::encode_formatted_u32(record, KIND_WRITE_UINT32_FORMATTED, validated(format), value, stream_key));
 }
 
 void log_uint64_formatted(std::uint32_t stream_key, std::uint64_t value, LogFormat format)
 {
     unsigned char record[encoding::MAX_FIXED_SIZE];
-    append_record(stream_key, record, encoding::encode_formatted_u64(record, validated(format), value, stream_key));
+    append_record(
+        stream_key, record,
+        encoding::encode_formatted_u64(record, KIND_WRITE_UINT64_FORMATTED, validated(format), value, stream_key));
 }
 
 void log_float32(std::uint32_t stream_key, float value)
@@ -267,7 +276,7 @@ void log_utf8_string(std::uint32_t stream_key, const char* text)
         return;
     }
     unsigned char head[encoding::TEXT_HEAD_SIZE];
-    encoding::encode_text_head(head, static_cast<std::uint16_t>(length + 8), stream_key);
+    encoding::encode_text_head(head, KIND_WRITE_UTF8_STRING, static_cast<std::uint16_t>(length + 8), stream_key);
     append_record(stream_key, Record_pieces{head, sizeof(head), text, length, 1});
 }
 
@@ -279,7 +288,7 @@ void log_string_view(std::uint32_t stream_key, const char* text, std::uint64_t l
     // The copy stops early at a zero byte; the length field still tells the given length.
     const std::size_t copied = ::strnlen(text, static_cast<std::size_t>(length));
     unsigned char head[encoding::TEXT_HEAD_SIZE];
-    encoding::encode_text_head(head, static_cast<std::uint16_t>(length + 8), stream_key);
+    encoding::encode_text_head(head, KIND_WRITE_UTF8_STRING, static_cast<std::uint16_t>(length + 8), stream_key);
     append_record(stream_key, Record_pieces{head, sizeof(head), text, copied, 1});
 }
 
@@ -290,8 +299,8 @@ void log_raw_formatted(std::uint32_t stream_key, const std::uint8_t* data, std::
     }
     // The format goes out as given: raw data keeps whatever presentation code it was handed.
     unsigned char head[encoding::RAW_HEAD_SIZE];
-    encoding::encode_raw_head(head, static_cast<std::uint16_t>(length + 10), static_cast<std::uint8_t>(format), length,
-                              stream_key);
+    encoding::encode_raw_head(head, KIND_WRITE_RAW_FORMATTED, static_cast<std::uint16_t>(length + 10),
+                              static_cast<std::uint8_t>(format), length, stream_key);
     append_record(stream_key, Record_pieces{head, sizeof(head), data, length, 0});
 }
 
@@ -306,7 +315,8 @@ void log_encoded_payload(std::uint32_t stream_key, const std::vector<unsigned ch
     const std::uint16_t size = length;
     const std::size_t available = size < payload.size() ? size : payload.size();
     unsigned char head[encoding::ENCODED_PAYLOAD_HEAD_SIZE];
-    encoding::encode_encoded_payload_head(head, static_cast<std::uint16_t>(size + 9), size, stream_key);
+    encoding::encode_encoded_payload_head(head, KIND_WRITE_ENCODED_PAYLOAD, static_cast<std::uint16_t>(size + 9), size,
+                                          stream_key);
     append_record(stream_key, Record_pieces{head, sizeof(head), payload.data(), available, size - available});
 }
 
@@ -318,7 +328,7 @@ void log_finish(std::uint32_t stream_key)
         node = incomplete_logstream_messages.extract(stream_key);
     }
     unsigned char finish[encoding::FINISH_SIZE];
-    encoding::encode_finish(finish, stream_key);
+    encoding::encode_finish(finish, KIND_WRITE_FINISH, stream_key);
 
     if (node.empty()) {
         // Nothing was open under this key: the message is the finish record alone.
@@ -345,7 +355,7 @@ void log_encoded_message(const std::vector<unsigned char>& message, const std::u
     const std::uint16_t size = length;
     const std::size_t available = size < message.size() ? size : message.size();
     unsigned char head[encoding::ENCODED_MESSAGE_HEAD_SIZE];
-    encoding::encode_encoded_message_head(head, static_cast<std::uint16_t>(size + 5), size);
+    encoding::encode_encoded_message_head(head, KIND_WRITE_ENCODED_MESSAGE, static_cast<std::uint16_t>(size + 5), size);
     std::vector<unsigned char> bytes;
     bytes.reserve(sizeof(head) + size);
     append(bytes, head, sizeof(head));

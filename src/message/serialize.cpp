@@ -2,13 +2,16 @@
 // the level-filter update that the daemon sends back.
 //
 // Every record is appended in one step: its size is computed first, `out` is grown
-// once, and the bytes are written through a pointer into the new tail. Integers are
+// once, and the bytes are written through a pointer into the new tail, with the encoders
+// that the log-stream hot path uses as well (one copy of the byte layout). Integers are
 // emitted by shifting (little-endian whatever the host), floating-point values as
 // their in-memory bytes.
 
 #include "logferry/message.hpp"
 
 #include <cstring>
+
+#include "message/record_encoding.hpp"
 
 namespace logferry {
 namespace {
@@ -21,61 +24,9 @@ unsigned char* grow(std::vector<unsigned char>& out, std::size_t count)
     return out.data() + old_size;
 }
 
-unsigned char* put_u8(unsigned char* p, std::uint8_t value) noexcept
-{
-    *p = value;
-    return p + 1;
-}
-
-unsigned char* put_u16(unsigned char* p, std::uint16_t value) noexcept
-{
-    p[0] = static_cast<unsigned char>(value);
-    p[1] = static_cast<unsigned char>(value >> 8);
-    return p + 2;
-}
-
-unsigned char* put_u32(unsigned char* p, std::uint32_t value) noexcept
-{
-    p[0] = static_cast<unsigned char>(value);
-    p[1] = static_cast<unsigned char>(value >> 8);
-    p[2] = static_cast<unsigned char>(value >> 16);
-    p[3] = static_cast<unsigned char>(value >> 24);
-    return p + 4;
-}
-
-unsigned char* put_u64(unsigned char* p, std::uint64_t value) noexcept
-{
-    for (unsigned int i = 0; i < 8; ++i) {
-        p[i] = static_cast<unsigned char>(value >> (8 * i));
-    }
-    return p + 8;
-}
-
-// Signed values: two's complement, so the unsigned conversion gives the bytes.
-unsigned char* put_i8(unsigned char* p, std::int8_t value) noexcept
-{
-    return put_u8(p, static_cast<std::uint8_t>(value));
-}
-unsigned char* put_i16(unsigned char* p, std::int16_t value) noexcept
-{
-    return put_u16(p, static_cast<std::uint16_t>(value));
-}
-unsigned char* put_i32(unsigned char* p, std::int32_t value) noexcept
-{
-    return put_u32(p, static_cast<std::uint32_t>(value));
-}
-unsigned char* put_i64(unsigned char* p, std::int64_t value) noexcept
-{
-    return put_u64(p, static_cast<std::uint64_t>(value));
-}
-
-// Floating-point values go out as the bytes of their in-memory representation.
-template <typename T>
-unsigned char* put_memory(unsigned char* p, T value) noexcept
-{
-    std::memcpy(p, &value, sizeof value);
-    return p + sizeof value;
-}
+using encoding::put_u16;
+using encoding::put_u32;
+using encoding::put_u8;
 
 template <std::size_t N>
 unsigned char* put_array(unsigned char* p, const std::array<char, N>& array, std::size_t count) noexcept
@@ -169,115 +120,81 @@ void serialize(const Logferry_unregister_context& record, std::vector<unsigned c
 
 void serialize(const Logferry_write_start& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 14);
-    p = put_u8(p, record.kind);
-    p = put_u8(p, record.log_level);
-    p = put_u32(p, record.context_handle);
-    p = put_u32(p, record.stream_key);
-    put_u32(p, record.timestamp);
+    encoding::encode_start(grow(out, encoding::START_SIZE), record.kind, record.log_level, record.context_handle,
+                           record.stream_key, record.timestamp);
 }
 
 void serialize(const Logferry_write_finish& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 5);
-    p = put_u8(p, record.kind);
-    put_u32(p, record.stream_key);
+    encoding::encode_finish(grow(out, encoding::FINISH_SIZE), record.kind, record.stream_key);
 }
 
-// The plain-number kinds write the stream key before the value.
+// The plain-number kinds write the stream key before the value; signed values go out in
+// two's complement, which their unsigned conversion gives.
 
 void serialize(const Logferry_write_bool& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 6);
-    p = put_u8(p, record.kind);
-    p = put_u32(p, record.stream_key);
-    put_u8(p, record.value);
+    encoding::encode_plain_u8(grow(out, encoding::plain_size(1)), record.kind, record.stream_key, record.value);
 }
 
 void serialize(const Logferry_write_int8& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 6);
-    p = put_u8(p, record.kind);
-    p = put_u32(p, record.stream_key);
-    put_i8(p, record.value);
+    encoding::encode_plain_u8(grow(out, encoding::plain_size(1)), record.kind, record.stream_key,
+                              static_cast<std::uint8_t>(record.value));
 }
 
 void serialize(const Logferry_write_int16& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 7);
-    p = put_u8(p, record.kind);
-    p = put_u32(p, record.stream_key);
-    put_i16(p, record.value);
+    encoding::encode_plain_u16(grow(out, encoding::plain_size(2)), record.kind, record.stream_key,
+                               static_cast<std::uint16_t>(record.value));
 }
 
 void serialize(const Logferry_write_int32& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 9);
-    p = put_u8(p, record.kind);
-    p = put_u32(p, record.stream_key);
-    put_i32(p, record.value);
+    encoding::encode_plain_u32(grow(out, encoding::plain_size(4)), record.kind, record.stream_key,
+                               static_cast<std::uint32_t>(record.value));
 }
 
 void serialize(const Logferry_write_int64& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 13);
-    p = put_u8(p, record.kind);
-    p = put_u32(p, record.stream_key);
-    put_i64(p, record.value);
+    encoding::encode_plain_u64(grow(out, encoding::plain_size(8)), record.kind, record.stream_key,
+                               static_cast<std::uint64_t>(record.value));
 }
 
 // The formatted kinds write format and value first and the stream key last.
 
 void serialize(const Logferry_write_uint8_formatted& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 7);
-    p = put_u8(p, record.kind);
-    p = put_u8(p, record.format);
-    p = put_u8(p, record.value);
-    put_u32(p, record.stream_key);
+    encoding::encode_formatted_u8(grow(out, encoding::formatted_size(1)), record.kind, record.format, record.value,
+                                  record.stream_key);
 }
 
 void serialize(const Logferry_write_uint16_formatted& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 8);
-    p = put_u8(p, record.kind);
-    p = put_u8(p, record.format);
-    p = put_u16(p, record.value);
-    put_u32(p, record.stream_key);
+    encoding::encode_formatted_u16(grow(out, encoding::formatted_size(2)), record.kind, record.format, record.value,
+                                   record.stream_key);
 }
 
 void serialize(const Logferry_write_uint32_formatted& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 10);
-    p = put_u8(p, record.kind);
-    p = put_u8(p, record.format);
-    p = put_u32(p, record.value);
-    put_u32(p, record.stream_key);
+    encoding::encode_formatted_u32(grow(out, encoding::formatted_size(4)), record.kind, record.format, record.value,
+                                   record.stream_key);
 }
 
 void serialize(const Logferry_write_uint64_formatted& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 14);
-    p = put_u8(p, record.kind);
-    p = put_u8(p, record.format);
-    p = put_u64(p, record.value);
-    put_u32(p, record.stream_key);
+    encoding::encode_formatted_u64(grow(out, encoding::formatted_size(8)), record.kind, record.format, record.value,
+                                   record.stream_key);
 }
 
 void serialize(const Logferry_write_float32& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 9);
-    p = put_u8(p, record.kind);
-    p = put_u32(p, record.stream_key);
-    put_memory(p, record.value);
+    encoding::encode_plain_memory(grow(out, encoding::plain_size(4)), record.kind, record.stream_key, record.value);
 }
 
 void serialize(const Logferry_write_float64& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 13);
-    p = put_u8(p, record.kind);
-    p = put_u32(p, record.stream_key);
-    put_memory(p, record.value);
+    encoding::encode_plain_memory(grow(out, encoding::plain_size(8)), record.kind, record.stream_key, record.value);
 }
 
 void serialize(const Logferry_write_utf8_string& record, std::vector<unsigned char>& out)
@@ -287,43 +204,32 @@ void serialize(const Logferry_write_utf8_string& record, std::vector<unsigned ch
     const void* zero = std::memchr(record.text.data(), 0, record.text.size());
     const std::size_t text =
         zero == nullptr ? 0 : static_cast<std::size_t>(static_cast<const char*>(zero) - record.text.data()) + 1;
-    unsigned char* p = grow(out, 7 + text);
-    p = put_u8(p, record.kind);
-    p = put_u16(p, record.length);
-    p = put_u32(p, record.stream_key);
+    unsigned char* p = grow(out, encoding::TEXT_HEAD_SIZE + text);
+    p += encoding::encode_text_head(p, record.kind, record.length, record.stream_key);
     put_array(p, record.text, text);
 }
 
 void serialize(const Logferry_write_raw_formatted& record, std::vector<unsigned char>& out)
 {
     const std::size_t payload = payload_bytes(record.size);
-    unsigned char* p = grow(out, 10 + payload);
-    p = put_u8(p, record.kind);
-    p = put_u16(p, record.length);
-    p = put_u8(p, record.format);
-    p = put_u16(p, record.size);
-    p = put_u32(p, record.stream_key);
+    unsigned char* p = grow(out, encoding::RAW_HEAD_SIZE + payload);
+    p += encoding::encode_raw_head(p, record.kind, record.length, record.format, record.size, record.stream_key);
     put_array(p, record.payload, payload);
 }
 
 void serialize(const Logferry_write_encoded_payload& record, std::vector<unsigned char>& out)
 {
     const std::size_t payload = payload_bytes(record.size);
-    unsigned char* p = grow(out, 9 + payload);
-    p = put_u8(p, record.kind);
-    p = put_u16(p, record.length);
-    p = put_u16(p, record.size);
-    p = put_u32(p, record.stream_key);
+    unsigned char* p = grow(out, encoding::ENCODED_PAYLOAD_HEAD_SIZE + payload);
+    p += encoding::encode_encoded_payload_head(p, record.kind, record.length, record.size, record.stream_key);
     put_array(p, record.payload, payload);
 }
 
 void serialize(const Logferry_write_encoded_message& record, std::vector<unsigned char>& out)
 {
     const std::size_t payload = payload_bytes(record.size);
-    unsigned char* p = grow(out, 5 + payload);
-    p = put_u8(p, record.kind);
-    p = put_u16(p, record.length);
-    p = put_u16(p, record.size);
+    unsigned char* p = grow(out, encoding::ENCODED_MESSAGE_HEAD_SIZE + payload);
+    p += encoding::encode_encoded_message_head(p, record.kind, record.length, record.size);
     put_array(p, record.payload, payload);
 }
 

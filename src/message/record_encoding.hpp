@@ -1,15 +1,16 @@
-#ifndef LOGFERRY_CLIENT_RECORD_ENCODING_HPP
-#define LOGFERRY_CLIENT_RECORD_ENCODING_HPP
+#ifndef LOGFERRY_MESSAGE_RECORD_ENCODING_HPP
+#define LOGFERRY_MESSAGE_RECORD_ENCODING_HPP
 
-// Direct encoders for the records of the log-stream hot path.
+// The byte layout of the log records, written through a pointer.
 //
-// They write exactly the bytes that `serialize` writes for the same record, but straight
-// into a small caller-provided buffer (normally on the stack), so that a log call neither
-// builds the record structure with its 1390-byte field nor grows a vector byte by byte.
-// The variable records (text, raw data, encoded payload) are split into their fixed head,
-// encoded here, and their body, which the caller appends from where it already is.
-// Integers are written little-endian by shifting, floating-point values as the bytes of
-// their in-memory representation, as the record encoding prescribes.
+// `serialize` writes every record with these encoders into the tail it has grown its vector
+// by; the log-stream hot path writes the same bytes straight into a small buffer on the stack,
+// so that a log call neither builds the record structure with its 1390-byte field nor grows a
+// vector byte by byte. The variable records (text, raw data, encoded payload, encoded message)
+// are split into their fixed head, encoded here, and their body, which the caller copies from
+// where it already is. Integers are written little-endian by shifting, floating-point values
+// as the bytes of their in-memory representation. Each encoder takes the kind byte to write
+// (`serialize` writes the record's own) and returns the number of bytes written.
 
 #include <cstddef>
 #include <cstdint>
@@ -64,11 +65,15 @@ constexpr std::size_t RAW_HEAD_SIZE = 10;
 constexpr std::size_t ENCODED_PAYLOAD_HEAD_SIZE = 9;
 constexpr std::size_t ENCODED_MESSAGE_HEAD_SIZE = 5;
 constexpr std::size_t MAX_FIXED_SIZE = 14;
+// A plain number record (kind, stream key, value) and a formatted one (kind, format, value,
+// stream key) with a value of `value_size` bytes.
+constexpr std::size_t plain_size(std::size_t value_size) { return 5 + value_size; }
+constexpr std::size_t formatted_size(std::size_t value_size) { return 6 + value_size; }
 
-inline std::size_t encode_start(unsigned char* out, std::uint8_t level, std::uint32_t handle, std::uint32_t key,
-                                std::uint32_t timestamp) noexcept
+inline std::size_t encode_start(unsigned char* out, std::uint8_t kind, std::uint8_t level, std::uint32_t handle,
+                                std::uint32_t key, std::uint32_t timestamp) noexcept
 {
-    unsigned char* p = put_u8(out, KIND_WRITE_START);
+    unsigned char* p = put_u8(out, kind);
     p = put_u8(p, level);
     p = put_u32(p, handle);
     p = put_u32(p, key);
@@ -76,9 +81,9 @@ inline std::size_t encode_start(unsigned char* out, std::uint8_t level, std::uin
     return static_cast<std::size_t>(p - out);
 }
 
-inline std::size_t encode_finish(unsigned char* out, std::uint32_t key) noexcept
+inline std::size_t encode_finish(unsigned char* out, std::uint8_t kind, std::uint32_t key) noexcept
 {
-    return static_cast<std::size_t>(put_u32(put_u8(out, KIND_WRITE_FINISH), key) - out);
+    return static_cast<std::size_t>(put_u32(put_u8(out, kind), key) - out);
 }
 
 // Plain numbers (kinds 9-13, 18, 19): kind, stream key, value.
@@ -114,62 +119,64 @@ inline std::size_t encode_plain_memory(unsigned char* out, std::uint8_t kind, st
 }
 
 // Formatted numbers (kinds 14-17): kind, format, value, stream key.
-inline std::size_t encode_formatted_u8(unsigned char* out, std::uint8_t format, std::uint8_t value,
+inline std::size_t encode_formatted_u8(unsigned char* out, std::uint8_t kind, std::uint8_t format, std::uint8_t value,
                                        std::uint32_t key) noexcept
 {
-    unsigned char* p = put_u8(put_u8(out, KIND_WRITE_UINT8_FORMATTED), format);
+    unsigned char* p = put_u8(put_u8(out, kind), format);
     return static_cast<std::size_t>(put_u32(put_u8(p, value), key) - out);
 }
 
-inline std::size_t encode_formatted_u16(unsigned char* out, std::uint8_t format, std::uint16_t value,
+inline std::size_t encode_formatted_u16(unsigned char* out, std::uint8_t kind, std::uint8_t format, std::uint16_t value,
                                         std::uint32_t key) noexcept
 {
-    unsigned char* p = put_u8(put_u8(out, KIND_WRITE_UINT16_FORMATTED), format);
+    unsigned char* p = put_u8(put_u8(out, kind), format);
     return static_cast<std::size_t>(put_u32(put_u16(p, value), key) - out);
 }
 
-inline std::size_t encode_formatted_u32(unsigned char* out, std::uint8_t format, std::uint32_t value,
+inline std::size_t encode_formatted_u32(unsigned char* out, std::uint8_t kind, std::uint8_t format, std::uint32_t value,
                                         std::uint32_t key) noexcept
 {
-    unsigned char* p = put_u8(put_u8(out, KIND_WRITE_UINT32_FORMATTED), format);
+    unsigned char* p = put_u8(put_u8(out, kind), format);
     return static_cast<std::size_t>(put_u32(put_u32(p, value), key) - out);
 }
 
-inline std::size_t encode_formatted_u64(unsigned char* out, std::uint8_t format, std::uint64_t value,
+inline std::size_t encode_formatted_u64(unsigned char* out, std::uint8_t kind, std::uint8_t format, std::uint64_t value,
                                         std::uint32_t key) noexcept
 {
-    unsigned char* p = put_u8(put_u8(out, KIND_WRITE_UINT64_FORMATTED), format);
+    unsigned char* p = put_u8(put_u8(out, kind), format);
     return static_cast<std::size_t>(put_u32(put_u64(p, value), key) - out);
 }
 
 // Head of a text record (kind 20): kind, length, stream key. The text and its terminating
 // zero follow.
-inline std::size_t encode_text_head(unsigned char* out, std::uint16_t length, std::uint32_t key) noexcept
+inline std::size_t encode_text_head(unsigned char* out, std::uint8_t kind, std::uint16_t length,
+                                    std::uint32_t key) noexcept
 {
-    return static_cast<std::size_t>(put_u32(put_u16(put_u8(out, KIND_WRITE_UTF8_STRING), length), key) - out);
+    return static_cast<std::size_t>(put_u32(put_u16(put_u8(out, kind), length), key) - out);
 }
 
 // Head of a raw record (kind 21): kind, length, format, size, stream key. `size` payload
 // bytes follow when size is 1 to 1389.
-inline std::size_t encode_raw_head(unsigned char* out, std::uint16_t length, std::uint8_t format, std::uint16_t size,
-                                   std::uint32_t key) noexcept
+inline std::size_t encode_raw_head(unsigned char* out, std::uint8_t kind, std::uint16_t length, std::uint8_t format,
+                                   std::uint16_t size, std::uint32_t key) noexcept
 {
-    unsigned char* p = put_u16(put_u8(out, KIND_WRITE_RAW_FORMATTED), length);
+    unsigned char* p = put_u16(put_u8(out, kind), length);
     return static_cast<std::size_t>(put_u32(put_u16(put_u8(p, format), size), key) - out);
 }
 
 // Head of an encoded-payload record (kind 22): kind, length, size, stream key.
-inline std::size_t encode_encoded_payload_head(unsigned char* out, std::uint16_t length, std::uint16_t size,
-                                               std::uint32_t key) noexcept
+inline std::size_t encode_encoded_payload_head(unsigned char* out, std::uint8_t kind, std::uint16_t length,
+                                               std::uint16_t size, std::uint32_t key) noexcept
 {
-    unsigned char* p = put_u16(put_u8(out, KIND_WRITE_ENCODED_PAYLOAD), length);
+    unsigned char* p = put_u16(put_u8(out, kind), length);
     return static_cast<std::size_t>(put_u32(put_u16(p, size), key) - out);
 }
 
 // Head of an encoded-message record (kind 23): kind, length, size.
-inline std::size_t encode_encoded_message_head(unsigned char* out, std::uint16_t length, std::uint16_t size) noexcept
+inline std::size_t encode_encoded_message_head(unsigned char* out, std::uint8_t kind, std::uint16_t length,
+                                               std::uint16_t size) noexcept
 {
-    return static_cast<std::size_t>(put_u16(put_u16(put_u8(out, KIND_WRITE_ENCODED_MESSAGE), length), size) - out);
+    return static_cast<std::size_t>(put_u16(put_u16(put_u8(out, kind), length), size) - out);
 }
 
 }  // namespace logferry::encoding
