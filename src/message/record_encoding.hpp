@@ -49,9 +49,10 @@ inline unsigned char* put_u64(unsigned char* out, std::uint64_t value) noexcept
     return out + 8;
 }
 
-// The bytes of the value as it lies in memory, first byte first.
+// The bytes of the value as it lies in memory, first byte first. Taken by value: a packed
+// record's field is not aligned, and a reference to it would be.
 template <typename T>
-inline unsigned char* put_memory(unsigned char* out, const T& value) noexcept
+inline unsigned char* put_memory(unsigned char* out, T value) noexcept
 {
     std::memcpy(out, &value, sizeof(T));
     return out + sizeof(T);
@@ -112,8 +113,7 @@ inline std::size_t encode_plain_u64(unsigned char* out, std::uint8_t kind, std::
 }
 
 template <typename T>
-inline std::size_t encode_plain_memory(unsigned char* out, std::uint8_t kind, std::uint32_t key,
-                                       const T& value) noexcept
+inline std::size_t encode_plain_memory(unsigned char* out, std::uint8_t kind, std::uint32_t key, T value) noexcept
 {
     return static_cast<std::size_t>(put_memory(put_u32(put_u8(out, kind), key), value) - out);
 }
