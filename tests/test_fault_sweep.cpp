@@ -15,7 +15,8 @@
 // the descriptor (Linux does), a failing unlock leaves the mutex unlocked (it fails because
 // the caller does not hold it), an EOWNERDEAD lock holds the lock, and after a failed lock
 // the release of the lock never taken fails with EPERM, as it does for a robust mutex. The
-// sleeps are not failed (their EINTR handling is tested with the system layer).
+// sleeps cannot fail: they are interrupted instead (nanosleep reports EINTR half-way, through
+// the program's own nanosleep), and must still last their whole time.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -43,6 +44,7 @@
 #include "logferry/channel.hpp"
 #include "logferry/client.hpp"
 #include "logferry/listener.hpp"
+#include "probes/nanosleep_probe.hpp"
 #include "support/fake_system.hpp"
 #include "support/listener_daemon.hpp"
 #include "support/test_util.hpp"
@@ -1018,6 +1020,102 @@ TEST_F(FaultSweep, ReceiverThreadReconnect)
         EXPECT_EQ(count_open_fds(), fds);
     });
     report_pairs("receiver thread reconnect", pairs, 20, calls);
+    system.set_parking(false);
+    reset_front_end();
+}
+
+// The sleeps of the receiver thread's reconnect, each interrupted by a signal (nanosleep
+// reports EINTR half-way): the pause after a pass that announced the channel (50 ms) and the
+// one after a connect step that failed (1 s) still last their whole time, the interrupted
+// request is followed by one for exactly the time left, the pass says and leaves what it
+// would have without the signal, and the next pass announces the channel.
+TEST_F(FaultSweep, ReceiverThreadSleepsInterrupted)
+{
+    start_daemon();
+    Sweep_system& system = install();
+    system.fake_sleeps(true);
+    system.set_parking(true);
+    reset_front_end();
+    logferry::set_app_identifier("SWI");
+    const std::string name = "/logferry-" + logferry::client.app_identifier;
+    const int fds = count_open_fds();
+
+    struct Sleep_case {
+        const char* what;
+        bool connect_fails;  // the lock file cannot be opened: no daemon is seen
+        Op sleep;
+        long pause_ns;
+    };
+    const Sleep_case cases[] = {
+        {"pause after announcing", false, Op::sleep_for_milliseconds, 50000000L},
+        {"pause after a failed connect step", true, Op::sleep_for_seconds, 1000000000L},
+    };
+    std::vector<Op> calls;
+    int pairs = 0;
+    for (const Sleep_case& sleep_case : cases) {
+        SCOPED_TRACE(sleep_case.what);
+        Hang_guard guard(sleep_case.what, std::chrono::seconds(30));
+        const int parked = system.parks();
+        logferry::init();
+        ASSERT_TRUE(system.wait_parks(parked + 1)) << "the receiver thread did not come to rest";
+        ASSERT_TRUE(announced(name));
+        const pthread_t receiver = logferry::message_receiver_thread.native_handle();
+        wipe_listener_list();
+
+        // This pass sleeps for real, and its sleep is interrupted once.
+        system.fake_sleeps(false);
+        if (sleep_case.connect_fails) {
+            system.inject(Op::open, 0, {-1, EACCES});
+        }
+        logferry_test::take_nanosleep_calls();
+        logferry_test::interrupt_nanosleeps_of(receiver, 1);
+        system.start_recording();
+        const auto started = std::chrono::steady_clock::now();
+        const std::string output = capture_stderr([&] { EXPECT_TRUE(system.run_one_pass()); });
+        const auto slept = std::chrono::steady_clock::now() - started;
+        const std::vector<Op> made = system.stop_recording();
+        ASSERT_FALSE(made.empty());
+        EXPECT_EQ(op_name(made.back()), op_name(sleep_case.sleep));  // the pass ends in that pause
+        logferry_test::interrupt_nanosleeps(0);
+        system.fake_sleeps(true);
+        if (sleep_case.connect_fails) {
+            EXPECT_TRUE(system.clear()) << "the lock file was not opened";
+        }
+
+        std::vector<logferry_test::Nanosleep_call> sleeps;
+        for (const logferry_test::Nanosleep_call& call : logferry_test::take_nanosleep_calls()) {
+            if (::pthread_equal(call.thread, receiver) != 0) {
+                sleeps.push_back(call);
+            }
+        }
+        ASSERT_EQ(sleeps.size(), 2u);
+        EXPECT_TRUE(sleeps[0].interrupted);
+        EXPECT_EQ(sleeps[0].request.tv_sec * 1000000000L + sleeps[0].request.tv_nsec, sleep_case.pause_ns);
+        EXPECT_FALSE(sleeps[1].interrupted);
+        EXPECT_EQ(sleeps[1].request.tv_sec * 1000000000L + sleeps[1].request.tv_nsec, sleep_case.pause_ns / 2);
+        EXPECT_GE(std::chrono::duration_cast<std::chrono::nanoseconds>(slept).count(), sleep_case.pause_ns);
+        EXPECT_EQ(output, "");
+        EXPECT_EQ(announced(name), !sleep_case.connect_fails);
+        EXPECT_EQ(logferry::listener.is_initialized(), !sleep_case.connect_fails);
+        EXPECT_TRUE(logferry::client.is_initialized());
+        EXPECT_EQ(count_open_fds(), fds);
+        calls.push_back(made.back());
+        ++pairs;
+
+        // The next pass announces the channel (again).
+        wipe_listener_list();
+        EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(system.run_one_pass()); }), "");
+        EXPECT_TRUE(announced(name));
+        EXPECT_EQ(system.sleeps_ms().back(), 50u);
+
+        wipe_listener_list();
+        logferry::exit();
+        EXPECT_FALSE(shm_exists(name));
+        EXPECT_EQ(count_mappings(name), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_open_fds(), fds);
+    }
+    report_pairs("receiver thread sleeps (EINTR)", pairs, 2, calls);
     system.set_parking(false);
     reset_front_end();
 }

@@ -3,20 +3,19 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "logferry/system.hpp"
+#include "probes/nanosleep_probe.hpp"
 #include "support/fake_system.hpp"
 #include "support/robust_list.hpp"
 #include "support/test_util.hpp"
@@ -29,42 +28,11 @@ using logferry_test::Op;
 using logferry_test::Scoped_system;
 
 // ---------------------------------------------------------------------------------------
-// nanosleep is interposed in this executable so the sleeps' system calls can be observed.
-namespace {
-std::mutex nanosleep_mutex;
-std::vector<timespec> nanosleep_requests;
-int nanosleep_interrupt_once = 0;  // when set, the next call reports EINTR after half the time
-}  // namespace
-
-extern "C" int nanosleep(const struct timespec* request, struct timespec* remaining) __THROW
-{
-    {
-        std::lock_guard<std::mutex> lock(nanosleep_mutex);
-        nanosleep_requests.push_back(*request);
-        if (nanosleep_interrupt_once > 0) {
-            --nanosleep_interrupt_once;
-            long total = request->tv_sec * 1000000000L + request->tv_nsec;
-            long left = total / 2;
-            if (remaining != nullptr) {
-                remaining->tv_sec = left / 1000000000L;
-                remaining->tv_nsec = left % 1000000000L;
-            }
-            errno = EINTR;
-            return -1;
-        }
-    }
-    return static_cast<int>(::syscall(SYS_nanosleep, request, remaining));
-}
+// nanosleep is interposed in this executable (probes/nanosleep_probe.cpp) so the sleeps'
+// system calls can be observed and interrupted.
+using logferry_test::take_nanosleep_requests;
 
 namespace {
-std::vector<timespec> take_nanosleep_requests()
-{
-    std::lock_guard<std::mutex> lock(nanosleep_mutex);
-    std::vector<timespec> result;
-    result.swap(nanosleep_requests);
-    return result;
-}
-
 // Read before any default-priority static constructor of this program runs.
 logferry::System_lib* sys_seen_early = nullptr;
 __attribute__((constructor(101))) void look_at_sys_early() { sys_seen_early = logferry::sys; }
@@ -211,10 +179,7 @@ TEST(System, SecondSleepRequestsWholeSeconds)
 TEST(System, InterruptedSleepResumesWithTheRemainingTime)
 {
     take_nanosleep_requests();
-    {
-        std::lock_guard<std::mutex> lock(nanosleep_mutex);
-        nanosleep_interrupt_once = 1;
-    }
+    logferry_test::interrupt_nanosleeps(1);
     logferry::sys->sleep_for_milliseconds(40);
     const auto requests = take_nanosleep_requests();
     ASSERT_EQ(requests.size(), 2u);
