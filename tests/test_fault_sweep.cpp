@@ -530,6 +530,22 @@ bool path_exists(const std::string& path)
 // Fixture: a private run-state directory (with ara_DLT), optionally a daemon's listener in a
 // child process (the lock it holds must belong to another process), and the sweep's system.
 
+// The library-wide front-end state back as it was at load time (the channel name aside).
+void reset_front_end()
+{
+    logferry::exit();
+    logferry::registered_application.clear();
+    logferry::registered_contexts.clear();
+    logferry::log_level_filters.clear();
+    logferry::incomplete_logstream_messages.clear();
+    logferry::priority_message_queue = std::queue<std::vector<unsigned char>>();
+    logferry::init_called = false;
+    logferry::first_registration = true;
+    logferry::pending_registration = false;
+    logferry::terminate_receiver_thread = false;
+    logferry::client.lost_messages = 0;
+}
+
 class FaultSweep : public ::testing::Test {
 protected:
     void SetUp() override
@@ -623,6 +639,55 @@ protected:
         return found;
     }
 
+    // The sweep's system with fake sleeps at which the receiver thread parks, the front end
+    // as at load time and the channel named after `identifier`; returns the channel's name.
+    std::string install_parked(const char* identifier)
+    {
+        start_daemon();
+        Sweep_system& system = install();
+        system.fake_sleeps(true);
+        system.set_parking(true);
+        reset_front_end();
+        logferry::set_app_identifier(identifier);
+        return "/logferry-" + logferry::client.app_identifier;
+    }
+
+    void uninstall_parked()
+    {
+        system_->set_parking(false);
+        reset_front_end();
+    }
+
+    // Brings the library up with the receiver thread parked after its first pass (no daemon
+    // attached to the channel: the thread keeps to its inactive branch, announced).
+    void bring_up_parked(Sweep_system& system, const std::string& name)
+    {
+        const int parked = system.parks();
+        logferry::init();
+        ASSERT_TRUE(system.wait_parks(parked + 1)) << "the receiver thread did not come to rest";
+        ASSERT_TRUE(logferry::listener.is_initialized());
+        ASSERT_TRUE(announced(name));
+    }
+
+    // The parked thread's next pass announces the channel (again); then the library closes
+    // and leaves nothing behind.
+    void next_pass_announces_then_exit(Sweep_system& system, const std::string& name, int fds)
+    {
+        wipe_listener_list();
+        EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(system.run_one_pass()); }), "");
+        EXPECT_TRUE(announced(name));
+        EXPECT_TRUE(logferry::listener.is_initialized());
+        EXPECT_EQ(system.sleeps_ms().back(), 50u);
+        EXPECT_EQ(count_mappings(LISTENER_SHM), 1);
+
+        wipe_listener_list();
+        logferry::exit();
+        EXPECT_FALSE(shm_exists(name));
+        EXPECT_EQ(count_mappings(name), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_open_fds(), fds);
+    }
+
     std::string runstate_;
     std::unique_ptr<Sweep_system> system_;
     std::unique_ptr<Scoped_system> installed_;
@@ -633,22 +698,6 @@ private:
     std::string previous_lock_path_;
     logferry_test::Listener_daemon_child daemon_;
 };
-
-// The library-wide front-end state back as it was at load time (the channel name aside).
-void reset_front_end()
-{
-    logferry::exit();
-    logferry::registered_application.clear();
-    logferry::registered_contexts.clear();
-    logferry::log_level_filters.clear();
-    logferry::incomplete_logstream_messages.clear();
-    logferry::priority_message_queue = std::queue<std::vector<unsigned char>>();
-    logferry::init_called = false;
-    logferry::first_registration = true;
-    logferry::pending_registration = false;
-    logferry::terminate_receiver_thread = false;
-    logferry::client.lost_messages = 0;
-}
 
 }  // namespace
 
@@ -937,26 +986,11 @@ TEST_F(FaultSweep, ChannelPushAndPop)
 // a time.
 TEST_F(FaultSweep, ReceiverThreadReconnect)
 {
-    start_daemon();
-    Sweep_system& system = install();
-    system.fake_sleeps(true);
-    system.set_parking(true);
-    reset_front_end();
-    logferry::set_app_identifier("SWR");
-    const std::string name = "/logferry-" + logferry::client.app_identifier;
+    const std::string name = install_parked("SWR");
+    Sweep_system& system = *system_;
     const int fds = count_open_fds();
 
-    // Brings the library up with the thread parked after its first pass (no daemon attached
-    // to the channel: the thread keeps to its inactive branch).
-    const auto bring_up = [&] {
-        const int parked = system.parks();
-        logferry::init();
-        ASSERT_TRUE(system.wait_parks(parked + 1)) << "the receiver thread did not come to rest";
-        ASSERT_TRUE(logferry::listener.is_initialized());
-        ASSERT_TRUE(announced(name));
-    };
-
-    bring_up();
+    bring_up_parked(system, name);
     wipe_listener_list();
     system.start_recording();
     std::string output = capture_stderr([&] { ASSERT_TRUE(system.run_one_pass()); });
@@ -978,7 +1012,7 @@ TEST_F(FaultSweep, ReceiverThreadReconnect)
     add_lock_rows(table, "announcement", 1);
 
     const int pairs = sweep(calls, table, [&](Op op, int occurrence, const Row& row) {
-        bring_up();
+        bring_up_parked(system, name);
         wipe_listener_list();
         void* const old_listener_mapping = logferry::listener.segment;
 
@@ -1003,25 +1037,10 @@ TEST_F(FaultSweep, ReceiverThreadReconnect)
             ::munmap(old_listener_mapping, logferry::LISTENER_SEGMENT_SIZE);
         }
 
-        // The next pass announces the channel (again).
-        wipe_listener_list();
-        const std::string again = capture_stderr([&] { EXPECT_TRUE(system.run_one_pass()); });
-        EXPECT_EQ(again, "");
-        EXPECT_TRUE(announced(name));
-        EXPECT_TRUE(logferry::listener.is_initialized());
-        EXPECT_EQ(system.sleeps_ms().back(), 50u);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 1);
-
-        wipe_listener_list();
-        logferry::exit();
-        EXPECT_FALSE(shm_exists(name));
-        EXPECT_EQ(count_mappings(name), 0);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
-        EXPECT_EQ(count_open_fds(), fds);
+        next_pass_announces_then_exit(system, name, fds);
     });
     report_pairs("receiver thread reconnect", pairs, 20, calls);
-    system.set_parking(false);
-    reset_front_end();
+    uninstall_parked();
 }
 
 // The sleeps of the receiver thread's reconnect, each interrupted by a signal (nanosleep
@@ -1031,13 +1050,8 @@ TEST_F(FaultSweep, ReceiverThreadReconnect)
 // would have without the signal, and the next pass announces the channel.
 TEST_F(FaultSweep, ReceiverThreadSleepsInterrupted)
 {
-    start_daemon();
-    Sweep_system& system = install();
-    system.fake_sleeps(true);
-    system.set_parking(true);
-    reset_front_end();
-    logferry::set_app_identifier("SWI");
-    const std::string name = "/logferry-" + logferry::client.app_identifier;
+    const std::string name = install_parked("SWI");
+    Sweep_system& system = *system_;
     const int fds = count_open_fds();
 
     struct Sleep_case {
@@ -1055,10 +1069,7 @@ TEST_F(FaultSweep, ReceiverThreadSleepsInterrupted)
     for (const Sleep_case& sleep_case : cases) {
         SCOPED_TRACE(sleep_case.what);
         Hang_guard guard(sleep_case.what, std::chrono::seconds(30));
-        const int parked = system.parks();
-        logferry::init();
-        ASSERT_TRUE(system.wait_parks(parked + 1)) << "the receiver thread did not come to rest";
-        ASSERT_TRUE(announced(name));
+        bring_up_parked(system, name);
         const pthread_t receiver = logferry::message_receiver_thread.native_handle();
         wipe_listener_list();
 
@@ -1102,22 +1113,10 @@ TEST_F(FaultSweep, ReceiverThreadSleepsInterrupted)
         calls.push_back(made.back());
         ++pairs;
 
-        // The next pass announces the channel (again).
-        wipe_listener_list();
-        EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(system.run_one_pass()); }), "");
-        EXPECT_TRUE(announced(name));
-        EXPECT_EQ(system.sleeps_ms().back(), 50u);
-
-        wipe_listener_list();
-        logferry::exit();
-        EXPECT_FALSE(shm_exists(name));
-        EXPECT_EQ(count_mappings(name), 0);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
-        EXPECT_EQ(count_open_fds(), fds);
+        next_pass_announces_then_exit(system, name, fds);
     }
     report_pairs("receiver thread sleeps (EINTR)", pairs, 2, calls);
-    system.set_parking(false);
-    reset_front_end();
+    uninstall_parked();
 }
 
 // logferry::exit with the receiver thread running: the thread wakes, looks at the connection
@@ -1125,13 +1124,8 @@ TEST_F(FaultSweep, ReceiverThreadSleepsInterrupted)
 // are closed.
 TEST_F(FaultSweep, Exit)
 {
-    start_daemon();
-    Sweep_system& system = install();
-    system.fake_sleeps(true);
-    system.set_parking(true);
-    reset_front_end();
-    logferry::set_app_identifier("SWE");
-    const std::string name = "/logferry-" + logferry::client.app_identifier;
+    const std::string name = install_parked("SWE");
+    Sweep_system& system = *system_;
     const int fds = count_open_fds();
 
     const auto bring_up = [&] {
@@ -1199,6 +1193,5 @@ TEST_F(FaultSweep, Exit)
         wipe_listener_list();
     });
     report_pairs("logferry::exit", pairs, 10, calls);
-    system.set_parking(false);
-    reset_front_end();
+    uninstall_parked();
 }
