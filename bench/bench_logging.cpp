@@ -4,7 +4,9 @@
 // Message: log_start, log_int32, log_utf8_string("hello world"), log_uint32_formatted (hex)
 // and log_finish, with a daemon-side reader attached to the channel in its own thread,
 // taking the messages out of the ring as the daemon does. Also with two application threads
-// on different stream keys, and the level-filter query.
+// on different stream keys, and the level-filter query. Both readers (the channel's and the
+// floor's) take everything waiting in one hold of the ring's mutex and let go of the records
+// after releasing it, as a daemon that forwards outside the application's lock does.
 //
 // Floor: the irreducible work of the same message: one clock read, its 57 bytes encoded on
 // the stack, one section of a robust process-shared mutex and one copy into a ring.
@@ -94,6 +96,19 @@ std::uint64_t reader_batch()
 }
 const std::uint64_t READER_BATCH = reader_batch();
 
+// What a reader does with the records it took in one hold of a ring's mutex, after releasing
+// it: a daemon forwards them outside the application's lock; here they are counted and freed.
+std::uint64_t forward_taken(std::vector<std::vector<unsigned char>>& taken, std::atomic<std::uint64_t>& read)
+{
+    const std::uint64_t count = taken.size();
+    for (const std::vector<unsigned char>& record : taken) {
+        benchmark::DoNotOptimize(record.data());
+    }
+    taken.clear();
+    read.fetch_add(count, std::memory_order_relaxed);
+    return count;
+}
+
 // ---------------------------------------------------------------------------------------
 // The library, registered, with the daemon's end of the channel draining the ring.
 
@@ -108,6 +123,7 @@ public:
             std::exit(1);
         }
         reader_end_.is_connection_active();
+        taken_.reserve(CLIENT_RING_RECORDS_MAX);
         reader_ = std::thread([this] { read(); });
         if (!logferry::register_app("BNCH", "benchmark") ||
             !logferry::register_context(CONTEXT, "CTX1", "benchmark context", LEVEL_INFO)) {
@@ -188,16 +204,17 @@ private:
             return 0;  // the application's records wait until it opens the gate
         }
         logferry::Channel_segment* segment = reader_end_.segment;
-        logferry::Mutex_lock_guard lock(&segment->client_mutex.mutex, false);
-        std::uint64_t taken = 0;
-        while (taken < READER_BATCH && !ring_empty(segment)) {
-            if (reader_end_.pop_unsynced(false).empty()) {
-                break;
+        {
+            logferry::Mutex_lock_guard lock(&segment->client_mutex.mutex, false);
+            while (taken_.size() < READER_BATCH && !ring_empty(segment)) {
+                std::vector<unsigned char> record = reader_end_.pop_unsynced(false);
+                if (record.empty()) {
+                    break;
+                }
+                taken_.push_back(std::move(record));
             }
-            ++taken;
         }
-        read_.fetch_add(taken, std::memory_order_relaxed);
-        return taken;
+        return forward_taken(taken_, read_);
     }
 
     static bool ring_empty(const logferry::Channel_segment* segment)
@@ -208,6 +225,7 @@ private:
     }
 
     logferry::Logferry_base reader_end_;
+    std::vector<std::vector<unsigned char>> taken_;
     std::thread reader_;
     std::atomic<bool> stop_{false};
     std::atomic<bool> paused_{false};
@@ -229,21 +247,25 @@ void set_allocation_counter(benchmark::State& state, std::uint64_t before)
                            benchmark::Counter::kAvgThreads);
 }
 
+// The measured message.
+inline void write_message(std::uint32_t key, std::uint32_t value)
+{
+    logferry::log_start(CONTEXT, key, LEVEL_INFO);
+    logferry::log_int32(key, static_cast<std::int32_t>(value));
+    logferry::log_utf8_string(key, "hello world");
+    logferry::log_uint32_formatted(key, value, logferry::LogFormat::kHex);
+    logferry::log_finish(key);
+}
+
 void BM_message(benchmark::State& state)
 {
     const std::uint32_t key = 1000 + static_cast<std::uint32_t>(state.thread_index());
     std::uint32_t value = 0;
     // One message outside the timing, so that steady state is measured.
-    logferry::log_start(CONTEXT, key, LEVEL_INFO);
-    logferry::log_finish(key);
+    write_message(key, value);
     const std::uint64_t before = thread_allocations;
     for (auto _ : state) {
-        logferry::log_start(CONTEXT, key, LEVEL_INFO);
-        logferry::log_int32(key, static_cast<std::int32_t>(value));
-        logferry::log_utf8_string(key, "hello world");
-        logferry::log_uint32_formatted(key, value, logferry::LogFormat::kHex);
-        logferry::log_finish(key);
-        ++value;
+        write_message(key, ++value);
     }
     set_allocation_counter(state, before);
     state.SetItemsProcessed(state.iterations());
@@ -252,29 +274,22 @@ void BM_message(benchmark::State& state)
 BENCHMARK(BM_message)->UseRealTime();
 BENCHMARK(BM_message)->Threads(2)->UseRealTime();
 
-// For comparison only: the same message with no reader running concurrently; the ring is
-// emptied between batches of 1000 messages with the timer stopped (which adds about
-// 2 ns per message of timer overhead). This is the front end's and the channel's own cost,
-// without the cross-core traffic and lock contention that a concurrent reader brings.
-void BM_message_no_concurrent_reader(benchmark::State& state)
+// Runs `message` once per iteration with the reader paused; the ring is emptied between
+// batches of 1000 messages with the timer stopped (which adds about 2 ns per message of timer
+// overhead). This is the front end's and the channel's own cost, without the cross-core
+// traffic and lock contention that a concurrent reader brings.
+template <typename Message>
+void run_without_concurrent_reader(benchmark::State& state, Message message)
 {
     constexpr unsigned int BATCH = 1000;
-    const std::uint32_t key = 2000;
-    std::uint32_t value = 0;
     session.pause_reader(true);
     session.drain_here();
-    logferry::log_start(CONTEXT, key, LEVEL_INFO);
-    logferry::log_finish(key);
+    message();  // steady state, as above
     const std::uint64_t before = thread_allocations;
     std::uint64_t drain_allocations = 0;
     unsigned int in_batch = 0;
     for (auto _ : state) {
-        logferry::log_start(CONTEXT, key, LEVEL_INFO);
-        logferry::log_int32(key, static_cast<std::int32_t>(value));
-        logferry::log_utf8_string(key, "hello world");
-        logferry::log_uint32_formatted(key, value, logferry::LogFormat::kHex);
-        logferry::log_finish(key);
-        ++value;
+        message();
         if (++in_batch == BATCH) {
             state.PauseTiming();
             const std::uint64_t before_drain = thread_allocations;
@@ -290,31 +305,26 @@ void BM_message_no_concurrent_reader(benchmark::State& state)
     session.drain_here();
     session.pause_reader(false);
 }
+
+// For comparison only: the message with no reader running concurrently.
+void BM_message_no_concurrent_reader(benchmark::State& state)
+{
+    std::uint32_t value = 0;
+    run_without_concurrent_reader(state, [&value] { write_message(2000, ++value); });
+}
 BENCHMARK(BM_message_no_concurrent_reader)->UseRealTime();
 
 // For comparison only: the work the design itself prescribes for this message, with every
 // record already encoded and no checks: the contexts' mutex around one lookup, one clock
-// read, the stream table's mutex around one map operation for each of the five calls, and
-// the push of the finished message into the ring (read concurrently, as for BM_message).
+// read, the stream table's mutex around one map operation for each of the five calls, each
+// record appended to the stream's vector, and the push of the finished message into the ring.
 // No front end can do less while keeping the specified locks and exported tables.
-void BM_prescribed_work(benchmark::State& state)
-{
-    const std::uint32_t key = 3000;
-    std::vector<unsigned char> start(14, 7);
-    std::vector<unsigned char> int32(9, 12);
-    std::vector<unsigned char> text(19, 20);
-    std::vector<unsigned char> hex(10, 16);
-    std::vector<unsigned char> finish(5, 8);
-    using Node = decltype(logferry::incomplete_logstream_messages)::node_type;
-    Node spare;
-    const auto append = [](std::vector<unsigned char>& out, const std::vector<unsigned char>& bytes) {
-        out.insert(out.end(), bytes.begin(), bytes.end());
-    };
-    const auto append_locked = [&](const std::vector<unsigned char>& bytes) {
-        std::lock_guard<std::mutex> lock(logferry::incomplete_logstream_messages_mutex);
-        append(logferry::incomplete_logstream_messages.find(key)->second, bytes);
-    };
-    for (auto _ : state) {
+class Prescribed_work {
+public:
+    explicit Prescribed_work(std::uint32_t key) : key_(key) {}
+
+    void message()
+    {
         {
             std::lock_guard<std::mutex> lock(logferry::contexts_mutex);
             benchmark::DoNotOptimize(logferry::registered_contexts.find(CONTEXT));
@@ -324,30 +334,68 @@ void BM_prescribed_work(benchmark::State& state)
         benchmark::DoNotOptimize(now);
         {
             std::lock_guard<std::mutex> lock(logferry::incomplete_logstream_messages_mutex);
-            if (spare.empty()) {
-                append(logferry::incomplete_logstream_messages[key], start);
+            if (spare_.empty()) {
+                append(logferry::incomplete_logstream_messages[key_], start_);
             } else {
-                spare.key() = key;
-                append(logferry::incomplete_logstream_messages.insert(std::move(spare)).position->second, start);
+                spare_.key() = key_;
+                append(logferry::incomplete_logstream_messages.insert(std::move(spare_)).position->second, start_);
             }
         }
-        append_locked(int32);
-        append_locked(text);
-        append_locked(hex);
+        append_locked(int32_);
+        append_locked(text_);
+        append_locked(hex_);
         Node node;
         {
             std::lock_guard<std::mutex> lock(logferry::incomplete_logstream_messages_mutex);
-            node = logferry::incomplete_logstream_messages.extract(key);
+            node = logferry::incomplete_logstream_messages.extract(key_);
         }
-        append(node.mapped(), finish);
+        append(node.mapped(), finish_);
         logferry::client.push(node.mapped());
         node.mapped().clear();
-        spare = std::move(node);
+        spare_ = std::move(node);
+    }
+
+private:
+    using Node = decltype(logferry::incomplete_logstream_messages)::node_type;
+
+    static void append(std::vector<unsigned char>& out, const std::vector<unsigned char>& bytes)
+    {
+        out.insert(out.end(), bytes.begin(), bytes.end());
+    }
+
+    void append_locked(const std::vector<unsigned char>& bytes)
+    {
+        std::lock_guard<std::mutex> lock(logferry::incomplete_logstream_messages_mutex);
+        append(logferry::incomplete_logstream_messages.find(key_)->second, bytes);
+    }
+
+    const std::uint32_t key_;
+    const std::vector<unsigned char> start_ = std::vector<unsigned char>(14, 7);
+    const std::vector<unsigned char> int32_ = std::vector<unsigned char>(9, 12);
+    const std::vector<unsigned char> text_ = std::vector<unsigned char>(19, 20);
+    const std::vector<unsigned char> hex_ = std::vector<unsigned char>(10, 16);
+    const std::vector<unsigned char> finish_ = std::vector<unsigned char>(5, 8);
+    Node spare_;
+};
+
+void BM_prescribed_work(benchmark::State& state)
+{
+    Prescribed_work work(3000);
+    for (auto _ : state) {
+        work.message();
     }
     state.SetItemsProcessed(state.iterations());
     messages_written.fetch_add(state.iterations());
 }
 BENCHMARK(BM_prescribed_work)->UseRealTime();
+
+// For comparison only: the prescribed work with no reader running concurrently.
+void BM_prescribed_work_no_concurrent_reader(benchmark::State& state)
+{
+    Prescribed_work work(4000);
+    run_without_concurrent_reader(state, [&work] { work.message(); });
+}
+BENCHMARK(BM_prescribed_work_no_concurrent_reader)->UseRealTime();
 
 void BM_is_log_level_enabled(benchmark::State& state)
 {
@@ -465,6 +513,9 @@ void BM_floor_with_reader(benchmark::State& state)
     std::atomic<bool> stop{false};
     std::thread reader([&stop] {
         const auto nap = std::chrono::microseconds(reader_nap_us());
+        std::vector<std::vector<unsigned char>> taken;
+        taken.reserve(CLIENT_RING_RECORDS_MAX);
+        std::atomic<std::uint64_t> read{0};
         while (!stop.load(std::memory_order_relaxed)) {
             if (::pthread_mutex_lock(&ring->mutex) == EOWNERDEAD) {
                 ::pthread_mutex_consistent(&ring->mutex);
@@ -475,13 +526,13 @@ void BM_floor_with_reader(benchmark::State& state)
                 if (size == 0) {
                     break;
                 }
-                std::vector<unsigned char> record(ring->bytes + at + 2, ring->bytes + at + 2 + size);
-                benchmark::DoNotOptimize(record.data());
+                taken.emplace_back(ring->bytes + at + 2, ring->bytes + at + 2 + size);
                 std::memset(ring->bytes + at, 0, size + 2);
                 at += size + 2;
             }
             ring->write = 0;
             ::pthread_mutex_unlock(&ring->mutex);
+            forward_taken(taken, read);
             if (nap.count() > 0) {
                 std::this_thread::sleep_for(nap);
             }
@@ -573,6 +624,18 @@ void print_ratio(const char* measure, const Result* part, const Result* whole, c
     }
 }
 
+// Message, floor and prescribed work measured under the same conditions.
+void print_comparison(const char* title, const Result* message, const Result* floor, const Result* prescribed)
+{
+    std::printf("  %s\n", title);
+    print_row("message: ns", message);
+    print_row("floor: ns", floor);
+    print_row("prescribed work alone: ns", prescribed);
+    print_ratio("ratio message / floor", message, floor);
+    print_ratio("ratio prescribed work / floor", prescribed, floor);
+    print_ratio("ratio message / prescribed work", message, prescribed);
+}
+
 void print_summary(const Summary_reporter& reporter, std::uint64_t written, std::uint64_t read)
 {
     const Result* message = reporter.find("BM_message/real_time");
@@ -582,6 +645,7 @@ void print_summary(const Summary_reporter& reporter, std::uint64_t written, std:
     const Result* floor_read = reporter.find("BM_floor_with_reader/real_time");
     const Result* level = reporter.find("BM_is_log_level_enabled/real_time");
     const Result* prescribed = reporter.find("BM_prescribed_work/real_time");
+    const Result* quiet_prescribed = reporter.find("BM_prescribed_work_no_concurrent_reader/real_time");
     std::printf("\nsummary (medians when repetitions were asked for)\n");
     std::printf("  %-46s %9s %9s\n", "measure", "wall", "cpu");
     print_row("message, 1 thread: ns per message", message);
@@ -596,14 +660,8 @@ void print_summary(const Summary_reporter& reporter, std::uint64_t written, std:
     if (message2 != nullptr) {
         std::printf("  %-46s %9.3f\n", "heap allocations per message, 2 threads", message2->allocs_per_msg);
     }
-    std::printf("  for comparison:\n");
-    print_row("message, no concurrent reader: ns", quiet);
-    print_ratio("ratio no concurrent reader / floor", quiet, floor);
-    print_row("floor with a concurrent reader: ns", floor_read);
-    print_ratio("ratio message / floor with reader", message, floor_read);
-    print_row("prescribed work alone, with reader: ns", prescribed);
-    print_ratio("ratio prescribed work / floor", prescribed, floor);
-    print_ratio("ratio message / prescribed work", message, prescribed);
+    print_comparison("the same on equal terms, with a concurrent reader:", message, floor_read, prescribed);
+    print_comparison("and with no concurrent reader:", quiet, floor, quiet_prescribed);
     std::printf("  %-46s %9llu\n", "messages written", static_cast<unsigned long long>(written));
     std::printf("  %-46s %9llu\n", "messages read by the daemon side", static_cast<unsigned long long>(read));
     std::printf("  %-46s %9llu\n", "messages not read (discarded: ring full)",
