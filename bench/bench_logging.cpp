@@ -13,7 +13,8 @@
 //
 // Prescribed work (for comparison): what the design's locking and exported tables alone cost
 // for this message, with the records already encoded; the front end's own overhead is the
-// difference between it and the message.
+// difference between it and the message. The six process-local mutex sections of a message,
+// empty, show how much of that is locking alone.
 //
 // Heap allocations are counted per thread by replacing the global operator new in this
 // binary (the library's allocations resolve to it as well); the count per message is
@@ -397,6 +398,24 @@ void BM_prescribed_work_no_concurrent_reader(benchmark::State& state)
 }
 BENCHMARK(BM_prescribed_work_no_concurrent_reader)->UseRealTime();
 
+// For comparison only: the six sections of the library's process-local mutexes that a message
+// takes by design (the contexts' mutex once, the stream table's mutex five times), with
+// nothing inside them.
+void BM_mutex_sections(benchmark::State& state)
+{
+    for (auto _ : state) {
+        {
+            std::lock_guard<std::mutex> lock(logferry::contexts_mutex);
+            benchmark::ClobberMemory();
+        }
+        for (int call = 0; call < 5; ++call) {
+            std::lock_guard<std::mutex> lock(logferry::incomplete_logstream_messages_mutex);
+            benchmark::ClobberMemory();
+        }
+    }
+}
+BENCHMARK(BM_mutex_sections)->UseRealTime();
+
 void BM_is_log_level_enabled(benchmark::State& state)
 {
     unsigned char level = 1;
@@ -646,6 +665,7 @@ void print_summary(const Summary_reporter& reporter, std::uint64_t written, std:
     const Result* level = reporter.find("BM_is_log_level_enabled/real_time");
     const Result* prescribed = reporter.find("BM_prescribed_work/real_time");
     const Result* quiet_prescribed = reporter.find("BM_prescribed_work_no_concurrent_reader/real_time");
+    const Result* sections = reporter.find("BM_mutex_sections/real_time");
     std::printf("\nsummary (medians when repetitions were asked for)\n");
     std::printf("  %-46s %9s %9s\n", "measure", "wall", "cpu");
     print_row("message, 1 thread: ns per message", message);
@@ -662,6 +682,8 @@ void print_summary(const Summary_reporter& reporter, std::uint64_t written, std:
     }
     print_comparison("the same on equal terms, with a concurrent reader:", message, floor_read, prescribed);
     print_comparison("and with no concurrent reader:", quiet, floor, quiet_prescribed);
+    print_row("the six mutex sections alone: ns", sections);
+    print_ratio("ratio six mutex sections / floor", sections, floor);
     std::printf("  %-46s %9llu\n", "messages written", static_cast<unsigned long long>(written));
     std::printf("  %-46s %9llu\n", "messages read by the daemon side", static_cast<unsigned long long>(read));
     std::printf("  %-46s %9llu\n", "messages not read (discarded: ring full)",
