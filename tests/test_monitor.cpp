@@ -3,6 +3,8 @@
 // listener, fed with serialized records exactly as the front end would feed it.
 
 #include <fcntl.h>
+#include <linux/futex.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -163,6 +165,11 @@ public:
                    return channel_.is_priority_empty();
                });
     }
+
+    // Places one registration or control record without waiting for the monitor.
+    bool place_priority(const Bytes& bytes) { return channel_.push_priority(bytes); }
+    // The mutex of the application's ring, which the monitor takes to read it.
+    pthread_mutex_t* ring_mutex() { return &channel_.segment->client_mutex.mutex; }
 
     void release() { channel_.unlock_client_buffer(); }
     bool log(const Bytes& bytes) { return channel_.push(bytes); }
@@ -670,6 +677,48 @@ TEST_F(Monitor, HeldBackMessagesWaitWhileTheApplicationLives)
 
     app.release();
     EXPECT_TRUE(wait_for("GATE C    info    \"held back\"\n")) << output();
+    app.close();
+}
+
+// Whether a thread waits for `mutex`: the C library marks the lock word when a locker goes
+// to sleep on it (its first field, with the futex's waiters bit).
+bool has_waiters(pthread_mutex_t* mutex)
+{
+    return (__atomic_load_n(&mutex->__data.__lock, __ATOMIC_SEQ_CST) & FUTEX_WAITERS) != 0;
+}
+
+// A registration that reaches the priority area while the monitor is already on its way
+// from that area to the ring is still printed before the message that the ring, opened
+// right after the registration, then gives.
+TEST_F(Monitor, RegistrationPlacedAsTheRingOpensComesBeforeTheMessage)
+{
+    start_monitor();
+    Test_application app(unique_id("", 20));
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("RACE", ""))));
+    ASSERT_TRUE(app.log(records(start(1, 4, 1), text(1, "after the context"), finish(1))));  // held back
+
+    // The monitor looked at the priority area (empty) and now waits for the ring's mutex.
+    pthread_mutex_t* const ring = app.ring_mutex();
+    ASSERT_EQ(::pthread_mutex_lock(ring), 0);
+    const bool waiting = wait_until([&] {
+        app.stamp();
+        return has_waiters(ring);
+    });
+    if (waiting) {
+        EXPECT_TRUE(app.place_priority(records(Logferry_register_context(4, 1, "C", ""))));
+        app.release();
+    }
+    ASSERT_EQ(::pthread_mutex_unlock(ring), 0);
+    ASSERT_TRUE(waiting) << "the monitor never waited for the ring";
+
+    ASSERT_TRUE(wait_for("\"after the context\"\n")) << output();
+    const std::string text = mask_timestamps(output());
+    EXPECT_NE(text.find("-- context    RACE C handle=1 level=info \"\"\n"
+                        "<ts> RACE C    info    \"after the context\"\n"),
+              std::string::npos)
+        << text;
     app.close();
 }
 

@@ -192,7 +192,7 @@ void Monitor::detach(Attachment& attachment, const std::string& why)
     attachment.channel->uninit();
 }
 
-bool Monitor::drain(Attachment& attachment, bool everything)
+void Monitor::take_priority(Attachment& attachment)
 {
     const std::vector<unsigned char> priority = attachment.channel->pop_priority();
     if (!priority.empty()) {
@@ -204,6 +204,11 @@ bool Monitor::drain(Attachment& attachment, bool everything)
             report_error(attachment, "priority", read.error, priority);
         }
     }
+}
+
+bool Monitor::drain(Attachment& attachment, bool everything)
+{
+    take_priority(attachment);
     for (int i = 0; everything || i < UNITS_PER_PASS; ++i) {
         if (!stop_reason_.empty()) {
             return false;
@@ -212,6 +217,10 @@ bool Monitor::drain(Attachment& attachment, bool everything)
         if (bytes.empty()) {
             break;
         }
+        // The application opens its ring only once what it registered stands in the priority
+        // area (or was read from it), so whatever the area holds now was written before this
+        // unit could be read, possibly after the look above: it is handled first.
+        take_priority(attachment);
         if (!handle_ring_unit(attachment, bytes)) {
             return false;
         }

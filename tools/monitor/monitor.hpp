@@ -59,6 +59,8 @@ private:
     // Drains the priority area and the ring (a bounded number of units, or everything);
     // false once a limit stops the monitor.
     bool drain(Attachment& attachment, bool everything);
+    // Handles what the priority area holds: registrations and control requests.
+    void take_priority(Attachment& attachment);
     // Before a detach: drains everything, including what the application's gate still
     // holds back.
     bool read_remainder(Attachment& attachment);
