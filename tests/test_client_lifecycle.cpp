@@ -11,11 +11,13 @@
 #include "support/test_util.hpp"
 
 using logferry_test::Client_test;
-using logferry_test::count_threads;
 using logferry_test::Fake_system;
+using logferry_test::live_threads;
 using logferry_test::Op;
 using logferry_test::Scoped_system;
 using logferry_test::shm_exists;
+using logferry_test::thread_ended;
+using logferry_test::threads_started_since;
 using logferry_test::unique_id;
 using logferry_test::wait_until;
 
@@ -180,13 +182,13 @@ class ClientLifecycleTest : public Client_test {};
 
 TEST_F(ClientLifecycleTest, InitOpensChannelAndStartsThread)
 {
-    const int threads_before = count_threads();
+    const std::set<pid_t> threads_before = live_threads();
     logferry::init();
     remember_channel();
     EXPECT_TRUE(logferry::init_called);
     EXPECT_FALSE(logferry::terminate_receiver_thread);
     EXPECT_TRUE(logferry::message_receiver_thread.joinable());
-    EXPECT_EQ(count_threads(), threads_before + 1);
+    EXPECT_EQ(threads_started_since(threads_before).size(), 1u);
     EXPECT_TRUE(logferry::client.is_initialized());
     EXPECT_TRUE(shm_exists(logferry::client.get_filename()));
 }
@@ -209,27 +211,31 @@ TEST_F(ClientLifecycleTest, InitWithoutDaemonReturnsAndThreadRuns)
 
 TEST_F(ClientLifecycleTest, InitTwiceStartsOneThread)
 {
-    const int threads_before = count_threads();
+    const std::set<pid_t> threads_before = live_threads();
     logferry::init();
     remember_channel();
     const auto thread_id = logferry::message_receiver_thread.get_id();
     const std::string name = logferry::client.get_filename();
+    const std::vector<pid_t> started = threads_started_since(threads_before);
+    ASSERT_EQ(started.size(), 1u);
 
     logferry::init();
     EXPECT_EQ(logferry::message_receiver_thread.get_id(), thread_id);
     EXPECT_EQ(logferry::client.get_filename(), name);
-    EXPECT_EQ(count_threads(), threads_before + 1);
+    EXPECT_EQ(threads_started_since(threads_before), started);
 
     logferry::exit();
-    EXPECT_TRUE(wait_until([&] { return count_threads() == threads_before; }));
+    EXPECT_TRUE(wait_until([&] { return thread_ended(started[0]); }));
 }
 
 TEST_F(ClientLifecycleTest, ExitStopsThreadAndClosesEverything)
 {
-    const int threads_before = count_threads();
+    const std::set<pid_t> threads_before = live_threads();
     logferry::init();
     const std::string name = logferry::client.get_filename();
     ASSERT_TRUE(shm_exists(name));
+    const std::vector<pid_t> started = threads_started_since(threads_before);
+    ASSERT_EQ(started.size(), 1u);
 
     logferry::exit();
     EXPECT_TRUE(logferry::terminate_receiver_thread);
@@ -238,18 +244,18 @@ TEST_F(ClientLifecycleTest, ExitStopsThreadAndClosesEverything)
     EXPECT_FALSE(logferry::client.is_initialized());
     EXPECT_FALSE(logferry::listener.is_initialized());
     EXPECT_FALSE(shm_exists(name));
-    EXPECT_TRUE(wait_until([&] { return count_threads() == threads_before; }));
+    EXPECT_TRUE(wait_until([&] { return thread_ended(started[0]); }));
 }
 
 TEST_F(ClientLifecycleTest, ExitWithoutInitIsHarmlessAndInitStillWorks)
 {
-    const int threads_before = count_threads();
+    const std::set<pid_t> threads_before = live_threads();
     const std::string output = logferry_test::capture_stderr([] { logferry::exit(); });
     EXPECT_EQ(output, "");
     EXPECT_FALSE(logferry::init_called);
     EXPECT_TRUE(logferry::terminate_receiver_thread);
     EXPECT_FALSE(logferry::message_receiver_thread.joinable());
-    EXPECT_EQ(count_threads(), threads_before);
+    EXPECT_TRUE(threads_started_since(threads_before).empty());
 
     logferry::init();
     remember_channel();
@@ -270,15 +276,17 @@ TEST_F(ClientLifecycleTest, ExitTwiceIsHarmless)
 
 TEST_F(ClientLifecycleTest, InitExitInitKeepsRegistrations)
 {
+    const std::set<pid_t> threads_before = live_threads();
     logferry::init();
     ASSERT_TRUE(logferry::register_app("APP1", "application"));
     ASSERT_TRUE(logferry::register_context(7, "CTX1", "context", 5));
     const std::string first_name = logferry::client.get_filename();
-    const int threads_running = count_threads();
+    const std::vector<pid_t> first_thread = threads_started_since(threads_before);
+    ASSERT_EQ(first_thread.size(), 1u);
 
     logferry::exit();
     EXPECT_FALSE(shm_exists(first_name));
-    EXPECT_TRUE(wait_until([&] { return count_threads() == threads_running - 1; }));
+    EXPECT_TRUE(wait_until([&] { return thread_ended(first_thread[0]); }));
     ASSERT_EQ(logferry::registered_application.size(), 1u);
     ASSERT_EQ(logferry::registered_contexts.count(7), 1u);
     EXPECT_EQ(logferry::log_level_filters.at(7), 5);
@@ -290,7 +298,9 @@ TEST_F(ClientLifecycleTest, InitExitInitKeepsRegistrations)
     EXPECT_TRUE(logferry::init_called);
     EXPECT_FALSE(logferry::terminate_receiver_thread);
     EXPECT_TRUE(logferry::message_receiver_thread.joinable());
-    EXPECT_EQ(count_threads(), threads_running);
+    const std::vector<pid_t> second_thread = threads_started_since(threads_before);
+    ASSERT_EQ(second_thread.size(), 1u);
+    EXPECT_NE(second_thread[0], first_thread[0]);
     EXPECT_TRUE(logferry::client.is_initialized());
     EXPECT_TRUE(shm_exists(logferry::client.get_filename()));
     ASSERT_EQ(logferry::registered_application.size(), 1u);

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -47,40 +48,54 @@ inline Bytes concat(std::initializer_list<Bytes> parts)
     return all;
 }
 
-// Threads of this process, from /proc. Some tools (the thread sanitizer) start a helper
-// thread of their own at the first thread creation; one short-lived thread is created and
-// joined first, so that such a helper already exists and the count reflects the library's
-// threads only.
-inline int count_threads()
+// The kernel ids of this process's live threads, from /proc. A thread that has been joined
+// can stay listed for a while as the kernel finishes it, dead or still exiting, so tests
+// compare ids (which threads are new, which are gone), never counts. Some tools (the thread
+// sanitizer) start a helper thread of their own at the first thread creation; one
+// short-lived thread is created and joined first, so that such a helper is never new.
+inline std::set<pid_t> live_threads()
 {
     static const bool settled = [] {
         std::thread([] {}).join();
         return true;
     }();
     (void)settled;
-    int count = 0;
+    std::set<pid_t> ids;
     DIR* dir = ::opendir("/proc/self/task");
     if (dir == nullptr) {
-        return -1;
+        return ids;
     }
     while (const dirent* entry = ::readdir(dir)) {
         if (entry->d_name[0] == '.') {
             continue;
         }
-        // A thread that has been joined can stay listed for a moment while the kernel
-        // finishes it; only threads that are not dead count.
         std::ifstream stat(std::string("/proc/self/task/") + entry->d_name + "/stat");
         std::string line;
         std::getline(stat, line);
         const auto close = line.rfind(')');
         const char state = close != std::string::npos && close + 2 < line.size() ? line[close + 2] : '?';
         if (state != 'Z' && state != 'X' && !line.empty()) {
-            ++count;
+            ids.insert(static_cast<pid_t>(std::stol(entry->d_name)));
         }
     }
     ::closedir(dir);
-    return count;
+    return ids;
 }
+
+// The live threads that are not in `before`.
+inline std::vector<pid_t> threads_started_since(const std::set<pid_t>& before)
+{
+    std::vector<pid_t> started;
+    for (const pid_t id : live_threads()) {
+        if (before.count(id) == 0) {
+            started.push_back(id);
+        }
+    }
+    return started;
+}
+
+// Whether the thread `id` has ended (gone from /proc, or dead).
+inline bool thread_ended(pid_t id) { return live_threads().count(id) == 0; }
 
 // Splits one channel message into its records, by the kinds' own lengths. An unknown
 // kind or a record running past the end yields the rest as one piece.
