@@ -111,13 +111,20 @@ int main()
             if (tick % 20 == 0) {
                 end.is_connection_active();
             }
-            if (!hold_priority) {
-                const std::vector<unsigned char> priority = end.pop_priority();
-                if (!priority.empty()) {
-                    emit("priority " + to_hex(priority));
+            // The priority area is read again after each ring unit: the application opens its
+            // ring only once its registrations stand in the area, so a registration placed
+            // after the first look comes out before the units behind it.
+            const auto take_priority = [&] {
+                if (!hold_priority) {
+                    const std::vector<unsigned char> priority = end.pop_priority();
+                    if (!priority.empty()) {
+                        emit("priority " + to_hex(priority));
+                    }
                 }
-            }
+            };
+            take_priority();
             for (std::vector<unsigned char> unit = end.pop(); !unit.empty(); unit = end.pop()) {
+                take_priority();
                 emit("ring " + to_hex(unit));
             }
             if (__atomic_load_n(&end.segment->client_watchdog, __ATOMIC_SEQ_CST) == 0) {
