@@ -406,7 +406,7 @@ TEST_F(Monitor, TranscriptOfOneApplication)
         "-- detach     TAPP " +
         channel +
         " (closed its channel)\n"
-        "-- stopped    signal: 2 log messages from 1 applications\n";
+        "-- stopped    signal: 2 log messages from 1 application\n";
     EXPECT_EQ(mask_timestamps(output()), expected);
     EXPECT_EQ(errors(), "");
 }
@@ -746,29 +746,33 @@ TEST_F(Monitor, HeldBackMessagesOfAClosedApplicationAreRead)
 
 TEST_F(Monitor, CountStopsAfterThatManyMessages)
 {
-    start_monitor({"--count", "2"});
-    Test_application app(unique_id("", 20));
-    ASSERT_TRUE(app.announce());
-    ASSERT_TRUE(app.wait_attached());
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("CNT", ""))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "C", ""))));
-    app.release();
-    for (std::uint32_t key = 0; key < 3; ++key) {
-        ASSERT_TRUE(app.log(records(start(key, 4, 1), int32(key, static_cast<std::int32_t>(key)), finish(key))));
-    }
-    const int status = logferry_test::wait_child(pid_, milliseconds(10000));
-    pid_ = -1;
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    const std::string text = mask_timestamps(output());
-    EXPECT_NE(text.find("<ts> CNT  C    info    0\n<ts> CNT  C    info    1\n-- stopped    count: 2 log messages from "
-                        "1 applications\n"),
-              std::string::npos)
-        << text;
-    EXPECT_EQ(text.find("info    2"), std::string::npos);
-    EXPECT_FALSE(logferry_test::shm_exists(LISTENER_SEGMENT));
-    EXPECT_NE(::access(lock_file_.c_str(), F_OK), 0);
-    app.close();
+    // Three messages are sent; the monitor prints `count` of them and stops.
+    const auto run = [&](int count, const std::string& printed, const std::string& stopped) {
+        SCOPED_TRACE("--count " + std::to_string(count));
+        start_monitor({"--count", std::to_string(count)});
+        Test_application app(unique_id("", 18) + std::to_string(count));
+        ASSERT_TRUE(app.announce());
+        ASSERT_TRUE(app.wait_attached());
+        ASSERT_TRUE(app.send_priority(records(Logferry_register_app("CNT", ""))));
+        ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "C", ""))));
+        app.release();
+        for (std::uint32_t key = 0; key < 3; ++key) {
+            ASSERT_TRUE(app.log(records(start(key, 4, 1), int32(key, static_cast<std::int32_t>(key)), finish(key))));
+        }
+        const int status = logferry_test::wait_child(pid_, milliseconds(10000));
+        pid_ = -1;
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+        const std::string text = mask_timestamps(output());
+        EXPECT_NE(text.find(printed + stopped), std::string::npos) << text;
+        EXPECT_EQ(text.find("info    " + std::to_string(count)), std::string::npos) << text;
+        EXPECT_FALSE(logferry_test::shm_exists(LISTENER_SEGMENT));
+        EXPECT_NE(::access(lock_file_.c_str(), F_OK), 0);
+        app.close();
+    };
+    run(2, "<ts> CNT  C    info    0\n<ts> CNT  C    info    1\n",
+        "-- stopped    count: 2 log messages from 1 application\n");
+    run(1, "<ts> CNT  C    info    0\n", "-- stopped    count: 1 log message from 1 application\n");
 }
 
 TEST_F(Monitor, DurationStopsByItself)
@@ -905,7 +909,7 @@ TEST_F(Monitor, ExampleApplicationUnderTheMonitor)
         "-- detach     EXA " +
         channel +
         " (closed its channel)\n"
-        "-- stopped    signal: 3 log messages from 1 applications\n";
+        "-- stopped    signal: 3 log messages from 1 application\n";
     EXPECT_EQ(mask_timestamps(text), expected);
     EXPECT_EQ(errors(), "");
     EXPECT_FALSE(logferry_test::shm_exists(channel));

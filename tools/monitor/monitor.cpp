@@ -54,6 +54,12 @@ std::string padded(const std::string& word)
     return word.size() >= 10 ? word : word + std::string(10 - word.size(), ' ');
 }
 
+// "1 application", "2 applications", "0 applications".
+std::string counted(std::uint64_t count, const std::string& noun)
+{
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
 // "-- <event> <details>": every line that is not a log message.
 std::string event(const std::string& word, const std::string& details) { return "-- " + padded(word) + " " + details; }
 
@@ -154,8 +160,8 @@ void Monitor::shutdown(const std::string& reason)
     }
     attachments_.clear();
     listener_.uninit();
-    emit(event("stopped", (stop_reason_.empty() ? reason : stop_reason_) + ": " + std::to_string(messages_) +
-                              " log messages from " + std::to_string(applications_) + " applications"));
+    emit(event("stopped", (stop_reason_.empty() ? reason : stop_reason_) + ": " + counted(messages_, "log message") +
+                              " from " + counted(applications_, "application")));
 }
 
 void Monitor::attach(const std::string& name)
