@@ -658,13 +658,14 @@ protected:
         reset_front_end();
     }
 
-    // Brings the library up with the receiver thread parked after its first pass (no daemon
-    // attached to the channel: the thread keeps to its inactive branch, announced).
+    // Brings the library up with the receiver thread parked after its first pass: channel
+    // open and announced, no daemon attached to it (the thread keeps to its inactive branch).
     void bring_up_parked(Sweep_system& system, const std::string& name)
     {
         const int parked = system.parks();
         logferry::init();
         ASSERT_TRUE(system.wait_parks(parked + 1)) << "the receiver thread did not come to rest";
+        ASSERT_TRUE(logferry::client.is_initialized());
         ASSERT_TRUE(logferry::listener.is_initialized());
         ASSERT_TRUE(announced(name));
     }
@@ -1128,15 +1129,7 @@ TEST_F(FaultSweep, Exit)
     Sweep_system& system = *system_;
     const int fds = count_open_fds();
 
-    const auto bring_up = [&] {
-        const int parked = system.parks();
-        logferry::init();
-        ASSERT_TRUE(system.wait_parks(parked + 1)) << "the receiver thread did not come to rest";
-        ASSERT_TRUE(logferry::client.is_initialized());
-        ASSERT_TRUE(logferry::listener.is_initialized());
-    };
-
-    bring_up();
+    bring_up_parked(system, name);
     system.start_recording();
     std::string output = capture_stderr([] { logferry::exit(); });
     const std::vector<Op> calls = system.stop_recording();
@@ -1156,7 +1149,7 @@ TEST_F(FaultSweep, Exit)
     add_lock_rows(table, "receiver thread's last look at the daemon's ring", 0);
 
     const int pairs = sweep(calls, table, [&](Op op, int occurrence, const Row& row) {
-        bring_up();
+        bring_up_parked(system, name);
         void* const channel_mapping = logferry::client.segment;
         void* const listener_mapping = logferry::listener.segment;
 
@@ -1183,7 +1176,7 @@ TEST_F(FaultSweep, Exit)
         wipe_listener_list();
 
         // The next init and exit work and leave nothing.
-        bring_up();
+        bring_up_parked(system, name);
         const std::string again = capture_stderr([] { logferry::exit(); });
         EXPECT_EQ(again, "");
         EXPECT_FALSE(shm_exists(name));
