@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the library and the test suite with coverage instrumentation (build-ci-coverage),
 # runs the whole suite, and prints the line and branch coverage of the library's sources
-# (src/, without src/system/jx_osal: the stand-in for the platform's OS abstraction library,
+# (src/, without platform/jx_osal: the stand-in for the platform's OS abstraction library,
 # which is not part of liblogferry). Installs what it needs first. Exits non-zero when a test
 # fails or when line coverage is below LOGFERRY_MIN_LINE_COVERAGE percent (default 90).
 set -euo pipefail
@@ -30,7 +30,7 @@ echo "=== coverage of src/ ==="
 # The compiler identification objects under CMakeFiles/<version> are not ours. Branches: those
 # the compiler adds for exceptions and those it proves unreachable are left out.
 gcovr_args=(--root . --object-directory "$dir" --exclude-directories "$dir/CMakeFiles/[0-9.]+$"
-    --filter 'src/' --exclude 'src/system/jx_osal/'
+    --filter 'src/' --exclude 'platform/jx_osal/'
     --exclude-unreachable-branches --exclude-throw-branches -j "$jobs")
 gcovr "${gcovr_args[@]}" --txt "$dir/coverage.txt" --json-summary "$dir/coverage-summary.json" \
     > /dev/null

@@ -25,8 +25,8 @@ if(LOGFERRY_STATIC_TESTS)
   add_link_options(-static)
   # The OS abstraction stand-in is a shared library; the tests take the same code as a
   # static archive instead (a static link cannot use a shared object).
-  add_library(jx_osal_static STATIC ${PROJECT_SOURCE_DIR}/src/system/jx_osal/jx_osal.cpp)
-  target_include_directories(jx_osal_static PUBLIC ${PROJECT_SOURCE_DIR}/src/system/jx_osal/include)
+  add_library(jx_osal_static STATIC ${PROJECT_SOURCE_DIR}/platform/jx_osal/jx_osal.cpp)
+  target_include_directories(jx_osal_static PUBLIC ${PROJECT_SOURCE_DIR}/platform/jx_osal/include)
   get_target_property(_system_links lf_system INTERFACE_LINK_LIBRARIES)
   list(TRANSFORM _system_links REPLACE "^jx_osal$" jx_osal_static)
   set_target_properties(lf_system PROPERTIES INTERFACE_LINK_LIBRARIES "${_system_links}")

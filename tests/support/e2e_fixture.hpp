@@ -15,7 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "logferry/client.hpp"
-#include "support/daemon_peer.hpp"
+#include "support/peer_process.hpp"
 #include "support/test_util.hpp"
 
 namespace logferry_test {

@@ -1,4 +1,4 @@
-#include "support/daemon_peer.hpp"
+#include "support/peer_process.hpp"
 
 #include <signal.h>
 #include <sys/wait.h>
