@@ -20,6 +20,7 @@
 #include "harness_support.hpp"
 #include "logferry/channel.hpp"
 #include "logferry/system.hpp"
+#include "wire/shared_fields.hpp"
 
 namespace {
 
@@ -164,12 +165,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         switch ((code & 0x7F) % 6) {
         case 0:
             model.client_stamp = stamp_value(in, state.system.now);
-            __atomic_store_n(&segment->client_watchdog, model.client_stamp, __ATOMIC_SEQ_CST);
+            logferry::atomic_store_i64(&segment->client_watchdog, model.client_stamp);
             what = "client stamp set";
             break;
         case 1:
             model.server_stamp = stamp_value(in, state.system.now);
-            __atomic_store_n(&segment->server_watchdog, model.server_stamp, __ATOMIC_SEQ_CST);
+            logferry::atomic_store_i64(&segment->server_watchdog, model.server_stamp);
             what = "server stamp set";
             break;
         case 2: {
@@ -203,8 +204,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             break;
         }
         }
-        const std::int64_t client_stamp = __atomic_load_n(&segment->client_watchdog, __ATOMIC_SEQ_CST);
-        const std::int64_t server_stamp = __atomic_load_n(&segment->server_watchdog, __ATOMIC_SEQ_CST);
+        const std::int64_t client_stamp = logferry::atomic_load_i64(&segment->client_watchdog);
+        const std::int64_t server_stamp = logferry::atomic_load_i64(&segment->server_watchdog);
         if (output != expected_output || client_stamp != model.client_stamp || server_stamp != model.server_stamp ||
             logferry::last_connection_state.load() != model.last_verdict) {
             logferry::sys = previous;

@@ -25,6 +25,7 @@
 
 #include "harness_support.hpp"
 #include "logferry/channel.hpp"
+#include "logferry/message.hpp"
 
 namespace {
 
@@ -48,8 +49,6 @@ Harness_state& harness_state()
     static Harness_state* state = new Harness_state();
     return *state;
 }
-
-bool is_priority_kind(unsigned char kind) { return kind <= 3 || kind == 5; }
 
 std::size_t record_length(Reader& in)
 {
@@ -199,7 +198,7 @@ private:
         std::string expected_output;
         if (length == 0 || length > PRIORITY_DATA_SIZE) {
             // refused silently
-        } else if (!is_priority_kind(kind)) {
+        } else if (!logferry::is_priority_kind(kind)) {
             expected_output = "logferry: not a priority message type: " + std::to_string(kind) + "\n";
         } else if (!forced) {
             expected = size_ == 0;

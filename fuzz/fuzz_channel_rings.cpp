@@ -37,6 +37,9 @@
 
 #include "harness_support.hpp"
 #include "logferry/channel.hpp"
+#include "wire/ring_framing.hpp"
+#include "wire/shared_fields.hpp"
+#include "wire/wire.hpp"
 
 namespace {
 
@@ -48,7 +51,7 @@ using Bytes = std::vector<unsigned char>;
 
 const char* const HARNESS = "fuzz_channel_rings";
 constexpr int MAX_OPERATIONS = 200;
-constexpr std::uint32_t MAX_FRAMED = 0xFFFF;
+constexpr std::uint32_t MAX_FRAMED = logferry::wire::MAX_FRAMED_RECORD_SIZE;
 
 struct Ring_view {
     unsigned char* bytes;
@@ -156,8 +159,6 @@ Bytes make_record(std::size_t length, unsigned char kind, std::uint32_t serial)
     }
     return record;
 }
-
-bool is_ring_kind(unsigned char kind) { return kind <= 21 || kind == 23 || kind == 24; }
 
 std::string describe_ring(const Ring_view& ring)
 {
@@ -283,8 +284,9 @@ private:
         const bool accepted = end.push(record);
         const std::string output = cerr.take();
 
-        const std::size_t certainly_placeable = std::min<std::size_t>(ring.capacity - 2, MAX_FRAMED);
-        const bool kind_refused = !by_daemon && !is_ring_kind(kind);
+        const std::size_t certainly_placeable =
+            std::min<std::size_t>(ring.capacity - logferry::wire::LENGTH_PREFIX_SIZE, MAX_FRAMED);
+        const bool kind_refused = !by_daemon && !logferry::wire::is_ring_kind(kind);
         const std::string kind_message = "logferry: unknown message type " + std::to_string(kind) + "\n";
         const std::string what = "push of " + std::to_string(length) + " bytes, kind " + std::to_string(kind) +
                                  (by_daemon ? " by the daemon" : " by the application");
@@ -316,7 +318,7 @@ private:
         const Bytes record = end.pop();
         const std::string what = by_daemon ? "pop by the daemon" : "pop by the application";
         expect_output(cerr.take(), "", what);
-        const bool gated = by_daemon && __atomic_load_n(&segment_->client_buffer_locked, __ATOMIC_SEQ_CST) != 0;
+        const bool gated = by_daemon && logferry::atomic_load_u8(&segment_->client_buffer_locked) != 0;
         if (gated) {
             expect(record.empty(), what + " read through the gate");
             return;
@@ -338,7 +340,7 @@ private:
 
     void popped(const Ring_view& ring, const Bytes& record, const std::string& what)
     {
-        expect(record.size() <= std::min<std::size_t>(ring.capacity - 2, MAX_FRAMED),
+        expect(record.size() <= std::min<std::size_t>(ring.capacity - logferry::wire::LENGTH_PREFIX_SIZE, MAX_FRAMED),
                what + " returned " + std::to_string(record.size()) + " bytes");
         check_indices(ring, what);
         if (!pristine_) {

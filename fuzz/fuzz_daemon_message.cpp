@@ -23,6 +23,7 @@
 
 #include "harness_support.hpp"
 #include "logferry/client.hpp"
+#include "wire/wire.hpp"
 
 namespace {
 
@@ -121,13 +122,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (original.empty()) {
             expected_reported = "logferry: empty message received.\n";
         } else if (original[0] == logferry::KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER) {
-            if (original.size() == 6 && original[1] <= 6) {
-                const std::uint32_t handle =
-                    static_cast<std::uint32_t>(original[2]) | static_cast<std::uint32_t>(original[3]) << 8 |
-                    static_cast<std::uint32_t>(original[4]) << 16 | static_cast<std::uint32_t>(original[5]) << 24;
+            namespace wire = logferry::wire;
+            const std::uint8_t level = original.size() > 1 ? original[wire::level_update::LEVEL_AT] : 0;
+            if (original.size() == wire::LEVEL_UPDATE_SIZE && level <= wire::MAX_LOG_LEVEL) {
+                const std::uint32_t handle = wire::get_u32(original.data() + wire::level_update::HANDLE_AT);
                 const auto entry = expected_filters.find(handle);
                 if (entry != expected_filters.end()) {
-                    entry->second = original[1];
+                    entry->second = level;
                 }
             }
         } else {

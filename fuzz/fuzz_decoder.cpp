@@ -15,6 +15,7 @@
 #include "decoder.hpp"
 #include "harness_support.hpp"
 #include "logferry/message.hpp"
+#include "wire/wire.hpp"
 
 namespace {
 
@@ -46,7 +47,7 @@ void check_record(const Record& record, const std::uint8_t* data, std::size_t si
                " bytes outside the input of " + std::to_string(size));
     expect(record.kind == data[record.offset], std::string(where) + ": kind " + std::to_string(record.kind) +
                                                    " differs from the byte at " + std::to_string(record.offset));
-    expect(record.kind <= 24, std::string(where) + ": kind " + std::to_string(record.kind));
+    expect(record.kind <= logferry::wire::MAX_KIND, std::string(where) + ": kind " + std::to_string(record.kind));
     expect(record.payload.size() <= record.size && record.id.size() <= record.size && record.text.size() <= record.size,
            std::string(where) + ": a field is longer than its record");
 }
@@ -105,7 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             expect(finish != nullptr && finish->kind == logferry::KIND_WRITE_FINISH,
                    "decode_ring_unit: log message without its finish record last");
             for (const Record& record : unit.records) {
-                expect(record.kind >= logferry::KIND_WRITE_START && record.kind <= logferry::KIND_WRITE_ENCODED_PAYLOAD,
+                expect(logferry::wire::is_message_kind(record.kind),
                        "decode_ring_unit: kind " + std::to_string(record.kind) + " inside a log message");
                 expect(record.stream_key == finish->stream_key,
                        "decode_ring_unit: record of stream " + std::to_string(record.stream_key) +

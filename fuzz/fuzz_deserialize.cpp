@@ -12,6 +12,7 @@
 
 #include "harness_support.hpp"
 #include "logferry/message.hpp"
+#include "wire/wire.hpp"
 
 namespace {
 
@@ -35,12 +36,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     out.context_handle = handle_before;
     const bool result = logferry::deserialize(bytes, count, out);
 
-    const std::uint8_t level = bytes[1];
-    const bool expected = level <= 6 && count >= 6;
+    namespace wire = logferry::wire;
+    const std::uint8_t level = bytes[wire::level_update::LEVEL_AT];
+    const bool expected = level <= wire::MAX_LOG_LEVEL && count >= wire::LEVEL_UPDATE_SIZE;
     const std::uint32_t expected_handle =
-        expected ? static_cast<std::uint32_t>(bytes[2]) | static_cast<std::uint32_t>(bytes[3]) << 8 |
-                       static_cast<std::uint32_t>(bytes[4]) << 16 | static_cast<std::uint32_t>(bytes[5]) << 24
-                 : handle_before;
+        expected ? wire::get_u32(bytes.data() + wire::level_update::HANDLE_AT) : handle_before;
     if (result != expected || out.log_level != level || out.context_handle != expected_handle ||
         out.kind != logferry::KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER) {
         logferry_fuzz::violation(HARNESS, "deserialize of " + std::to_string(bytes.size()) + " bytes with size " +

@@ -20,6 +20,8 @@
 #include <sstream>
 #include <string>
 
+#include "system/robust_mutex.hpp"
+
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
 #define LOGFERRY_FUZZ_ASAN 1
@@ -116,19 +118,13 @@ private:
     T* object_ = nullptr;
 };
 
-// A robust process-shared mutex of the normal kind, as the creating end sets them up.
+// A robust process-shared mutex of the normal kind, set up as the creating end does it.
 inline void init_robust_mutex(pthread_mutex_t* mutex)
 {
-    pthread_mutexattr_t attributes;
-    if (::pthread_mutexattr_init(&attributes) != 0 ||
-        ::pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_NORMAL) != 0 ||
-        ::pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED) != 0 ||
-        ::pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST) != 0 ||
-        ::pthread_mutex_init(mutex, &attributes) != 0) {
+    if (!logferry::init_robust_mutex(mutex)) {
         std::fprintf(stderr, "fuzz harness: cannot set up a mutex\n");
         std::abort();
     }
-    ::pthread_mutexattr_destroy(&attributes);
 }
 
 // Collects what the library writes to std::cerr (its diagnostic lines) while it lives; the

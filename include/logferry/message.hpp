@@ -2,33 +2,14 @@
 // byte encoding.
 //
 // Every record is a packed plain structure whose byte 0 is its kind. `serialize`
-// appends a record's bytes to a byte vector: the kind, then the fields in the order
-// of the kind table below, integers little-endian (written by shifting, whatever the
+// appends a record's bytes to a byte vector: the kind, then the fields in declaration
+// order (the plain numbers, kinds 9-13, 18 and 19, write the stream key before the
+// value), integers little-endian (written by shifting, whatever the
 // host's byte order), floating-point values as the bytes of their in-memory
 // representation. There is no header, padding or checksum; records of one channel
-// message are laid end to end.
-//
-//   kind  record                                   bytes written
-//    0    Logferry_disable_remote                  kind
-//    1    Logferry_enable_local_print              kind
-//    2    Logferry_init_file                       kind, file name[255]
-//    3    Logferry_register_app                    kind, length, app ID[5], description + 0
-//    4    Logferry_unregister_app                  kind
-//    5    Logferry_register_context                kind, length, level, handle, context ID[5],
-//                                                  description + 0
-//    6    Logferry_unregister_context              kind, handle
-//    7    Logferry_write_start                     kind, level, handle, stream key, timestamp
-//    8    Logferry_write_finish                    kind, stream key
-//    9-13 Logferry_write_bool ... _int64           kind, stream key, value
-//   14-17 Logferry_write_uint8_formatted ... _64   kind, format, value, stream key
-//   18-19 Logferry_write_float32, _float64         kind, stream key, value
-//   20    Logferry_write_utf8_string               kind, length, stream key, text + 0
-//   21    Logferry_write_raw_formatted             kind, length, format, size, stream key, payload
-//   22    Logferry_write_encoded_payload           kind, length, size, stream key, payload
-//   23    Logferry_write_encoded_message           kind, length, size, payload
-//   24    Logferry_update_context_log_level_filter kind, level, handle (daemon to application)
-//
-// Kinds 0, 1, 2, 3 and 5 are the priority kinds (control requests and registrations).
+// message are laid end to end. Kinds 0 to 23 travel from the application to the daemon,
+// kind 24 the other way; kinds 0, 1, 2, 3 and 5 are the priority kinds (control requests
+// and registrations). Each structure below names its kind and what it carries.
 
 #ifndef LOGFERRY_MESSAGE_HPP
 #define LOGFERRY_MESSAGE_HPP

@@ -1,9 +1,8 @@
 // The two rings of a channel: record framing, wrap-around, the discard step and the gate.
 //
-// Ring framing. A record of n bytes occupies n + 2 consecutive bytes: its length as 16 bits,
-// low byte first, then the record. Records never wrap: one that does not fit before the end
-// goes to position 0. R (read index) points at the length prefix of the oldest unread record,
-// W (write index) where the next record goes. Every byte outside an unread record is 0, so a
+// Ring framing (wire/ring_framing.hpp): a 16-bit length prefix, then the record. Records never
+// wrap: one that does not fit before the end goes to position 0. R (read index) points at the
+// length prefix of the oldest unread record, W (write index) where the next record goes. Every byte outside an unread record is 0, so a
 // zero prefix means "no record here". R = W is an empty ring when the prefix at W is 0 and a
 // full one otherwise. A reader that finds no record at R while R > W follows the writer's wrap
 // to 0; a reader that drains the ring returns it to R = W = 0 with every byte zero.
@@ -36,16 +35,17 @@
 #include <cstring>
 #include <string>
 
-#include "channel/segment_access.hpp"
 #include "logferry/channel.hpp"
 #include "logferry/system.hpp"
+#include "wire/ring_framing.hpp"
+#include "wire/shared_fields.hpp"
+#include "wire/wire.hpp"
 
 namespace logferry {
 
 namespace {
 
-// The largest record a length prefix can describe.
-constexpr std::uint32_t MAX_RECORD_SIZE = 0xFFFF;
+using wire::LENGTH_PREFIX_SIZE;
 
 // One ring of the segment.
 struct Ring {
@@ -68,35 +68,25 @@ Ring server_ring(Channel_segment* segment)
                 &segment->server_mutex.mutex, SERVER_BUFFER_SIZE};
 }
 
-// Single reads and writes of shared fields: the value is fetched exactly once, whatever the
-// peer does meanwhile. Ordering comes from the ring's mutex.
-std::uint32_t load_index(const std::uint32_t* field) { return __atomic_load_n(field, __ATOMIC_RELAXED); }
-// NOLINTNEXTLINE(readability-non-const-parameter): __atomic_store_n writes through `field`
-void store_index(std::uint32_t* field, std::uint32_t value) { __atomic_store_n(field, value, __ATOMIC_RELAXED); }
-std::uint32_t load_byte(const unsigned char* byte) { return __atomic_load_n(byte, __ATOMIC_RELAXED); }
-
-// The highest position at which a correct end leaves an index (a record needs three bytes).
-std::uint32_t last_index(const Ring& ring) { return ring.capacity - 3; }
+// The highest position at which a correct end leaves an index.
+std::uint32_t last_index(const Ring& ring) { return wire::last_frame_start(ring.capacity); }
 
 // The length prefix at `at`; the caller guarantees at + 1 < capacity.
-std::uint32_t prefix_at(const Ring& ring, std::uint32_t at)
-{
-    return load_byte(ring.bytes + at) | (load_byte(ring.bytes + at + 1) << 8);
-}
+std::uint32_t prefix_at(const Ring& ring, std::uint32_t at) { return wire::load_prefix(ring.bytes + at); }
 
 // All bytes 0, R = W = 0.
 void restart_empty(const Ring& ring)
 {
     std::memset(ring.bytes, 0, ring.capacity);
-    store_index(ring.read_index, 0);
-    store_index(ring.write_index, 0);
+    store_once(ring.read_index, 0);
+    store_once(ring.write_index, 0);
 }
 
 // Reads both indices; a ring whose indices no correct end can leave is restarted empty first.
 void load_indices(const Ring& ring, std::uint32_t& read, std::uint32_t& write)
 {
-    read = load_index(ring.read_index);
-    write = load_index(ring.write_index);
+    read = load_once(ring.read_index);
+    write = load_once(ring.write_index);
     if (read > last_index(ring) || write > last_index(ring)) {
         restart_empty(ring);
         read = 0;
@@ -110,7 +100,7 @@ void reader_found_nothing(const Ring& ring, std::uint32_t read, std::uint32_t wr
 {
     if (write < read) {
         std::memset(ring.bytes + read, 0, ring.capacity - read);  // read <= capacity
-        store_index(ring.read_index, 0);
+        store_once(ring.read_index, 0);
     } else {
         restart_empty(ring);
     }
@@ -124,14 +114,14 @@ std::vector<unsigned char> take_record(const Ring& ring, bool keep)
     const std::uint32_t capacity = ring.capacity;
     std::uint32_t read = 0;
     std::uint32_t write = 0;
-    load_indices(ring, read, write);  // read <= capacity - 3 from here on
+    load_indices(ring, read, write);  // read <= last_index(ring) from here on
 
     std::uint32_t length = prefix_at(ring, read);
     if (length == 0) {
         reader_found_nothing(ring, read, write);
         return {};
     }
-    const std::uint32_t start = read + 2;
+    const std::uint32_t start = read + LENGTH_PREFIX_SIZE;
     const std::uint32_t end = start + length;
     if (start <= write && write < end) {
         length = write - start;  // never read into the writer's position
@@ -143,11 +133,11 @@ std::vector<unsigned char> take_record(const Ring& ring, bool keep)
     if (keep) {
         record.assign(ring.bytes + start, ring.bytes + start + length);
     }
-    std::memset(ring.bytes + read, 0, length + 2);  // prefix and record
+    std::memset(ring.bytes + read, 0, wire::frame_size(length));  // prefix and record
     read = start + length;
 
-    if (read < capacity - 2 && prefix_at(ring, read) != 0) {
-        store_index(ring.read_index, read);
+    if (read < capacity - LENGTH_PREFIX_SIZE && prefix_at(ring, read) != 0) {
+        store_once(ring.read_index, read);
     } else {
         reader_found_nothing(ring, read, write);
     }
@@ -157,7 +147,7 @@ std::vector<unsigned char> take_record(const Ring& ring, bool keep)
 // Whether a record of `size` bytes can ever be framed in a ring of `capacity` bytes.
 bool placeable(std::size_t size, std::uint32_t capacity)
 {
-    return size != 0 && size <= capacity - 2 && size <= MAX_RECORD_SIZE;
+    return size != 0 && size <= capacity - LENGTH_PREFIX_SIZE && size <= wire::MAX_FRAMED_RECORD_SIZE;
 }
 
 // The writing step: appends one record of `size` bytes (placeable in this ring), discarding
@@ -167,7 +157,8 @@ void write_record(const Ring& ring, const unsigned char* data, std::uint32_t siz
     const std::uint32_t capacity = ring.capacity;
     Mutex_lock_guard lock(ring.mutex, false);
 
-    // A correct ring needs at most one discard step per three bytes, plus one to wrap.
+    // A correct ring needs at most one discard step per framed record (three bytes or more),
+    // plus one to wrap.
     std::uint32_t steps_left = capacity;
     const auto discard = [&] {
         take_record(ring, false);
@@ -178,7 +169,7 @@ void write_record(const Ring& ring, const unsigned char* data, std::uint32_t siz
     std::uint32_t read = 0;
     std::uint32_t write = 0;
     load_indices(ring, read, write);
-    if (write + 2 + size > capacity) {
+    if (write + wire::frame_size(size) > capacity) {
         // No room before the end: the record goes to 0. While the reader is still at or
         // ahead of the writer, the records between it and the end are given up first, until
         // the reader has followed to the front (W = 0 here would mean the ring drained).
@@ -191,7 +182,7 @@ void write_record(const Ring& ring, const unsigned char* data, std::uint32_t siz
                 restart_empty(ring);
             }
         }
-        store_index(ring.write_index, 0);
+        store_once(ring.write_index, 0);
     }
 
     load_indices(ring, read, write);
@@ -199,7 +190,7 @@ void write_record(const Ring& ring, const unsigned char* data, std::uint32_t siz
     if (!free_at_write) {
         // The reader is ahead of the writer (or the ring is full): make room up to the
         // oldest unread record. The new record may end exactly where that one begins.
-        while (write + 2 + size > read) {
+        while (write + wire::frame_size(size) > read) {
             if (steps_left == 0) {
                 restart_empty(ring);
                 write = 0;
@@ -213,23 +204,18 @@ void write_record(const Ring& ring, const unsigned char* data, std::uint32_t siz
         }
     }
 
-    if (write + 2 + size > capacity) {
+    if (write + wire::frame_size(size) > capacity) {
         restart_empty(ring);  // only a ring rewritten behind our back gets here
         write = 0;
     }
-    ring.bytes[write] = static_cast<unsigned char>(size & 0xFF);
-    ring.bytes[write + 1] = static_cast<unsigned char>((size >> 8) & 0xFF);
-    std::memcpy(ring.bytes + write + 2, data, size);
-    write += 2 + size;
-    if (write + 2 > capacity - 1) {
+    wire::store_prefix(ring.bytes + write, size);
+    std::memcpy(ring.bytes + write + LENGTH_PREFIX_SIZE, data, size);
+    write += wire::frame_size(size);
+    if (write > last_index(ring)) {
         write = 0;  // fewer than three bytes left: no record can start there
     }
-    store_index(ring.write_index, write);
+    store_once(ring.write_index, write);
 }
-
-// Kinds the application may send through its ring: everything but 22 (an encoded payload
-// is never the first record of a unit) and unknown kinds.
-bool is_ring_kind(unsigned char kind) { return kind <= 21 || kind == 23 || kind == 24; }
 
 const char* const NOT_INITIALIZED = "shared memory not initialized.";
 
@@ -245,7 +231,7 @@ bool Logferry_base::push_client(const std::vector<unsigned char>& bytes)
     if (!initialized || !placeable(bytes.size(), CLIENT_BUFFER_SIZE)) {
         return false;
     }
-    if (!is_ring_kind(bytes[0])) {
+    if (!wire::is_ring_kind(bytes[0])) {
         report_error("unknown message type " + std::to_string(static_cast<unsigned int>(bytes[0])));
         return false;
     }
@@ -294,8 +280,8 @@ bool Logferry_base::is_empty() const
     }
     const Ring ring = client_side ? server_ring(segment) : client_ring(segment);
     Mutex_lock_guard lock(ring.mutex, false);
-    const std::uint32_t read = load_index(ring.read_index);
-    const std::uint32_t write = load_index(ring.write_index);
+    const std::uint32_t read = load_once(ring.read_index);
+    const std::uint32_t write = load_once(ring.write_index);
     if (read > last_index(ring) || write > last_index(ring)) {
         return true;  // a corrupt ring holds nothing readable; the next push or pop restarts it
     }

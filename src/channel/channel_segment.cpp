@@ -5,9 +5,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "channel/segment_access.hpp"
 #include "logferry/channel.hpp"
 #include "logferry/system.hpp"
+#include "system/robust_mutex.hpp"
+#include "wire/shared_fields.hpp"
 
 namespace logferry {
 
@@ -15,17 +16,6 @@ namespace {
 
 const char* const NAME_PREFIX = "/logferry-";
 const char* const SHM_DIRECTORY = "/dev/shm";
-
-// Sets up one robust process-shared mutex; false at the first call that fails.
-bool init_robust_mutex(pthread_mutex_t* mutex)
-{
-    pthread_mutexattr_t attributes;
-    return sys->pthread_mutexattr_init(&attributes) == 0 &&
-           sys->pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_NORMAL) == 0 &&
-           sys->pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED) == 0 &&
-           sys->pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST) == 0 &&
-           sys->pthread_mutex_init(mutex, &attributes) == 0 && sys->pthread_mutexattr_destroy(&attributes) == 0;
-}
 
 }  // namespace
 

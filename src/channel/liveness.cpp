@@ -7,9 +7,9 @@
 #include <iostream>
 #include <string>
 
-#include "channel/segment_access.hpp"
 #include "logferry/channel.hpp"
 #include "logferry/system.hpp"
+#include "wire/shared_fields.hpp"
 
 namespace logferry {
 

@@ -8,12 +8,14 @@
 // read once per critical section and only the local copy is used.
 #include <pthread.h>
 
-#include <cerrno>
 #include <cstring>
 #include <string>
 
 #include "logferry/channel.hpp"
+#include "logferry/message.hpp"
 #include "logferry/system.hpp"
+#include "system/robust_mutex.hpp"
+#include "wire/shared_fields.hpp"
 
 namespace logferry {
 
@@ -23,14 +25,6 @@ namespace {
 constexpr std::size_t FORCED_PRIORITY_LIMIT = PRIORITY_DATA_SIZE - 1;
 
 const char* const NOT_INITIALIZED = "shared memory not initialized.";
-
-// Only registrations and control requests may use the area: disable_remote (0),
-// enable_local_print (1), init_file (2), register_app (3), register_context (5).
-bool is_priority_kind(unsigned char kind) { return kind <= 3 || kind == 5; }
-
-std::uint16_t load_size(const std::uint16_t* field) { return __atomic_load_n(field, __ATOMIC_RELAXED); }
-// NOLINTNEXTLINE(readability-non-const-parameter): __atomic_store_n writes through `field`
-void store_size(std::uint16_t* field, std::uint16_t value) { __atomic_store_n(field, value, __ATOMIC_RELAXED); }
 
 // The checks both writers make before they lock: false when the record is to be refused.
 bool acceptable_priority_record(const std::vector<unsigned char>& bytes)
@@ -53,11 +47,11 @@ bool Logferry_base::push_priority(const std::vector<unsigned char>& bytes)
         return false;
     }
     Mutex_lock_guard lock(&segment->priority_mutex.mutex, false);
-    if (load_size(&segment->priority_size) != 0) {
+    if (load_once(&segment->priority_size) != 0) {
         return false;  // the daemon has not taken the previous record yet; the caller retries
     }
     std::memcpy(segment->priority_data, bytes.data(), bytes.size());
-    store_size(&segment->priority_size, static_cast<std::uint16_t>(bytes.size()));
+    store_once(&segment->priority_size, static_cast<std::uint16_t>(bytes.size()));
     return true;
 }
 
@@ -67,13 +61,13 @@ bool Logferry_base::force_push_priority(const std::vector<unsigned char>& bytes)
         return false;
     }
     Mutex_lock_guard lock(&segment->priority_mutex.mutex, false);
-    const std::size_t used = load_size(&segment->priority_size);
+    const std::size_t used = load_once(&segment->priority_size);
     if (used + bytes.size() > FORCED_PRIORITY_LIMIT) {
         report_error("Priority buffer exceeded: ");
         return false;
     }
     std::memcpy(segment->priority_data + used, bytes.data(), bytes.size());
-    store_size(&segment->priority_size, static_cast<std::uint16_t>(used + bytes.size()));
+    store_once(&segment->priority_size, static_cast<std::uint16_t>(used + bytes.size()));
     return true;
 }
 
@@ -93,7 +87,7 @@ std::vector<unsigned char> Logferry_base::pop_priority_unsynced()
         report_error(NOT_INITIALIZED);
         return {};
     }
-    std::size_t used = load_size(&segment->priority_size);
+    std::size_t used = load_once(&segment->priority_size);
     if (used == 0) {
         return {};
     }
@@ -102,7 +96,7 @@ std::vector<unsigned char> Logferry_base::pop_priority_unsynced()
     }
     std::vector<unsigned char> records(segment->priority_data, segment->priority_data + used);
     std::memset(segment->priority_data, 0, PRIORITY_DATA_SIZE);
-    store_size(&segment->priority_size, 0);
+    store_once(&segment->priority_size, 0);
     return records;
 }
 
@@ -113,7 +107,7 @@ bool Logferry_base::is_priority_empty() const
         return true;
     }
     Mutex_lock_guard lock(&segment->priority_mutex.mutex, false);
-    return load_size(&segment->priority_size) == 0;
+    return load_once(&segment->priority_size) == 0;
 }
 
 bool Logferry_base::is_priority_empty_unsynced() const
@@ -122,7 +116,7 @@ bool Logferry_base::is_priority_empty_unsynced() const
         report_error(NOT_INITIALIZED);
         return true;
     }
-    return load_size(&segment->priority_size) == 0;
+    return load_once(&segment->priority_size) == 0;
 }
 
 void Logferry_base::clear_priority_data()
@@ -133,7 +127,7 @@ void Logferry_base::clear_priority_data()
     }
     Mutex_lock_guard lock(&segment->priority_mutex.mutex, false);
     std::memset(segment->priority_data, 0, PRIORITY_DATA_SIZE);
-    store_size(&segment->priority_size, 0);
+    store_once(&segment->priority_size, 0);
 }
 
 void Logferry_base::lock_priority_mutex()
@@ -142,18 +136,11 @@ void Logferry_base::lock_priority_mutex()
         report_error(NOT_INITIALIZED);
         return;
     }
-    pthread_mutex_t* const mutex = &segment->priority_mutex.mutex;
-    const int result = sys->pthread_mutex_lock(mutex);
-    if (result == 0) {
-        return;
+    // A holder that died inside its critical section leaves the area as it was; it is used so.
+    const int result = lock_robust_mutex(&segment->priority_mutex.mutex);
+    if (result != 0) {
+        report_error("error while locking the mutex: ", result);
     }
-    if (result == EOWNERDEAD) {
-        // The holder died inside its critical section: the lock is ours now, and the area is
-        // used as it was left.
-        sys->pthread_mutex_consistent(mutex);
-        return;
-    }
-    report_error("error while locking the mutex: ", result);
 }
 
 void Logferry_base::unlock_priority_mutex()

@@ -1,21 +1,17 @@
 // The two queries an application may make before it logs: the per-context level filter
 // and whether a message is open under a stream key.
 #include "logferry/client.hpp"
+#include "wire/wire.hpp"
 
 namespace logferry {
 
-namespace {
-constexpr unsigned char MAX_LOG_LEVEL = 6;
-constexpr unsigned char LEVEL_OFF = 0;
-}  // namespace
-
 bool is_log_level_enabled(unsigned int context_handle, unsigned char level)
 {
-    if (level > MAX_LOG_LEVEL) {
+    if (level > wire::MAX_LOG_LEVEL) {
         return false;
     }
     std::lock_guard<std::mutex> lock(filters_mutex);
-    if (level == LEVEL_OFF) {
+    if (level == wire::LOG_LEVEL_OFF) {
         return false;
     }
     // A handle never seen is entered with level 0 (off), deliberately: it then stays

@@ -13,7 +13,7 @@
 
 #include "logferry/client.hpp"
 #include "logferry/system.hpp"
-#include "message/record_encoding.hpp"
+#include "wire/wire.hpp"
 
 namespace logferry {
 
@@ -22,11 +22,8 @@ namespace {
 using Stream_map = std::unordered_map<std::uint32_t, std::vector<unsigned char>>;
 using Stream_node = Stream_map::node_type;
 
-constexpr std::uint8_t MAX_LOG_LEVEL = 6;
-// Longest text a log call takes (1388 characters; a text of 1389 or more is dropped, not
-// cut), and longest payload of the raw and encoded records (1389 bytes).
-constexpr std::size_t MAX_TEXT_LENGTH = 1388;
-constexpr std::size_t MAX_PAYLOAD_LENGTH = 1389;
+using wire::MAX_LOGGED_TEXT_LENGTH;
+using wire::MAX_PAYLOAD_SIZE;
 constexpr std::size_t TEXT_SCAN_LIMIT = RECORD_DATA_SIZE;
 
 // A fresh stream's vector is reserved once to hold a typical message; a recycled vector
@@ -161,7 +158,7 @@ bool append_to_logstream(std::uint32_t stream_key, const std::vector<unsigned ch
 
 bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint8_t log_level)
 {
-    if (log_level > MAX_LOG_LEVEL) {
+    if (log_level > wire::MAX_LOG_LEVEL) {
         return false;
     }
     {
@@ -176,9 +173,9 @@ bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint
     if (sys->clock_gettime(CLOCK_MONOTONIC, &now) == 0) {
         timestamp = static_cast<std::uint32_t>(now.tv_sec) * 10000U + static_cast<std::uint32_t>(now.tv_nsec / 100000);
     }
-    unsigned char record[encoding::START_SIZE];
+    unsigned char record[wire::START_SIZE];
     const std::size_t size =
-        encoding::encode_start(record, KIND_WRITE_START, log_level, context_handle, stream_key, timestamp);
+        wire::encode_start(record, KIND_WRITE_START, log_level, context_handle, stream_key, timestamp);
     {
         // A start normally opens its stream: one map operation that finds or opens it.
         std::lock_guard<std::mutex> lock(incomplete_logstream_messages_mutex);
@@ -189,80 +186,79 @@ bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint
 
 void log_bool(std::uint32_t stream_key, bool value)
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
-    append_record(stream_key, record, encoding::encode_plain_u8(record, KIND_WRITE_BOOL, stream_key, value ? 1 : 0));
+    unsigned char record[wire::MAX_FIXED_SIZE];
+    append_record(stream_key, record, wire::encode_plain_u8(record, KIND_WRITE_BOOL, stream_key, value ? 1 : 0));
 }
 
 void log_int8(std::uint32_t stream_key, std::int8_t value)
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
+    unsigned char record[wire::MAX_FIXED_SIZE];
     append_record(stream_key, record,
-                  encoding::encode_plain_u8(record, KIND_WRITE_INT8, stream_key, static_cast<std::uint8_t>(value)));
+                  wire::encode_plain_u8(record, KIND_WRITE_INT8, stream_key, static_cast<std::uint8_t>(value)));
 }
 
 void log_int16(std::uint32_t stream_key, std::int16_t value)
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
+    unsigned char record[wire::MAX_FIXED_SIZE];
     append_record(stream_key, record,
-                  encoding::encode_plain_u16(record, KIND_WRITE_INT16, stream_key, static_cast<std::uint16_t>(value)));
+                  wire::encode_plain_u16(record, KIND_WRITE_INT16, stream_key, static_cast<std::uint16_t>(value)));
 }
 
 void log_int32(std::uint32_t stream_key, std::int32_t value)
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
+    unsigned char record[wire::MAX_FIXED_SIZE];
     append_record(stream_key, record,
-                  encoding::encode_plain_u32(record, KIND_WRITE_INT32, stream_key, static_cast<std::uint32_t>(value)));
+                  wire::encode_plain_u32(record, KIND_WRITE_INT32, stream_key, static_cast<std::uint32_t>(value)));
 }
 
 void log_int64(std::uint32_t stream_key, std::int64_t value)
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
+    unsigned char record[wire::MAX_FIXED_SIZE];
     append_record(stream_key, record,
-                  encoding::encode_plain_u64(record, KIND_WRITE_INT64, stream_key, static_cast<std::uint64_t>(value)));
+                  wire::encode_plain_u64(record, KIND_WRITE_INT64, stream_key, static_cast<std::uint64_t>(value)));
 }
 
 void log_uint8_formatted(std::uint32_t stream_key, std::uint8_t value, LogFormat format)
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
-    append_record(
-        stream_key, record,
-        encoding::encode_formatted_u8(record, KIND_WRITE_UINT8_FORMATTED, validated(format), value, stream_key));
+    unsigned char record[wire::MAX_FIXED_SIZE];
+    append_record(stream_key, record,
+                  wire::encode_formatted_u8(record, KIND_WRITE_UINT8_FORMATTED, validated(format), value, stream_key));
 }
 
 void log_uint16_formatted(std::uint32_t stream_key, std::uint16_t value, LogFormat format)
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
+    unsigned char record[wire::MAX_FIXED_SIZE];
     append_record(
         stream_key, record,
-        encoding::encode_formatted_u16(record, KIND_WRITE_UINT16_FORMATTED, validated(format), value, stream_key));
+        wire::encode_formatted_u16(record, KIND_WRITE_UINT16_FORMATTED, validated(format), value, stream_key));
 }
 
 void log_uint32_formatted(std::uint32_t stream_key, std::uint32_t value, LogFormat format)
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
+    unsigned char record[wire::MAX_FIXED_SIZE];
     append_record(
         stream_key, record,
-        encoding::encode_formatted_u32(record, KIND_WRITE_UINT32_FORMATTED, validated(format), value, stream_key));
+        wire::encode_formatted_u32(record, KIND_WRITE_UINT32_FORMATTED, validated(format), value, stream_key));
 }
 
 void log_uint64_formatted(std::uint32_t stream_key, std::uint64_t value, LogFormat format)
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
+    unsigned char record[wire::MAX_FIXED_SIZE];
     append_record(
         stream_key, record,
-        encoding::encode_formatted_u64(record, KIND_WRITE_UINT64_FORMATTED, validated(format), value, stream_key));
+        wire::encode_formatted_u64(record, KIND_WRITE_UINT64_FORMATTED, validated(format), value, stream_key));
 }
 
 void log_float32(std::uint32_t stream_key, float value)
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
-    append_record(stream_key, record, encoding::encode_plain_memory(record, KIND_WRITE_FLOAT32, stream_key, value));
+    unsigned char record[wire::MAX_FIXED_SIZE];
+    append_record(stream_key, record, wire::encode_plain_memory(record, KIND_WRITE_FLOAT32, stream_key, value));
 }
 
 void log_float64(std::uint32_t stream_key, double value)
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
-    append_record(stream_key, record, encoding::encode_plain_memory(record, KIND_WRITE_FLOAT64, stream_key, value));
+    unsigned char record[wire::MAX_FIXED_SIZE];
+    append_record(stream_key, record, wire::encode_plain_memory(record, KIND_WRITE_FLOAT64, stream_key, value));
 }
 
 void log_utf8_string(std::uint32_t stream_key, const char* text)
@@ -272,51 +268,54 @@ void log_utf8_string(std::uint32_t stream_key, const char* text)
     }
     // Over-long texts are dropped, not cut.
     const std::size_t length = ::strnlen(text, TEXT_SCAN_LIMIT);
-    if (length > MAX_TEXT_LENGTH) {
+    if (length > MAX_LOGGED_TEXT_LENGTH) {
         return;
     }
-    unsigned char head[encoding::TEXT_HEAD_SIZE];
-    encoding::encode_text_head(head, KIND_WRITE_UTF8_STRING, static_cast<std::uint16_t>(length + 8), stream_key);
+    unsigned char head[wire::TEXT_HEAD_SIZE];
+    wire::encode_text_head(head, KIND_WRITE_UTF8_STRING, static_cast<std::uint16_t>(wire::text_size(length)),
+                           stream_key);
     append_record(stream_key, Record_pieces{head, sizeof(head), text, length, 1});
 }
 
 void log_string_view(std::uint32_t stream_key, const char* text, std::uint64_t length)
 {
-    if (length > MAX_TEXT_LENGTH || text == nullptr) {
+    if (length > MAX_LOGGED_TEXT_LENGTH || text == nullptr) {
         return;
     }
     // The copy stops early at a zero byte; the length field still tells the given length.
     const std::size_t copied = ::strnlen(text, static_cast<std::size_t>(length));
-    unsigned char head[encoding::TEXT_HEAD_SIZE];
-    encoding::encode_text_head(head, KIND_WRITE_UTF8_STRING, static_cast<std::uint16_t>(length + 8), stream_key);
+    unsigned char head[wire::TEXT_HEAD_SIZE];
+    wire::encode_text_head(head, KIND_WRITE_UTF8_STRING, static_cast<std::uint16_t>(wire::text_size(length)),
+                           stream_key);
     append_record(stream_key, Record_pieces{head, sizeof(head), text, copied, 1});
 }
 
 void log_raw_formatted(std::uint32_t stream_key, const std::uint8_t* data, std::uint16_t length, LogFormat format)
 {
-    if (length > MAX_PAYLOAD_LENGTH || data == nullptr) {
+    if (length > MAX_PAYLOAD_SIZE || data == nullptr) {
         return;
     }
     // The format goes out as given: raw data keeps whatever presentation code it was handed.
-    unsigned char head[encoding::RAW_HEAD_SIZE];
-    encoding::encode_raw_head(head, KIND_WRITE_RAW_FORMATTED, static_cast<std::uint16_t>(length + 10),
-                              static_cast<std::uint8_t>(format), length, stream_key);
+    unsigned char head[wire::RAW_HEAD_SIZE];
+    wire::encode_raw_head(head, KIND_WRITE_RAW_FORMATTED, static_cast<std::uint16_t>(wire::RAW_HEAD_SIZE + length),
+                          static_cast<std::uint8_t>(format), length, stream_key);
     append_record(stream_key, Record_pieces{head, sizeof(head), data, length, 0});
 }
 
 void log_encoded_payload(std::uint32_t stream_key, const std::vector<unsigned char>& payload,
                          const std::uint16_t& length)
 {
-    if (payload.empty() || length > MAX_PAYLOAD_LENGTH) {
+    if (payload.empty() || length > MAX_PAYLOAD_SIZE) {
         return;
     }
     // `length` bytes are sent as the caller says. Should the vector be shorter, its bytes
     // are followed by zeros rather than by whatever lies behind it in memory.
     const std::uint16_t size = length;
     const std::size_t available = size < payload.size() ? size : payload.size();
-    unsigned char head[encoding::ENCODED_PAYLOAD_HEAD_SIZE];
-    encoding::encode_encoded_payload_head(head, KIND_WRITE_ENCODED_PAYLOAD, static_cast<std::uint16_t>(size + 9), size,
-                                          stream_key);
+    unsigned char head[wire::ENCODED_PAYLOAD_HEAD_SIZE];
+    wire::encode_encoded_payload_head(head, KIND_WRITE_ENCODED_PAYLOAD,
+                                      static_cast<std::uint16_t>(wire::ENCODED_PAYLOAD_HEAD_SIZE + size), size,
+                                      stream_key);
     append_record(stream_key, Record_pieces{head, sizeof(head), payload.data(), available, size - available});
 }
 
@@ -327,8 +326,8 @@ void log_finish(std::uint32_t stream_key)
         std::lock_guard<std::mutex> lock(incomplete_logstream_messages_mutex);
         node = incomplete_logstream_messages.extract(stream_key);
     }
-    unsigned char finish[encoding::FINISH_SIZE];
-    encoding::encode_finish(finish, KIND_WRITE_FINISH, stream_key);
+    unsigned char finish[wire::FINISH_SIZE];
+    wire::encode_finish(finish, KIND_WRITE_FINISH, stream_key);
 
     if (node.empty()) {
         // Nothing was open under this key: the message is the finish record alone.
@@ -349,13 +348,14 @@ void log_finish(std::uint32_t stream_key)
 
 void log_encoded_message(const std::vector<unsigned char>& message, const std::uint16_t& length)
 {
-    if (message.empty() || length > MAX_PAYLOAD_LENGTH) {
+    if (message.empty() || length > MAX_PAYLOAD_SIZE) {
         return;
     }
     const std::uint16_t size = length;
     const std::size_t available = size < message.size() ? size : message.size();
-    unsigned char head[encoding::ENCODED_MESSAGE_HEAD_SIZE];
-    encoding::encode_encoded_message_head(head, KIND_WRITE_ENCODED_MESSAGE, static_cast<std::uint16_t>(size + 5), size);
+    unsigned char head[wire::ENCODED_MESSAGE_HEAD_SIZE];
+    wire::encode_encoded_message_head(head, KIND_WRITE_ENCODED_MESSAGE,
+                                      static_cast<std::uint16_t>(wire::ENCODED_MESSAGE_HEAD_SIZE + size), size);
     std::vector<unsigned char> bytes;
     bytes.reserve(sizeof(head) + size);
     append(bytes, head, sizeof(head));

@@ -11,6 +11,7 @@
 
 #include "logferry/client.hpp"
 #include "logferry/system.hpp"
+#include "wire/wire.hpp"
 
 namespace logferry {
 
@@ -200,7 +201,7 @@ void handle_daemon_message(std::vector<unsigned char>& bytes)
     }
     if (bytes[0] == KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER) {
         Logferry_update_context_log_level_filter update{};
-        if (bytes.size() != sizeof update || !deserialize(bytes, bytes.size(), update)) {
+        if (bytes.size() != wire::LEVEL_UPDATE_SIZE || !deserialize(bytes, bytes.size(), update)) {
             return;  // malformed updates are ignored
         }
         const std::uint32_t handle = update.context_handle;

@@ -2,11 +2,11 @@
 // registration and control records reach the daemon ahead of ordinary log traffic.
 #include "logferry/client.hpp"
 #include "logferry/system.hpp"
+#include "wire/wire.hpp"
 
 namespace logferry {
 
 namespace {
-constexpr std::uint8_t MAX_LOG_LEVEL = 6;
 // A busy priority area is polled for one second: 21 tests with 20 sleeps between them.
 constexpr unsigned int PRIORITY_POLL_MS = 50;
 constexpr int PRIORITY_POLL_SLEEPS = 20;
@@ -80,7 +80,7 @@ bool register_app(const char* app_id, const char* description)
 bool register_context(std::uint32_t context_handle, const char* context_id, const char* description,
                       std::uint8_t log_level)
 {
-    if (log_level > MAX_LOG_LEVEL) {
+    if (log_level > wire::MAX_LOG_LEVEL) {
         return false;
     }
     // Read without application_mutex, as a quick test of whether register_app came first.

@@ -14,6 +14,7 @@
 
 #include "logferry/listener.hpp"
 #include "logferry/system.hpp"
+#include "wire/shared_fields.hpp"
 
 namespace logferry {
 
@@ -27,7 +28,7 @@ constexpr std::int64_t PROXY_WATCHDOG_SECONDS = 5;
 // byte again after the check, should the list mutex have failed to lock.
 std::uint8_t entry_index(const std::uint8_t* field)
 {
-    const std::uint8_t value = __atomic_load_n(field, __ATOMIC_RELAXED);
+    const std::uint8_t value = load_once(field);
     return value < LISTENER_ENTRY_COUNT ? value : 0;
 }
 
@@ -53,7 +54,7 @@ void Logferry_listener::sync_list()
 
     // Read side: stay on an entry that is still waiting to be handed out, else the first one
     // that is, else 0.
-    const std::uint8_t read = __atomic_load_n(&segment->read_index, __ATOMIC_RELAXED);
+    const std::uint8_t read = load_once(&segment->read_index);
     if (!in_range(read) || entries[read].channel_name[0] == 0 || entries[read].picked_up == 1) {
         std::uint8_t next_read = 0;
         for (std::uint8_t i = 0; i < LISTENER_ENTRY_COUNT; ++i) {
@@ -67,7 +68,7 @@ void Logferry_listener::sync_list()
 
     // Write side: stay on an entry that can still be filled, else the first free one, else
     // the read index, so that a full list makes the next push find an occupied entry.
-    const std::uint8_t write = __atomic_load_n(&segment->write_index, __ATOMIC_RELAXED);
+    const std::uint8_t write = load_once(&segment->write_index);
     if (!in_range(write) || entries[write].channel_name[0] != 0 || entries[write].picked_up == 1) {
         std::uint8_t next_write = entry_index(&segment->read_index);
         for (std::uint8_t i = 0; i < LISTENER_ENTRY_COUNT; ++i) {

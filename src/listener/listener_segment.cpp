@@ -10,6 +10,7 @@
 
 #include "logferry/listener.hpp"
 #include "logferry/system.hpp"
+#include "system/robust_mutex.hpp"
 
 namespace logferry {
 
@@ -136,15 +137,7 @@ bool Logferry_listener::init_shm(int fd)
     segment = static_cast<Listener_segment*>(address);
     std::memset(address, 0, LISTENER_SEGMENT_SIZE);  // every entry free, both indices 0
 
-    pthread_mutexattr_t attributes;
-    // Stops at the first call that fails; the attributes are then left as they are.
-    const bool ready = sys->pthread_mutexattr_init(&attributes) == 0 &&
-                       sys->pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_NORMAL) == 0 &&
-                       sys->pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED) == 0 &&
-                       sys->pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST) == 0 &&
-                       sys->pthread_mutex_init(&segment->list_mutex.mutex, &attributes) == 0 &&
-                       sys->pthread_mutexattr_destroy(&attributes) == 0;
-    if (!ready) {
+    if (!init_robust_mutex(&segment->list_mutex.mutex)) {
         report_error("error while initializing the mutex.");
         return false;
     }

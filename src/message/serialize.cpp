@@ -11,7 +11,7 @@
 
 #include <cstring>
 
-#include "message/record_encoding.hpp"
+#include "wire/wire.hpp"
 
 namespace logferry {
 namespace {
@@ -24,9 +24,9 @@ unsigned char* grow(std::vector<unsigned char>& out, std::size_t count)
     return out.data() + old_size;
 }
 
-using encoding::put_u16;
-using encoding::put_u32;
-using encoding::put_u8;
+using wire::put_u16;
+using wire::put_u32;
+using wire::put_u8;
 
 template <std::size_t N>
 unsigned char* put_array(unsigned char* p, const std::array<char, N>& array, std::size_t count) noexcept
@@ -58,28 +58,21 @@ std::size_t description_bytes(const std::array<char, RECORD_DESCRIPTION_SIZE>& d
     return static_cast<std::size_t>(static_cast<const char*>(zero) - description.data()) + 1;
 }
 
-// Payload bytes a payload record writes: `size` when it is 1 to 1389, else none.
-std::size_t payload_bytes(std::uint16_t size) noexcept
-{
-    const auto before = static_cast<std::uint16_t>(size - 1U);
-    return before <= RECORD_MAX_PAYLOAD_SIZE - 1 ? size : 0;
-}
-
 }  // namespace
 
 void serialize(const Logferry_disable_remote& record, std::vector<unsigned char>& out)
 {
-    put_u8(grow(out, 1), record.kind);
+    put_u8(grow(out, wire::BARE_SIZE), record.kind);
 }
 
 void serialize(const Logferry_enable_local_print& record, std::vector<unsigned char>& out)
 {
-    put_u8(grow(out, 1), record.kind);
+    put_u8(grow(out, wire::BARE_SIZE), record.kind);
 }
 
 void serialize(const Logferry_init_file& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 1 + RECORD_FILE_NAME_SIZE);
+    unsigned char* p = grow(out, wire::INIT_FILE_SIZE);
     p = put_u8(p, record.kind);
     put_array(p, record.file_name, RECORD_FILE_NAME_SIZE);
 }
@@ -87,7 +80,7 @@ void serialize(const Logferry_init_file& record, std::vector<unsigned char>& out
 void serialize(const Logferry_register_app& record, std::vector<unsigned char>& out)
 {
     const std::size_t text = description_bytes(record.description);
-    unsigned char* p = grow(out, 3 + RECORD_ID_SIZE + text);
+    unsigned char* p = grow(out, wire::REGISTER_APP_HEAD_SIZE + text);
     p = put_u8(p, record.kind);
     p = put_u16(p, record.length);
     p = put_array(p, record.app_id, RECORD_ID_SIZE);
@@ -96,13 +89,13 @@ void serialize(const Logferry_register_app& record, std::vector<unsigned char>& 
 
 void serialize(const Logferry_unregister_app& record, std::vector<unsigned char>& out)
 {
-    put_u8(grow(out, 1), record.kind);
+    put_u8(grow(out, wire::BARE_SIZE), record.kind);
 }
 
 void serialize(const Logferry_register_context& record, std::vector<unsigned char>& out)
 {
     const std::size_t text = description_bytes(record.description);
-    unsigned char* p = grow(out, 8 + RECORD_ID_SIZE + text);
+    unsigned char* p = grow(out, wire::REGISTER_CONTEXT_HEAD_SIZE + text);
     p = put_u8(p, record.kind);
     p = put_u16(p, record.length);
     p = put_u8(p, record.log_level);
@@ -113,20 +106,20 @@ void serialize(const Logferry_register_context& record, std::vector<unsigned cha
 
 void serialize(const Logferry_unregister_context& record, std::vector<unsigned char>& out)
 {
-    unsigned char* p = grow(out, 5);
+    unsigned char* p = grow(out, wire::UNREGISTER_CONTEXT_SIZE);
     p = put_u8(p, record.kind);
     put_u32(p, record.context_handle);
 }
 
 void serialize(const Logferry_write_start& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_start(grow(out, encoding::START_SIZE), record.kind, record.log_level, record.context_handle,
-                           record.stream_key, record.timestamp);
+    wire::encode_start(grow(out, wire::START_SIZE), record.kind, record.log_level, record.context_handle,
+                       record.stream_key, record.timestamp);
 }
 
 void serialize(const Logferry_write_finish& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_finish(grow(out, encoding::FINISH_SIZE), record.kind, record.stream_key);
+    wire::encode_finish(grow(out, wire::FINISH_SIZE), record.kind, record.stream_key);
 }
 
 // The plain-number kinds write the stream key before the value; signed values go out in
@@ -134,67 +127,67 @@ void serialize(const Logferry_write_finish& record, std::vector<unsigned char>& 
 
 void serialize(const Logferry_write_bool& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_plain_u8(grow(out, encoding::plain_size(1)), record.kind, record.stream_key, record.value);
+    wire::encode_plain_u8(grow(out, wire::plain_size(1)), record.kind, record.stream_key, record.value);
 }
 
 void serialize(const Logferry_write_int8& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_plain_u8(grow(out, encoding::plain_size(1)), record.kind, record.stream_key,
-                              static_cast<std::uint8_t>(record.value));
+    wire::encode_plain_u8(grow(out, wire::plain_size(1)), record.kind, record.stream_key,
+                          static_cast<std::uint8_t>(record.value));
 }
 
 void serialize(const Logferry_write_int16& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_plain_u16(grow(out, encoding::plain_size(2)), record.kind, record.stream_key,
-                               static_cast<std::uint16_t>(record.value));
+    wire::encode_plain_u16(grow(out, wire::plain_size(2)), record.kind, record.stream_key,
+                           static_cast<std::uint16_t>(record.value));
 }
 
 void serialize(const Logferry_write_int32& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_plain_u32(grow(out, encoding::plain_size(4)), record.kind, record.stream_key,
-                               static_cast<std::uint32_t>(record.value));
+    wire::encode_plain_u32(grow(out, wire::plain_size(4)), record.kind, record.stream_key,
+                           static_cast<std::uint32_t>(record.value));
 }
 
 void serialize(const Logferry_write_int64& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_plain_u64(grow(out, encoding::plain_size(8)), record.kind, record.stream_key,
-                               static_cast<std::uint64_t>(record.value));
+    wire::encode_plain_u64(grow(out, wire::plain_size(8)), record.kind, record.stream_key,
+                           static_cast<std::uint64_t>(record.value));
 }
 
 // The formatted kinds write format and value first and the stream key last.
 
 void serialize(const Logferry_write_uint8_formatted& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_formatted_u8(grow(out, encoding::formatted_size(1)), record.kind, record.format, record.value,
-                                  record.stream_key);
+    wire::encode_formatted_u8(grow(out, wire::formatted_size(1)), record.kind, record.format, record.value,
+                              record.stream_key);
 }
 
 void serialize(const Logferry_write_uint16_formatted& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_formatted_u16(grow(out, encoding::formatted_size(2)), record.kind, record.format, record.value,
-                                   record.stream_key);
+    wire::encode_formatted_u16(grow(out, wire::formatted_size(2)), record.kind, record.format, record.value,
+                               record.stream_key);
 }
 
 void serialize(const Logferry_write_uint32_formatted& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_formatted_u32(grow(out, encoding::formatted_size(4)), record.kind, record.format, record.value,
-                                   record.stream_key);
+    wire::encode_formatted_u32(grow(out, wire::formatted_size(4)), record.kind, record.format, record.value,
+                               record.stream_key);
 }
 
 void serialize(const Logferry_write_uint64_formatted& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_formatted_u64(grow(out, encoding::formatted_size(8)), record.kind, record.format, record.value,
-                                   record.stream_key);
+    wire::encode_formatted_u64(grow(out, wire::formatted_size(8)), record.kind, record.format, record.value,
+                               record.stream_key);
 }
 
 void serialize(const Logferry_write_float32& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_plain_memory(grow(out, encoding::plain_size(4)), record.kind, record.stream_key, record.value);
+    wire::encode_plain_memory(grow(out, wire::plain_size(4)), record.kind, record.stream_key, record.value);
 }
 
 void serialize(const Logferry_write_float64& record, std::vector<unsigned char>& out)
 {
-    encoding::encode_plain_memory(grow(out, encoding::plain_size(8)), record.kind, record.stream_key, record.value);
+    wire::encode_plain_memory(grow(out, wire::plain_size(8)), record.kind, record.stream_key, record.value);
 }
 
 void serialize(const Logferry_write_utf8_string& record, std::vector<unsigned char>& out)
@@ -204,47 +197,51 @@ void serialize(const Logferry_write_utf8_string& record, std::vector<unsigned ch
     const void* zero = std::memchr(record.text.data(), 0, record.text.size());
     const std::size_t text =
         zero == nullptr ? 0 : static_cast<std::size_t>(static_cast<const char*>(zero) - record.text.data()) + 1;
-    unsigned char* p = grow(out, encoding::TEXT_HEAD_SIZE + text);
-    p += encoding::encode_text_head(p, record.kind, record.length, record.stream_key);
+    unsigned char* p = grow(out, wire::TEXT_HEAD_SIZE + text);
+    p += wire::encode_text_head(p, record.kind, record.length, record.stream_key);
     put_array(p, record.text, text);
 }
 
 void serialize(const Logferry_write_raw_formatted& record, std::vector<unsigned char>& out)
 {
-    const std::size_t payload = payload_bytes(record.size);
-    unsigned char* p = grow(out, encoding::RAW_HEAD_SIZE + payload);
-    p += encoding::encode_raw_head(p, record.kind, record.length, record.format, record.size, record.stream_key);
+    const std::size_t payload = wire::carried_payload(record.size);
+    unsigned char* p = grow(out, wire::RAW_HEAD_SIZE + payload);
+    p += wire::encode_raw_head(p, record.kind, record.length, record.format, record.size, record.stream_key);
     put_array(p, record.payload, payload);
 }
 
 void serialize(const Logferry_write_encoded_payload& record, std::vector<unsigned char>& out)
 {
-    const std::size_t payload = payload_bytes(record.size);
-    unsigned char* p = grow(out, encoding::ENCODED_PAYLOAD_HEAD_SIZE + payload);
-    p += encoding::encode_encoded_payload_head(p, record.kind, record.length, record.size, record.stream_key);
+    const std::size_t payload = wire::carried_payload(record.size);
+    unsigned char* p = grow(out, wire::ENCODED_PAYLOAD_HEAD_SIZE + payload);
+    p += wire::encode_encoded_payload_head(p, record.kind, record.length, record.size, record.stream_key);
     put_array(p, record.payload, payload);
 }
 
 void serialize(const Logferry_write_encoded_message& record, std::vector<unsigned char>& out)
 {
-    const std::size_t payload = payload_bytes(record.size);
-    unsigned char* p = grow(out, encoding::ENCODED_MESSAGE_HEAD_SIZE + payload);
-    p += encoding::encode_encoded_message_head(p, record.kind, record.length, record.size);
+    const std::size_t payload = wire::carried_payload(record.size);
+    unsigned char* p = grow(out, wire::ENCODED_MESSAGE_HEAD_SIZE + payload);
+    p += wire::encode_encoded_message_head(p, record.kind, record.length, record.size);
     put_array(p, record.payload, payload);
 }
 
 bool deserialize(const std::vector<unsigned char>& in, unsigned long size,
                  Logferry_update_context_log_level_filter& out)
 {
-    out.log_level = in.at(1);
-    if (out.log_level > static_cast<std::uint8_t>(ara::log::LogLevel::kVerbose)) {
+    out.log_level = in.at(wire::level_update::LEVEL_AT);
+    if (out.log_level > wire::MAX_LOG_LEVEL) {
         return false;
     }
-    if (size <= 5) {
+    if (size < wire::LEVEL_UPDATE_SIZE) {
         return false;
     }
-    out.context_handle = static_cast<std::uint32_t>(in.at(2)) | static_cast<std::uint32_t>(in.at(3)) << 8 |
-                         static_cast<std::uint32_t>(in.at(4)) << 16 | static_cast<std::uint32_t>(in.at(5)) << 24;
+    // Every byte of the handle is checked in turn: a vector shorter than `size` claims throws
+    // std::out_of_range for its first missing byte before anything is stored.
+    for (std::size_t at = wire::level_update::HANDLE_AT; at < wire::LEVEL_UPDATE_SIZE; ++at) {
+        static_cast<void>(in.at(at));
+    }
+    out.context_handle = wire::get_u32(in.data() + wire::level_update::HANDLE_AT);
     return true;
 }
 

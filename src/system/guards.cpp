@@ -1,6 +1,5 @@
-#include <cerrno>
-
 #include "logferry/system.hpp"
+#include "system/robust_mutex.hpp"
 
 namespace logferry {
 
@@ -9,17 +8,12 @@ Mutex_lock_guard::Mutex_lock_guard(pthread_mutex_t* mutex_, bool already_locked)
     if (already_locked) {
         return;
     }
-    const int result = sys->pthread_mutex_lock(mutex);
-    if (result == 0) {
-        return;
+    // A holder that died inside its critical section hands the lock over with the data as it
+    // was left.
+    const int result = lock_robust_mutex(mutex);
+    if (result != 0) {
+        report_error("error while locking the mutex: ", result);
     }
-    if (result == EOWNERDEAD) {
-        // The holder died inside its critical section: take the lock over and go on with the
-        // data as it was left.
-        sys->pthread_mutex_consistent(mutex);
-        return;
-    }
-    report_error("error while locking the mutex: ", result);
 }
 
 Mutex_lock_guard::~Mutex_lock_guard()

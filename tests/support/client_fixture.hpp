@@ -26,6 +26,7 @@
 
 #include "logferry/client.hpp"
 #include "support/test_util.hpp"
+#include "wire/wire.hpp"
 
 namespace logferry_test {
 
@@ -101,43 +102,52 @@ inline bool thread_ended(pid_t id) { return live_threads().count(id) == 0; }
 // kind or a record running past the end yields the rest as one piece.
 inline std::vector<Bytes> split_records(const Bytes& message)
 {
-    static const int fixed_size[25] = {1,  1, 256, -1, 1,  -1, 5,  14, 5,  6,  6,  7, 9,
-                                       13, 7, 8,   10, 14, 9,  13, -1, -1, -1, -1, 6};
+    namespace wire = logferry::wire;
     std::vector<Bytes> records;
     std::size_t at = 0;
     while (at < message.size()) {
         const unsigned char kind = message[at];
-        std::size_t size = 0;
-        auto text_end = [&](std::size_t from) -> std::size_t {
-            std::size_t end = from;
+        // Size of a record whose text starts at `text_at` within it: up to its zero.
+        auto text_record = [&](std::size_t text_at) -> std::size_t {
+            std::size_t end = at + text_at;
             while (end < message.size() && message[end] != 0) {
                 ++end;
             }
             return end + 1 - at;
         };
-        auto payload_size = [&](std::size_t offset) -> std::size_t {
-            if (at + offset + 1 >= message.size()) {
-                return 0;
+        // Size of a payload record with its head and the payload its size field carries.
+        auto payload_record = [&](std::size_t head_size, std::size_t size_at) -> std::size_t {
+            if (at + size_at + 1 >= message.size()) {
+                return head_size;
             }
-            const std::size_t n = message[at + offset] | (message[at + offset + 1] << 8);
-            return n >= 1 && n <= 1389 ? n : 0;
+            return head_size + wire::carried_payload(wire::get_u16(message.data() + at + size_at));
         };
-        if (kind < 25 && fixed_size[kind] > 0) {
-            size = static_cast<std::size_t>(fixed_size[kind]);
-        } else if (kind == 3) {
-            size = text_end(at + 8);
-        } else if (kind == 5) {
-            size = text_end(at + 13);
-        } else if (kind == 20) {
-            size = text_end(at + 7);
-        } else if (kind == 21) {
-            size = 10 + payload_size(4);
-        } else if (kind == 22) {
-            size = 9 + payload_size(3);
-        } else if (kind == 23) {
-            size = 5 + payload_size(3);
-        } else {
-            size = message.size() - at;
+        std::size_t size = 0;
+        switch (kind) {
+        case logferry::KIND_REGISTER_APP:
+            size = text_record(wire::register_app::DESCRIPTION_AT);
+            break;
+        case logferry::KIND_REGISTER_CONTEXT:
+            size = text_record(wire::register_context::DESCRIPTION_AT);
+            break;
+        case logferry::KIND_WRITE_UTF8_STRING:
+            size = text_record(wire::text::TEXT_AT);
+            break;
+        case logferry::KIND_WRITE_RAW_FORMATTED:
+            size = payload_record(wire::RAW_HEAD_SIZE, wire::raw::SIZE_AT);
+            break;
+        case logferry::KIND_WRITE_ENCODED_PAYLOAD:
+            size = payload_record(wire::ENCODED_PAYLOAD_HEAD_SIZE, wire::encoded_payload::SIZE_AT);
+            break;
+        case logferry::KIND_WRITE_ENCODED_MESSAGE:
+            size = payload_record(wire::ENCODED_MESSAGE_HEAD_SIZE, wire::encoded_message::SIZE_AT);
+            break;
+        default:
+            size = wire::fixed_size(kind);
+            if (size == 0) {
+                size = message.size() - at;  // an unknown kind: the rest
+            }
+            break;
         }
         if (at + size > message.size()) {
             size = message.size() - at;

@@ -8,31 +8,15 @@
 #include <cstring>
 
 #include "logferry/message.hpp"
+#include "wire/wire.hpp"
 
 namespace logferry_decoder {
 namespace {
 
 using namespace logferry;
+using namespace logferry::wire;
 
-constexpr std::uint8_t MAX_KIND = KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER;
-constexpr std::uint8_t MAX_LEVEL = static_cast<std::uint8_t>(ara::log::LogLevel::kVerbose);
-
-std::uint16_t read_u16(const unsigned char* p) noexcept { return static_cast<std::uint16_t>(p[0] | p[1] << 8); }
-
-std::uint32_t read_u32(const unsigned char* p) noexcept
-{
-    return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
-           static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
-}
-
-std::uint64_t read_u64(const unsigned char* p) noexcept
-{
-    std::uint64_t value = 0;
-    for (unsigned int i = 0; i < 8; ++i) {
-        value |= static_cast<std::uint64_t>(p[i]) << (8 * i);
-    }
-    return value;
-}
+constexpr std::uint8_t MAX_LEVEL = MAX_LOG_LEVEL;
 
 // Characters of a zero-padded field up to its first zero (at most `width`).
 std::string field_text(const unsigned char* p, std::size_t width)
@@ -70,19 +54,6 @@ struct Extent {
     std::size_t size = 0;
     std::uint32_t stream_key = 0;
 };
-
-bool has_length_field(std::uint8_t kind) noexcept
-{
-    return kind == KIND_REGISTER_APP || kind == KIND_REGISTER_CONTEXT ||
-           (kind >= KIND_WRITE_UTF8_STRING && kind <= KIND_WRITE_ENCODED_MESSAGE);
-}
-
-// Payload bytes that a payload record with this size field carries: the encoder writes
-// them only for sizes 1 to 1389.
-std::size_t carried_payload(std::uint16_t size) noexcept
-{
-    return size >= 1 && size <= RECORD_MAX_PAYLOAD_SIZE ? size : 0;
-}
 
 // Decodes the record that starts at data[pos]. With `out` null only the extent is
 // determined (no strings or payloads are copied).
@@ -123,38 +94,40 @@ Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, T
     case KIND_DISABLE_REMOTE:
     case KIND_ENABLE_LOCAL_PRINT:
     case KIND_UNREGISTER_APP:
-        x.size = 1;
+        x.size = BARE_SIZE;
         break;
 
     case KIND_INIT_FILE: {
-        constexpr std::size_t record_size = 1 + RECORD_FILE_NAME_SIZE;
-        if (left < record_size) {
-            return too_short(record_size);
+        if (left < INIT_FILE_SIZE) {
+            return too_short(INIT_FILE_SIZE);
         }
-        if (find_zero(p + 1, RECORD_FILE_NAME_SIZE) == RECORD_FILE_NAME_SIZE) {
-            return fail(Error_code::unterminated_field, pos + 1, "file name without its zero in 255 bytes");
+        const unsigned char* const name = p + init_file::FILE_NAME_AT;
+        if (find_zero(name, RECORD_FILE_NAME_SIZE) == RECORD_FILE_NAME_SIZE) {
+            return fail(Error_code::unterminated_field, pos + init_file::FILE_NAME_AT,
+                        "file name without its zero in 255 bytes");
         }
         if (out != nullptr) {
-            r.text = field_text(p + 1, RECORD_FILE_NAME_SIZE);
+            r.text = field_text(name, RECORD_FILE_NAME_SIZE);
         }
-        x.size = record_size;
+        x.size = INIT_FILE_SIZE;
         break;
     }
 
     case KIND_REGISTER_APP:
     case KIND_REGISTER_CONTEXT: {
         const bool app = kind == KIND_REGISTER_APP;
-        const std::size_t id_at = app ? 3 : 8;
-        const std::size_t text_at = id_at + RECORD_ID_SIZE;
+        const std::size_t id_at = app ? register_app::APP_ID_AT : register_context::CONTEXT_ID_AT;
+        const std::size_t text_at = app ? register_app::DESCRIPTION_AT : register_context::DESCRIPTION_AT;
         if (left < text_at + 1) {
             return too_short(text_at + 1);
         }
-        r.length = read_u16(p + 1);
+        static_assert(register_app::LENGTH_AT == register_context::LENGTH_AT, "one length field");
+        r.length = get_u16(p + register_app::LENGTH_AT);
         if (!app) {
-            r.log_level = p[3];
-            r.context_handle = read_u32(p + 4);
+            r.log_level = p[register_context::LEVEL_AT];
+            r.context_handle = get_u32(p + register_context::HANDLE_AT);
             if (r.log_level > MAX_LEVEL) {
-                return bad_level(r.log_level, 3);
+                return bad_level(r.log_level, register_context::LEVEL_AT);
             }
         }
         if (p[id_at + RECORD_ID_SIZE - 1] != 0) {
@@ -179,74 +152,77 @@ Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, T
     }
 
     case KIND_UNREGISTER_CONTEXT:
-        if (left < 5) {
-            return too_short(5);
+        if (left < UNREGISTER_CONTEXT_SIZE) {
+            return too_short(UNREGISTER_CONTEXT_SIZE);
         }
-        r.context_handle = read_u32(p + 1);
-        x.size = 5;
+        r.context_handle = get_u32(p + unregister_context::HANDLE_AT);
+        x.size = UNREGISTER_CONTEXT_SIZE;
         break;
 
     case KIND_WRITE_START:
-        if (left < 14) {
-            return too_short(14);
+        if (left < START_SIZE) {
+            return too_short(START_SIZE);
         }
-        r.log_level = p[1];
-        r.context_handle = read_u32(p + 2);
-        r.stream_key = read_u32(p + 6);
-        r.timestamp = read_u32(p + 10);
+        r.log_level = p[start::LEVEL_AT];
+        r.context_handle = get_u32(p + start::HANDLE_AT);
+        r.stream_key = get_u32(p + start::KEY_AT);
+        r.timestamp = get_u32(p + start::TIMESTAMP_AT);
         if (r.log_level > MAX_LEVEL) {
-            return bad_level(r.log_level, 1);
+            return bad_level(r.log_level, start::LEVEL_AT);
         }
-        x.size = 14;
+        x.size = START_SIZE;
         break;
 
     case KIND_WRITE_FINISH:
-        if (left < 5) {
-            return too_short(5);
+        if (left < FINISH_SIZE) {
+            return too_short(FINISH_SIZE);
         }
-        r.stream_key = read_u32(p + 1);
-        x.size = 5;
+        r.stream_key = get_u32(p + finish::KEY_AT);
+        x.size = FINISH_SIZE;
         break;
 
-    case KIND_WRITE_BOOL:
-        if (left < 6) {
-            return too_short(6);
+    case KIND_WRITE_BOOL: {
+        if (left < plain_size(1)) {
+            return too_short(plain_size(1));
         }
-        r.stream_key = read_u32(p + 1);
-        if (p[5] > 1) {
-            return fail(Error_code::invalid_value, pos + 5,
-                        "boolean value " + std::to_string(p[5]) + " is neither 0 nor 1");
+        r.stream_key = get_u32(p + plain::KEY_AT);
+        const std::uint8_t value = p[plain::VALUE_AT];
+        if (value > 1) {
+            return fail(Error_code::invalid_value, pos + plain::VALUE_AT,
+                        "boolean value " + std::to_string(value) + " is neither 0 nor 1");
         }
-        r.bool_value = p[5] == 1;
+        r.bool_value = value == 1;
         r.value_bits = 8;
-        x.size = 6;
+        x.size = plain_size(1);
         break;
+    }
 
     case KIND_WRITE_INT8:
     case KIND_WRITE_INT16:
     case KIND_WRITE_INT32:
     case KIND_WRITE_INT64: {
         const unsigned int bytes = 1U << (kind - KIND_WRITE_INT8);
-        if (left < 5 + bytes) {
-            return too_short(5 + bytes);
+        if (left < plain_size(bytes)) {
+            return too_short(plain_size(bytes));
         }
-        r.stream_key = read_u32(p + 1);
+        r.stream_key = get_u32(p + plain::KEY_AT);
         r.value_bits = 8 * bytes;
+        const unsigned char* const value = p + plain::VALUE_AT;
         switch (bytes) {
         case 1:
-            r.signed_value = static_cast<std::int8_t>(p[5]);
+            r.signed_value = static_cast<std::int8_t>(value[0]);
             break;
         case 2:
-            r.signed_value = static_cast<std::int16_t>(read_u16(p + 5));
+            r.signed_value = static_cast<std::int16_t>(get_u16(value));
             break;
         case 4:
-            r.signed_value = static_cast<std::int32_t>(read_u32(p + 5));
+            r.signed_value = static_cast<std::int32_t>(get_u32(value));
             break;
         default:
-            r.signed_value = static_cast<std::int64_t>(read_u64(p + 5));
+            r.signed_value = static_cast<std::int64_t>(get_u64(value));
             break;
         }
-        x.size = 5 + bytes;
+        x.size = plain_size(bytes);
         break;
     }
 
@@ -255,77 +231,75 @@ Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, T
     case KIND_WRITE_UINT32_FORMATTED:
     case KIND_WRITE_UINT64_FORMATTED: {
         const unsigned int bytes = 1U << (kind - KIND_WRITE_UINT8_FORMATTED);
-        if (left < 6 + bytes) {
-            return too_short(6 + bytes);
+        if (left < formatted_size(bytes)) {
+            return too_short(formatted_size(bytes));
         }
-        r.format = p[1];
+        r.format = p[formatted::FORMAT_AT];
         r.value_bits = 8 * bytes;
+        const unsigned char* const value = p + formatted::VALUE_AT;
         switch (bytes) {
         case 1:
-            r.unsigned_value = p[2];
+            r.unsigned_value = value[0];
             break;
         case 2:
-            r.unsigned_value = read_u16(p + 2);
+            r.unsigned_value = get_u16(value);
             break;
         case 4:
-            r.unsigned_value = read_u32(p + 2);
+            r.unsigned_value = get_u32(value);
             break;
         default:
-            r.unsigned_value = read_u64(p + 2);
+            r.unsigned_value = get_u64(value);
             break;
         }
-        r.stream_key = read_u32(p + 2 + bytes);
-        x.size = 6 + bytes;
+        r.stream_key = get_u32(p + formatted::key_at(bytes));
+        x.size = formatted_size(bytes);
         break;
     }
 
     case KIND_WRITE_FLOAT32:
-        if (left < 9) {
-            return too_short(9);
+        if (left < plain_size(sizeof(float))) {
+            return too_short(plain_size(sizeof(float)));
         }
-        r.stream_key = read_u32(p + 1);
-        {
-            float value = 0.0f;
-            std::memcpy(&value, p + 5, sizeof value);  // in-memory bytes, as the encoder wrote them
-            r.float_value = value;
-        }
+        r.stream_key = get_u32(p + plain::KEY_AT);
+        r.float_value = get_memory<float>(p + plain::VALUE_AT);  // in-memory bytes, as the encoder wrote them
         r.value_bits = 32;
-        x.size = 9;
+        x.size = plain_size(sizeof(float));
         break;
 
     case KIND_WRITE_FLOAT64:
-        if (left < 13) {
-            return too_short(13);
+        if (left < plain_size(sizeof(double))) {
+            return too_short(plain_size(sizeof(double)));
         }
-        r.stream_key = read_u32(p + 1);
-        std::memcpy(&r.float_value, p + 5, sizeof r.float_value);
+        r.stream_key = get_u32(p + plain::KEY_AT);
+        r.float_value = get_memory<double>(p + plain::VALUE_AT);
         r.value_bits = 64;
-        x.size = 13;
+        x.size = plain_size(sizeof(double));
         break;
 
     case KIND_WRITE_UTF8_STRING: {
-        if (left < 7) {
-            return too_short(7);
+        if (left < TEXT_HEAD_SIZE) {
+            return too_short(TEXT_HEAD_SIZE);
         }
-        r.length = read_u16(p + 1);
-        r.stream_key = read_u32(p + 3);
+        r.length = get_u16(p + text::LENGTH_AT);
+        r.stream_key = get_u32(p + text::KEY_AT);
         if (form == Text_form::header_only) {
             r.irregular |= text_omitted;
-            x.size = 7;
+            x.size = TEXT_HEAD_SIZE;
             break;
         }
-        const std::size_t room = left - 7 < RECORD_DATA_SIZE ? left - 7 : RECORD_DATA_SIZE;
-        const std::size_t n = find_zero(p + 7, room);
+        const std::size_t room = left - TEXT_HEAD_SIZE < RECORD_DATA_SIZE ? left - TEXT_HEAD_SIZE : RECORD_DATA_SIZE;
+        const std::size_t n = find_zero(p + text::TEXT_AT, room);
         if (n == room) {
             if (room < RECORD_DATA_SIZE) {
-                return fail(Error_code::truncated, pos + 7, "text runs past the end of the input without its zero");
+                return fail(Error_code::truncated, pos + text::TEXT_AT,
+                            "text runs past the end of the input without its zero");
             }
-            return fail(Error_code::unterminated_field, pos + 7, "text without its zero in 1390 bytes");
+            return fail(Error_code::unterminated_field, pos + text::TEXT_AT, "text without its zero in 1390 bytes");
         }
         if (out != nullptr) {
-            r.text.assign(reinterpret_cast<const char*>(p + 7), n);
+            r.text.assign(reinterpret_cast<const char*>(p + text::TEXT_AT), n);
         }
-        x.size = 8 + n;
+        x.size = text_size(n);
         break;
     }
 
@@ -333,20 +307,24 @@ Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, T
     case KIND_WRITE_ENCODED_PAYLOAD:
     case KIND_WRITE_ENCODED_MESSAGE: {
         // Fixed fields: 21 length, format, size, key; 22 length, size, key; 23 length, size.
-        const std::size_t fixed = kind == KIND_WRITE_RAW_FORMATTED ? 10 : kind == KIND_WRITE_ENCODED_PAYLOAD ? 9 : 5;
+        const std::size_t fixed = kind == KIND_WRITE_RAW_FORMATTED     ? RAW_HEAD_SIZE
+                                  : kind == KIND_WRITE_ENCODED_PAYLOAD ? ENCODED_PAYLOAD_HEAD_SIZE
+                                                                       : ENCODED_MESSAGE_HEAD_SIZE;
         if (left < fixed) {
             return too_short(fixed);
         }
-        r.length = read_u16(p + 1);
+        static_assert(raw::LENGTH_AT == encoded_payload::LENGTH_AT && raw::LENGTH_AT == encoded_message::LENGTH_AT,
+                      "one length field");
+        r.length = get_u16(p + raw::LENGTH_AT);
         if (kind == KIND_WRITE_RAW_FORMATTED) {
-            r.format = p[3];
-            r.payload_size = read_u16(p + 4);
-            r.stream_key = read_u32(p + 6);
+            r.format = p[raw::FORMAT_AT];
+            r.payload_size = get_u16(p + raw::SIZE_AT);
+            r.stream_key = get_u32(p + raw::KEY_AT);
+        } else if (kind == KIND_WRITE_ENCODED_PAYLOAD) {
+            r.payload_size = get_u16(p + encoded_payload::SIZE_AT);
+            r.stream_key = get_u32(p + encoded_payload::KEY_AT);
         } else {
-            r.payload_size = read_u16(p + 3);
-            if (kind == KIND_WRITE_ENCODED_PAYLOAD) {
-                r.stream_key = read_u32(p + 5);
-            }
+            r.payload_size = get_u16(p + encoded_message::SIZE_AT);
         }
         const std::size_t carried = carried_payload(r.payload_size);
         if (left - fixed < carried) {
@@ -364,15 +342,15 @@ Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, T
     }
 
     default:  // KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER
-        if (left < 6) {
-            return too_short(6);
+        if (left < LEVEL_UPDATE_SIZE) {
+            return too_short(LEVEL_UPDATE_SIZE);
         }
-        r.log_level = p[1];
-        r.context_handle = read_u32(p + 2);
+        r.log_level = p[level_update::LEVEL_AT];
+        r.context_handle = get_u32(p + level_update::HANDLE_AT);
         if (r.log_level > MAX_LEVEL) {
-            return bad_level(r.log_level, 1);
+            return bad_level(r.log_level, level_update::LEVEL_AT);
         }
-        x.size = 6;
+        x.size = LEVEL_UPDATE_SIZE;
         break;
     }
 
@@ -382,12 +360,6 @@ Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, T
     r.size = x.size;
     x.stream_key = r.stream_key;
     return x;
-}
-
-// A record of a log message: start, argument or finish.
-bool is_message_kind(std::uint8_t kind) noexcept
-{
-    return kind == KIND_WRITE_START || kind == KIND_WRITE_FINISH || is_argument_kind(kind);
 }
 
 Error misplaced(std::size_t pos, std::uint8_t kind, const char* where)
@@ -428,7 +400,7 @@ Ring_unit read_message_greedily(const unsigned char* data, std::size_t size, boo
                 // No terminated text here: the short form, if anything. Should the next
                 // record fail as well, the missing text is the better explanation.
                 short_form_error = x.error;
-                short_form_end = pos + 7;
+                short_form_end = pos + TEXT_HEAD_SIZE;
                 x = decode_at(data, size, pos, Text_form::header_only, &record);
             }
         }
@@ -466,17 +438,17 @@ Ring_unit read_message_greedily(const unsigned char* data, std::size_t size, boo
 // linear in the size of the message.
 bool read_message_exhaustively(const unsigned char* data, std::size_t size, std::vector<Record>& records)
 {
-    if (size < 5 || data[size - 5] != KIND_WRITE_FINISH) {
+    if (size < FINISH_SIZE || data[size - FINISH_SIZE] != KIND_WRITE_FINISH) {
         return false;
     }
-    const std::size_t finish_at = size - 5;
-    const std::uint32_t key = read_u32(data + finish_at + 1);
+    const std::size_t finish_at = size - FINISH_SIZE;
+    const std::uint32_t key = get_u32(data + finish_at + finish::KEY_AT);
 
     // Extent of the record at `pos` read in `form`, or 0 when it cannot stand there.
     const auto extent = [&](std::size_t pos, Text_form form) -> std::size_t {
         const std::uint8_t kind = data[pos];
         if (kind == KIND_WRITE_FINISH) {
-            return pos == finish_at && form == Text_form::with_text ? 5 : 0;
+            return pos == finish_at && form == Text_form::with_text ? FINISH_SIZE : 0;
         }
         if (!is_message_kind(kind) || (form == Text_form::header_only && kind != KIND_WRITE_UTF8_STRING)) {
             return 0;
@@ -609,7 +581,7 @@ const char* kind_name(int kind) noexcept
     return kind >= 0 && kind <= MAX_KIND ? names[kind] : "unknown";
 }
 
-bool is_argument_kind(int kind) noexcept { return kind >= KIND_WRITE_BOOL && kind <= KIND_WRITE_ENCODED_PAYLOAD; }
+bool is_argument_kind(int kind) noexcept { return wire::is_argument_kind(kind); }
 
 Record_result decode_record(const unsigned char* data, std::size_t size)
 {
@@ -619,7 +591,7 @@ Record_result decode_record(const unsigned char* data, std::size_t size)
         return result;
     }
     Extent x = decode_at(data, size, 0, Text_form::with_text, &result.record);
-    if (data[0] == KIND_WRITE_UTF8_STRING && !x.error.ok() && size >= 7) {
+    if (data[0] == KIND_WRITE_UTF8_STRING && !x.error.ok() && size >= TEXT_HEAD_SIZE) {
         // No zero follows: the record is the short form that ends after its stream key.
         x = decode_at(data, size, 0, Text_form::header_only, &result.record);
     }

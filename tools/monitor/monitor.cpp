@@ -19,6 +19,8 @@
 
 #include "logferry/message.hpp"
 #include "render.hpp"
+#include "wire/shared_fields.hpp"
+#include "wire/wire.hpp"
 
 namespace logferry_monitor {
 namespace {
@@ -105,8 +107,7 @@ void Monitor::run(const volatile std::sig_atomic_t& stop)
             const std::int64_t seconds = monotonic_seconds();
             for (auto& attachment : attachments_) {
                 attachment->channel->is_connection_active();
-                const std::int64_t stamp =
-                    __atomic_load_n(&attachment->channel->segment->client_watchdog, __ATOMIC_SEQ_CST);
+                const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
                 if (stamp != 0 && seconds - stamp > SILENCE_LIMIT_SECONDS) {
                     if (!read_remainder(*attachment)) {
                         break;
@@ -124,8 +125,7 @@ void Monitor::run(const volatile std::sig_atomic_t& stop)
             }
             // Read the stamp first: whatever the application wrote before it cleared the
             // stamp on its way out is drained below.
-            const std::int64_t stamp =
-                __atomic_load_n(&attachment->channel->segment->client_watchdog, __ATOMIC_SEQ_CST);
+            const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
             if (!(stamp == 0 ? read_remainder(*attachment) : drain(*attachment, false))) {
                 break;
             }
@@ -294,12 +294,8 @@ void Monitor::send_level_updates(Attachment& attachment, const Record& context)
             continue;
         }
         const std::uint32_t handle = context.context_handle;
-        const std::vector<unsigned char> update = {logferry::KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER,
-                                                   wanted.second,
-                                                   static_cast<unsigned char>(handle),
-                                                   static_cast<unsigned char>(handle >> 8),
-                                                   static_cast<unsigned char>(handle >> 16),
-                                                   static_cast<unsigned char>(handle >> 24)};
+        std::vector<unsigned char> update(logferry::wire::LEVEL_UPDATE_SIZE);
+        logferry::wire::encode_level_update(update.data(), wanted.second, handle);
         const std::string what = label(attachment) + " " + context.id + " handle=" + std::to_string(handle) +
                                  " level=" + level_name(wanted.second);
         if (attachment.channel->push(update)) {
