@@ -31,25 +31,7 @@ using Wide = __int128;
 const char* const HARNESS = "fuzz_channel_liveness";
 constexpr int MAX_OPERATIONS = 200;
 
-class Harness_system : public logferry::System_lib {
-public:
-    int clock_gettime(int clock_id, timespec* ts) override
-    {
-        if (clock_id != CLOCK_MONOTONIC) {
-            return System_lib::clock_gettime(clock_id, ts);
-        }
-        if (clock_fails) {
-            errno = EINVAL;
-            return -1;
-        }
-        ts->tv_sec = static_cast<time_t>(now);
-        ts->tv_nsec = 0;
-        return 0;
-    }
-
-    std::int64_t now = 100;
-    bool clock_fails = false;
-};
+using Harness_system = logferry_fuzz::Clock_system;
 
 struct Harness_state {
     logferry_fuzz::Guarded<Channel_segment> mapping;

@@ -243,19 +243,11 @@ private:
         }
     }
 
-    void expect(bool condition, const std::string& what)
-    {
-        if (!condition) {
-            logferry_fuzz::violation(HARNESS, what);
-        }
-    }
+    static void expect(bool condition, const std::string& what) { logferry_fuzz::expect(HARNESS, condition, what); }
 
-    void expect_output(const std::string& output, const std::string& expected, const std::string& what)
+    static void expect_output(const std::string& output, const std::string& expected, const std::string& what)
     {
-        if (output != expected) {
-            logferry_fuzz::violation(HARNESS, what + " wrote " + logferry_fuzz::quoted(output) + ", expected " +
-                                                  logferry_fuzz::quoted(expected));
-        }
+        logferry_fuzz::expect_output(HARNESS, output, expected, what);
     }
 
     Harness_state& state_;

@@ -58,23 +58,9 @@ private:
 };
 
 // Collects what is written to std::cout while it lives.
-class Captured_cout {
+class Captured_cout : public logferry_fuzz::Captured_stream {
 public:
-    Captured_cout() : previous_(std::cout.rdbuf(buffer_.rdbuf())) {}
-    ~Captured_cout() { std::cout.rdbuf(previous_); }
-    Captured_cout(const Captured_cout&) = delete;
-    Captured_cout& operator=(const Captured_cout&) = delete;
-
-    std::string take()
-    {
-        std::string text = buffer_.str();
-        buffer_.str(std::string());
-        return text;
-    }
-
-private:
-    std::ostringstream buffer_;
-    std::streambuf* previous_;
+    Captured_cout() : Captured_stream(std::cout) {}
 };
 
 std::string describe(const std::vector<unsigned char>& bytes)

@@ -24,12 +24,7 @@ const char* const HARNESS = "fuzz_decoder";
 using logferry_decoder::Error;
 using logferry_decoder::Record;
 
-void expect(bool condition, const std::string& what)
-{
-    if (!condition) {
-        logferry_fuzz::violation(HARNESS, what);
-    }
-}
+void expect(bool condition, const std::string& what) { logferry_fuzz::expect(HARNESS, condition, what); }
 
 void check_error(const Error& error, std::size_t size, const char* where)
 {

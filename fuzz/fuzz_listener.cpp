@@ -51,26 +51,7 @@ const char* const HARNESS = "fuzz_listener";
 constexpr int MAX_OPERATIONS = 200;
 constexpr std::size_t LIST_BYTES = offsetof(Listener_segment, list_mutex);
 
-// The real system, except for a monotonic clock that the harness sets and can make fail.
-class Harness_system : public logferry::System_lib {
-public:
-    int clock_gettime(int clock_id, timespec* ts) override
-    {
-        if (clock_id != CLOCK_MONOTONIC) {
-            return System_lib::clock_gettime(clock_id, ts);
-        }
-        if (clock_fails) {
-            errno = EINVAL;
-            return -1;
-        }
-        ts->tv_sec = now;
-        ts->tv_nsec = 0;
-        return 0;
-    }
-
-    std::int64_t now = 1000;
-    bool clock_fails = false;
-};
+using Harness_system = logferry_fuzz::Clock_system;
 
 struct Harness_state {
     logferry_fuzz::Guarded<Listener_segment> mapping;
@@ -507,10 +488,7 @@ private:
             break;
         }
         const std::string output = cerr.take();
-        if (output != expected_output) {
-            logferry_fuzz::violation(HARNESS, what + " wrote " + logferry_fuzz::quoted(output) + ", expected " +
-                                                  logferry_fuzz::quoted(expected_output));
-        }
+        logferry_fuzz::expect_output(HARNESS, output, expected_output, what);
         compare(what);
     }
 

@@ -1,5 +1,6 @@
 // Support shared by the fuzz harnesses: an input reader, mappings fenced by guard pages,
-// a robust process-shared mutex set-up, and capture of the library's diagnostic lines.
+// a settable clock, a robust process-shared mutex set-up, capture of the library's output
+// and the checks of expectations.
 //
 // The harnesses are compiled twice: as libFuzzer programs (fuzz/CMakeLists.txt) and into the
 // regression test of the normal suite (tests/test_fuzz_regressions.cpp), where their entry
@@ -9,8 +10,10 @@
 
 #include <pthread.h>
 #include <sys/mman.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -20,6 +23,7 @@
 #include <sstream>
 #include <string>
 
+#include "logferry/system.hpp"
 #include "system/robust_mutex.hpp"
 
 #if defined(__has_feature)
@@ -118,6 +122,28 @@ private:
     T* object_ = nullptr;
 };
 
+// The real system, except for a monotonic clock (whole seconds) that the harness sets and
+// can make fail.
+class Clock_system : public logferry::System_lib {
+public:
+    int clock_gettime(int clock_id, timespec* ts) override
+    {
+        if (clock_id != CLOCK_MONOTONIC) {
+            return System_lib::clock_gettime(clock_id, ts);
+        }
+        if (clock_fails) {
+            errno = EINVAL;
+            return -1;
+        }
+        ts->tv_sec = static_cast<time_t>(now);
+        ts->tv_nsec = 0;
+        return 0;
+    }
+
+    std::int64_t now = 0;
+    bool clock_fails = false;
+};
+
 // A robust process-shared mutex of the normal kind, set up as the creating end does it.
 inline void init_robust_mutex(pthread_mutex_t* mutex)
 {
@@ -127,14 +153,13 @@ inline void init_robust_mutex(pthread_mutex_t* mutex)
     }
 }
 
-// Collects what the library writes to std::cerr (its diagnostic lines) while it lives; the
-// process's standard error descriptor itself is left alone, so sanitizer reports still show.
-class Captured_cerr {
+// Collects what is written to `stream` while it lives; the stream's buffer is restored after.
+class Captured_stream {
 public:
-    Captured_cerr() : previous_(std::cerr.rdbuf(buffer_.rdbuf())) {}
-    ~Captured_cerr() { std::cerr.rdbuf(previous_); }
-    Captured_cerr(const Captured_cerr&) = delete;
-    Captured_cerr& operator=(const Captured_cerr&) = delete;
+    explicit Captured_stream(std::ostream& stream) : stream_(stream), previous_(stream.rdbuf(buffer_.rdbuf())) {}
+    ~Captured_stream() { stream_.rdbuf(previous_); }
+    Captured_stream(const Captured_stream&) = delete;
+    Captured_stream& operator=(const Captured_stream&) = delete;
 
     // What was written since the last call.
     std::string take()
@@ -145,8 +170,16 @@ public:
     }
 
 private:
+    std::ostream& stream_;
     std::ostringstream buffer_;
     std::streambuf* previous_;
+};
+
+// Collects what the library writes to std::cerr (its diagnostic lines) while it lives; the
+// process's standard error descriptor itself is left alone, so sanitizer reports still show.
+class Captured_cerr : public Captured_stream {
+public:
+    Captured_cerr() : Captured_stream(std::cerr) {}
 };
 
 // A broken expectation: says what and where on the standard error descriptor, then aborts,
@@ -173,6 +206,23 @@ inline std::string quoted(const std::string& text)
         }
     }
     return out + "\"";
+}
+
+// A violation unless `condition` holds.
+inline void expect(const char* harness, bool condition, const std::string& what)
+{
+    if (!condition) {
+        violation(harness, what);
+    }
+}
+
+// A violation unless `output` (what an operation wrote) is exactly `expected`.
+inline void expect_output(const char* harness, const std::string& output, const std::string& expected,
+                          const std::string& what)
+{
+    if (output != expected) {
+        violation(harness, what + " wrote " + quoted(output) + ", expected " + quoted(expected));
+    }
 }
 
 }  // namespace logferry_fuzz

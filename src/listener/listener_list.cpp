@@ -46,6 +46,20 @@ bool is_free(const Listener_entry& entry) { return entry.channel_name[0] == 0 &&
 
 void report_not_initialized() { report_error("shared memory not initialized."); }
 
+// A channel name an entry can hold: an empty or over-long one is reported and refused.
+bool acceptable_name(const std::string& name)
+{
+    if (name.empty()) {
+        report_error("shared memory name empty.");
+        return false;
+    }
+    if (name.size() > LISTENER_NAME_SIZE) {
+        report_error("shared memory name too long.");
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 void Logferry_listener::sync_list()
@@ -87,12 +101,7 @@ bool Logferry_listener::push(const std::string& name)
         report_not_initialized();
         return false;
     }
-    if (name.empty()) {
-        report_error("shared memory name empty.");
-        return false;
-    }
-    if (name.size() > LISTENER_NAME_SIZE) {
-        report_error("shared memory name too long.");
+    if (!acceptable_name(name)) {
         return false;
     }
     Mutex_lock_guard lock(&segment->list_mutex.mutex, false);
@@ -121,12 +130,7 @@ bool Logferry_listener::check_list(const std::string& name)
     if (own_entry < 0 || own_entry >= static_cast<std::int16_t>(LISTENER_ENTRY_COUNT)) {
         return false;
     }
-    if (name.empty()) {
-        report_error("shared memory name empty.");
-        return false;
-    }
-    if (name.size() > LISTENER_NAME_SIZE) {
-        report_error("shared memory name too long.");
+    if (!acceptable_name(name)) {
         return false;
     }
     Mutex_lock_guard lock(&segment->list_mutex.mutex, false);
