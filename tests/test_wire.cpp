@@ -169,8 +169,10 @@ TEST(WireEncoders, TheLevelUpdateIsTheRecordTheApplicationReads)
     EXPECT_EQ(bytes, (Bytes{24, 6, 0x78, 0x56, 0x34, 0x12}));
     logferry::Logferry_update_context_log_level_filter update;
     ASSERT_TRUE(logferry::deserialize(bytes, bytes.size(), update));
-    EXPECT_EQ(update.log_level, 6);
-    EXPECT_EQ(update.context_handle, 0x12345678U);
+    const std::uint8_t level = update.log_level;  // copies: the packed fields are not aligned
+    const std::uint32_t handle = update.context_handle;
+    EXPECT_EQ(level, 6);
+    EXPECT_EQ(handle, 0x12345678U);
 }
 
 TEST(WireEncoders, StartAndFinishAsTheHotPathWritesThem)
