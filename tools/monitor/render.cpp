@@ -5,11 +5,13 @@
 #include <cstdio>
 
 #include "logferry/message.hpp"
+#include "wire/wire.hpp"
 
 namespace logferry_monitor {
 namespace {
 
 const char* const level_names[] = {"off", "fatal", "error", "warn", "info", "debug", "verbose"};
+static_assert(sizeof level_names / sizeof level_names[0] == logferry::wire::MAX_LOG_LEVEL + 1, "one name a level");
 
 std::string to_base(std::uint64_t value, unsigned int base, bool upper)
 {
@@ -107,11 +109,14 @@ std::string render_raw(const logferry_decoder::Record& record)
 
 }  // namespace
 
-std::string level_name(std::uint8_t level) { return level < 7 ? level_names[level] : "level" + std::to_string(level); }
+std::string level_name(std::uint8_t level)
+{
+    return level <= logferry::wire::MAX_LOG_LEVEL ? level_names[level] : "level" + std::to_string(level);
+}
 
 bool parse_level(const std::string& text, std::uint8_t& level)
 {
-    for (std::uint8_t i = 0; i < 7; ++i) {
+    for (std::uint8_t i = 0; i <= logferry::wire::MAX_LOG_LEVEL; ++i) {
         if (text == level_names[i] || text == std::to_string(i)) {
             level = i;
             return true;
