@@ -4,8 +4,8 @@
 // The byte format of the records: every record kind's size, field offsets and limits, the
 // fixed-width little-endian put/get helpers they are written and read with, and the encoders
 // of the log records. The encoder (`serialize` and the log-stream hot path), the daemon-side
-// decoder and monitor, the test peer, the fuzzers and the tests all take the format from
-// here; nothing else writes an offset or a record size as a literal.
+// decoder and monitor, the test fixtures and the fuzzers take the format from here rather
+// than writing an offset or a record size as a literal.
 //
 // Integers are written little-endian by shifting, whatever the host's byte order;
 // floating-point values as the bytes of their in-memory representation. There is no header,
