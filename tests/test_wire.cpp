@@ -11,6 +11,7 @@
 #include "logferry/channel.hpp"
 #include "logferry/message.hpp"
 #include "support/fake_system.hpp"
+#include "support/robust_list.hpp"
 #include "system/robust_mutex.hpp"
 #include "wire/ring_framing.hpp"
 #include "wire/shared_fields.hpp"
@@ -249,6 +250,7 @@ TEST(RobustMutex, SetUpStopsAtTheFirstCallThatFails)
 
 TEST(RobustMutex, ALockWhoseHolderDiedIsTakenOverConsistent)
 {
+    LOGFERRY_REQUIRE_ROBUST_LIST();
     Fake_system fake;
     Scoped_system installed(&fake);
     pthread_mutex_t mutex;
