@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "logferry/channel.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
 #include "support/robust_list.hpp"
 #include "support/test_util.hpp"
@@ -19,8 +20,12 @@
 using logferry::Channel_segment;
 using logferry::Logferry_base;
 using logferry::Logferry_client;
+using logferry_test::diagnostic;
+using logferry_test::error_while;
 using logferry_test::Fake_system;
+using logferry_test::mutex_init_failed;
 using logferry_test::Op;
+using logferry_test::owner_error;
 using logferry_test::Scoped_system;
 
 namespace {
@@ -189,13 +194,13 @@ TEST(ChannelSegment, AttachingWithAnEmptyNameFailsAndClearsOwner)
 {
     Logferry_client end;  // even an end that was the owner
     std::string output = logferry_test::capture_stderr([&] { EXPECT_FALSE(end.init(std::string())); });
-    EXPECT_EQ(output, "logferry: initialization call with empty file name.\n");
+    EXPECT_EQ(output, diagnostic("initialization call with empty file name."));
     EXPECT_FALSE(end.owner);
     EXPECT_FALSE(end.is_initialized());
 
     Logferry_base daemon;
     output = logferry_test::capture_stderr([&] { EXPECT_FALSE(daemon.init()); });
-    EXPECT_EQ(output, "logferry: initialization call with empty file name.\n");
+    EXPECT_EQ(output, diagnostic("initialization call with empty file name."));
 }
 
 TEST(ChannelSegment, SecondInitReturnsTrueWithoutTouchingTheSegment)
@@ -286,7 +291,7 @@ TEST(ChannelSegment, AttachingToAMissingSegmentFails)
     Logferry_base daemon;
     const std::string name = "/logferry-" + logferry_test::unique_id("missing");
     const std::string output = logferry_test::capture_stderr([&] { EXPECT_FALSE(daemon.init(name)); });
-    EXPECT_EQ(output, "logferry: error while opening the shared memory: No such file or directory\n");
+    EXPECT_EQ(output, error_while("opening the shared memory", ENOENT));
     EXPECT_FALSE(daemon.is_initialized());
     EXPECT_FALSE(logferry_test::shm_exists(name));  // the daemon's end never creates
 }
@@ -369,7 +374,7 @@ TEST(ChannelSegment, OwnerFailureIsReportedButNotFatal)
     Logferry_client client;
     name_for_test(client);
     const std::string output = logferry_test::capture_stderr([&] { EXPECT_TRUE(client.init()); });
-    EXPECT_EQ(output, "logferry: error setting owner of " + client.get_filename() + ": Operation not permitted\n");
+    EXPECT_EQ(output, owner_error(client.get_filename(), EPERM));
     EXPECT_TRUE(client.is_initialized());
     client.uninit();
 }
@@ -392,7 +397,7 @@ struct Init_failure {
     long result;
     int error;
     int skip;  // calls of that operation that succeed first
-    const char* message;
+    std::string message;
 };
 
 void PrintTo(const Init_failure& failure, std::ostream* out)
@@ -418,7 +423,7 @@ TEST_P(ChannelSegmentInitFailure, ReportsReturnsFalseLeavesNothingAndRecovers)
     std::string expected = failure.message;
     if (failure.op == Op::shm_open) {
         // The group is set whatever the open returned; with no object there it fails too.
-        expected = "logferry: error setting owner of " + name + ": No such file or directory\n" + expected;
+        expected = owner_error(name, ENOENT) + expected;
     }
     EXPECT_EQ(output, expected);
     EXPECT_FALSE(client.is_initialized());
@@ -436,16 +441,13 @@ TEST_P(ChannelSegmentInitFailure, ReportsReturnsFalseLeavesNothingAndRecovers)
     EXPECT_EQ(logferry_test::count_open_fds(), fds_before);
 }
 
-const char* const MUTEX_MESSAGE = "logferry: error while initializing the mutex.\n";
+const std::string MUTEX_MESSAGE = mutex_init_failed();
 
 INSTANTIATE_TEST_SUITE_P(
     EachCall, ChannelSegmentInitFailure,
-    ::testing::Values(Init_failure{Op::shm_open, -1, EACCES, 0,
-                                   "logferry: error while opening the shared memory: Permission denied\n"},
-                      Init_failure{Op::ftruncate, -1, EFBIG, 0,
-                                   "logferry: error while truncating the shared memory: File too large\n"},
-                      Init_failure{Op::mmap, -1, ENOMEM, 0,
-                                   "logferry: error while mapping the shared memory: Cannot allocate memory\n"},
+    ::testing::Values(Init_failure{Op::shm_open, -1, EACCES, 0, error_while("opening the shared memory", EACCES)},
+                      Init_failure{Op::ftruncate, -1, EFBIG, 0, error_while("truncating the shared memory", EFBIG)},
+                      Init_failure{Op::mmap, -1, ENOMEM, 0, error_while("mapping the shared memory", ENOMEM)},
                       Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 0, MUTEX_MESSAGE},
                       Init_failure{Op::pthread_mutexattr_settype, EINVAL, 0, 0, MUTEX_MESSAGE},
                       Init_failure{Op::pthread_mutexattr_setpshared, EINVAL, 0, 0, MUTEX_MESSAGE},
@@ -473,12 +475,12 @@ TEST(ChannelSegment, DaemonEndFailuresAreReportedAndRecoverable)
     Logferry_base daemon;
     fake.fail(Op::shm_open, -1, EMFILE);
     std::string output = logferry_test::capture_stderr([&] { EXPECT_FALSE(daemon.init(client.get_filename())); });
-    EXPECT_EQ(output, "logferry: error while opening the shared memory: Too many open files\n");
+    EXPECT_EQ(output, error_while("opening the shared memory", EMFILE));
     EXPECT_FALSE(daemon.is_initialized());
 
     fake.fail(Op::mmap, -1, ENOMEM);
     output = logferry_test::capture_stderr([&] { EXPECT_FALSE(daemon.init(client.get_filename())); });
-    EXPECT_EQ(output, "logferry: error while mapping the shared memory: Cannot allocate memory\n");
+    EXPECT_EQ(output, error_while("mapping the shared memory", ENOMEM));
     EXPECT_EQ(static_cast<void*>(daemon.segment), MAP_FAILED);
     EXPECT_EQ(logferry_test::count_mappings(client.get_filename()), 1);  // the application's only
     EXPECT_EQ(logferry_test::count_open_fds(), fds_before);

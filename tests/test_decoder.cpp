@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "logferry/message.hpp"
+#include "support/record_bytes.hpp"
 
 namespace {
 
@@ -25,24 +26,8 @@ using logferry_decoder::decode_ring_unit;
 using logferry_decoder::Error_code;
 using logferry_decoder::Record;
 using logferry_decoder::Unit_shape;
-using Bytes = std::vector<unsigned char>;
-
-template <typename R>
-Bytes bytes_of(const R& record)
-{
-    Bytes out;
-    serialize(record, out);
-    return out;
-}
-
-template <typename... R>
-Bytes concat(const R&... records)
-{
-    Bytes out;
-    int unused[] = {(serialize(records, out), 0)...};
-    static_cast<void>(unused);
-    return out;
-}
+using logferry_test::Bytes;
+using logferry_test::bytes_of;
 
 // Decodes `bytes` as one record that must fill them exactly.
 Record whole_record(const Bytes& bytes)
@@ -649,9 +634,9 @@ TEST(Decoder, PriorityAreaWithSeveralRecordsEndToEnd)
 {
     Logferry_init_file file;
     fill(file.file_name, "out.dlt");
-    const Bytes bytes = concat(Logferry_register_app("APP", "desc"), Logferry_register_context(4, 1, "CTX1", "one"),
-                               Logferry_register_context(6, 2, "CTX2", ""), Logferry_enable_local_print(),
-                               Logferry_disable_remote(), file);
+    const Bytes bytes = bytes_of(Logferry_register_app("APP", "desc"), Logferry_register_context(4, 1, "CTX1", "one"),
+                                 Logferry_register_context(6, 2, "CTX2", ""), Logferry_enable_local_print(),
+                                 Logferry_disable_remote(), file);
     const auto read = decode_priority_area(bytes);
     ASSERT_TRUE(read.error.ok()) << logferry_decoder::describe(read.error);
     ASSERT_EQ(read.records.size(), 6U);
@@ -674,7 +659,7 @@ TEST(Decoder, PriorityAreaWithSeveralRecordsEndToEnd)
 
 TEST(Decoder, PriorityAreaRejectsOtherKindsAndKeepsWhatCameBefore)
 {
-    const Bytes bytes = concat(Logferry_register_app("APP", "d"), Logferry_unregister_app());
+    const Bytes bytes = bytes_of(Logferry_register_app("APP", "d"), Logferry_unregister_app());
     const auto read = decode_priority_area(bytes);
     EXPECT_EQ(read.error.code, Error_code::unexpected_kind);
     EXPECT_EQ(read.error.offset, 10U);
@@ -690,7 +675,7 @@ TEST(Decoder, PriorityAreaRejectsOtherKindsAndKeepsWhatCameBefore)
 
 TEST(Decoder, PriorityAreaCutInsideItsSecondRecord)
 {
-    Bytes bytes = concat(Logferry_register_app("APP", "d"), Logferry_register_context(4, 1, "CTX1", "one"));
+    Bytes bytes = bytes_of(Logferry_register_app("APP", "d"), Logferry_register_context(4, 1, "CTX1", "one"));
     bytes.resize(bytes.size() - 3);
     const auto read = decode_priority_area(bytes);
     EXPECT_EQ(read.error.code, Error_code::truncated);
@@ -748,8 +733,8 @@ TEST(Decoder, LogMessageWithEveryArgumentKind)
     encoded.length = 10;
     encoded.payload[0] = 0x42;
 
-    const Bytes bytes = concat(start_record(key, 5, 9, 42), b, i8, i16, int32_record(key, 70000), i64, u8, u16, u32,
-                               u64, f32, f64, text_record(key, "text"), raw, encoded, finish_record(key));
+    const Bytes bytes = bytes_of(start_record(key, 5, 9, 42), b, i8, i16, int32_record(key, 70000), i64, u8, u16, u32,
+                                 u64, f32, f64, text_record(key, "text"), raw, encoded, finish_record(key));
     const auto unit = decode_ring_unit(bytes);
     ASSERT_TRUE(unit.error.ok()) << logferry_decoder::describe(unit.error);
     EXPECT_EQ(unit.shape, Unit_shape::log_message);
@@ -802,7 +787,7 @@ TEST(Decoder, RingUnitsOfASingleRecord)
     EXPECT_EQ(unregister.records[0].context_handle, 3U);
     EXPECT_EQ(decode_ring_unit(bytes_of(Logferry_unregister_app())).shape, Unit_shape::single_record);
 
-    const auto trailing = decode_ring_unit(concat(Logferry_unregister_app(), Logferry_unregister_app()));
+    const auto trailing = decode_ring_unit(bytes_of(Logferry_unregister_app(), Logferry_unregister_app()));
     EXPECT_EQ(trailing.error.code, Error_code::trailing_bytes);
     EXPECT_EQ(trailing.error.offset, 1U);
     EXPECT_EQ(trailing.shape, Unit_shape::invalid);
@@ -818,13 +803,14 @@ TEST(Decoder, MessagesTheFrontEndMayBuildWithoutAStart)
     EXPECT_EQ(lone.start(), nullptr);
     EXPECT_EQ(lone.finish()->stream_key, 9U);
 
-    const auto headless = decode_ring_unit(concat(int32_record(3, 7), finish_record(3)));
+    const auto headless = decode_ring_unit(bytes_of(int32_record(3, 7), finish_record(3)));
     ASSERT_TRUE(headless.error.ok());
     EXPECT_EQ(headless.records.size(), 2U);
     EXPECT_EQ(headless.start(), nullptr);
 
     // The same stream started twice: both start records, the first one leads.
-    const auto twice = decode_ring_unit(concat(start_record(1, 4, 1, 10), start_record(1, 2, 2, 20), finish_record(1)));
+    const auto twice =
+        decode_ring_unit(bytes_of(start_record(1, 4, 1, 10), start_record(1, 2, 2, 20), finish_record(1)));
     ASSERT_TRUE(twice.error.ok());
     ASSERT_EQ(twice.records.size(), 3U);
     EXPECT_EQ(twice.start()->timestamp, 10U);
@@ -834,7 +820,7 @@ TEST(Decoder, TextShortFormInsideAMessage)
 {
     // The short form is followed by the finish record, whose key holds zero bytes: read
     // with a text, the message would not end with its finish record.
-    const Bytes bytes = concat(start_record(1), unterminated_text_record(1), int32_record(1, -1), finish_record(1));
+    const Bytes bytes = bytes_of(start_record(1), unterminated_text_record(1), int32_record(1, -1), finish_record(1));
     const auto unit = decode_ring_unit(bytes);
     ASSERT_TRUE(unit.error.ok()) << logferry_decoder::describe(unit.error);
     ASSERT_EQ(unit.records.size(), 4U);
@@ -842,7 +828,7 @@ TEST(Decoder, TextShortFormInsideAMessage)
     EXPECT_EQ(unit.records[1].size, 7U);
     EXPECT_EQ(unit.records[2].signed_value, -1);
 
-    const auto last = decode_ring_unit(concat(start_record(1), unterminated_text_record(1), finish_record(1)));
+    const auto last = decode_ring_unit(bytes_of(start_record(1), unterminated_text_record(1), finish_record(1)));
     ASSERT_TRUE(last.error.ok()) << logferry_decoder::describe(last.error);
     ASSERT_EQ(last.records.size(), 3U);
     EXPECT_TRUE(last.records[1].is(logferry_decoder::text_omitted));
@@ -852,7 +838,7 @@ TEST(Decoder, TextShortFormWithAKeyWithoutZeroBytes)
 {
     // No zero at all behind the short form: the text reading fails at once.
     const std::uint32_t key = 0x01010101;
-    const auto unit = decode_ring_unit(concat(unterminated_text_record(key), finish_record(key)));
+    const auto unit = decode_ring_unit(bytes_of(unterminated_text_record(key), finish_record(key)));
     ASSERT_TRUE(unit.error.ok()) << logferry_decoder::describe(unit.error);
     ASSERT_EQ(unit.records.size(), 2U);
     EXPECT_TRUE(unit.records[0].is(logferry_decoder::text_omitted));
@@ -875,7 +861,7 @@ TEST(Decoder, TextsWithMismatchedLengthsInsideAMessage)
 {
     Logferry_write_utf8_string view = text_record(2, "abc");
     view.length = 18;
-    const auto unit = decode_ring_unit(concat(start_record(2), view, text_record(2, "next"), finish_record(2)));
+    const auto unit = decode_ring_unit(bytes_of(start_record(2), view, text_record(2, "next"), finish_record(2)));
     ASSERT_TRUE(unit.error.ok());
     ASSERT_EQ(unit.records.size(), 4U);
     EXPECT_EQ(unit.records[1].text, "abc");
@@ -885,7 +871,7 @@ TEST(Decoder, TextsWithMismatchedLengthsInsideAMessage)
 
 TEST(Decoder, MessageCutInsideATextIsTruncated)
 {
-    Bytes bytes = concat(start_record(1), text_record(1, "a text that is cut"));
+    Bytes bytes = bytes_of(start_record(1), text_record(1, "a text that is cut"));
     bytes.resize(bytes.size() - 6);
     const auto unit = decode_ring_unit(bytes);
     EXPECT_EQ(unit.error.code, Error_code::truncated);
@@ -895,7 +881,7 @@ TEST(Decoder, MessageCutInsideATextIsTruncated)
 
 TEST(Decoder, MessageWithoutFinish)
 {
-    const auto unit = decode_ring_unit(concat(start_record(1), int32_record(1, 2)));
+    const auto unit = decode_ring_unit(bytes_of(start_record(1), int32_record(1, 2)));
     EXPECT_EQ(unit.error.code, Error_code::missing_finish);
     EXPECT_EQ(unit.error.offset, 23U);
     EXPECT_TRUE(unit.records.empty());
@@ -903,14 +889,14 @@ TEST(Decoder, MessageWithoutFinish)
 
 TEST(Decoder, MessageWithBytesBehindTheFinish)
 {
-    const auto unit = decode_ring_unit(concat(start_record(1), finish_record(1), int32_record(1, 2)));
+    const auto unit = decode_ring_unit(bytes_of(start_record(1), finish_record(1), int32_record(1, 2)));
     EXPECT_EQ(unit.error.code, Error_code::trailing_bytes);
     EXPECT_EQ(unit.error.offset, 19U);
 }
 
 TEST(Decoder, MessageMixingStreams)
 {
-    const auto unit = decode_ring_unit(concat(start_record(1), int32_record(2, 5), finish_record(1)));
+    const auto unit = decode_ring_unit(bytes_of(start_record(1), int32_record(2, 5), finish_record(1)));
     EXPECT_EQ(unit.error.code, Error_code::stream_key_mismatch);
     EXPECT_EQ(unit.error.offset, 14U);
     EXPECT_EQ(unit.error.kind, KIND_WRITE_INT32);
@@ -920,12 +906,12 @@ TEST(Decoder, MessageMixingStreams)
 TEST(Decoder, MessageHoldingARecordThatCannotStandThere)
 {
     const auto registration =
-        decode_ring_unit(concat(start_record(1), Logferry_register_app("A", "b"), finish_record(1)));
+        decode_ring_unit(bytes_of(start_record(1), Logferry_register_app("A", "b"), finish_record(1)));
     EXPECT_EQ(registration.error.code, Error_code::unexpected_kind);
     EXPECT_EQ(registration.error.offset, 14U);
     EXPECT_EQ(registration.error.kind, KIND_REGISTER_APP);
 
-    Bytes unknown = concat(start_record(1), finish_record(1));
+    Bytes unknown = bytes_of(start_record(1), finish_record(1));
     unknown[14] = 200;
     EXPECT_EQ(decode_ring_unit(unknown).error.code, Error_code::unknown_kind);
 }
@@ -935,10 +921,10 @@ TEST(Decoder, MessageWithInvalidValues)
     Logferry_write_bool b;
     b.stream_key = 1;
     b.value = 3;
-    const auto unit = decode_ring_unit(concat(start_record(1), b, finish_record(1)));
+    const auto unit = decode_ring_unit(bytes_of(start_record(1), b, finish_record(1)));
     EXPECT_EQ(unit.error.code, Error_code::invalid_value);
     EXPECT_EQ(unit.error.offset, 19U);
-    EXPECT_EQ(decode_ring_unit(concat(start_record(1, 9), finish_record(1))).error.code, Error_code::invalid_value);
+    EXPECT_EQ(decode_ring_unit(bytes_of(start_record(1, 9), finish_record(1))).error.code, Error_code::invalid_value);
 }
 
 TEST(Decoder, DescribeNamesCodeOffsetKindAndDetail)
@@ -956,7 +942,7 @@ TEST(Decoder, EveryCutMessageIsAnErrorAndNeverReadPastItsEnd)
     raw.stream_key = 4;
     raw.size = 3;
     raw.length = 13;
-    const Bytes bytes = concat(start_record(4), text_record(4, "abc"), raw, int32_record(4, 1), finish_record(4));
+    const Bytes bytes = bytes_of(start_record(4), text_record(4, "abc"), raw, int32_record(4, 1), finish_record(4));
     for (std::size_t n = 0; n < bytes.size(); ++n) {
         const Exact_copy cut(bytes, n);
         const auto unit = decode_ring_unit(cut.data.get(), cut.size);
@@ -976,9 +962,9 @@ TEST(Decoder, CorruptedInputNeverCrashes)
     raw.stream_key = 4;
     raw.size = 3;
     raw.length = 13;
-    const Bytes message = concat(start_record(4), text_record(4, "abc"), raw, int32_record(4, 1),
-                                 unterminated_text_record(4), finish_record(4));
-    const Bytes priority = concat(Logferry_register_app("APP", "d"), Logferry_register_context(4, 1, "C", "e"));
+    const Bytes message = bytes_of(start_record(4), text_record(4, "abc"), raw, int32_record(4, 1),
+                                   unterminated_text_record(4), finish_record(4));
+    const Bytes priority = bytes_of(Logferry_register_app("APP", "d"), Logferry_register_context(4, 1, "C", "e"));
     std::mt19937 random(12345);
     for (int round = 0; round < 20000; ++round) {
         Bytes bytes = round % 2 == 0 ? message : priority;

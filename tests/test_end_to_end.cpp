@@ -42,7 +42,7 @@ std::string expected_message(std::uint32_t handle, std::uint32_t key, std::int32
     number.stream_key = key;
     logferry::Logferry_write_finish finish{};
     finish.stream_key = key;
-    return masked(hex_of(concat({bytes_of(start), bytes_of(number), bytes_of(finish)})));
+    return masked(hex_of(joined({bytes_of(start), bytes_of(number), bytes_of(finish)})));
 }
 
 void log_numbered(std::uint32_t handle, std::uint32_t key, std::int32_t value)
@@ -92,7 +92,7 @@ void register_and_log_and_check(Daemon_peer& peer)
     ASSERT_TRUE(wait_until([&] { return payloads(peer, "ring ").size() >= 10; }, std::chrono::milliseconds(10000)));
 
     const Bytes expected_priority =
-        concat({app_record(), context_record(1, "CTX1", "first", 4), bytes_of(logferry::Logferry_enable_local_print{}),
+        joined({app_record(), context_record(1, "CTX1", "first", 4), bytes_of(logferry::Logferry_enable_local_print{}),
                 context_record(2, "CTX2", "second", 3)});
     std::string priority;
     for (const std::string& part : payloads(peer, "priority ")) {
@@ -141,7 +141,7 @@ TEST_F(EndToEnd, ApplicationFirstThenDaemon)
     for (const std::string& part : payloads(peer, "priority ")) {
         priority += part;
     }
-    EXPECT_EQ(priority, hex_of(concat({app_record(), context_record(1, "CTX1", "first", 4),
+    EXPECT_EQ(priority, hex_of(joined({app_record(), context_record(1, "CTX1", "first", 4),
                                        bytes_of(logferry::Logferry_enable_local_print{}),
                                        context_record(2, "CTX2", "second", 3)})));
     EXPECT_EQ(payloads(peer, "priority ").size(), 4u);  // one record per read: never overtaken
@@ -358,7 +358,7 @@ TEST_F(EndToEnd, ExitWithoutADaemonForcesQueuedRecordsBehindWhatTheAreaHolds)
 
     logferry::Logferry_init_file file{};
     logferry::copy_bounded_text(file.file_name, "trace.log", 254);
-    const Bytes expected = concat({already, app_record(), context_record(1, "CTX1", "first", 4), bytes_of(file)});
+    const Bytes expected = joined({already, app_record(), context_record(1, "CTX1", "first", 4), bytes_of(file)});
     ASSERT_EQ(segment->priority_size, expected.size());
     EXPECT_EQ(Bytes(segment->priority_data, segment->priority_data + segment->priority_size), expected);
     EXPECT_TRUE(pending_queue_size_is(0));

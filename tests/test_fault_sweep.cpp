@@ -45,17 +45,28 @@
 #include "logferry/client.hpp"
 #include "logferry/listener.hpp"
 #include "probes/nanosleep_probe.hpp"
+#include "support/client_fixture.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
 #include "support/listener_daemon.hpp"
+#include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
 
 using logferry_test::capture_stderr;
 using logferry_test::count_mappings;
 using logferry_test::count_open_fds;
+using logferry_test::diagnostic;
+using logferry_test::error_while;
 using logferry_test::Fake_system;
+using logferry_test::mutex_init_failed;
 using logferry_test::Op;
 using logferry_test::op_name;
+using logferry_test::owner_error;
+using logferry_test::path_exists;
+using logferry_test::reset_front_end;
+using logferry_test::Runstate_dir;
 using logferry_test::Scoped_system;
+using logferry_test::Scoped_value;
 using logferry_test::shm_exists;
 
 namespace {
@@ -134,20 +145,21 @@ std::string describe(Op op, int occurrence, const Row& row)
            (code != 0 ? std::strerror(code) : "returns " + std::to_string(row.failure.result)) + ")";
 }
 
-// Texts of the design (one line each, "logferry: " first, the system's text where a call failed).
-const std::string OWNER_CHANNEL = "logferry: error setting owner of {name}: {error}\n";
-const std::string OWNER_CHANNEL_MISSING = "logferry: error setting owner of {name}: No such file or directory\n";
-const std::string OWNER_LISTENER = "logferry: error setting owner of /logferry-daemon-listener: {error}\n";
-const std::string OPEN_SHM = "logferry: error while opening the shared memory: {error}\n";
-const std::string TRUNCATE = "logferry: error while truncating the shared memory: {error}\n";
-const std::string MAP = "logferry: error while mapping the shared memory: {error}\n";
-const std::string UNMAP = "logferry: error while unmapping the shared memory: {error}\n";
-const std::string MUTEX_INIT = "logferry: error while initializing the mutex.\n";
-const std::string LOCK_FILE_TEXT = "logferry: error while locking the file: {error}\n";
-const std::string LOCK = "logferry: error while locking the mutex: {error}\n";
-const std::string UNLOCK = "logferry: error while unlocking the mutex: {error}\n";
-const std::string UNLOCK_NOT_HELD = "logferry: error while unlocking the mutex: Operation not permitted\n";
-const std::string GETTIME = "logferry: gettime failed\n";
+// The lines expected on the standard error stream; "{name}" stands for the channel's name,
+// "{error}" for the system's text of the failure.
+const std::string OWNER_CHANNEL = diagnostic("error setting owner of {name}: {error}");
+const std::string OWNER_CHANNEL_MISSING = owner_error("{name}", ENOENT);
+const std::string OWNER_LISTENER = diagnostic("error setting owner of /logferry-daemon-listener: {error}");
+const std::string OPEN_SHM = diagnostic("error while opening the shared memory: {error}");
+const std::string TRUNCATE = diagnostic("error while truncating the shared memory: {error}");
+const std::string MAP = diagnostic("error while mapping the shared memory: {error}");
+const std::string UNMAP = diagnostic("error while unmapping the shared memory: {error}");
+const std::string MUTEX_INIT = mutex_init_failed();
+const std::string LOCK_FILE_TEXT = diagnostic("error while locking the file: {error}");
+const std::string LOCK = diagnostic("error while locking the mutex: {error}");
+const std::string UNLOCK = diagnostic("error while unlocking the mutex: {error}");
+const std::string UNLOCK_NOT_HELD = error_while("unlocking the mutex", EPERM);
+const std::string GETTIME = diagnostic("gettime failed");
 
 const Failure ENOMEM_CODE{ENOMEM, 0};
 const Failure EINVAL_CODE{EINVAL, 0};
@@ -238,8 +250,7 @@ std::vector<Row> listener_daemon_rows()
     const unsigned after_create = LOCK_FILE | LISTENER_OBJECT;
     // With shm_open failing, the group is set on a name just removed; its errno is reported.
     const std::string open_failed =
-        "logferry: error setting owner of /logferry-daemon-listener: No such file or directory\n"
-        "logferry: error while opening the shared memory: No such file or directory\n";
+        owner_error(LISTENER_SHM, ENOENT) + error_while("opening the shared memory", ENOENT);
     std::vector<Row> rows = {
         // Without the run-state directory the daemon takes the lock file under /tmp.
         {part, Op::stat, 0, {-1, EACCES}, true, "", FALLBACK},
@@ -520,46 +531,16 @@ void report_pairs(const char* path, int pairs, int minimum, const std::vector<Op
     EXPECT_GE(pairs, minimum);
 }
 
-bool path_exists(const std::string& path)
-{
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
-}
-
 // ---------------------------------------------------------------------------------------
 // Fixture: a private run-state directory (with ara_DLT), optionally a daemon's listener in a
 // child process (the lock it holds must belong to another process), and the sweep's system.
-
-// The library-wide front-end state back as it was at load time (the channel name aside).
-void reset_front_end()
-{
-    logferry::exit();
-    logferry::registered_application.clear();
-    logferry::registered_contexts.clear();
-    logferry::log_level_filters.clear();
-    logferry::incomplete_logstream_messages.clear();
-    logferry::priority_message_queue = std::queue<std::vector<unsigned char>>();
-    logferry::init_called = false;
-    logferry::first_registration = true;
-    logferry::pending_registration = false;
-    logferry::terminate_receiver_thread = false;
-    logferry::client.lost_messages = 0;
-}
 
 class FaultSweep : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char pattern[] = "/tmp/logferry-sweep-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        runstate_ = pattern;
-        ASSERT_EQ(::mkdir((runstate_ + "/ara_DLT").c_str(), 0700), 0);
-        const char* previous = ::getenv("ADAPTIVE_RUNSTATE_DIR");
-        had_runstate_ = previous != nullptr;
-        previous_runstate_ = had_runstate_ ? previous : "";
-        ::setenv("ADAPTIVE_RUNSTATE_DIR", runstate_.c_str(), 1);
-        previous_lock_path_ = logferry::listener.lock_listener_name;
-        logferry::listener.lock_listener_name = lock_path();
+        runstate_.reset(new Runstate_dir());
+        lock_name_.reset(new Scoped_value<std::string>(logferry::listener.lock_listener_name, lock_path()));
         ::shm_unlink(LISTENER_SHM);  // a stale segment of an aborted run
     }
 
@@ -568,19 +549,12 @@ protected:
         installed_.reset();
         system_.reset();
         stop_daemon();
-        logferry::listener.lock_listener_name = previous_lock_path_;
-        if (had_runstate_) {
-            ::setenv("ADAPTIVE_RUNSTATE_DIR", previous_runstate_.c_str(), 1);
-        } else {
-            ::unsetenv("ADAPTIVE_RUNSTATE_DIR");
-        }
-        ::unlink(lock_path().c_str());
-        ::rmdir((runstate_ + "/ara_DLT").c_str());
-        ::rmdir(runstate_.c_str());
+        lock_name_.reset();
+        runstate_.reset();
         EXPECT_FALSE(shm_exists(LISTENER_SHM)) << "the listener segment was left behind";
     }
 
-    std::string lock_path() const { return runstate_ + "/ara_DLT/logferry-daemon-listener.lock"; }
+    std::string lock_path() const { return runstate_->lock_file(); }
 
     // Call before install(): the child must run on the real system.
     void start_daemon() { ASSERT_TRUE(daemon_.start(lock_path())); }
@@ -589,7 +563,7 @@ protected:
     {
         if (daemon_.running()) {
             const int status = daemon_.stop();
-            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+            EXPECT_TRUE(logferry_test::exited_cleanly(status)) << status;
         }
     }
 
@@ -689,14 +663,12 @@ protected:
         EXPECT_EQ(count_open_fds(), fds);
     }
 
-    std::string runstate_;
+    std::unique_ptr<Runstate_dir> runstate_;
     std::unique_ptr<Sweep_system> system_;
     std::unique_ptr<Scoped_system> installed_;
 
 private:
-    bool had_runstate_ = false;
-    std::string previous_runstate_;
-    std::string previous_lock_path_;
+    std::unique_ptr<Scoped_value<std::string>> lock_name_;
     logferry_test::Listener_daemon_child daemon_;
 };
 

@@ -21,7 +21,10 @@
 #include <gtest/gtest.h>
 
 #include "logferry/listener.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
+#include "support/listener_daemon.hpp"
+#include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
 
 using logferry::Listener_entry;
@@ -30,8 +33,14 @@ using logferry::Logferry_listener;
 using logferry_test::capture_stderr;
 using logferry_test::count_mappings;
 using logferry_test::count_open_fds;
+using logferry_test::error_while;
+using logferry_test::exited_cleanly;
 using logferry_test::Fake_system;
+using logferry_test::Listener_daemon_child;
+using logferry_test::mutex_init_failed;
 using logferry_test::Op;
+using logferry_test::owner_error;
+using logferry_test::path_exists;
 using logferry_test::Scoped_system;
 using logferry_test::shm_exists;
 using logferry_test::wait_until;
@@ -42,56 +51,40 @@ const char* const SHM_NAME = "/logferry-daemon-listener";
 const char* const SHM_PATH = "/dev/shm/logferry-daemon-listener";
 const char* const TMP_LOCK = "/tmp/logferry-daemon-listener.lock";
 
-bool path_exists(const std::string& path)
-{
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
-}
-
-// A run-state directory of the test's own, announced through ADAPTIVE_RUNSTATE_DIR. Without
-// "ara_DLT" in it the listener falls back to the lock file under /tmp, which is removed as
-// well. Whatever a test leaves behind is cleaned up; leftover files make the test fail.
-class Runstate_dir {
+// The test's own run-state directory, with nothing under the listener's fixed names at the
+// start. Without "ara_DLT" in it the listener falls back to the lock file under /tmp, which is
+// removed as well. Whatever a test leaves behind is cleaned up; leftover files make the test
+// fail.
+class Listener_runstate {
 public:
-    explicit Runstate_dir(bool with_ara_dlt = true) : fallback_(!with_ara_dlt)
+    explicit Listener_runstate(bool with_ara_dlt = true) : dir_(with_ara_dlt), fallback_(!with_ara_dlt)
     {
-        char pattern[] = "/tmp/lf-listener-XXXXXX";
-        const char* made = ::mkdtemp(pattern);
-        EXPECT_NE(made, nullptr);
-        root_ = made != nullptr ? made : "/tmp";
-        if (with_ara_dlt) {
-            EXPECT_EQ(::mkdir(ara_dlt().c_str(), 0755), 0);
-        }
-        ::setenv("ADAPTIVE_RUNSTATE_DIR", root_.c_str(), 1);
         ::shm_unlink(SHM_NAME);  // a stale segment of an earlier, aborted run
         if (fallback_) {
             ::unlink(TMP_LOCK);
         }
     }
 
-    ~Runstate_dir()
+    ~Listener_runstate()
     {
         ::unlink(default_lock().c_str());
         if (fallback_) {
             ::unlink(TMP_LOCK);
         }
-        if (path_exists(ara_dlt())) {
-            EXPECT_EQ(::rmdir(ara_dlt().c_str()), 0) << "something was left in " << ara_dlt();
-        }
-        EXPECT_EQ(::rmdir(root_.c_str()), 0) << "something was left in " << root_;
+        const std::vector<std::string> left = dir_.contents();
+        EXPECT_TRUE(left.empty() || left == std::vector<std::string>{"ara_DLT"}) << "something was left in " << root();
         ::shm_unlink(SHM_NAME);
-        ::unsetenv("ADAPTIVE_RUNSTATE_DIR");
     }
 
-    Runstate_dir(const Runstate_dir&) = delete;
-    Runstate_dir& operator=(const Runstate_dir&) = delete;
+    Listener_runstate(const Listener_runstate&) = delete;
+    Listener_runstate& operator=(const Listener_runstate&) = delete;
 
-    const std::string& root() const { return root_; }
-    std::string ara_dlt() const { return root_ + "/ara_DLT"; }
-    std::string default_lock() const { return root_ + "/ara_DLT/logferry-daemon-listener.lock"; }
+    const std::string& root() const { return dir_.root(); }
+    std::string ara_dlt() const { return dir_.ara_dlt(); }
+    std::string default_lock() const { return dir_.lock_file(); }
 
 private:
-    std::string root_;
+    logferry_test::Runstate_dir dir_;
     bool fallback_;
 };
 
@@ -112,7 +105,7 @@ bool lock_held_by_other_process(int fd)
         return result == -1 && (errno == EAGAIN || errno == EACCES) ? 0 : 1;
     });
     const int status = logferry_test::wait_child(pid);
-    return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return exited_cleanly(status);
 }
 
 bool is_mapped(const Logferry_listener& listener) { return listener.segment != MAP_FAILED; }
@@ -134,87 +127,6 @@ bool entries_and_indices_zero(const Listener_segment* segment)
     const unsigned char* bytes = reinterpret_cast<const unsigned char*>(segment);
     return all_zero(bytes, 1088) && all_zero(bytes + 1136, 8);
 }
-
-// A forked daemon: constructs a listening listener, runs init, reports the result through a
-// pipe and keeps running until stopped; it then destroys its listener (which removes the
-// segment and the lock file) and exits with 0.
-class Daemon_child {
-public:
-    Daemon_child()
-    {
-        EXPECT_EQ(::pipe(ready_), 0);
-        EXPECT_EQ(::pipe(stop_), 0);
-        const int ready_write = ready_[1];
-        const int stop_read = stop_[0];
-        const int ready_read = ready_[0];
-        const int stop_write = stop_[1];
-        pid_ = logferry_test::fork_child([=] {
-            ::close(ready_read);
-            ::close(stop_write);
-            {
-                Logferry_listener daemon(true);
-                const char result = daemon.init() ? '1' : '0';
-                if (::write(ready_write, &result, 1) != 1) {
-                    return 2;
-                }
-                char command = 0;
-                while (::read(stop_read, &command, 1) < 0 && errno == EINTR) {
-                }
-            }
-            return 0;
-        });
-        ::close(ready_[1]);
-        ::close(stop_[0]);
-    }
-
-    ~Daemon_child()
-    {
-        if (pid_ > 0) {
-            stop();
-        }
-        ::close(ready_[0]);
-    }
-
-    Daemon_child(const Daemon_child&) = delete;
-    Daemon_child& operator=(const Daemon_child&) = delete;
-
-    // Whether the child has reported its init result within `timeout`.
-    bool reported_within(std::chrono::milliseconds timeout)
-    {
-        return wait_until(
-            [&] {
-                pollfd poll_fd{ready_[0], POLLIN, 0};
-                return ::poll(&poll_fd, 1, 0) == 1;
-            },
-            timeout);
-    }
-
-    // True once the child reports a successful init (waits at most 10 s).
-    bool wait_ready()
-    {
-        if (!reported_within(std::chrono::milliseconds(10000))) {
-            return false;
-        }
-        char result = 0;
-        return ::read(ready_[0], &result, 1) == 1 && result == '1';
-    }
-
-    int pid() const { return pid_; }
-
-    // Ends the child and tells whether it exited cleanly.
-    bool stop()
-    {
-        ::close(stop_[1]);
-        const int status = logferry_test::wait_child(pid_);
-        pid_ = -1;
-        return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    }
-
-private:
-    int ready_[2] = {-1, -1};
-    int stop_[2] = {-1, -1};
-    int pid_ = -1;
-};
 
 mode_t current_umask()
 {
@@ -254,7 +166,7 @@ TEST(ListenerSegment, LayoutMatchesTheSharedFormat)
 
 TEST(ListenerSegment, ConstructionSetsDefaultsWithoutSystemCalls)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Fake_system fake;
     Scoped_system installed(&fake);
     {
@@ -282,7 +194,7 @@ TEST(ListenerSegment, ConstructionSetsDefaultsWithoutSystemCalls)
 
 TEST(ListenerSegment, DaemonInitCreatesAZeroSegmentAndHoldsTheLock)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     const int fds_before = count_open_fds();
     {
         Logferry_listener daemon(true);
@@ -347,7 +259,7 @@ TEST(ListenerSegment, DaemonInitCreatesAZeroSegmentAndHoldsTheLock)
 
 TEST(ListenerSegment, DestroyingTheDaemonReleasesTheLock)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     const int fds_before = count_open_fds();
     int observer = -1;
     {
@@ -371,7 +283,7 @@ TEST(ListenerSegment, DestroyingTheDaemonReleasesTheLock)
 
 TEST(ListenerSegment, DestructorOfAnInitialisedDaemonRemovesEverything)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     const int fds_before = count_open_fds();
     {
         Logferry_listener daemon(true);
@@ -386,7 +298,7 @@ TEST(ListenerSegment, DestructorOfAnInitialisedDaemonRemovesEverything)
 
 TEST(ListenerSegment, InitOnAnInitialisedObjectMakesNoSystemCall)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Fake_system fake;
     Scoped_system installed(&fake);
     Logferry_listener daemon(true);
@@ -405,7 +317,7 @@ TEST(ListenerSegment, InitOnAnInitialisedObjectMakesNoSystemCall)
 
 TEST(ListenerSegment, InitResetsTheOwnEntryAndTheCheckCount)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Logferry_listener application(false);
     application.own_entry = 12;
     application.unacknowledged_checks = 50;
@@ -423,7 +335,7 @@ TEST(ListenerSegment, InitResetsTheOwnEntryAndTheCheckCount)
 
 TEST(ListenerSegment, DaemonCanInitAgainAfterUninit)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     const int fds_before = count_open_fds();
     {
         Logferry_listener daemon(true);
@@ -458,11 +370,12 @@ bool blocked_on_lock(int pid)
 
 TEST(ListenerSegment, SecondDaemonWaitsForTheLock)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     std::unique_ptr<Logferry_listener> first(new Logferry_listener(true));
     ASSERT_TRUE(first->init());
 
-    Daemon_child second;
+    Listener_daemon_child second;
+    ASSERT_TRUE(second.launch());
     // The second daemon blocks in lockf for as long as the first one runs.
     ASSERT_TRUE(wait_until([&] { return blocked_on_lock(second.pid()); }));
     EXPECT_FALSE(second.reported_within(std::chrono::milliseconds(100)));
@@ -470,13 +383,13 @@ TEST(ListenerSegment, SecondDaemonWaitsForTheLock)
     first.reset();  // closing the lock file releases the lock
     EXPECT_TRUE(second.wait_ready());
     EXPECT_TRUE(shm_exists(SHM_NAME));
-    EXPECT_TRUE(second.stop());
+    EXPECT_TRUE(exited_cleanly(second.stop()));
     EXPECT_FALSE(shm_exists(SHM_NAME));
 }
 
 TEST(ListenerSegment, ApplicationWithoutLockFileFailsSilently)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Fake_system fake;
     Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
@@ -496,7 +409,7 @@ TEST(ListenerSegment, ApplicationWithoutLockFileFailsSilently)
 
 TEST(ListenerSegment, ApplicationWithUnlockedLockFileFailsSilently)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     create_file(dir.default_lock());  // a daemon ran once and is gone
     Fake_system fake;
     Scoped_system installed(&fake);
@@ -516,8 +429,9 @@ TEST(ListenerSegment, ApplicationWithUnlockedLockFileFailsSilently)
 
 TEST(ListenerSegment, ApplicationMapsTheSegmentWhileTheDaemonHoldsTheLock)
 {
-    Runstate_dir dir;
-    Daemon_child daemon;
+    Listener_runstate dir;
+    Listener_daemon_child daemon;
+    ASSERT_TRUE(daemon.launch());
     ASSERT_TRUE(daemon.wait_ready());
 
     Fake_system fake;
@@ -564,7 +478,7 @@ TEST(ListenerSegment, ApplicationMapsTheSegmentWhileTheDaemonHoldsTheLock)
 
     // Once the daemon has stopped, its segment and lock file are gone and the application's
     // init fails silently again.
-    EXPECT_TRUE(daemon.stop());
+    EXPECT_TRUE(exited_cleanly(daemon.stop()));
     EXPECT_FALSE(shm_exists(SHM_NAME));
     EXPECT_FALSE(path_exists(dir.default_lock()));
     Logferry_listener late(false);
@@ -575,7 +489,7 @@ TEST(ListenerSegment, ApplicationMapsTheSegmentWhileTheDaemonHoldsTheLock)
 
 TEST(ListenerSegment, LockFileFallsBackToTmpAndStaysThere)
 {
-    Runstate_dir dir(false);
+    Listener_runstate dir(false);
     Logferry_listener daemon(true);
     EXPECT_EQ(daemon.lock_listener_name, dir.default_lock());
     ASSERT_TRUE(daemon.init());
@@ -599,7 +513,7 @@ TEST(ListenerSegment, LockFileFallsBackToTmpAndStaysThere)
 
 TEST(ListenerSegment, ApplicationFallsBackWhenAraDltIsNoDirectory)
 {
-    Runstate_dir dir(false);
+    Listener_runstate dir(false);
     create_file(dir.ara_dlt());  // a file where the directory should be
     Logferry_listener application(false);
     bool ok = true;
@@ -611,8 +525,9 @@ TEST(ListenerSegment, ApplicationFallsBackWhenAraDltIsNoDirectory)
 
 TEST(ListenerSegment, ApplicationFindsTheDaemonThroughTheFallbackLockFile)
 {
-    Runstate_dir dir(false);
-    Daemon_child daemon;
+    Listener_runstate dir(false);
+    Listener_daemon_child daemon;
+    ASSERT_TRUE(daemon.launch());
     ASSERT_TRUE(daemon.wait_ready());
     EXPECT_TRUE(path_exists(TMP_LOCK));
     {
@@ -620,14 +535,14 @@ TEST(ListenerSegment, ApplicationFindsTheDaemonThroughTheFallbackLockFile)
         ASSERT_TRUE(application.init());
         EXPECT_EQ(application.lock_listener_name, TMP_LOCK);
     }
-    EXPECT_TRUE(daemon.stop());
+    EXPECT_TRUE(exited_cleanly(daemon.stop()));
     EXPECT_FALSE(path_exists(TMP_LOCK));
     EXPECT_FALSE(shm_exists(SHM_NAME));
 }
 
 TEST(ListenerSegment, LockFileThatCannotBeOpenedFailsSilently)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Fake_system fake;
     Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
@@ -649,7 +564,7 @@ TEST(ListenerSegment, LockFileThatCannotBeOpenedFailsSilently)
 
 TEST(ListenerSegment, DaemonLockFailureIsReported)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Fake_system fake;
     Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
@@ -659,7 +574,7 @@ TEST(ListenerSegment, DaemonLockFailureIsReported)
         bool ok = true;
         const std::string output = capture_stderr([&] { ok = daemon.init(); });
         EXPECT_FALSE(ok);
-        EXPECT_EQ(output, "logferry: error while locking the file: " + std::string(std::strerror(ENOLCK)) + "\n");
+        EXPECT_EQ(output, error_while("locking the file", ENOLCK));
         // The descriptor stays held; nothing else happened.
         EXPECT_GE(daemon.lock_file.fd, 0);
         EXPECT_EQ(count_open_fds(), fds_before + 1);
@@ -678,7 +593,7 @@ TEST(ListenerSegment, DaemonLockFailureIsReported)
 
 TEST(ListenerSegment, OwnerFailureIsReportedAndInitStillSucceeds)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Fake_system fake;
     Scoped_system installed(&fake);
     Logferry_listener daemon(true);
@@ -686,8 +601,7 @@ TEST(ListenerSegment, OwnerFailureIsReportedAndInitStillSucceeds)
     bool ok = false;
     const std::string output = capture_stderr([&] { ok = daemon.init(); });
     EXPECT_TRUE(ok);
-    EXPECT_EQ(output, "logferry: error setting owner of /logferry-daemon-listener: " +
-                          std::string(std::strerror(EPERM)) + "\n");
+    EXPECT_EQ(output, owner_error(SHM_NAME, EPERM));
     EXPECT_EQ(fake.calls(Op::chown), 1);
     EXPECT_TRUE(daemon.is_initialized());
     EXPECT_EQ(count_mappings(SHM_NAME), 1);
@@ -695,7 +609,7 @@ TEST(ListenerSegment, OwnerFailureIsReportedAndInitStillSucceeds)
 
 TEST(ListenerSegment, OpenFailureReportsTheErrorLeftByChown)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Fake_system fake;
     Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
@@ -708,9 +622,7 @@ TEST(ListenerSegment, OpenFailureReportsTheErrorLeftByChown)
         bool ok = true;
         std::string output = capture_stderr([&] { ok = daemon.init(); });
         EXPECT_FALSE(ok);
-        const std::string eperm = std::strerror(EPERM);
-        EXPECT_EQ(output, "logferry: error setting owner of /logferry-daemon-listener: " + eperm +
-                              "\nlogferry: error while opening the shared memory: " + eperm + "\n");
+        EXPECT_EQ(output, owner_error(SHM_NAME, EPERM) + error_while("opening the shared memory", EPERM));
         EXPECT_FALSE(daemon.is_initialized());
         EXPECT_EQ(daemon.segment, MAP_FAILED);
         EXPECT_EQ(count_mappings(SHM_NAME), 0);
@@ -724,9 +636,7 @@ TEST(ListenerSegment, OpenFailureReportsTheErrorLeftByChown)
         fake.fail(Op::shm_open, -1, EMFILE);
         output = capture_stderr([&] { ok = daemon.init(); });
         EXPECT_FALSE(ok);
-        const std::string enoent = std::strerror(ENOENT);
-        EXPECT_EQ(output, "logferry: error setting owner of /logferry-daemon-listener: " + enoent +
-                              "\nlogferry: error while opening the shared memory: " + enoent + "\n");
+        EXPECT_EQ(output, owner_error(SHM_NAME, ENOENT) + error_while("opening the shared memory", ENOENT));
         EXPECT_EQ(count_open_fds(), fds_before + 1);
 
         ASSERT_TRUE(daemon.init());
@@ -738,7 +648,7 @@ TEST(ListenerSegment, OpenFailureReportsTheErrorLeftByChown)
 
 TEST(ListenerSegment, TruncateFailureIsReported)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Fake_system fake;
     Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
@@ -748,8 +658,7 @@ TEST(ListenerSegment, TruncateFailureIsReported)
         bool ok = true;
         const std::string output = capture_stderr([&] { ok = daemon.init(); });
         EXPECT_FALSE(ok);
-        EXPECT_EQ(output,
-                  "logferry: error while truncating the shared memory: " + std::string(std::strerror(ENOSPC)) + "\n");
+        EXPECT_EQ(output, error_while("truncating the shared memory", ENOSPC));
         EXPECT_FALSE(daemon.is_initialized());
         EXPECT_EQ(daemon.segment, MAP_FAILED);
         EXPECT_EQ(fake.calls(Op::mmap), 0);
@@ -766,7 +675,7 @@ TEST(ListenerSegment, TruncateFailureIsReported)
 
 TEST(ListenerSegment, DaemonMapFailureIsReported)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Fake_system fake;
     Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
@@ -776,8 +685,7 @@ TEST(ListenerSegment, DaemonMapFailureIsReported)
         bool ok = true;
         const std::string output = capture_stderr([&] { ok = daemon.init(); });
         EXPECT_FALSE(ok);
-        EXPECT_EQ(output,
-                  "logferry: error while mapping the shared memory: " + std::string(std::strerror(ENOMEM)) + "\n");
+        EXPECT_EQ(output, error_while("mapping the shared memory", ENOMEM));
         EXPECT_EQ(daemon.segment, MAP_FAILED);
         EXPECT_EQ(fake.calls(Op::munmap), 0);
         EXPECT_EQ(fake.calls(Op::pthread_mutexattr_init), 0);
@@ -791,7 +699,7 @@ TEST(ListenerSegment, DaemonMapFailureIsReported)
 
 TEST(ListenerSegment, EveryMutexSetupFailureIsReported)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Fake_system fake;
     Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
@@ -808,7 +716,7 @@ TEST(ListenerSegment, EveryMutexSetupFailureIsReported)
             bool ok = true;
             const std::string output = capture_stderr([&] { ok = daemon.init(); });
             EXPECT_FALSE(ok);
-            EXPECT_EQ(output, "logferry: error while initializing the mutex.\n");
+            EXPECT_EQ(output, mutex_init_failed());
             EXPECT_FALSE(daemon.is_initialized());
             EXPECT_EQ(daemon.segment, MAP_FAILED);
             EXPECT_EQ(fake.calls(Op::munmap), 1);
@@ -833,8 +741,9 @@ TEST(ListenerSegment, EveryMutexSetupFailureIsReported)
 
 TEST(ListenerSegment, ApplicationOpenFailureIsReported)
 {
-    Runstate_dir dir;
-    Daemon_child daemon;
+    Listener_runstate dir;
+    Listener_daemon_child daemon;
+    ASSERT_TRUE(daemon.launch());
     ASSERT_TRUE(daemon.wait_ready());
     Fake_system fake;
     Scoped_system installed(&fake);
@@ -845,20 +754,20 @@ TEST(ListenerSegment, ApplicationOpenFailureIsReported)
         bool ok = true;
         const std::string output = capture_stderr([&] { ok = application.init(); });
         EXPECT_FALSE(ok);
-        EXPECT_EQ(output,
-                  "logferry: error while opening the shared memory: " + std::string(std::strerror(EMFILE)) + "\n");
+        EXPECT_EQ(output, error_while("opening the shared memory", EMFILE));
         EXPECT_EQ(fake.calls(Op::chown), 0);  // the application never changes the group
         EXPECT_EQ(fake.calls(Op::mmap), 0);
         EXPECT_EQ(count_open_fds(), fds_before);
         EXPECT_FALSE(application.is_initialized());
     }
-    EXPECT_TRUE(daemon.stop());
+    EXPECT_TRUE(exited_cleanly(daemon.stop()));
 }
 
 TEST(ListenerSegment, ApplicationMapFailureIsReported)
 {
-    Runstate_dir dir;
-    Daemon_child daemon;
+    Listener_runstate dir;
+    Listener_daemon_child daemon;
+    ASSERT_TRUE(daemon.launch());
     ASSERT_TRUE(daemon.wait_ready());
     Fake_system fake;
     Scoped_system installed(&fake);
@@ -869,8 +778,7 @@ TEST(ListenerSegment, ApplicationMapFailureIsReported)
         bool ok = true;
         const std::string output = capture_stderr([&] { ok = application.init(); });
         EXPECT_FALSE(ok);
-        EXPECT_EQ(output,
-                  "logferry: error while mapping the shared memory: " + std::string(std::strerror(ENOMEM)) + "\n");
+        EXPECT_EQ(output, error_while("mapping the shared memory", ENOMEM));
         EXPECT_EQ(application.segment, MAP_FAILED);
         EXPECT_EQ(fake.calls(Op::munmap), 0);
         EXPECT_EQ(count_mappings(SHM_NAME), 0);
@@ -881,12 +789,12 @@ TEST(ListenerSegment, ApplicationMapFailureIsReported)
     }
     EXPECT_EQ(count_mappings(SHM_NAME), 0);
     EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_TRUE(daemon.stop());
+    EXPECT_TRUE(exited_cleanly(daemon.stop()));
 }
 
 TEST(ListenerSegment, ApplicationTakesAnAccessDeniedLockTestForALiveDaemon)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     create_file(dir.default_lock());
     Fake_system fake;
     Scoped_system installed(&fake);
@@ -898,14 +806,14 @@ TEST(ListenerSegment, ApplicationTakesAnAccessDeniedLockTestForALiveDaemon)
     bool ok = true;
     const std::string output = capture_stderr([&] { ok = application.init(); });
     EXPECT_FALSE(ok);
-    EXPECT_EQ(output, "logferry: error while opening the shared memory: " + std::string(std::strerror(ENOENT)) + "\n");
+    EXPECT_EQ(output, error_while("opening the shared memory", ENOENT));
     EXPECT_EQ(fake.calls(Op::shm_open), 1);
     EXPECT_EQ(count_open_fds(), fds_before);
 }
 
 TEST(ListenerSegment, ApplicationOtherLockTestErrorFailsSilently)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     create_file(dir.default_lock());
     Fake_system fake;
     Scoped_system installed(&fake);
@@ -922,7 +830,7 @@ TEST(ListenerSegment, ApplicationOtherLockTestErrorFailsSilently)
 
 TEST(ListenerSegment, UnmapFailureIsReportedAndTheSegmentForgotten)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Fake_system fake;
     Scoped_system installed(&fake);
     Logferry_listener daemon(true);
@@ -930,8 +838,7 @@ TEST(ListenerSegment, UnmapFailureIsReportedAndTheSegmentForgotten)
     Listener_segment* const mapped = daemon.segment;
     fake.fail(Op::munmap, -1, EINVAL);
     const std::string output = capture_stderr([&] { daemon.uninit(); });
-    EXPECT_EQ(output,
-              "logferry: error while unmapping the shared memory: " + std::string(std::strerror(EINVAL)) + "\n");
+    EXPECT_EQ(output, error_while("unmapping the shared memory", EINVAL));
     EXPECT_EQ(daemon.segment, MAP_FAILED);
     EXPECT_FALSE(daemon.is_initialized());
     // uninit went on: the segment and the lock file are gone.
@@ -949,7 +856,7 @@ TEST(ListenerSegment, UnmapFailureIsReportedAndTheSegmentForgotten)
 
 TEST(ListenerSegment, UninitOnANeverInitialisedObjectDoesNothing)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     create_file(dir.default_lock());
     Fake_system fake;
     Scoped_system installed(&fake);
@@ -969,7 +876,7 @@ TEST(ListenerSegment, UninitOnANeverInitialisedObjectDoesNothing)
 
 TEST(ListenerSegment, UninitAfterAFailedInitLeavesTheLockFileAlone)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Fake_system fake;
     Scoped_system installed(&fake);
     Logferry_listener daemon(true);

@@ -74,10 +74,12 @@ int count_mappings(const std::string& shm_name)
     return count;
 }
 
-bool shm_exists(const std::string& shm_name)
+bool shm_exists(const std::string& shm_name) { return path_exists("/dev/shm" + shm_name); }
+
+bool path_exists(const std::string& path)
 {
     struct stat info {};
-    return ::stat(("/dev/shm" + shm_name).c_str(), &info) == 0;
+    return ::stat(path.c_str(), &info) == 0;
 }
 
 bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
@@ -118,5 +120,7 @@ int wait_child(int pid, std::chrono::milliseconds timeout)
     }
     return status;
 }
+
+bool exited_cleanly(int status) { return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0; }
 
 }  // namespace logferry_test
