@@ -20,25 +20,14 @@
 using logferry::Channel_segment;
 using logferry::Logferry_base;
 using logferry::Logferry_client;
+using logferry_test::all_zero;
 using logferry_test::diagnostic;
 using logferry_test::error_while;
 using logferry_test::Fake_system;
-using logferry_test::mutex_init_failed;
 using logferry_test::Op;
-using logferry_test::owner_error;
 using logferry_test::Scoped_system;
 
 namespace {
-
-bool all_zero(const unsigned char* bytes, std::size_t size)
-{
-    for (std::size_t i = 0; i < size; ++i) {
-        if (bytes[i] != 0) {
-            return false;
-        }
-    }
-    return true;
-}
 
 // An application end named for the running test.
 void name_for_test(Logferry_client& client, const std::string& suffix = "")
@@ -365,103 +354,6 @@ TEST(ChannelSegment, BaseDestructorNeitherUnmapsNorUnlinks)
     ::munmap(kept, logferry::CHANNEL_SEGMENT_SIZE);
     client.uninit();
 }
-
-TEST(ChannelSegment, OwnerFailureIsReportedButNotFatal)
-{
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    fake.fail(Op::chown, -1, EPERM);
-    Logferry_client client;
-    name_for_test(client);
-    const std::string output = logferry_test::capture_stderr([&] { EXPECT_TRUE(client.init()); });
-    EXPECT_EQ(output, owner_error(client.get_filename(), EPERM));
-    EXPECT_TRUE(client.is_initialized());
-    client.uninit();
-}
-
-TEST(ChannelSegment, ClockFailureLeavesTheWatchdogAtZeroAndSucceeds)
-{
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    fake.fail(Op::clock_gettime, -1, EINVAL);
-    Logferry_client client;
-    name_for_test(client);
-    EXPECT_EQ(logferry_test::capture_stderr([&] { EXPECT_TRUE(client.init()); }), "");
-    EXPECT_EQ(client.segment->client_watchdog, 0);
-    client.uninit();
-}
-
-// Every system call of the application end's init failing in turn.
-struct Init_failure {
-    Op op;
-    long result;
-    int error;
-    int skip;  // calls of that operation that succeed first
-    std::string message;
-};
-
-void PrintTo(const Init_failure& failure, std::ostream* out)
-{
-    *out << logferry_test::op_name(failure.op) << " after " << failure.skip;
-}
-
-class ChannelSegmentInitFailure : public ::testing::TestWithParam<Init_failure> {};
-
-TEST_P(ChannelSegmentInitFailure, ReportsReturnsFalseLeavesNothingAndRecovers)
-{
-    const Init_failure failure = GetParam();
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    Logferry_client client;
-    name_for_test(client);
-    client.set_filename();
-    const std::string name = client.get_filename();
-    const int fds_before = logferry_test::count_open_fds();
-
-    fake.fail(failure.op, failure.result, failure.error, 1, failure.skip);
-    const std::string output = logferry_test::capture_stderr([&] { EXPECT_FALSE(client.init()); });
-    std::string expected = failure.message;
-    if (failure.op == Op::shm_open) {
-        // The group is set whatever the open returned; with no object there it fails too.
-        expected = owner_error(name, ENOENT) + expected;
-    }
-    EXPECT_EQ(output, expected);
-    EXPECT_FALSE(client.is_initialized());
-    EXPECT_EQ(static_cast<void*>(client.segment), MAP_FAILED);
-    EXPECT_EQ(logferry_test::count_mappings(name), 0);
-    EXPECT_EQ(logferry_test::count_open_fds(), fds_before);
-    EXPECT_EQ(fake.calls(Op::mmap), fake.calls(Op::munmap) + (failure.op == Op::mmap ? 1 : 0));
-
-    fake.clear_faults();
-    EXPECT_EQ(logferry_test::capture_stderr([&] { EXPECT_TRUE(client.init()); }), "");
-    EXPECT_TRUE(client.is_initialized());
-    EXPECT_EQ(client.segment->client_buffer_locked, 1);
-    client.uninit();
-    EXPECT_FALSE(logferry_test::shm_exists(name));
-    EXPECT_EQ(logferry_test::count_open_fds(), fds_before);
-}
-
-const std::string MUTEX_MESSAGE = mutex_init_failed();
-
-INSTANTIATE_TEST_SUITE_P(
-    EachCall, ChannelSegmentInitFailure,
-    ::testing::Values(Init_failure{Op::shm_open, -1, EACCES, 0, error_while("opening the shared memory", EACCES)},
-                      Init_failure{Op::ftruncate, -1, EFBIG, 0, error_while("truncating the shared memory", EFBIG)},
-                      Init_failure{Op::mmap, -1, ENOMEM, 0, error_while("mapping the shared memory", ENOMEM)},
-                      Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 0, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutexattr_settype, EINVAL, 0, 0, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutexattr_setpshared, EINVAL, 0, 0, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutexattr_setrobust, EINVAL, 0, 0, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutex_init, EAGAIN, 0, 0, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutexattr_destroy, EINVAL, 0, 0, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 1, MUTEX_MESSAGE},  // the client ring's mutex
-                      Init_failure{Op::pthread_mutex_init, EAGAIN, 0, 1, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 2, MUTEX_MESSAGE},  // the daemon ring's mutex
-                      Init_failure{Op::pthread_mutexattr_setrobust, EINVAL, 0, 2, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutex_init, EAGAIN, 0, 2, MUTEX_MESSAGE}),
-    [](const ::testing::TestParamInfo<Init_failure>& info) {
-        return std::string(logferry_test::op_name(info.param.op)) + "_" + std::to_string(info.param.skip);
-    });
 
 TEST(ChannelSegment, DaemonEndFailuresAreReportedAndRecoverable)
 {

@@ -48,6 +48,7 @@
 #include "support/client_fixture.hpp"
 #include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
+#include "support/listener_checks.hpp"
 #include "support/listener_daemon.hpp"
 #include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
@@ -56,8 +57,10 @@ using logferry_test::capture_stderr;
 using logferry_test::count_mappings;
 using logferry_test::count_open_fds;
 using logferry_test::diagnostic;
+using logferry_test::entries_and_indices_zero;
 using logferry_test::error_while;
 using logferry_test::Fake_system;
+using logferry_test::lock_held_by_other_process;
 using logferry_test::mutex_init_failed;
 using logferry_test::Op;
 using logferry_test::op_name;
@@ -101,6 +104,9 @@ struct Row {
     bool succeeds;        // the path's result despite the failure
     std::string message;  // "{name}": the channel's name, "{error}": the failure's error text
     unsigned residue;
+    // Calls of the named operations that the failing attempt makes in all, where its path is
+    // swept on its own (counted from the start of that path).
+    std::vector<std::pair<Op, int>> calls = {};
 };
 
 bool is_pthread_op(Op op)
@@ -123,6 +129,40 @@ bool is_pthread_op(Op op)
 }
 
 bool is_sleep(Op op) { return op == Op::sleep_for_milliseconds || op == Op::sleep_for_seconds; }
+
+bool is_mutex_setup(Op op)
+{
+    switch (op) {
+    case Op::pthread_mutexattr_init:
+    case Op::pthread_mutexattr_settype:
+    case Op::pthread_mutexattr_setpshared:
+    case Op::pthread_mutexattr_setrobust:
+    case Op::pthread_mutex_init:
+    case Op::pthread_mutexattr_destroy:
+        return true;
+    default:
+        return false;
+    }
+}
+
+void expect_calls(const Fake_system& system, const Row& row)
+{
+    for (const auto& count : row.calls) {
+        EXPECT_EQ(system.calls(count.first), count.second) << "calls of " << op_name(count.first);
+    }
+}
+
+// The set-up of a segment's only mutex stops at the failing call, and the mapping is undone;
+// the attributes are destroyed only when everything before succeeded.
+void expect_mutex_setup_stopped(const Fake_system& system, Op failing)
+{
+    EXPECT_EQ(system.calls(failing), 1);
+    EXPECT_EQ(system.calls(Op::pthread_mutexattr_destroy), failing == Op::pthread_mutexattr_destroy ? 1 : 0);
+    if (failing != Op::pthread_mutex_init && failing != Op::pthread_mutexattr_destroy) {
+        EXPECT_EQ(system.calls(Op::pthread_mutex_init), 0);
+    }
+    EXPECT_EQ(system.calls(Op::munmap), 1);
+}
 
 std::string replace_all(std::string text, const std::string& key, const std::string& value)
 {
@@ -172,7 +212,7 @@ void add_mutex_setup_rows(std::vector<Row>& rows, const char* part, unsigned res
         {Op::pthread_mutexattr_settype, {EINVAL_CODE}},
         {Op::pthread_mutexattr_setpshared, {EINVAL_CODE, {ENOTSUP, 0}}},
         {Op::pthread_mutexattr_setrobust, {EINVAL_CODE, {ENOTSUP, 0}}},
-        {Op::pthread_mutex_init, {{EAGAIN, 0}, ENOMEM_CODE, {EPERM, 0}}},
+        {Op::pthread_mutex_init, {{EAGAIN, 0}, ENOMEM_CODE, {EPERM, 0}, EINVAL_CODE}},
         {Op::pthread_mutexattr_destroy, {EINVAL_CODE}},
     };
     for (const auto& call : calls) {
@@ -216,15 +256,38 @@ std::vector<Row> listener_application_rows(int earlier_shm_open, int earlier_mma
         // daemon holds it.
         {part, Op::stat, 0, {-1, EACCES}, false, "", FALLBACK},
         {part, Op::stat, 0, {-1, ENOENT}, false, "", FALLBACK},
-        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE},
-        {part, Op::open, 0, {-1, EMFILE}, false, "", NO_RESIDUE},
+        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE, {{Op::lockf, 0}, {Op::shm_open, 0}}},
+        {part, Op::open, 0, {-1, EMFILE}, false, "", NO_RESIDUE, {{Op::lockf, 0}, {Op::shm_open, 0}}},
         {part, Op::lockf, 0, {-1, ENOLCK}, false, "", NO_RESIDUE},
         {part, Op::lockf, 0, {-1, EBADF}, false, "", NO_RESIDUE},
         {part, Op::lockf, 0, {0, 0}, false, "", NO_RESIDUE},  // the lock looks free: no daemon
         {part, Op::close, earlier_close, {-1, EIO}, true, "", NO_RESIDUE},
-        {part, Op::shm_open, earlier_shm_open, {-1, EACCES}, false, OPEN_SHM, NO_RESIDUE},
-        {part, Op::shm_open, earlier_shm_open, {-1, ENOENT}, false, OPEN_SHM, NO_RESIDUE},
-        {part, Op::mmap, earlier_mmap, {-1, ENOMEM}, false, MAP, NO_RESIDUE},
+        // The application never changes the group.
+        {part,
+         Op::shm_open,
+         earlier_shm_open,
+         {-1, EACCES},
+         false,
+         OPEN_SHM,
+         NO_RESIDUE,
+         {{Op::chown, 0}, {Op::mmap, 0}}},
+        {part,
+         Op::shm_open,
+         earlier_shm_open,
+         {-1, ENOENT},
+         false,
+         OPEN_SHM,
+         NO_RESIDUE,
+         {{Op::chown, 0}, {Op::mmap, 0}}},
+        {part,
+         Op::shm_open,
+         earlier_shm_open,
+         {-1, EMFILE},
+         false,
+         OPEN_SHM,
+         NO_RESIDUE,
+         {{Op::chown, 0}, {Op::mmap, 0}}},
+        {part, Op::mmap, earlier_mmap, {-1, ENOMEM}, false, MAP, NO_RESIDUE, {{Op::munmap, 0}}},
         {part, Op::close, earlier_close + 1, {-1, EIO}, true, "", NO_RESIDUE},
     };
 }
@@ -254,19 +317,20 @@ std::vector<Row> listener_daemon_rows()
     std::vector<Row> rows = {
         // Without the run-state directory the daemon takes the lock file under /tmp.
         {part, Op::stat, 0, {-1, EACCES}, true, "", FALLBACK},
-        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE},
-        {part, Op::open, 0, {-1, EROFS}, false, "", NO_RESIDUE},
-        {part, Op::lockf, 0, {-1, ENOLCK}, false, LOCK_FILE_TEXT, after_lock},
-        {part, Op::lockf, 0, {-1, EINTR}, false, LOCK_FILE_TEXT, after_lock},
-        {part, Op::lockf, 0, {-1, EDEADLK}, false, LOCK_FILE_TEXT, after_lock},
+        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE, {{Op::lockf, 0}, {Op::shm_open, 0}}},
+        {part, Op::open, 0, {-1, EROFS}, false, "", NO_RESIDUE, {{Op::lockf, 0}, {Op::shm_open, 0}}},
+        {part, Op::lockf, 0, {-1, ENOLCK}, false, LOCK_FILE_TEXT, after_lock, {{Op::shm_open, 0}}},
+        {part, Op::lockf, 0, {-1, EINTR}, false, LOCK_FILE_TEXT, after_lock, {{Op::shm_open, 0}}},
+        {part, Op::lockf, 0, {-1, EDEADLK}, false, LOCK_FILE_TEXT, after_lock, {{Op::shm_open, 0}}},
         {part, Op::shm_unlink, 0, {-1, EACCES}, true, "", NO_RESIDUE},
         {part, Op::shm_open, 0, {-1, EACCES}, false, open_failed, after_lock},
         {part, Op::shm_open, 0, {-1, EMFILE}, false, open_failed, after_lock},
-        {part, Op::chown, 0, {-1, EPERM}, true, OWNER_LISTENER, NO_RESIDUE},
-        {part, Op::ftruncate, 0, {-1, EFBIG}, false, TRUNCATE, after_create},
-        {part, Op::ftruncate, 0, {-1, EIO}, false, TRUNCATE, after_create},
-        {part, Op::mmap, 0, {-1, ENOMEM}, false, MAP, after_create},
-        {part, Op::mmap, 0, {-1, EACCES}, false, MAP, after_create},
+        {part, Op::chown, 0, {-1, EPERM}, true, OWNER_LISTENER, NO_RESIDUE, {{Op::chown, 1}}},
+        {part, Op::ftruncate, 0, {-1, EFBIG}, false, TRUNCATE, after_create, {{Op::mmap, 0}, {Op::munmap, 0}}},
+        {part, Op::ftruncate, 0, {-1, EIO}, false, TRUNCATE, after_create, {{Op::mmap, 0}, {Op::munmap, 0}}},
+        {part, Op::ftruncate, 0, {-1, ENOSPC}, false, TRUNCATE, after_create, {{Op::mmap, 0}, {Op::munmap, 0}}},
+        {part, Op::mmap, 0, {-1, ENOMEM}, false, MAP, after_create, {{Op::munmap, 0}, {Op::pthread_mutexattr_init, 0}}},
+        {part, Op::mmap, 0, {-1, EACCES}, false, MAP, after_create, {{Op::munmap, 0}, {Op::pthread_mutexattr_init, 0}}},
         {part, Op::close, 0, {-1, EIO}, true, "", NO_RESIDUE},
     };
     add_mutex_setup_rows(rows, part, after_create);
@@ -698,6 +762,7 @@ TEST_F(FaultSweep, ChannelInit)
         logferry::Logferry_client channel;
         channel.set_app_identifier(identifier);
         system.inject(op, occurrence, row.failure);
+        system.reset_calls();
         bool result = !row.succeeds;
         const std::string output = capture_stderr([&] { result = channel.init(); });
         EXPECT_TRUE(system.clear()) << "the call was not made";
@@ -705,6 +770,13 @@ TEST_F(FaultSweep, ChannelInit)
         EXPECT_EQ(output, expected_message(row, name));
         EXPECT_EQ(channel.is_initialized(), row.succeeds);
         EXPECT_EQ(static_cast<void*>(channel.segment) == MAP_FAILED, !row.succeeds);
+        if (!row.succeeds) {
+            // Whatever was mapped is unmapped again.
+            EXPECT_EQ(system.calls(Op::mmap), system.calls(Op::munmap) + (op == Op::mmap ? 1 : 0));
+        }
+        if (op == Op::clock_gettime) {
+            EXPECT_EQ(channel.segment->client_watchdog, 0);  // stamped with nothing
+        }
         EXPECT_EQ(count_mappings(name), row.succeeds ? 1 : 0);
         EXPECT_EQ(count_open_fds(), fds);
         EXPECT_EQ(shm_exists(name), row.succeeds || (row.residue & CHANNEL_OBJECT) != 0);
@@ -716,6 +788,8 @@ TEST_F(FaultSweep, ChannelInit)
         // The next attempt works and cleans up.
         const std::string again = capture_stderr([&] { EXPECT_TRUE(channel.init()); });
         EXPECT_EQ(again, "");
+        EXPECT_TRUE(channel.is_initialized());
+        EXPECT_EQ(channel.segment->client_buffer_locked, 1);
         EXPECT_EQ(count_mappings(name), 1);
         channel.uninit();
         EXPECT_FALSE(shm_exists(name));
@@ -746,15 +820,28 @@ TEST_F(FaultSweep, DaemonListenerInit)
         {
             logferry::Logferry_listener daemon(true);
             system.inject(op, occurrence, row.failure);
+            system.reset_calls();
             bool result = !row.succeeds;
             const std::string output = capture_stderr([&] { result = daemon.init(); });
             EXPECT_TRUE(system.clear()) << "the call was not made";
             EXPECT_EQ(result, row.succeeds);
             EXPECT_EQ(output, expected_message(row, LISTENER_SHM));
             EXPECT_EQ(daemon.is_initialized(), row.succeeds);
+            EXPECT_EQ(static_cast<void*>(daemon.segment) == MAP_FAILED, !row.succeeds);
             EXPECT_EQ(count_mappings(LISTENER_SHM), row.succeeds ? 1 : 0);
-            // The daemon keeps its lock file open (and locked) from a successful open on.
+            expect_calls(system, row);
+            if (is_mutex_setup(op)) {
+                expect_mutex_setup_stopped(system, op);
+            }
+            // The daemon keeps its lock file open (and locked) from a successful open on, and
+            // its proxy watchdogs from a successful lock on.
             const bool lock_open = op != Op::open;
+            if (lock_open) {
+                EXPECT_GE(daemon.lock_file.fd, 0);
+            } else {
+                EXPECT_EQ(daemon.lock_file.fd, -1);
+            }
+            EXPECT_EQ(daemon.proxy_watchdogs != nullptr, lock_open && op != Op::lockf);
             EXPECT_EQ(count_open_fds(), fds + (lock_open ? 1 : 0));
             EXPECT_EQ(daemon.lock_listener_name, (row.residue & FALLBACK) != 0 ? FALLBACK_LOCK : lock_path());
             EXPECT_EQ(path_exists(daemon.lock_listener_name), lock_open);
@@ -765,10 +852,12 @@ TEST_F(FaultSweep, DaemonListenerInit)
                 EXPECT_FALSE(path_exists(daemon.lock_listener_name));
             }
 
-            // The next attempt on the same object works.
+            // The next attempt on the same object works: a fresh segment, the lock held.
             const std::string again = capture_stderr([&] { EXPECT_TRUE(daemon.init()); });
             EXPECT_EQ(again, "");
             EXPECT_EQ(count_mappings(LISTENER_SHM), 1);
+            EXPECT_TRUE(entries_and_indices_zero(daemon.segment));
+            EXPECT_TRUE(lock_held_by_other_process(daemon.lock_file));
             EXPECT_EQ(count_open_fds(), fds + 1);
             daemon.uninit();
             EXPECT_FALSE(shm_exists(LISTENER_SHM));
@@ -801,12 +890,17 @@ TEST_F(FaultSweep, ApplicationListenerInit)
     const int pairs = sweep(calls, listener_application_rows(0, 0, 0), [&](Op op, int occurrence, const Row& row) {
         logferry::Logferry_listener application(false);
         system.inject(op, occurrence, row.failure);
+        system.reset_calls();
         bool result = !row.succeeds;
         const std::string output = capture_stderr([&] { result = application.init(); });
         EXPECT_TRUE(system.clear()) << "the call was not made";
         EXPECT_EQ(result, row.succeeds);
         EXPECT_EQ(output, expected_message(row, LISTENER_SHM));
         EXPECT_EQ(application.is_initialized(), row.succeeds);
+        EXPECT_EQ(static_cast<void*>(application.segment) == MAP_FAILED, !row.succeeds);
+        expect_calls(system, row);
+        EXPECT_EQ(application.lock_file.fd, -1);
+        EXPECT_EQ(application.proxy_watchdogs, nullptr);  // the daemon's alone
         EXPECT_EQ(count_mappings(LISTENER_SHM), row.succeeds ? 1 : 0);
         EXPECT_EQ(count_open_fds(), fds);       // the application never keeps a descriptor
         EXPECT_TRUE(shm_exists(LISTENER_SHM));  // the daemon's; an application never removes it

@@ -5,10 +5,8 @@
 // needs a live daemon, a forked child plays the daemon.
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -23,6 +21,7 @@
 #include "logferry/listener.hpp"
 #include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
+#include "support/listener_checks.hpp"
 #include "support/listener_daemon.hpp"
 #include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
@@ -33,11 +32,12 @@ using logferry::Logferry_listener;
 using logferry_test::capture_stderr;
 using logferry_test::count_mappings;
 using logferry_test::count_open_fds;
+using logferry_test::entries_and_indices_zero;
 using logferry_test::error_while;
 using logferry_test::exited_cleanly;
 using logferry_test::Fake_system;
 using logferry_test::Listener_daemon_child;
-using logferry_test::mutex_init_failed;
+using logferry_test::lock_held_by_other_process;
 using logferry_test::Op;
 using logferry_test::owner_error;
 using logferry_test::path_exists;
@@ -96,37 +96,7 @@ void create_file(const std::string& path)
     ::close(fd);
 }
 
-// Whether another process sees a lockf lock on the descriptor `fd` (inherited by the child:
-// lockf locks are per process, so the child sees the parent's lock as foreign).
-bool lock_held_by_other_process(int fd)
-{
-    const int pid = logferry_test::fork_child([fd] {
-        const int result = ::lockf(fd, F_TEST, 0);
-        return result == -1 && (errno == EAGAIN || errno == EACCES) ? 0 : 1;
-    });
-    const int status = logferry_test::wait_child(pid);
-    return exited_cleanly(status);
-}
-
 bool is_mapped(const Logferry_listener& listener) { return listener.segment != MAP_FAILED; }
-
-bool all_zero(const void* data, std::size_t size)
-{
-    const unsigned char* bytes = static_cast<const unsigned char*>(data);
-    for (std::size_t i = 0; i < size; ++i) {
-        if (bytes[i] != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Bytes of the segment outside the mutex slot: all entries, both indices and the reserve.
-bool entries_and_indices_zero(const Listener_segment* segment)
-{
-    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(segment);
-    return all_zero(bytes, 1088) && all_zero(bytes + 1136, 8);
-}
 
 mode_t current_umask()
 {
@@ -540,73 +510,6 @@ TEST(ListenerSegment, ApplicationFindsTheDaemonThroughTheFallbackLockFile)
     EXPECT_FALSE(shm_exists(SHM_NAME));
 }
 
-TEST(ListenerSegment, LockFileThatCannotBeOpenedFailsSilently)
-{
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    for (bool listening : {true, false}) {
-        SCOPED_TRACE(listening ? "daemon" : "application");
-        fake.reset_calls();
-        fake.fail(Op::open, -1, EACCES);
-        Logferry_listener listener(listening);
-        bool ok = true;
-        EXPECT_EQ(capture_stderr([&] { ok = listener.init(); }), "");
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(listener.lock_file.fd, -1);
-        EXPECT_EQ(fake.calls(Op::lockf), 0);
-        EXPECT_EQ(fake.calls(Op::shm_open), 0);
-        EXPECT_EQ(listener.proxy_watchdogs, nullptr);
-    }
-    EXPECT_EQ(count_open_fds(), fds_before);
-}
-
-TEST(ListenerSegment, DaemonLockFailureIsReported)
-{
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    {
-        Logferry_listener daemon(true);
-        fake.fail(Op::lockf, -1, ENOLCK);
-        bool ok = true;
-        const std::string output = capture_stderr([&] { ok = daemon.init(); });
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(output, error_while("locking the file", ENOLCK));
-        // The descriptor stays held; nothing else happened.
-        EXPECT_GE(daemon.lock_file.fd, 0);
-        EXPECT_EQ(count_open_fds(), fds_before + 1);
-        EXPECT_EQ(fake.calls(Op::shm_open), 0);
-        EXPECT_EQ(daemon.proxy_watchdogs, nullptr);
-        EXPECT_FALSE(daemon.is_initialized());
-
-        // A later init succeeds and replaces the descriptor.
-        ASSERT_TRUE(daemon.init());
-        EXPECT_EQ(count_open_fds(), fds_before + 1);
-        EXPECT_TRUE(lock_held_by_other_process(daemon.lock_file));
-    }
-    EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_FALSE(shm_exists(SHM_NAME));
-}
-
-TEST(ListenerSegment, OwnerFailureIsReportedAndInitStillSucceeds)
-{
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    Logferry_listener daemon(true);
-    fake.fail(Op::chown, -1, EPERM);
-    bool ok = false;
-    const std::string output = capture_stderr([&] { ok = daemon.init(); });
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(output, owner_error(SHM_NAME, EPERM));
-    EXPECT_EQ(fake.calls(Op::chown), 1);
-    EXPECT_TRUE(daemon.is_initialized());
-    EXPECT_EQ(count_mappings(SHM_NAME), 1);
-}
-
 TEST(ListenerSegment, OpenFailureReportsTheErrorLeftByChown)
 {
     Listener_runstate dir;
@@ -644,152 +547,6 @@ TEST(ListenerSegment, OpenFailureReportsTheErrorLeftByChown)
     }
     EXPECT_EQ(count_open_fds(), fds_before);
     EXPECT_EQ(count_mappings(SHM_NAME), 0);
-}
-
-TEST(ListenerSegment, TruncateFailureIsReported)
-{
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    {
-        Logferry_listener daemon(true);
-        fake.fail(Op::ftruncate, -1, ENOSPC);
-        bool ok = true;
-        const std::string output = capture_stderr([&] { ok = daemon.init(); });
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(output, error_while("truncating the shared memory", ENOSPC));
-        EXPECT_FALSE(daemon.is_initialized());
-        EXPECT_EQ(daemon.segment, MAP_FAILED);
-        EXPECT_EQ(fake.calls(Op::mmap), 0);
-        EXPECT_EQ(fake.calls(Op::munmap), 0);
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
-        EXPECT_EQ(count_open_fds(), fds_before + 1);  // only the locked lock file
-
-        ASSERT_TRUE(daemon.init());
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
-    }
-    EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_FALSE(shm_exists(SHM_NAME));
-}
-
-TEST(ListenerSegment, DaemonMapFailureIsReported)
-{
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    {
-        Logferry_listener daemon(true);
-        fake.fail(Op::mmap, -1, ENOMEM);
-        bool ok = true;
-        const std::string output = capture_stderr([&] { ok = daemon.init(); });
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(output, error_while("mapping the shared memory", ENOMEM));
-        EXPECT_EQ(daemon.segment, MAP_FAILED);
-        EXPECT_EQ(fake.calls(Op::munmap), 0);
-        EXPECT_EQ(fake.calls(Op::pthread_mutexattr_init), 0);
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
-        EXPECT_EQ(count_open_fds(), fds_before + 1);
-
-        ASSERT_TRUE(daemon.init());
-    }
-    EXPECT_EQ(count_open_fds(), fds_before);
-}
-
-TEST(ListenerSegment, EveryMutexSetupFailureIsReported)
-{
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    const Op steps[] = {Op::pthread_mutexattr_init,       Op::pthread_mutexattr_settype,
-                        Op::pthread_mutexattr_setpshared, Op::pthread_mutexattr_setrobust,
-                        Op::pthread_mutex_init,           Op::pthread_mutexattr_destroy};
-    for (Op failing : steps) {
-        SCOPED_TRACE(logferry_test::op_name(failing));
-        fake.clear_faults();
-        fake.reset_calls();
-        {
-            Logferry_listener daemon(true);
-            fake.fail(failing, EINVAL, EINVAL);
-            bool ok = true;
-            const std::string output = capture_stderr([&] { ok = daemon.init(); });
-            EXPECT_FALSE(ok);
-            EXPECT_EQ(output, mutex_init_failed());
-            EXPECT_FALSE(daemon.is_initialized());
-            EXPECT_EQ(daemon.segment, MAP_FAILED);
-            EXPECT_EQ(fake.calls(Op::munmap), 1);
-            EXPECT_EQ(count_mappings(SHM_NAME), 0);
-            EXPECT_EQ(count_open_fds(), fds_before + 1);
-            // The set-up stops at the failing call; the attributes are destroyed only when
-            // everything before succeeded.
-            EXPECT_EQ(fake.calls(failing), 1);
-            EXPECT_EQ(fake.calls(Op::pthread_mutexattr_destroy), failing == Op::pthread_mutexattr_destroy ? 1 : 0);
-            if (failing != Op::pthread_mutex_init && failing != Op::pthread_mutexattr_destroy) {
-                EXPECT_EQ(fake.calls(Op::pthread_mutex_init), 0);
-            }
-
-            ASSERT_TRUE(daemon.init());
-            EXPECT_EQ(count_mappings(SHM_NAME), 1);
-            EXPECT_TRUE(entries_and_indices_zero(daemon.segment));
-        }
-        EXPECT_EQ(count_open_fds(), fds_before);
-        EXPECT_FALSE(shm_exists(SHM_NAME));
-    }
-}
-
-TEST(ListenerSegment, ApplicationOpenFailureIsReported)
-{
-    Listener_runstate dir;
-    Listener_daemon_child daemon;
-    ASSERT_TRUE(daemon.launch());
-    ASSERT_TRUE(daemon.wait_ready());
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    {
-        Logferry_listener application(false);
-        fake.fail(Op::shm_open, -1, EMFILE);
-        bool ok = true;
-        const std::string output = capture_stderr([&] { ok = application.init(); });
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(output, error_while("opening the shared memory", EMFILE));
-        EXPECT_EQ(fake.calls(Op::chown), 0);  // the application never changes the group
-        EXPECT_EQ(fake.calls(Op::mmap), 0);
-        EXPECT_EQ(count_open_fds(), fds_before);
-        EXPECT_FALSE(application.is_initialized());
-    }
-    EXPECT_TRUE(exited_cleanly(daemon.stop()));
-}
-
-TEST(ListenerSegment, ApplicationMapFailureIsReported)
-{
-    Listener_runstate dir;
-    Listener_daemon_child daemon;
-    ASSERT_TRUE(daemon.launch());
-    ASSERT_TRUE(daemon.wait_ready());
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    {
-        Logferry_listener application(false);
-        fake.fail(Op::mmap, -1, ENOMEM);
-        bool ok = true;
-        const std::string output = capture_stderr([&] { ok = application.init(); });
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(output, error_while("mapping the shared memory", ENOMEM));
-        EXPECT_EQ(application.segment, MAP_FAILED);
-        EXPECT_EQ(fake.calls(Op::munmap), 0);
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
-        EXPECT_EQ(count_open_fds(), fds_before);
-
-        ASSERT_TRUE(application.init());
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
-    }
-    EXPECT_EQ(count_mappings(SHM_NAME), 0);
-    EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_TRUE(exited_cleanly(daemon.stop()));
 }
 
 TEST(ListenerSegment, ApplicationTakesAnAccessDeniedLockTestForALiveDaemon)

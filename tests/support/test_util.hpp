@@ -25,6 +25,9 @@ int count_mappings(const std::string& shm_name);
 bool shm_exists(const std::string& shm_name);
 bool path_exists(const std::string& path);
 
+// Whether the `size` bytes at `data` are all zero.
+bool all_zero(const void* data, std::size_t size);
+
 // Polls `condition` every millisecond until it holds or `timeout` passes.
 bool wait_until(const std::function<bool()>& condition,
                 std::chrono::milliseconds timeout = std::chrono::milliseconds(5000));
