@@ -365,11 +365,18 @@ public:
 
 }  // namespace
 
-TEST(ListenerList, OperationsRefuseAnUninitialisedListener)
-{
+// The test's run-state directory, and the fake system installed for the test's lifetime.
+class ListenerListOnFakeSystem : public ::testing::Test {
+protected:
     Listener_runstate dir;
     Fake_system fake;
-    Scoped_system installed(&fake);
+
+private:
+    Scoped_system installed_{&fake};
+};
+
+TEST_F(ListenerListOnFakeSystem, OperationsRefuseAnUninitialisedListener)
+{
     Logferry_listener application(false);
     bool ok = true;
     std::string name = "x";
@@ -964,11 +971,8 @@ TEST(ListenerList, ManyApplicationsAnnounceAtOnce)
     EXPECT_TRUE(daemon.stop());
 }
 
-TEST(ListenerList, ClockFailureStopsTheWatchdogPass)
+TEST_F(ListenerListOnFakeSystem, ClockFailureStopsTheWatchdogPass)
 {
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     Logferry_listener daemon(true);
     ASSERT_TRUE(daemon.init());
     // An application in another process announces itself.

@@ -107,6 +107,16 @@ mode_t current_umask()
 
 }  // namespace
 
+// The test's run-state directory, and the fake system installed for the test's lifetime.
+class ListenerSegmentOnFakeSystem : public ::testing::Test {
+protected:
+    Listener_runstate dir;
+    Fake_system fake;
+
+private:
+    Scoped_system installed_{&fake};
+};
+
 TEST(ListenerSegment, LayoutMatchesTheSharedFormat)
 {
     EXPECT_EQ(logferry::LISTENER_SEGMENT_SIZE, 1144u);
@@ -134,11 +144,8 @@ TEST(ListenerSegment, LayoutMatchesTheSharedFormat)
     EXPECT_EQ(reinterpret_cast<unsigned char*>(segment->reserved) - raw, 1138);
 }
 
-TEST(ListenerSegment, ConstructionSetsDefaultsWithoutSystemCalls)
+TEST_F(ListenerSegmentOnFakeSystem, ConstructionSetsDefaultsWithoutSystemCalls)
 {
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     {
         Logferry_listener application(false);
         Logferry_listener daemon(true);
@@ -266,11 +273,8 @@ TEST(ListenerSegment, DestructorOfAnInitialisedDaemonRemovesEverything)
     EXPECT_EQ(count_open_fds(), fds_before);
 }
 
-TEST(ListenerSegment, InitOnAnInitialisedObjectMakesNoSystemCall)
+TEST_F(ListenerSegmentOnFakeSystem, InitOnAnInitialisedObjectMakesNoSystemCall)
 {
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     Logferry_listener daemon(true);
     ASSERT_TRUE(daemon.init());
     daemon.own_entry = 4;
@@ -357,11 +361,8 @@ TEST(ListenerSegment, SecondDaemonWaitsForTheLock)
     EXPECT_FALSE(shm_exists(SHM_NAME));
 }
 
-TEST(ListenerSegment, ApplicationWithoutLockFileFailsSilently)
+TEST_F(ListenerSegmentOnFakeSystem, ApplicationWithoutLockFileFailsSilently)
 {
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
     Logferry_listener application(false);
     bool ok = true;
@@ -377,12 +378,9 @@ TEST(ListenerSegment, ApplicationWithoutLockFileFailsSilently)
     EXPECT_FALSE(path_exists(dir.default_lock()));  // the application creates nothing
 }
 
-TEST(ListenerSegment, ApplicationWithUnlockedLockFileFailsSilently)
+TEST_F(ListenerSegmentOnFakeSystem, ApplicationWithUnlockedLockFileFailsSilently)
 {
-    Listener_runstate dir;
     create_file(dir.default_lock());  // a daemon ran once and is gone
-    Fake_system fake;
-    Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
     Logferry_listener application(false);
     bool ok = true;
@@ -510,11 +508,8 @@ TEST(ListenerSegment, ApplicationFindsTheDaemonThroughTheFallbackLockFile)
     EXPECT_FALSE(shm_exists(SHM_NAME));
 }
 
-TEST(ListenerSegment, OpenFailureReportsTheErrorLeftByChown)
+TEST_F(ListenerSegmentOnFakeSystem, OpenFailureReportsTheErrorLeftByChown)
 {
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
     {
         Logferry_listener daemon(true);
@@ -549,12 +544,9 @@ TEST(ListenerSegment, OpenFailureReportsTheErrorLeftByChown)
     EXPECT_EQ(count_mappings(SHM_NAME), 0);
 }
 
-TEST(ListenerSegment, ApplicationTakesAnAccessDeniedLockTestForALiveDaemon)
+TEST_F(ListenerSegmentOnFakeSystem, ApplicationTakesAnAccessDeniedLockTestForALiveDaemon)
 {
-    Listener_runstate dir;
     create_file(dir.default_lock());
-    Fake_system fake;
-    Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
     Logferry_listener application(false);
     // EACCES counts like EAGAIN: some process holds the lock. With no segment there the
@@ -568,12 +560,9 @@ TEST(ListenerSegment, ApplicationTakesAnAccessDeniedLockTestForALiveDaemon)
     EXPECT_EQ(count_open_fds(), fds_before);
 }
 
-TEST(ListenerSegment, ApplicationOtherLockTestErrorFailsSilently)
+TEST_F(ListenerSegmentOnFakeSystem, ApplicationOtherLockTestErrorFailsSilently)
 {
-    Listener_runstate dir;
     create_file(dir.default_lock());
-    Fake_system fake;
-    Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
     Logferry_listener application(false);
     fake.fail(Op::lockf, -1, EBADF);
@@ -585,11 +574,8 @@ TEST(ListenerSegment, ApplicationOtherLockTestErrorFailsSilently)
     EXPECT_EQ(count_open_fds(), fds_before);
 }
 
-TEST(ListenerSegment, UnmapFailureIsReportedAndTheSegmentForgotten)
+TEST_F(ListenerSegmentOnFakeSystem, UnmapFailureIsReportedAndTheSegmentForgotten)
 {
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     Logferry_listener daemon(true);
     ASSERT_TRUE(daemon.init());
     Listener_segment* const mapped = daemon.segment;
@@ -611,12 +597,9 @@ TEST(ListenerSegment, UnmapFailureIsReportedAndTheSegmentForgotten)
     EXPECT_EQ(fake.calls(Op::munmap), 0);
 }
 
-TEST(ListenerSegment, UninitOnANeverInitialisedObjectDoesNothing)
+TEST_F(ListenerSegmentOnFakeSystem, UninitOnANeverInitialisedObjectDoesNothing)
 {
-    Listener_runstate dir;
     create_file(dir.default_lock());
-    Fake_system fake;
-    Scoped_system installed(&fake);
     for (bool listening : {true, false}) {
         SCOPED_TRACE(listening ? "daemon" : "application");
         fake.reset_calls();
@@ -631,11 +614,8 @@ TEST(ListenerSegment, UninitOnANeverInitialisedObjectDoesNothing)
     EXPECT_TRUE(path_exists(dir.default_lock()));
 }
 
-TEST(ListenerSegment, UninitAfterAFailedInitLeavesTheLockFileAlone)
+TEST_F(ListenerSegmentOnFakeSystem, UninitAfterAFailedInitLeavesTheLockFileAlone)
 {
-    Listener_runstate dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     Logferry_listener daemon(true);
     fake.fail(Op::ftruncate, -1, ENOSPC);
     capture_stderr([&] { EXPECT_FALSE(daemon.init()); });
