@@ -96,6 +96,9 @@ enum Residue : unsigned {
     FALLBACK = 32,          // the listener switched to the lock file under /tmp (for good)
 };
 
+// Calls of some operations, counted.
+using Counts = std::vector<std::pair<Op, int>>;
+
 struct Row {
     const char* part;  // which step of the path makes the call
     Op op;
@@ -106,7 +109,7 @@ struct Row {
     unsigned residue;
     // Calls of the named operations that the failing attempt makes in all, where its path is
     // swept on its own (counted from the start of that path).
-    std::vector<std::pair<Op, int>> calls = {};
+    Counts calls = {};
 };
 
 bool is_pthread_op(Op op)
@@ -251,42 +254,22 @@ std::vector<Row> channel_init_rows()
 std::vector<Row> listener_application_rows(int earlier_shm_open, int earlier_mmap, int earlier_close)
 {
     const char* part = "listener init";
+    const Counts no_lock_test = {{Op::lockf, 0}, {Op::shm_open, 0}};
+    const Counts no_group_no_map = {{Op::chown, 0}, {Op::mmap, 0}};  // the application never changes the group
     return {
         // Without the run-state directory the lock file is looked for under /tmp, where no
         // daemon holds it.
         {part, Op::stat, 0, {-1, EACCES}, false, "", FALLBACK},
         {part, Op::stat, 0, {-1, ENOENT}, false, "", FALLBACK},
-        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE, {{Op::lockf, 0}, {Op::shm_open, 0}}},
-        {part, Op::open, 0, {-1, EMFILE}, false, "", NO_RESIDUE, {{Op::lockf, 0}, {Op::shm_open, 0}}},
+        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE, no_lock_test},
+        {part, Op::open, 0, {-1, EMFILE}, false, "", NO_RESIDUE, no_lock_test},
         {part, Op::lockf, 0, {-1, ENOLCK}, false, "", NO_RESIDUE},
         {part, Op::lockf, 0, {-1, EBADF}, false, "", NO_RESIDUE},
         {part, Op::lockf, 0, {0, 0}, false, "", NO_RESIDUE},  // the lock looks free: no daemon
         {part, Op::close, earlier_close, {-1, EIO}, true, "", NO_RESIDUE},
-        // The application never changes the group.
-        {part,
-         Op::shm_open,
-         earlier_shm_open,
-         {-1, EACCES},
-         false,
-         OPEN_SHM,
-         NO_RESIDUE,
-         {{Op::chown, 0}, {Op::mmap, 0}}},
-        {part,
-         Op::shm_open,
-         earlier_shm_open,
-         {-1, ENOENT},
-         false,
-         OPEN_SHM,
-         NO_RESIDUE,
-         {{Op::chown, 0}, {Op::mmap, 0}}},
-        {part,
-         Op::shm_open,
-         earlier_shm_open,
-         {-1, EMFILE},
-         false,
-         OPEN_SHM,
-         NO_RESIDUE,
-         {{Op::chown, 0}, {Op::mmap, 0}}},
+        {part, Op::shm_open, earlier_shm_open, {-1, EACCES}, false, OPEN_SHM, NO_RESIDUE, no_group_no_map},
+        {part, Op::shm_open, earlier_shm_open, {-1, ENOENT}, false, OPEN_SHM, NO_RESIDUE, no_group_no_map},
+        {part, Op::shm_open, earlier_shm_open, {-1, EMFILE}, false, OPEN_SHM, NO_RESIDUE, no_group_no_map},
         {part, Op::mmap, earlier_mmap, {-1, ENOMEM}, false, MAP, NO_RESIDUE, {{Op::munmap, 0}}},
         {part, Op::close, earlier_close + 1, {-1, EIO}, true, "", NO_RESIDUE},
     };
@@ -311,26 +294,31 @@ std::vector<Row> listener_daemon_rows()
     const char* part = "daemon listener init";
     const unsigned after_lock = LOCK_FILE;
     const unsigned after_create = LOCK_FILE | LISTENER_OBJECT;
+    // What the attempt no longer does after the failure.
+    const Counts no_lock = {{Op::lockf, 0}, {Op::shm_open, 0}};
+    const Counts no_segment = {{Op::shm_open, 0}};
+    const Counts no_mapping = {{Op::mmap, 0}, {Op::munmap, 0}};
+    const Counts no_mutex_setup = {{Op::munmap, 0}, {Op::pthread_mutexattr_init, 0}};
     // With shm_open failing, the group is set on a name just removed; its errno is reported.
     const std::string open_failed =
         owner_error(LISTENER_SHM, ENOENT) + error_while("opening the shared memory", ENOENT);
     std::vector<Row> rows = {
         // Without the run-state directory the daemon takes the lock file under /tmp.
         {part, Op::stat, 0, {-1, EACCES}, true, "", FALLBACK},
-        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE, {{Op::lockf, 0}, {Op::shm_open, 0}}},
-        {part, Op::open, 0, {-1, EROFS}, false, "", NO_RESIDUE, {{Op::lockf, 0}, {Op::shm_open, 0}}},
-        {part, Op::lockf, 0, {-1, ENOLCK}, false, LOCK_FILE_TEXT, after_lock, {{Op::shm_open, 0}}},
-        {part, Op::lockf, 0, {-1, EINTR}, false, LOCK_FILE_TEXT, after_lock, {{Op::shm_open, 0}}},
-        {part, Op::lockf, 0, {-1, EDEADLK}, false, LOCK_FILE_TEXT, after_lock, {{Op::shm_open, 0}}},
+        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE, no_lock},
+        {part, Op::open, 0, {-1, EROFS}, false, "", NO_RESIDUE, no_lock},
+        {part, Op::lockf, 0, {-1, ENOLCK}, false, LOCK_FILE_TEXT, after_lock, no_segment},
+        {part, Op::lockf, 0, {-1, EINTR}, false, LOCK_FILE_TEXT, after_lock, no_segment},
+        {part, Op::lockf, 0, {-1, EDEADLK}, false, LOCK_FILE_TEXT, after_lock, no_segment},
         {part, Op::shm_unlink, 0, {-1, EACCES}, true, "", NO_RESIDUE},
         {part, Op::shm_open, 0, {-1, EACCES}, false, open_failed, after_lock},
         {part, Op::shm_open, 0, {-1, EMFILE}, false, open_failed, after_lock},
         {part, Op::chown, 0, {-1, EPERM}, true, OWNER_LISTENER, NO_RESIDUE, {{Op::chown, 1}}},
-        {part, Op::ftruncate, 0, {-1, EFBIG}, false, TRUNCATE, after_create, {{Op::mmap, 0}, {Op::munmap, 0}}},
-        {part, Op::ftruncate, 0, {-1, EIO}, false, TRUNCATE, after_create, {{Op::mmap, 0}, {Op::munmap, 0}}},
-        {part, Op::ftruncate, 0, {-1, ENOSPC}, false, TRUNCATE, after_create, {{Op::mmap, 0}, {Op::munmap, 0}}},
-        {part, Op::mmap, 0, {-1, ENOMEM}, false, MAP, after_create, {{Op::munmap, 0}, {Op::pthread_mutexattr_init, 0}}},
-        {part, Op::mmap, 0, {-1, EACCES}, false, MAP, after_create, {{Op::munmap, 0}, {Op::pthread_mutexattr_init, 0}}},
+        {part, Op::ftruncate, 0, {-1, EFBIG}, false, TRUNCATE, after_create, no_mapping},
+        {part, Op::ftruncate, 0, {-1, EIO}, false, TRUNCATE, after_create, no_mapping},
+        {part, Op::ftruncate, 0, {-1, ENOSPC}, false, TRUNCATE, after_create, no_mapping},
+        {part, Op::mmap, 0, {-1, ENOMEM}, false, MAP, after_create, no_mutex_setup},
+        {part, Op::mmap, 0, {-1, EACCES}, false, MAP, after_create, no_mutex_setup},
         {part, Op::close, 0, {-1, EIO}, true, "", NO_RESIDUE},
     };
     add_mutex_setup_rows(rows, part, after_create);
