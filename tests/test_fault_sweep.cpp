@@ -60,6 +60,8 @@ using logferry_test::diagnostic;
 using logferry_test::entries_and_indices_zero;
 using logferry_test::error_while;
 using logferry_test::Fake_system;
+using logferry_test::FALLBACK_LOCK_FILE;
+using logferry_test::LISTENER_SEGMENT;
 using logferry_test::lock_held_by_other_process;
 using logferry_test::mutex_init_failed;
 using logferry_test::Op;
@@ -73,9 +75,6 @@ using logferry_test::Scoped_value;
 using logferry_test::shm_exists;
 
 namespace {
-
-const char* const LISTENER_SHM = "/logferry-daemon-listener";
-const char* const FALLBACK_LOCK = "/tmp/logferry-daemon-listener.lock";
 
 // ---------------------------------------------------------------------------------------
 // The failures and what the design makes of them.
@@ -301,7 +300,7 @@ std::vector<Row> listener_daemon_rows()
     const Counts no_mutex_setup = {{Op::munmap, 0}, {Op::pthread_mutexattr_init, 0}};
     // With shm_open failing, the group is set on a name just removed; its errno is reported.
     const std::string open_failed =
-        owner_error(LISTENER_SHM, ENOENT) + error_while("opening the shared memory", ENOENT);
+        owner_error(LISTENER_SEGMENT, ENOENT) + error_while("opening the shared memory", ENOENT);
     std::vector<Row> rows = {
         // Without the run-state directory the daemon takes the lock file under /tmp.
         {part, Op::stat, 0, {-1, EACCES}, true, "", FALLBACK},
@@ -593,7 +592,7 @@ protected:
     {
         runstate_.reset(new Runstate_dir());
         lock_name_.reset(new Scoped_value<std::string>(logferry::listener.lock_listener_name, lock_path()));
-        ::shm_unlink(LISTENER_SHM);  // a stale segment of an aborted run
+        ::shm_unlink(LISTENER_SEGMENT);  // a stale segment of an aborted run
     }
 
     void TearDown() override
@@ -603,7 +602,7 @@ protected:
         stop_daemon();
         lock_name_.reset();
         runstate_.reset();
-        EXPECT_FALSE(shm_exists(LISTENER_SHM)) << "the listener segment was left behind";
+        EXPECT_FALSE(shm_exists(LISTENER_SEGMENT)) << "the listener segment was left behind";
     }
 
     std::string lock_path() const { return runstate_->lock_file(); }
@@ -630,7 +629,7 @@ protected:
     // announces the channel again, and nobody takes the announcements here.
     void wipe_listener_list()
     {
-        const int fd = ::shm_open(LISTENER_SHM, O_RDWR, 0);
+        const int fd = ::shm_open(LISTENER_SEGMENT, O_RDWR, 0);
         ASSERT_GE(fd, 0);
         void* mapped = ::mmap(nullptr, logferry::LISTENER_SEGMENT_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         ::close(fd);
@@ -645,7 +644,7 @@ protected:
     // Whether `name` stands in the daemon's list.
     bool announced(const std::string& name)
     {
-        const int fd = ::shm_open(LISTENER_SHM, O_RDWR, 0);
+        const int fd = ::shm_open(LISTENER_SEGMENT, O_RDWR, 0);
         if (fd < 0) {
             return false;
         }
@@ -705,13 +704,13 @@ protected:
         EXPECT_TRUE(announced(name));
         EXPECT_TRUE(logferry::listener.is_initialized());
         EXPECT_EQ(system.sleeps_ms().back(), 50u);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
 
         wipe_listener_list();
         logferry::exit();
         EXPECT_FALSE(shm_exists(name));
         EXPECT_EQ(count_mappings(name), 0);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(count_open_fds(), fds);
     }
 
@@ -813,10 +812,10 @@ TEST_F(FaultSweep, DaemonListenerInit)
             const std::string output = capture_stderr([&] { result = daemon.init(); });
             EXPECT_TRUE(system.clear()) << "the call was not made";
             EXPECT_EQ(result, row.succeeds);
-            EXPECT_EQ(output, expected_message(row, LISTENER_SHM));
+            EXPECT_EQ(output, expected_message(row, LISTENER_SEGMENT));
             EXPECT_EQ(daemon.is_initialized(), row.succeeds);
             EXPECT_EQ(static_cast<void*>(daemon.segment) == MAP_FAILED, !row.succeeds);
-            EXPECT_EQ(count_mappings(LISTENER_SHM), row.succeeds ? 1 : 0);
+            EXPECT_EQ(count_mappings(LISTENER_SEGMENT), row.succeeds ? 1 : 0);
             expect_calls(system, row);
             if (is_mutex_setup(op)) {
                 expect_mutex_setup_stopped(system, op);
@@ -831,30 +830,30 @@ TEST_F(FaultSweep, DaemonListenerInit)
             }
             EXPECT_EQ(daemon.proxy_watchdogs != nullptr, lock_open && op != Op::lockf);
             EXPECT_EQ(count_open_fds(), fds + (lock_open ? 1 : 0));
-            EXPECT_EQ(daemon.lock_listener_name, (row.residue & FALLBACK) != 0 ? FALLBACK_LOCK : lock_path());
+            EXPECT_EQ(daemon.lock_listener_name, (row.residue & FALLBACK) != 0 ? FALLBACK_LOCK_FILE : lock_path());
             EXPECT_EQ(path_exists(daemon.lock_listener_name), lock_open);
-            EXPECT_EQ(shm_exists(LISTENER_SHM), row.succeeds || (row.residue & LISTENER_OBJECT) != 0);
+            EXPECT_EQ(shm_exists(LISTENER_SEGMENT), row.succeeds || (row.residue & LISTENER_OBJECT) != 0);
             if (row.succeeds) {
                 daemon.uninit();  // removes the segment and the lock file
-                EXPECT_FALSE(shm_exists(LISTENER_SHM));
+                EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
                 EXPECT_FALSE(path_exists(daemon.lock_listener_name));
             }
 
             // The next attempt on the same object works: a fresh segment, the lock held.
             const std::string again = capture_stderr([&] { EXPECT_TRUE(daemon.init()); });
             EXPECT_EQ(again, "");
-            EXPECT_EQ(count_mappings(LISTENER_SHM), 1);
+            EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
             EXPECT_TRUE(entries_and_indices_zero(daemon.segment));
             EXPECT_TRUE(lock_held_by_other_process(daemon.lock_file));
             EXPECT_EQ(count_open_fds(), fds + 1);
             daemon.uninit();
-            EXPECT_FALSE(shm_exists(LISTENER_SHM));
+            EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
             EXPECT_FALSE(path_exists(daemon.lock_listener_name));
         }
         // Destroyed: the lock file's descriptor is closed as well.
         EXPECT_EQ(count_open_fds(), fds);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
-        EXPECT_FALSE(path_exists(FALLBACK_LOCK));
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
+        EXPECT_FALSE(path_exists(FALLBACK_LOCK_FILE));
     });
     report_pairs("Logferry_listener::init (daemon)", pairs, 25, calls);
 }
@@ -883,27 +882,27 @@ TEST_F(FaultSweep, ApplicationListenerInit)
         const std::string output = capture_stderr([&] { result = application.init(); });
         EXPECT_TRUE(system.clear()) << "the call was not made";
         EXPECT_EQ(result, row.succeeds);
-        EXPECT_EQ(output, expected_message(row, LISTENER_SHM));
+        EXPECT_EQ(output, expected_message(row, LISTENER_SEGMENT));
         EXPECT_EQ(application.is_initialized(), row.succeeds);
         EXPECT_EQ(static_cast<void*>(application.segment) == MAP_FAILED, !row.succeeds);
         expect_calls(system, row);
         EXPECT_EQ(application.lock_file.fd, -1);
         EXPECT_EQ(application.proxy_watchdogs, nullptr);  // the daemon's alone
-        EXPECT_EQ(count_mappings(LISTENER_SHM), row.succeeds ? 1 : 0);
-        EXPECT_EQ(count_open_fds(), fds);       // the application never keeps a descriptor
-        EXPECT_TRUE(shm_exists(LISTENER_SHM));  // the daemon's; an application never removes it
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), row.succeeds ? 1 : 0);
+        EXPECT_EQ(count_open_fds(), fds);           // the application never keeps a descriptor
+        EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));  // the daemon's; an application never removes it
         if ((row.residue & FALLBACK) != 0) {
-            EXPECT_EQ(application.lock_listener_name, FALLBACK_LOCK);
+            EXPECT_EQ(application.lock_listener_name, FALLBACK_LOCK_FILE);
             application.lock_listener_name = lock_path();  // the switch is for good by design
         }
         application.uninit();
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
 
         const std::string again = capture_stderr([&] { EXPECT_TRUE(application.init()); });
         EXPECT_EQ(again, "");
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
         application.uninit();
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(count_open_fds(), fds);
     });
     report_pairs("Logferry_listener::init (application)", pairs, 10, calls);
@@ -949,18 +948,18 @@ TEST_F(FaultSweep, ConnectStep)
         EXPECT_EQ(logferry::client.is_initialized(), channel_open);
         EXPECT_EQ(count_mappings(name), channel_open ? 1 : 0);
         EXPECT_EQ(logferry::listener.is_initialized(), listener_open);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), listener_open ? 1 : 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), listener_open ? 1 : 0);
         EXPECT_EQ(announced(name), row.succeeds);
         EXPECT_EQ(count_open_fds(), fds);
         if ((row.residue & FALLBACK) != 0) {
-            EXPECT_EQ(logferry::listener.lock_listener_name, FALLBACK_LOCK);
+            EXPECT_EQ(logferry::listener.lock_listener_name, FALLBACK_LOCK_FILE);
             logferry::listener.lock_listener_name = lock_path();  // the switch is for good by design
         }
         wipe_listener_list();
 
         logferry::exit();
         EXPECT_EQ(count_mappings(name), 0);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(shm_exists(name), (row.residue & CHANNEL_OBJECT) != 0);
         EXPECT_EQ(count_open_fds(), fds);
 
@@ -972,7 +971,7 @@ TEST_F(FaultSweep, ConnectStep)
         logferry::exit();
         EXPECT_FALSE(shm_exists(name));
         EXPECT_EQ(count_mappings(name), 0);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(count_open_fds(), fds);
     });
     report_pairs("logferry::connect_channel", pairs, 45, calls);
@@ -1080,12 +1079,12 @@ TEST_F(FaultSweep, ReceiverThreadReconnect)
         // Announced again: the next look in 50 ms; otherwise the next try in a second.
         EXPECT_EQ(system.sleeps_ms().back(), row.succeeds ? 50u : 1000u);
         const bool leaked = (row.residue & LISTENER_MAPPING) != 0;
-        EXPECT_EQ(count_mappings(LISTENER_SHM), (row.succeeds ? 1 : 0) + (leaked ? 1 : 0));
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), (row.succeeds ? 1 : 0) + (leaked ? 1 : 0));
         EXPECT_EQ(count_mappings(name), 1);
         EXPECT_TRUE(logferry::client.is_initialized());
         EXPECT_EQ(count_open_fds(), fds);
         if ((row.residue & FALLBACK) != 0) {
-            EXPECT_EQ(logferry::listener.lock_listener_name, FALLBACK_LOCK);
+            EXPECT_EQ(logferry::listener.lock_listener_name, FALLBACK_LOCK_FILE);
             logferry::listener.lock_listener_name = lock_path();  // the switch is for good by design
         }
         if (leaked) {
@@ -1218,7 +1217,7 @@ TEST_F(FaultSweep, Exit)
         const bool channel_leaked = (row.residue & CHANNEL_MAPPING) != 0;
         const bool listener_leaked = (row.residue & LISTENER_MAPPING) != 0;
         EXPECT_EQ(count_mappings(name), channel_leaked ? 1 : 0);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), listener_leaked ? 1 : 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), listener_leaked ? 1 : 0);
         EXPECT_EQ(shm_exists(name), (row.residue & CHANNEL_OBJECT) != 0);
         EXPECT_EQ(count_open_fds(), fds);
         if (channel_leaked) {
@@ -1235,7 +1234,7 @@ TEST_F(FaultSweep, Exit)
         EXPECT_EQ(again, "");
         EXPECT_FALSE(shm_exists(name));
         EXPECT_EQ(count_mappings(name), 0);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(count_open_fds(), fds);
         wipe_listener_list();
     });

@@ -18,6 +18,7 @@
 #include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
 #include "support/listener_daemon.hpp"
+#include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
 
 using logferry_test::Fake_system;
@@ -44,7 +45,7 @@ std::string identifier_of_length(std::size_t length)
 std::vector<std::string> announced_names()
 {
     std::vector<std::string> names;
-    const int fd = ::shm_open("/logferry-daemon-listener", O_RDWR, 0);
+    const int fd = ::shm_open(logferry_test::LISTENER_SEGMENT, O_RDWR, 0);
     if (fd < 0) {
         ADD_FAILURE() << "no listener segment";
         return names;

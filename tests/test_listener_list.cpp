@@ -62,6 +62,7 @@ using logferry_test::count_open_fds;
 using logferry_test::diagnostic;
 using logferry_test::error_while;
 using logferry_test::Fake_system;
+using logferry_test::LISTENER_SEGMENT;
 using logferry_test::name_too_long;
 using logferry_test::not_initialized;
 using logferry_test::Op;
@@ -72,22 +73,21 @@ using logferry_test::wait_until;
 
 namespace {
 
-const char* const SHM_NAME = "/logferry-daemon-listener";
 const std::string WATCHDOG_MESSAGE = diagnostic("proxy watchdog triggered.");
 
 // The test's own run-state directory (with "ara_DLT"), with nothing under the listener's
 // fixed names at the start; what a test leaves behind makes it fail, and is removed.
 class Listener_runstate {
 public:
-    Listener_runstate() { ::shm_unlink(SHM_NAME); }
+    Listener_runstate() { ::shm_unlink(LISTENER_SEGMENT); }
 
     ~Listener_runstate()
     {
         EXPECT_FALSE(path_exists(lock_file())) << "the daemon left its lock file";
         ::unlink(lock_file().c_str());
         EXPECT_EQ(dir_.contents(), std::vector<std::string>{"ara_DLT"}) << "something was left in " << dir_.root();
-        EXPECT_FALSE(shm_exists(SHM_NAME)) << "the listener segment was left behind";
-        ::shm_unlink(SHM_NAME);
+        EXPECT_FALSE(shm_exists(LISTENER_SEGMENT)) << "the listener segment was left behind";
+        ::shm_unlink(LISTENER_SEGMENT);
     }
 
     Listener_runstate(const Listener_runstate&) = delete;
@@ -353,7 +353,7 @@ public:
     ~Daemon_and_application()
     {
         application.uninit();
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_TRUE(daemon.stop());
     }
 
@@ -1028,9 +1028,9 @@ TEST_F(ListenerListOnFakeSystem, ClockFailureStopsTheWatchdogPass)
 
     // No longer listening, the daemon leaves the segment and the lock file in place.
     daemon.uninit();
-    EXPECT_TRUE(shm_exists(SHM_NAME));
+    EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));
     EXPECT_TRUE(path_exists(dir.lock_file()));
-    EXPECT_EQ(::shm_unlink(SHM_NAME), 0);
+    EXPECT_EQ(::shm_unlink(LISTENER_SEGMENT), 0);
     EXPECT_EQ(::unlink(dir.lock_file().c_str()), 0);
 }
 
@@ -1091,15 +1091,15 @@ TEST(ListenerList, NothingStaysOpenOrMapped)
         ASSERT_EQ(daemon.call("get_next").result, "/logferry-open");
         ASSERT_TRUE(application.pop());
         EXPECT_EQ(count_open_fds(), fds_before);
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
         application.uninit();
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(count_open_fds(), fds_before);
         // uninit keeps nothing but the own entry's index (-1 after the pop).
         EXPECT_EQ(application.own_entry, -1);
     }
     EXPECT_EQ(daemon.call("uninit").output, "");
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
     EXPECT_FALSE(path_exists(dir.lock_file()));
     EXPECT_TRUE(daemon.stop());
     EXPECT_EQ(count_open_fds(), fds_at_start);

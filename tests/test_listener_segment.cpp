@@ -36,7 +36,9 @@ using logferry_test::entries_and_indices_zero;
 using logferry_test::error_while;
 using logferry_test::exited_cleanly;
 using logferry_test::Fake_system;
+using logferry_test::FALLBACK_LOCK_FILE;
 using logferry_test::Listener_daemon_child;
+using logferry_test::LISTENER_SEGMENT;
 using logferry_test::lock_held_by_other_process;
 using logferry_test::Op;
 using logferry_test::owner_error;
@@ -47,10 +49,6 @@ using logferry_test::wait_until;
 
 namespace {
 
-const char* const SHM_NAME = "/logferry-daemon-listener";
-const char* const SHM_PATH = "/dev/shm/logferry-daemon-listener";
-const char* const TMP_LOCK = "/tmp/logferry-daemon-listener.lock";
-
 // The test's own run-state directory, with nothing under the listener's fixed names at the
 // start. Without "ara_DLT" in it the listener falls back to the lock file under /tmp, which is
 // removed as well. Whatever a test leaves behind is cleaned up; leftover files make the test
@@ -59,9 +57,9 @@ class Listener_runstate {
 public:
     explicit Listener_runstate(bool with_ara_dlt = true) : dir_(with_ara_dlt), fallback_(!with_ara_dlt)
     {
-        ::shm_unlink(SHM_NAME);  // a stale segment of an earlier, aborted run
+        ::shm_unlink(LISTENER_SEGMENT);  // a stale segment of an earlier, aborted run
         if (fallback_) {
-            ::unlink(TMP_LOCK);
+            ::unlink(FALLBACK_LOCK_FILE);
         }
     }
 
@@ -69,11 +67,11 @@ public:
     {
         ::unlink(default_lock().c_str());
         if (fallback_) {
-            ::unlink(TMP_LOCK);
+            ::unlink(FALLBACK_LOCK_FILE);
         }
         const std::vector<std::string> left = dir_.contents();
         EXPECT_TRUE(left.empty() || left == std::vector<std::string>{"ara_DLT"}) << "something was left in " << root();
-        ::shm_unlink(SHM_NAME);
+        ::shm_unlink(LISTENER_SEGMENT);
     }
 
     Listener_runstate(const Listener_runstate&) = delete;
@@ -195,13 +193,13 @@ TEST(ListenerSegment, DaemonInitCreatesAZeroSegmentAndHoldsTheLock)
 
         // The segment file: size, mode and the logging group.
         struct stat info {};
-        ASSERT_EQ(::stat(SHM_PATH, &info), 0);
+        ASSERT_EQ(::stat((std::string("/dev/shm") + LISTENER_SEGMENT).c_str(), &info), 0);
         EXPECT_EQ(info.st_size, 1144);
         EXPECT_EQ(info.st_mode & 0777, 0660 & ~current_umask());
         if (::geteuid() == 0) {
             EXPECT_EQ(info.st_gid, 1051u);
         }
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
 
         // The lock file, held locked; the segment descriptor is closed already.
         ASSERT_TRUE(path_exists(dir.default_lock()));
@@ -225,8 +223,8 @@ TEST(ListenerSegment, DaemonInitCreatesAZeroSegmentAndHoldsTheLock)
         EXPECT_FALSE(daemon.is_initialized());
         EXPECT_EQ(daemon.segment, MAP_FAILED);
         EXPECT_EQ(daemon.proxy_watchdogs, nullptr);
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
-        EXPECT_FALSE(shm_exists(SHM_NAME));
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
+        EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
         EXPECT_FALSE(path_exists(dir.default_lock()));
         ASSERT_GE(daemon.lock_file.fd, 0);
         EXPECT_TRUE(lock_held_by_other_process(daemon.lock_file));
@@ -248,13 +246,13 @@ TEST(ListenerSegment, DestroyingTheDaemonReleasesTheLock)
         ASSERT_GE(observer, 0);
         EXPECT_TRUE(lock_held_by_other_process(observer));
     }
-    EXPECT_TRUE(shm_exists(SHM_NAME));
+    EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));
     EXPECT_TRUE(path_exists(dir.default_lock()));
-    EXPECT_EQ(count_mappings(SHM_NAME), 0);
+    EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
     EXPECT_FALSE(lock_held_by_other_process(observer));
     ::close(observer);
     EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_EQ(::shm_unlink(SHM_NAME), 0);
+    EXPECT_EQ(::shm_unlink(LISTENER_SEGMENT), 0);
     EXPECT_EQ(::unlink(dir.default_lock().c_str()), 0);
 }
 
@@ -265,11 +263,11 @@ TEST(ListenerSegment, DestructorOfAnInitialisedDaemonRemovesEverything)
     {
         Logferry_listener daemon(true);
         ASSERT_TRUE(daemon.init());
-        ASSERT_TRUE(shm_exists(SHM_NAME));
+        ASSERT_TRUE(shm_exists(LISTENER_SEGMENT));
     }
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
     EXPECT_FALSE(path_exists(dir.default_lock()));
-    EXPECT_EQ(count_mappings(SHM_NAME), 0);
+    EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
     EXPECT_EQ(count_open_fds(), fds_before);
 }
 
@@ -322,9 +320,9 @@ TEST(ListenerSegment, DaemonCanInitAgainAfterUninit)
         EXPECT_TRUE(path_exists(dir.default_lock()));
         EXPECT_TRUE(lock_held_by_other_process(daemon.lock_file));
         EXPECT_EQ(count_open_fds(), fds_before + 1);
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
     }
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
     EXPECT_EQ(count_open_fds(), fds_before);
 }
 
@@ -356,9 +354,9 @@ TEST(ListenerSegment, SecondDaemonWaitsForTheLock)
 
     first.reset();  // closing the lock file releases the lock
     EXPECT_TRUE(second.wait_ready());
-    EXPECT_TRUE(shm_exists(SHM_NAME));
+    EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));
     EXPECT_TRUE(exited_cleanly(second.stop()));
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
 }
 
 TEST_F(ListenerSegmentOnFakeSystem, ApplicationWithoutLockFileFailsSilently)
@@ -423,31 +421,31 @@ TEST(ListenerSegment, ApplicationMapsTheSegmentWhileTheDaemonHoldsTheLock)
         EXPECT_EQ(fake.calls(Op::ftruncate), 0);
         EXPECT_EQ(fake.calls(Op::pthread_mutex_init), 0);
         EXPECT_EQ(count_open_fds(), fds_before);
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
 
         // The application's uninit only unmaps.
         fake.reset_calls();
         application.uninit();
         EXPECT_FALSE(application.is_initialized());
         EXPECT_EQ(application.segment, MAP_FAILED);
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(fake.calls(Op::shm_unlink), 0);
         EXPECT_EQ(fake.calls(Op::unlink), 0);
-        EXPECT_TRUE(shm_exists(SHM_NAME));
+        EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));
         EXPECT_TRUE(path_exists(dir.default_lock()));
 
         // And it can come back.
         ASSERT_TRUE(application.init());
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
     }
-    EXPECT_EQ(count_mappings(SHM_NAME), 0);
+    EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
     EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_TRUE(shm_exists(SHM_NAME));
+    EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));
 
     // Once the daemon has stopped, its segment and lock file are gone and the application's
     // init fails silently again.
     EXPECT_TRUE(exited_cleanly(daemon.stop()));
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
     EXPECT_FALSE(path_exists(dir.default_lock()));
     Logferry_listener late(false);
     bool ok = true;
@@ -461,22 +459,22 @@ TEST(ListenerSegment, LockFileFallsBackToTmpAndStaysThere)
     Logferry_listener daemon(true);
     EXPECT_EQ(daemon.lock_listener_name, dir.default_lock());
     ASSERT_TRUE(daemon.init());
-    EXPECT_EQ(daemon.lock_listener_name, TMP_LOCK);
-    EXPECT_TRUE(path_exists(TMP_LOCK));
+    EXPECT_EQ(daemon.lock_listener_name, FALLBACK_LOCK_FILE);
+    EXPECT_TRUE(path_exists(FALLBACK_LOCK_FILE));
     EXPECT_TRUE(lock_held_by_other_process(daemon.lock_file));
 
     // The directory appears: the lock file stays where it is.
     ASSERT_EQ(::mkdir(dir.ara_dlt().c_str(), 0755), 0);
     daemon.check_lock_listener_name();
-    EXPECT_EQ(daemon.lock_listener_name, TMP_LOCK);
+    EXPECT_EQ(daemon.lock_listener_name, FALLBACK_LOCK_FILE);
     daemon.uninit();
-    EXPECT_FALSE(path_exists(TMP_LOCK));
+    EXPECT_FALSE(path_exists(FALLBACK_LOCK_FILE));
     ASSERT_TRUE(daemon.init());
-    EXPECT_EQ(daemon.lock_listener_name, TMP_LOCK);
-    EXPECT_TRUE(path_exists(TMP_LOCK));
+    EXPECT_EQ(daemon.lock_listener_name, FALLBACK_LOCK_FILE);
+    EXPECT_TRUE(path_exists(FALLBACK_LOCK_FILE));
     EXPECT_FALSE(path_exists(dir.default_lock()));
     daemon.uninit();
-    EXPECT_FALSE(path_exists(TMP_LOCK));
+    EXPECT_FALSE(path_exists(FALLBACK_LOCK_FILE));
 }
 
 TEST(ListenerSegment, ApplicationFallsBackWhenAraDltIsNoDirectory)
@@ -487,7 +485,7 @@ TEST(ListenerSegment, ApplicationFallsBackWhenAraDltIsNoDirectory)
     bool ok = true;
     EXPECT_EQ(capture_stderr([&] { ok = application.init(); }), "");
     EXPECT_FALSE(ok);
-    EXPECT_EQ(application.lock_listener_name, TMP_LOCK);
+    EXPECT_EQ(application.lock_listener_name, FALLBACK_LOCK_FILE);
     EXPECT_EQ(::unlink(dir.ara_dlt().c_str()), 0);
 }
 
@@ -497,15 +495,15 @@ TEST(ListenerSegment, ApplicationFindsTheDaemonThroughTheFallbackLockFile)
     Listener_daemon_child daemon;
     ASSERT_TRUE(daemon.launch());
     ASSERT_TRUE(daemon.wait_ready());
-    EXPECT_TRUE(path_exists(TMP_LOCK));
+    EXPECT_TRUE(path_exists(FALLBACK_LOCK_FILE));
     {
         Logferry_listener application(false);
         ASSERT_TRUE(application.init());
-        EXPECT_EQ(application.lock_listener_name, TMP_LOCK);
+        EXPECT_EQ(application.lock_listener_name, FALLBACK_LOCK_FILE);
     }
     EXPECT_TRUE(exited_cleanly(daemon.stop()));
-    EXPECT_FALSE(path_exists(TMP_LOCK));
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_FALSE(path_exists(FALLBACK_LOCK_FILE));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
 }
 
 TEST_F(ListenerSegmentOnFakeSystem, OpenFailureReportsTheErrorLeftByChown)
@@ -520,10 +518,10 @@ TEST_F(ListenerSegmentOnFakeSystem, OpenFailureReportsTheErrorLeftByChown)
         bool ok = true;
         std::string output = capture_stderr([&] { ok = daemon.init(); });
         EXPECT_FALSE(ok);
-        EXPECT_EQ(output, owner_error(SHM_NAME, EPERM) + error_while("opening the shared memory", EPERM));
+        EXPECT_EQ(output, owner_error(LISTENER_SEGMENT, EPERM) + error_while("opening the shared memory", EPERM));
         EXPECT_FALSE(daemon.is_initialized());
         EXPECT_EQ(daemon.segment, MAP_FAILED);
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(fake.calls(Op::ftruncate), 0);
         // The daemon keeps its lock and its watchdogs.
         EXPECT_NE(daemon.proxy_watchdogs, nullptr);
@@ -534,14 +532,14 @@ TEST_F(ListenerSegmentOnFakeSystem, OpenFailureReportsTheErrorLeftByChown)
         fake.fail(Op::shm_open, -1, EMFILE);
         output = capture_stderr([&] { ok = daemon.init(); });
         EXPECT_FALSE(ok);
-        EXPECT_EQ(output, owner_error(SHM_NAME, ENOENT) + error_while("opening the shared memory", ENOENT));
+        EXPECT_EQ(output, owner_error(LISTENER_SEGMENT, ENOENT) + error_while("opening the shared memory", ENOENT));
         EXPECT_EQ(count_open_fds(), fds_before + 1);
 
         ASSERT_TRUE(daemon.init());
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
     }
     EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_EQ(count_mappings(SHM_NAME), 0);
+    EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
 }
 
 TEST_F(ListenerSegmentOnFakeSystem, ApplicationTakesAnAccessDeniedLockTestForALiveDaemon)
@@ -585,12 +583,12 @@ TEST_F(ListenerSegmentOnFakeSystem, UnmapFailureIsReportedAndTheSegmentForgotten
     EXPECT_EQ(daemon.segment, MAP_FAILED);
     EXPECT_FALSE(daemon.is_initialized());
     // uninit went on: the segment and the lock file are gone.
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
     EXPECT_FALSE(path_exists(dir.default_lock()));
     // The mapping is still there (the fault kept it); undo it by hand.
-    EXPECT_EQ(count_mappings(SHM_NAME), 1);
+    EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
     EXPECT_EQ(::munmap(mapped, logferry::LISTENER_SEGMENT_SIZE), 0);
-    EXPECT_EQ(count_mappings(SHM_NAME), 0);
+    EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
     // uninit_shm on nothing mapped makes no call.
     fake.reset_calls();
     daemon.uninit_shm();
@@ -629,5 +627,5 @@ TEST_F(ListenerSegmentOnFakeSystem, UninitAfterAFailedInitLeavesTheLockFileAlone
     EXPECT_NE(daemon.proxy_watchdogs, nullptr);
     // The segment object that ftruncate left unsized is the daemon's; remove it with the lock
     // file by hand.
-    ::shm_unlink(SHM_NAME);
+    ::shm_unlink(LISTENER_SEGMENT);
 }

@@ -46,11 +46,10 @@ namespace {
 using namespace logferry;
 using logferry_test::Bytes;
 using logferry_test::bytes_of;
+using logferry_test::LISTENER_SEGMENT;
 using logferry_test::unique_id;
 using logferry_test::wait_until;
 using std::chrono::milliseconds;
-
-const char LISTENER_SEGMENT[] = "/logferry-daemon-listener";
 
 // The monotonic clock in 0.1 ms units, as the front end stamps its start records.
 std::uint32_t now_stamp()

@@ -11,6 +11,11 @@
 
 namespace logferry_test {
 
+// The listener's fixed names: its segment, and its lock file where the run-state directory has
+// no "ara_DLT" (the lock file's name in a run-state directory is Runstate_dir::lock_file).
+constexpr const char* LISTENER_SEGMENT = "/logferry-daemon-listener";
+constexpr const char* FALLBACK_LOCK_FILE = "/tmp/logferry-daemon-listener.lock";
+
 class Runstate_dir {
 public:
     // With `with_ara_dlt`, the directory holds "ara_DLT", where the listener keeps its lock
