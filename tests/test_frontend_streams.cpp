@@ -45,20 +45,10 @@ constexpr std::uint32_t CONTEXT = 1;
 // catalogue: the reference the front end's bytes are compared with.
 Bytes start_record(std::uint8_t level, std::uint32_t handle, std::uint32_t key, std::uint32_t timestamp = TIMESTAMP)
 {
-    logferry::Logferry_write_start record;
-    record.log_level = level;
-    record.context_handle = handle;
-    record.stream_key = key;
-    record.timestamp = timestamp;
-    return bytes_of(record);
+    return bytes_of(logferry_test::make_start(key, level, handle, timestamp));
 }
 
-Bytes finish_record(std::uint32_t key)
-{
-    logferry::Logferry_write_finish record;
-    record.stream_key = key;
-    return bytes_of(record);
-}
+Bytes finish_record(std::uint32_t key) { return bytes_of(logferry_test::make_finish(key)); }
 
 template <typename Record, typename Value>
 Bytes plain_record(std::uint32_t key, Value value)

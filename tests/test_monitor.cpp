@@ -47,6 +47,10 @@ using namespace logferry;
 using logferry_test::Bytes;
 using logferry_test::bytes_of;
 using logferry_test::LISTENER_SEGMENT;
+using logferry_test::make_finish;
+using logferry_test::make_init_file;
+using logferry_test::make_start;
+using logferry_test::make_text;
 using logferry_test::unique_id;
 using logferry_test::wait_until;
 using std::chrono::milliseconds;
@@ -63,28 +67,7 @@ std::uint32_t now_stamp()
 Logferry_write_start start(std::uint32_t key, std::uint8_t level, std::uint32_t handle,
                            std::uint32_t timestamp = now_stamp())
 {
-    Logferry_write_start record;
-    record.log_level = level;
-    record.context_handle = handle;
-    record.stream_key = key;
-    record.timestamp = timestamp;
-    return record;
-}
-
-Logferry_write_finish finish(std::uint32_t key)
-{
-    Logferry_write_finish record;
-    record.stream_key = key;
-    return record;
-}
-
-Logferry_write_utf8_string text(std::uint32_t key, const std::string& value)
-{
-    Logferry_write_utf8_string record;
-    record.stream_key = key;
-    std::copy(value.begin(), value.end(), record.text.begin());
-    record.length = static_cast<std::uint16_t>(value.size() + 8);
-    return record;
+    return make_start(key, level, handle, timestamp);
 }
 
 Logferry_write_int32 int32(std::uint32_t key, std::int32_t value)
@@ -307,9 +290,7 @@ TEST_F(Monitor, TranscriptOfOneApplication)
     ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1, "MAIN", "Main context"))));
     ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(3, 2, "AUX", "Aux context"))));
     ASSERT_TRUE(app.send_priority(bytes_of(Logferry_enable_local_print())));
-    Logferry_init_file file;
-    const std::string file_name = "/tmp/test app.log";
-    std::copy(file_name.begin(), file_name.end(), file.file_name.begin());
+    const Logferry_init_file file = make_init_file("/tmp/test app.log");
     ASSERT_TRUE(app.send_priority(bytes_of(file)));
     ASSERT_TRUE(app.send_priority(bytes_of(Logferry_disable_remote())));
     app.release();
@@ -344,7 +325,7 @@ TEST_F(Monitor, TranscriptOfOneApplication)
     encoded.length = 11;
     encoded.payload = {{0x01, 0x02}};
     ASSERT_TRUE(
-        app.log(bytes_of(start(7, 4, 1), text(7, "hello, monitor"), flag, i8, i16, int32(7, 70000), i64,
+        app.log(bytes_of(start(7, 4, 1), make_text(7, "hello, monitor"), flag, i8, i16, int32(7, 70000), i64,
                          formatted<Logferry_write_uint8_formatted>(7, std::uint8_t{200}, LogFormat::kDefault),
                          formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0xBEEF}, LogFormat::kHex),
                          formatted<Logferry_write_uint32_formatted>(7, std::uint32_t{8}, LogFormat::kOct),
@@ -352,8 +333,8 @@ TEST_F(Monitor, TranscriptOfOneApplication)
                          formatted<Logferry_write_uint32_formatted>(7, std::uint32_t{0xABCDEF}, LogFormat::kHexUpper),
                          formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0x1234}, LogFormat::kDec),
                          formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0x1234}, LogFormat::kRaw), f32,
-                         f64, raw, encoded, finish(7))));
-    ASSERT_TRUE(app.log(bytes_of(start(8, 3, 2), text(8, "second"), finish(8))));
+                         f64, raw, encoded, make_finish(7))));
+    ASSERT_TRUE(app.log(bytes_of(start(8, 3, 2), make_text(8, "second"), make_finish(8))));
     Logferry_unregister_context unregister;
     unregister.context_handle = 2;
     ASSERT_TRUE(app.log(bytes_of(unregister)));
@@ -438,13 +419,13 @@ TEST_F(Monitor, TimestampsAndArgumentsAreRenderedExactly)
     Logferry_write_bool no;
     no.stream_key = 1;
     ASSERT_TRUE(app.log(
-        bytes_of(start(1, 6, 0xFFFFFFFF, 123456), text(1, "quote \" and\nline"), omitted, big, bin, upper, tenth, no,
-                 formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kOct),
+        bytes_of(start(1, 6, 0xFFFFFFFF, 123456), make_text(1, "quote \" and\nline"), omitted, big, bin, upper, tenth,
+                 no, formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kOct),
                  formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kBin),
-                 formatted<Logferry_write_uint64_formatted>(1, ~std::uint64_t{0}, LogFormat::kDec), finish(1))));
+                 formatted<Logferry_write_uint64_formatted>(1, ~std::uint64_t{0}, LogFormat::kDec), make_finish(1))));
     // The largest timestamp, a message without start, an encoded message.
-    ASSERT_TRUE(app.log(bytes_of(start(2, 1, 0xFFFFFFFF, 0xFFFFFFFF), finish(2))));
-    ASSERT_TRUE(app.log(bytes_of(int32(3, -1), finish(3))));
+    ASSERT_TRUE(app.log(bytes_of(start(2, 1, 0xFFFFFFFF, 0xFFFFFFFF), make_finish(2))));
+    ASSERT_TRUE(app.log(bytes_of(int32(3, -1), make_finish(3))));
     Logferry_write_encoded_message message;
     message.size = 3;
     message.length = 8;
@@ -522,7 +503,7 @@ TEST_F(Monitor, KilledApplicationIsDetached)
             return 1;
         }
         app.release();
-        app.log(bytes_of(start(1, 4, 1), text(1, "before kill"), finish(1)));
+        app.log(bytes_of(start(1, 4, 1), make_text(1, "before kill"), make_finish(1)));
         const char byte = 1;
         if (::write(ready[1], &byte, 1) != 1) {
             return 2;
@@ -595,7 +576,7 @@ TEST_F(Monitor, ServesManyApplicationsAtOnce)
             for (int m = 0; m < messages; ++m) {
                 const std::uint32_t key = static_cast<std::uint32_t>(m);
                 if (!app.log(bytes_of(start(key, 4, 100 + a), int32(key, m),
-                                      text(key, std::string(40, static_cast<char>('a' + a))), finish(key)))) {
+                                      make_text(key, std::string(40, static_cast<char>('a' + a))), make_finish(key)))) {
                     return 2;
                 }
                 if (m % 20 == 0) {
@@ -658,7 +639,7 @@ TEST_F(Monitor, HeldBackMessagesWaitWhileTheApplicationLives)
     ASSERT_TRUE(app.wait_attached());
     ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("GATE", ""))));
     ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1, "C", ""))));
-    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), text(1, "held back"), finish(1))));
+    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), make_text(1, "held back"), make_finish(1))));
     // Two control requests, one after the other: once the second one is printed, the
     // monitor has been through the ring at least once since the message went in.
     ASSERT_TRUE(app.send_priority(bytes_of(Logferry_enable_local_print())));
@@ -688,7 +669,7 @@ TEST_F(Monitor, RegistrationPlacedAsTheRingOpensComesBeforeTheMessage)
     ASSERT_TRUE(app.announce());
     ASSERT_TRUE(app.wait_attached());
     ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("RACE", ""))));
-    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), text(1, "after the context"), finish(1))));  // held back
+    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), make_text(1, "after the context"), make_finish(1))));  // held back
 
     // The monitor looked at the priority area (empty) and now waits for the ring's mutex.
     pthread_mutex_t* const ring = app.ring_mutex();
@@ -723,8 +704,8 @@ TEST_F(Monitor, HeldBackMessagesOfAClosedApplicationAreRead)
     ASSERT_TRUE(app.wait_attached());
     ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("LATE", ""))));
     ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1, "C", ""))));
-    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), text(1, "first"), finish(1))));
-    ASSERT_TRUE(app.log(bytes_of(start(2, 4, 1), text(2, "last"), finish(2))));
+    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), make_text(1, "first"), make_finish(1))));
+    ASSERT_TRUE(app.log(bytes_of(start(2, 4, 1), make_text(2, "last"), make_finish(2))));
     app.close();
     ASSERT_TRUE(wait_for("-- detach")) << output();
     EXPECT_NE(mask_timestamps(output()).find("<ts> LATE C    info    \"first\"\n"
@@ -748,7 +729,8 @@ TEST_F(Monitor, CountStopsAfterThatManyMessages)
         ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1, "C", ""))));
         app.release();
         for (std::uint32_t key = 0; key < 3; ++key) {
-            ASSERT_TRUE(app.log(bytes_of(start(key, 4, 1), int32(key, static_cast<std::int32_t>(key)), finish(key))));
+            ASSERT_TRUE(
+                app.log(bytes_of(start(key, 4, 1), int32(key, static_cast<std::int32_t>(key)), make_finish(key))));
         }
         const int status = logferry_test::wait_child(pid_, milliseconds(10000));
         pid_ = -1;
@@ -834,8 +816,8 @@ TEST_F(Monitor, UndecodableUnitsAreReportedAndServiceGoesOn)
     ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1, "C", ""))));
     app.release();
     ASSERT_TRUE(app.log(Bytes{12, 1, 0}));
-    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), int32(2, 5), finish(1))));
-    ASSERT_TRUE(app.log(bytes_of(start(3, 4, 1), int32(3, 5), finish(3))));
+    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), int32(2, 5), make_finish(1))));
+    ASSERT_TRUE(app.log(bytes_of(start(3, 4, 1), int32(3, 5), make_finish(3))));
     ASSERT_TRUE(wait_for("C    info    5")) << output();
     const std::string text = output();
     EXPECT_NE(text.find("-- error      BAD ring: truncated at offset 0 (kind 12): write_int32 needs 9 bytes, 3 left "

@@ -74,12 +74,7 @@ Bytes context_record(std::uint8_t level, std::uint32_t handle, const char* id, c
     return bytes_of(logferry::Logferry_register_context(level, handle, id, description));
 }
 
-Bytes init_file_record(const std::string& name)
-{
-    logferry::Logferry_init_file record;
-    std::copy(name.begin(), name.end(), record.file_name.begin());
-    return bytes_of(record);
-}
+Bytes init_file_record(const std::string& name) { return bytes_of(make_init_file(name)); }
 
 }  // namespace
 
