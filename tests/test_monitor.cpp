@@ -903,7 +903,7 @@ TEST_F(Monitor, TwoExampleApplicationsAtOnce)
         const std::string printed = read_file(base + ".out");
         ::unlink((base + ".out").c_str());
         ::unlink((base + ".err").c_str());
-        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        ASSERT_TRUE(logferry_test::exited_cleanly(status)) << status;
         EXPECT_NE(printed.find("example: debug for MAIN after the level update: enabled\n"), std::string::npos)
             << printed;
     }
@@ -997,7 +997,7 @@ TEST_F(Monitor, RestartedMonitorGetsTheRegistrationsReplayedAndEveryMessage)
     }
     const int status = logferry_test::wait_child(application, milliseconds(10000));
     ::unlink(stop_file.c_str());
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ASSERT_TRUE(logferry_test::exited_cleanly(status)) << status;
     ASSERT_TRUE(wait_for("-- detach")) << output();
     EXPECT_EQ(stop_monitor(), 0);
 
