@@ -78,6 +78,16 @@ Bytes init_file_record(const std::string& name) { return bytes_of(make_init_file
 
 }  // namespace
 
+// The application's channel up, no daemon, no receiver thread; closed again afterwards.
+class Channel_alone_test : public ::testing::Test {
+protected:
+    void SetUp() override { open_channel_alone(); }
+    void TearDown() override { logferry::client.uninit(); }
+};
+
+using ReceiverOnAChannel = Channel_alone_test;
+using ControlRequestsOnAChannel = Channel_alone_test;
+
 TEST(Receiver, LevelUpdateSetsAKnownContextsFilter)
 {
     set_filter(42, 1);
@@ -148,19 +158,16 @@ TEST(Receiver, AnyFailureEndsTheThreadWithOneMessage)
     logferry::client.uninit();
 }
 
-TEST(Receiver, ThreadEndsAtOnceWhenAskedBeforeItStarts)
+TEST_F(ReceiverOnAChannel, ThreadEndsAtOnceWhenAskedBeforeItStarts)
 {
-    open_channel_alone();
     logferry::terminate_receiver_thread = true;
     const std::string err = capture_stderr([] { logferry::receiver_thread(); });
     EXPECT_EQ(err, "");
     logferry::terminate_receiver_thread = false;
-    logferry::client.uninit();
 }
 
-TEST(Receiver, LogstreamIsEnabledBetweenStartAndFinish)
+TEST_F(ReceiverOnAChannel, LogstreamIsEnabledBetweenStartAndFinish)
 {
-    open_channel_alone();
     {
         std::lock_guard<std::mutex> lock(logferry::contexts_mutex);
         logferry::registered_contexts.emplace(3, logferry::Logferry_register_context(4, 3, "CTX3", "c"));
@@ -170,7 +177,6 @@ TEST(Receiver, LogstreamIsEnabledBetweenStartAndFinish)
     EXPECT_TRUE(logferry::is_logstream_enabled(77));
     logferry::log_finish(77);
     EXPECT_FALSE(logferry::is_logstream_enabled(77));
-    logferry::client.uninit();
 }
 
 // ---------------------------------------------------------------------------------------
@@ -313,32 +319,27 @@ TEST_F(ReceiverThread, ShutdownAppliesEveryMessageTheDaemonLeftNotOnePerTick)
 // ---------------------------------------------------------------------------------------
 // Control requests
 
-TEST(ControlRequests, InitFileWithoutANameSendsNothing)
+TEST_F(ControlRequestsOnAChannel, InitFileWithoutANameSendsNothing)
 {
-    open_channel_alone();
     logferry::client.unlock_client_buffer();
     EXPECT_FALSE(logferry::init_file(nullptr));
     EXPECT_EQ(queue_size(), 0u);
     EXPECT_FALSE(logferry::client.is_client_buffer_locked());
     EXPECT_TRUE(logferry::client.is_priority_empty());
-    logferry::client.uninit();
 }
 
-TEST(ControlRequests, EmptyFileNameIsAWholeZeroField)
+TEST_F(ControlRequestsOnAChannel, EmptyFileNameIsAWholeZeroField)
 {
-    open_channel_alone();
     logferry::client.unlock_client_buffer();
     EXPECT_TRUE(logferry::init_file(""));
     Bytes expected(256, 0);
     expected[0] = 2;
     EXPECT_EQ(front_of_queue(), expected);
     EXPECT_TRUE(logferry::client.is_client_buffer_locked());
-    logferry::client.uninit();
 }
 
-TEST(ControlRequests, LongFileNameIsCutTo254Characters)
+TEST_F(ControlRequestsOnAChannel, LongFileNameIsCutTo254Characters)
 {
-    open_channel_alone();
     const std::string name(300, 'n');
     EXPECT_TRUE(logferry::init_file(name.c_str()));
     Bytes expected(256, 0);
@@ -347,12 +348,10 @@ TEST(ControlRequests, LongFileNameIsCutTo254Characters)
         expected[i] = 'n';
     }
     EXPECT_EQ(front_of_queue(), expected);
-    logferry::client.uninit();
 }
 
-TEST(ControlRequests, LocalPrintIsAcceptedWithoutADaemonAndWaitsInTheQueue)
+TEST_F(ControlRequestsOnAChannel, LocalPrintIsAcceptedWithoutADaemonAndWaitsInTheQueue)
 {
-    open_channel_alone();
     logferry::client.unlock_client_buffer();
     Fake_system fake;
     Scoped_system installed(&fake);
@@ -362,7 +361,6 @@ TEST(ControlRequests, LocalPrintIsAcceptedWithoutADaemonAndWaitsInTheQueue)
     EXPECT_EQ(fake.calls(Op::sleep_for_milliseconds), 0);  // no waiting without a daemon
     logferry::disable_remote();
     EXPECT_EQ(queue_size(), 2u);
-    logferry::client.uninit();
 }
 
 TEST(ControlRequests, RequestsBeforeInitWaitInTheQueue)
