@@ -111,27 +111,6 @@ struct Row {
     Counts calls = {};
 };
 
-bool is_pthread_op(Op op)
-{
-    switch (op) {
-    case Op::pthread_mutexattr_init:
-    case Op::pthread_mutexattr_settype:
-    case Op::pthread_mutexattr_setpshared:
-    case Op::pthread_mutexattr_setrobust:
-    case Op::pthread_mutexattr_destroy:
-    case Op::pthread_mutex_init:
-    case Op::pthread_mutex_lock:
-    case Op::pthread_mutex_trylock:
-    case Op::pthread_mutex_unlock:
-    case Op::pthread_mutex_consistent:
-        return true;
-    default:
-        return false;
-    }
-}
-
-bool is_sleep(Op op) { return op == Op::sleep_for_milliseconds || op == Op::sleep_for_seconds; }
-
 bool is_mutex_setup(Op op)
 {
     switch (op) {
@@ -146,6 +125,14 @@ bool is_mutex_setup(Op op)
         return false;
     }
 }
+
+bool is_pthread_op(Op op)
+{
+    return is_mutex_setup(op) || op == Op::pthread_mutex_lock || op == Op::pthread_mutex_trylock ||
+           op == Op::pthread_mutex_unlock || op == Op::pthread_mutex_consistent;
+}
+
+bool is_sleep(Op op) { return op == Op::sleep_for_milliseconds || op == Op::sleep_for_seconds; }
 
 void expect_calls(const Fake_system& system, const Row& row)
 {
