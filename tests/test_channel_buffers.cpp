@@ -11,16 +11,19 @@
 
 #include "logferry/channel.hpp"
 #include "support/channel_fixture.hpp"
+#include "support/diagnostics.hpp"
 #include "support/test_util.hpp"
 
 using logferry::CLIENT_BUFFER_SIZE;
 using logferry::SERVER_BUFFER_SIZE;
 using logferry_test::Bytes;
 using logferry_test::capture_stderr;
+using logferry_test::not_initialized;
 using logferry_test::numbered_record;
 using logferry_test::record;
 using logferry_test::record_number;
 using logferry_test::Ring_fields;
+using logferry_test::unknown_kind;
 
 // Allocation counting for the hot-path tests: every operator new of this process goes through
 // here, and is counted while the calling thread has counting switched on.
@@ -49,7 +52,6 @@ namespace {
 
 constexpr std::uint32_t C = CLIENT_BUFFER_SIZE;
 constexpr std::uint32_t S = SERVER_BUFFER_SIZE;
-const std::string NOT_INITIALIZED = "logferry: shared memory not initialized.\n";
 
 template <typename F>
 long allocations_during(F&& action)
@@ -284,11 +286,11 @@ TEST_F(ChannelBuffers, PushClientRefusesUnknownKindsWithAMessage)
         const std::string text =
             capture_stderr([&] { pushed = channel.app.push(record(static_cast<unsigned char>(kind), 8)); });
         EXPECT_FALSE(pushed);
-        EXPECT_EQ(text, "logferry: unknown message type " + std::to_string(kind) + "\n");
+        EXPECT_EQ(text, unknown_kind(kind));
         const std::string direct =
             capture_stderr([&] { pushed = channel.app.push_client(record(static_cast<unsigned char>(kind), 1)); });
         EXPECT_FALSE(pushed);
-        EXPECT_EQ(direct, "logferry: unknown message type " + std::to_string(kind) + "\n");
+        EXPECT_EQ(direct, unknown_kind(kind));
     }
     EXPECT_EQ(channel.client_ring().write(), 0u);
     EXPECT_TRUE(channel.client_ring().all_zero());
@@ -409,15 +411,15 @@ TEST_F(ChannelBuffers, EndThatIsNotInitializedReportsAndRefuses)
         EXPECT_EQ(text, "");
 
         text = capture_stderr([&] { EXPECT_TRUE(end.pop().empty()); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
         text = capture_stderr([&] { EXPECT_TRUE(end.is_empty()); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
         text = capture_stderr([&] { end.lock_client_buffer(); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
         text = capture_stderr([&] { end.unlock_client_buffer(); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
         text = capture_stderr([&] { EXPECT_TRUE(end.is_client_buffer_locked()); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
     }
 }
 

@@ -31,6 +31,7 @@
 
 #include "logferry/channel.hpp"
 #include "support/channel_fixture.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
 #include "support/test_util.hpp"
 
@@ -41,8 +42,11 @@ using logferry::PRIORITY_DATA_SIZE;
 using logferry::SERVER_BUFFER_SIZE;
 using logferry_test::Bytes;
 using logferry_test::capture_stderr;
+using logferry_test::not_priority_kind;
+using logferry_test::priority_exceeded;
 using logferry_test::record;
 using logferry_test::Ring_fields;
+using logferry_test::unknown_kind;
 
 namespace {
 
@@ -169,9 +173,9 @@ std::string capture_refusals(const std::function<void()>& action)
     return text;
 }
 
-const std::string NOT_PRIORITY = "logferry: not a priority message type: ";
-const std::string UNKNOWN_KIND = "logferry: unknown message type ";
-const std::string EXCEEDED = "logferry: Priority buffer exceeded: ";
+// The refusals of a record kind, up to the kind's number.
+const std::string NOT_PRIORITY = not_priority_kind(0).substr(0, not_priority_kind(0).size() - 2);
+const std::string UNKNOWN_KIND = unknown_kind(0).substr(0, unknown_kind(0).size() - 2);
 
 // Whether every line of `text` is one of the refusals the operations may report.
 bool only_refusals(const std::string& text)
@@ -179,7 +183,8 @@ bool only_refusals(const std::string& text)
     std::istringstream lines(text);
     std::string line;
     while (std::getline(lines, line)) {
-        if (line != EXCEEDED && line.rfind(NOT_PRIORITY, 0) != 0 && line.rfind(UNKNOWN_KIND, 0) != 0) {
+        if (line + "\n" != priority_exceeded() && line.rfind(NOT_PRIORITY, 0) != 0 &&
+            line.rfind(UNKNOWN_KIND, 0) != 0) {
             return false;
         }
     }
@@ -556,7 +561,7 @@ TEST_F(ChannelGarbage, PrioritySizeBeyondTheAreaMeansTheWholeArea)
         std::string text = capture_stderr([&] { EXPECT_FALSE(channel.app.push_priority(record(3, 10))); });
         EXPECT_EQ(text, "");
         text = capture_stderr([&] { EXPECT_FALSE(channel.app.force_push_priority(record(3, 1))); });
-        EXPECT_EQ(text, EXCEEDED + "\n");
+        EXPECT_EQ(text, priority_exceeded());
         EXPECT_EQ(segment->priority_size, bad);
         EXPECT_EQ(channel.daemon.pop_priority(), whole);
         EXPECT_EQ(segment->priority_size, 0);

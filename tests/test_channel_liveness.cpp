@@ -10,18 +10,20 @@
 #include "channel/segment_access.hpp"
 #include "logferry/channel.hpp"
 #include "support/channel_fixture.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
 #include "support/test_util.hpp"
 
 using logferry::last_connection_state;
 using logferry_test::capture_stderr;
 using logferry_test::capture_stdout;
+using logferry_test::diagnostic;
+using logferry_test::messages_discarded;
+using logferry_test::not_initialized;
 using logferry_test::Op;
 using logferry_test::record;
 
 namespace {
-
-const std::string NOT_INITIALIZED = "logferry: shared memory not initialized.\n";
 
 class ChannelLiveness : public ::testing::Test {
 protected:
@@ -199,13 +201,13 @@ TEST_F(ChannelLiveness, FailingClockIsReportedAndStampsNothing)
     fake.set_time(600);
     fake.fail(Op::clock_gettime, -1, EINVAL, 2);
     std::string text = capture_stderr([&] { channel.app.update_connection_active_timer(); });
-    EXPECT_EQ(text, "logferry: gettime failed\n");
+    EXPECT_EQ(text, diagnostic("gettime failed"));
     EXPECT_EQ(client_stamp(), 500);
     EXPECT_EQ(server_stamp(), 400);
 
     bool active = true;
     text = capture_stderr([&] { active = channel.app.is_connection_active(); });
-    EXPECT_EQ(text, "logferry: gettime failed\n");
+    EXPECT_EQ(text, diagnostic("gettime failed"));
     EXPECT_FALSE(active);  // 100 apart on the old stamps
     EXPECT_EQ(client_stamp(), 500);
 
@@ -232,10 +234,10 @@ TEST_F(ChannelLiveness, EndThatIsNotInitializedReportsAndKeepsTheVerdict)
     last_connection_state = true;
     for (logferry::Logferry_base* end : {static_cast<logferry::Logferry_base*>(&app_end), &daemon_end}) {
         std::string text = capture_stderr([&] { end->update_connection_active_timer(); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
         bool active = true;
         text = capture_stderr([&] { active = end->is_connection_active(); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
         EXPECT_FALSE(active);
         EXPECT_TRUE(last_connection_state.load());
     }
@@ -254,7 +256,7 @@ TEST_F(ChannelLiveness, LossReportGoesToStandardOutputOnceAndResets)
 
     end.lost_messages = 17;
     out = capture_stdout([&] { err = capture_stderr([&] { end.check_lost_messages(); }); });
-    EXPECT_EQ(out, "logferry: Application APP1 buffer full, 17 messages discarded.\n");
+    EXPECT_EQ(out, messages_discarded("APP1", 17));
     EXPECT_EQ(err, "");
     EXPECT_EQ(end.lost_messages.load(), 0u);
 
@@ -263,7 +265,7 @@ TEST_F(ChannelLiveness, LossReportGoesToStandardOutputOnceAndResets)
 
     end.lost_messages = 18446744073709551615ull;
     out = capture_stdout([&] { end.check_lost_messages(); });
-    EXPECT_EQ(out, "logferry: Application APP1 buffer full, 18446744073709551615 messages discarded.\n");
+    EXPECT_EQ(out, messages_discarded("APP1", 18446744073709551615ULL));
 }
 
 TEST_F(ChannelLiveness, DiscardsOfAFullRingAreReported)
@@ -276,7 +278,7 @@ TEST_F(ChannelLiveness, DiscardsOfAFullRingAreReported)
     // 130 records of 1002 bytes fit; each later one displaces exactly one.
     EXPECT_EQ(channel.app.lost_messages.load(), 70u);
     const std::string out = capture_stdout([&] { channel.app.check_lost_messages(); });
-    EXPECT_EQ(out, "logferry: Application " + channel.app.app_identifier + " buffer full, 70 messages discarded.\n");
+    EXPECT_EQ(out, messages_discarded(channel.app.app_identifier, 70));
     EXPECT_EQ(channel.app.lost_messages.load(), 0u);
     EXPECT_EQ(capture_stdout([&] { channel.app.check_lost_messages(); }), "");
 }

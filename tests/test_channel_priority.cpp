@@ -10,19 +10,21 @@
 
 #include "logferry/channel.hpp"
 #include "support/channel_fixture.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
 #include "support/test_util.hpp"
 
 using logferry::PRIORITY_DATA_SIZE;
 using logferry_test::Bytes;
 using logferry_test::capture_stderr;
+using logferry_test::error_while;
+using logferry_test::not_initialized;
+using logferry_test::not_priority_kind;
 using logferry_test::Op;
+using logferry_test::priority_exceeded;
 using logferry_test::record;
 
 namespace {
-
-const std::string NOT_INITIALIZED = "logferry: shared memory not initialized.\n";
-const std::string EXCEEDED = "logferry: Priority buffer exceeded: \n";
 
 class ChannelPriority : public ::testing::Test {
 protected:
@@ -54,7 +56,7 @@ TEST_F(ChannelPriority, StrictWriteTakesAWholeAreaRecordTheForcedWriteDoesNot)
     bool pushed = true;
     text = capture_stderr([&] { pushed = channel.app.force_push_priority(whole); });
     EXPECT_FALSE(pushed);
-    EXPECT_EQ(text, EXCEEDED);
+    EXPECT_EQ(text, priority_exceeded());
     EXPECT_EQ(used(), 0);
     EXPECT_TRUE(area_is_zero());
 
@@ -109,7 +111,7 @@ TEST_F(ChannelPriority, TwoForcedAppendsOfAThousandBytesFitTheThirdDoesNot)
     bool pushed = true;
     const std::string text = capture_stderr([&] { pushed = channel.app.force_push_priority(record(3, 1000, 0x0C)); });
     EXPECT_FALSE(pushed);
-    EXPECT_EQ(text, EXCEEDED);
+    EXPECT_EQ(text, priority_exceeded());
     EXPECT_EQ(used(), 2000);
 
     Bytes both = a;
@@ -128,7 +130,7 @@ TEST_F(ChannelPriority, ForcedAppendStopsExactlyAt2047Bytes)
     bool pushed = true;
     const std::string text = capture_stderr([&] { pushed = channel.app.force_push_priority(record(5, 1)); });
     EXPECT_FALSE(pushed);
-    EXPECT_EQ(text, EXCEEDED);
+    EXPECT_EQ(text, priority_exceeded());
     EXPECT_EQ(channel.app.segment->priority_data[2047], 0);
     EXPECT_EQ(channel.daemon.pop_priority().size(), 2047u);
 }
@@ -140,11 +142,11 @@ TEST_F(ChannelPriority, OnlyPriorityKindsEnter)
         std::string text =
             capture_stderr([&] { pushed = channel.app.push_priority(record(static_cast<unsigned char>(kind), 8)); });
         EXPECT_FALSE(pushed);
-        EXPECT_EQ(text, "logferry: not a priority message type: " + std::to_string(kind) + "\n");
+        EXPECT_EQ(text, not_priority_kind(kind));
         text = capture_stderr(
             [&] { pushed = channel.app.force_push_priority(record(static_cast<unsigned char>(kind), 8)); });
         EXPECT_FALSE(pushed);
-        EXPECT_EQ(text, "logferry: not a priority message type: " + std::to_string(kind) + "\n");
+        EXPECT_EQ(text, not_priority_kind(kind));
     }
     EXPECT_EQ(used(), 0);
     EXPECT_TRUE(area_is_zero());
@@ -254,12 +256,12 @@ TEST_F(ChannelPriority, LockAndUnlockErrorsAreReportedWithTheReturnedCode)
 
     fake.fail(Op::pthread_mutex_lock, EINVAL, 0);
     std::string text = capture_stderr([&] { channel.daemon.lock_priority_mutex(); });
-    EXPECT_EQ(text, std::string("logferry: error while locking the mutex: ") + std::strerror(EINVAL) + "\n");
+    EXPECT_EQ(text, error_while("locking the mutex", EINVAL));
     EXPECT_EQ(fake.calls(Op::pthread_mutex_consistent), 0);
 
     fake.fail(Op::pthread_mutex_unlock, EPERM, 0);
     text = capture_stderr([&] { channel.daemon.unlock_priority_mutex(); });
-    EXPECT_EQ(text, std::string("logferry: error while unlocking the mutex: ") + std::strerror(EPERM) + "\n");
+    EXPECT_EQ(text, error_while("unlocking the mutex", EPERM));
 
     // A dead holder: the lock is taken over quietly.
     fake.reset_calls();
@@ -283,19 +285,19 @@ TEST_F(ChannelPriority, EndThatIsNotInitializedReportsAndRefuses)
         EXPECT_EQ(text, "");
 
         text = capture_stderr([&] { EXPECT_TRUE(end.pop_priority().empty()); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
         text = capture_stderr([&] { EXPECT_TRUE(end.pop_priority_unsynced().empty()); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
         text = capture_stderr([&] { EXPECT_TRUE(end.is_priority_empty()); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
         text = capture_stderr([&] { EXPECT_TRUE(end.is_priority_empty_unsynced()); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
         text = capture_stderr([&] { end.clear_priority_data(); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
         text = capture_stderr([&] { end.lock_priority_mutex(); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
         text = capture_stderr([&] { end.unlock_priority_mutex(); });
-        EXPECT_EQ(text, NOT_INITIALIZED);
+        EXPECT_EQ(text, not_initialized());
     }
 }
 

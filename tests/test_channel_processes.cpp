@@ -89,8 +89,6 @@ private:
     int pid_;
 };
 
-bool exited_with_zero(int status) { return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0; }
-
 std::size_t stream_size(std::uint32_t number) { return 5 + (number * 7919u) % 600; }
 
 // Pops from `end` until a record arrives (or `timeout` passes).
@@ -180,7 +178,7 @@ protected:
             }
         }
         EXPECT_TRUE(in_order);
-        EXPECT_TRUE(exited_with_zero(wait_child(child, 30s)));
+        EXPECT_TRUE(logferry_test::exited_cleanly(wait_child(child, 30s)));
         EXPECT_EQ(channel.app.lost_messages.load(), 0u);
     }
 
@@ -285,7 +283,7 @@ TEST_F(ChannelProcesses, StalledReaderLosesTheOldestRecordsCountedExactly)
     channel.app.unlock_client_buffer();
 
     const Summary summary = decode(next_record(channel.app, 20s));
-    EXPECT_TRUE(exited_with_zero(wait_child(child, 30s)));
+    EXPECT_TRUE(logferry_test::exited_cleanly(wait_child(child, 30s)));
     EXPECT_TRUE(summary.intact);
     EXPECT_TRUE(summary.consecutive);
     EXPECT_EQ(summary.first, lost) << "exactly the oldest records were discarded";
@@ -311,7 +309,7 @@ TEST_F(ChannelProcesses, EveryRecordIsReadOrCountedWhileBothRun)
     EXPECT_GT(lost, 0u);
 
     const Summary summary = decode(next_record(channel.app, 20s));
-    EXPECT_TRUE(exited_with_zero(wait_child(child, 30s)));
+    EXPECT_TRUE(logferry_test::exited_cleanly(wait_child(child, 30s)));
     EXPECT_TRUE(summary.intact);
     EXPECT_EQ(summary.count + lost, TOTAL);
 }

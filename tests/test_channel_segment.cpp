@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "logferry/channel.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
 #include "support/robust_list.hpp"
 #include "support/test_util.hpp"
@@ -19,21 +20,14 @@
 using logferry::Channel_segment;
 using logferry::Logferry_base;
 using logferry::Logferry_client;
+using logferry_test::all_zero;
+using logferry_test::diagnostic;
+using logferry_test::error_while;
 using logferry_test::Fake_system;
 using logferry_test::Op;
 using logferry_test::Scoped_system;
 
 namespace {
-
-bool all_zero(const unsigned char* bytes, std::size_t size)
-{
-    for (std::size_t i = 0; i < size; ++i) {
-        if (bytes[i] != 0) {
-            return false;
-        }
-    }
-    return true;
-}
 
 // An application end named for the running test.
 void name_for_test(Logferry_client& client, const std::string& suffix = "")
@@ -189,13 +183,13 @@ TEST(ChannelSegment, AttachingWithAnEmptyNameFailsAndClearsOwner)
 {
     Logferry_client end;  // even an end that was the owner
     std::string output = logferry_test::capture_stderr([&] { EXPECT_FALSE(end.init(std::string())); });
-    EXPECT_EQ(output, "logferry: initialization call with empty file name.\n");
+    EXPECT_EQ(output, diagnostic("initialization call with empty file name."));
     EXPECT_FALSE(end.owner);
     EXPECT_FALSE(end.is_initialized());
 
     Logferry_base daemon;
     output = logferry_test::capture_stderr([&] { EXPECT_FALSE(daemon.init()); });
-    EXPECT_EQ(output, "logferry: initialization call with empty file name.\n");
+    EXPECT_EQ(output, diagnostic("initialization call with empty file name."));
 }
 
 TEST(ChannelSegment, SecondInitReturnsTrueWithoutTouchingTheSegment)
@@ -286,7 +280,7 @@ TEST(ChannelSegment, AttachingToAMissingSegmentFails)
     Logferry_base daemon;
     const std::string name = "/logferry-" + logferry_test::unique_id("missing");
     const std::string output = logferry_test::capture_stderr([&] { EXPECT_FALSE(daemon.init(name)); });
-    EXPECT_EQ(output, "logferry: error while opening the shared memory: No such file or directory\n");
+    EXPECT_EQ(output, error_while("opening the shared memory", ENOENT));
     EXPECT_FALSE(daemon.is_initialized());
     EXPECT_FALSE(logferry_test::shm_exists(name));  // the daemon's end never creates
 }
@@ -361,106 +355,6 @@ TEST(ChannelSegment, BaseDestructorNeitherUnmapsNorUnlinks)
     client.uninit();
 }
 
-TEST(ChannelSegment, OwnerFailureIsReportedButNotFatal)
-{
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    fake.fail(Op::chown, -1, EPERM);
-    Logferry_client client;
-    name_for_test(client);
-    const std::string output = logferry_test::capture_stderr([&] { EXPECT_TRUE(client.init()); });
-    EXPECT_EQ(output, "logferry: error setting owner of " + client.get_filename() + ": Operation not permitted\n");
-    EXPECT_TRUE(client.is_initialized());
-    client.uninit();
-}
-
-TEST(ChannelSegment, ClockFailureLeavesTheWatchdogAtZeroAndSucceeds)
-{
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    fake.fail(Op::clock_gettime, -1, EINVAL);
-    Logferry_client client;
-    name_for_test(client);
-    EXPECT_EQ(logferry_test::capture_stderr([&] { EXPECT_TRUE(client.init()); }), "");
-    EXPECT_EQ(client.segment->client_watchdog, 0);
-    client.uninit();
-}
-
-// Every system call of the application end's init failing in turn.
-struct Init_failure {
-    Op op;
-    long result;
-    int error;
-    int skip;  // calls of that operation that succeed first
-    const char* message;
-};
-
-void PrintTo(const Init_failure& failure, std::ostream* out)
-{
-    *out << logferry_test::op_name(failure.op) << " after " << failure.skip;
-}
-
-class ChannelSegmentInitFailure : public ::testing::TestWithParam<Init_failure> {};
-
-TEST_P(ChannelSegmentInitFailure, ReportsReturnsFalseLeavesNothingAndRecovers)
-{
-    const Init_failure failure = GetParam();
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    Logferry_client client;
-    name_for_test(client);
-    client.set_filename();
-    const std::string name = client.get_filename();
-    const int fds_before = logferry_test::count_open_fds();
-
-    fake.fail(failure.op, failure.result, failure.error, 1, failure.skip);
-    const std::string output = logferry_test::capture_stderr([&] { EXPECT_FALSE(client.init()); });
-    std::string expected = failure.message;
-    if (failure.op == Op::shm_open) {
-        // The group is set whatever the open returned; with no object there it fails too.
-        expected = "logferry: error setting owner of " + name + ": No such file or directory\n" + expected;
-    }
-    EXPECT_EQ(output, expected);
-    EXPECT_FALSE(client.is_initialized());
-    EXPECT_EQ(static_cast<void*>(client.segment), MAP_FAILED);
-    EXPECT_EQ(logferry_test::count_mappings(name), 0);
-    EXPECT_EQ(logferry_test::count_open_fds(), fds_before);
-    EXPECT_EQ(fake.calls(Op::mmap), fake.calls(Op::munmap) + (failure.op == Op::mmap ? 1 : 0));
-
-    fake.clear_faults();
-    EXPECT_EQ(logferry_test::capture_stderr([&] { EXPECT_TRUE(client.init()); }), "");
-    EXPECT_TRUE(client.is_initialized());
-    EXPECT_EQ(client.segment->client_buffer_locked, 1);
-    client.uninit();
-    EXPECT_FALSE(logferry_test::shm_exists(name));
-    EXPECT_EQ(logferry_test::count_open_fds(), fds_before);
-}
-
-const char* const MUTEX_MESSAGE = "logferry: error while initializing the mutex.\n";
-
-INSTANTIATE_TEST_SUITE_P(
-    EachCall, ChannelSegmentInitFailure,
-    ::testing::Values(Init_failure{Op::shm_open, -1, EACCES, 0,
-                                   "logferry: error while opening the shared memory: Permission denied\n"},
-                      Init_failure{Op::ftruncate, -1, EFBIG, 0,
-                                   "logferry: error while truncating the shared memory: File too large\n"},
-                      Init_failure{Op::mmap, -1, ENOMEM, 0,
-                                   "logferry: error while mapping the shared memory: Cannot allocate memory\n"},
-                      Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 0, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutexattr_settype, EINVAL, 0, 0, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutexattr_setpshared, EINVAL, 0, 0, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutexattr_setrobust, EINVAL, 0, 0, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutex_init, EAGAIN, 0, 0, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutexattr_destroy, EINVAL, 0, 0, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 1, MUTEX_MESSAGE},  // the client ring's mutex
-                      Init_failure{Op::pthread_mutex_init, EAGAIN, 0, 1, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutexattr_init, ENOMEM, 0, 2, MUTEX_MESSAGE},  // the daemon ring's mutex
-                      Init_failure{Op::pthread_mutexattr_setrobust, EINVAL, 0, 2, MUTEX_MESSAGE},
-                      Init_failure{Op::pthread_mutex_init, EAGAIN, 0, 2, MUTEX_MESSAGE}),
-    [](const ::testing::TestParamInfo<Init_failure>& info) {
-        return std::string(logferry_test::op_name(info.param.op)) + "_" + std::to_string(info.param.skip);
-    });
-
 TEST(ChannelSegment, DaemonEndFailuresAreReportedAndRecoverable)
 {
     Fake_system fake;
@@ -473,12 +367,12 @@ TEST(ChannelSegment, DaemonEndFailuresAreReportedAndRecoverable)
     Logferry_base daemon;
     fake.fail(Op::shm_open, -1, EMFILE);
     std::string output = logferry_test::capture_stderr([&] { EXPECT_FALSE(daemon.init(client.get_filename())); });
-    EXPECT_EQ(output, "logferry: error while opening the shared memory: Too many open files\n");
+    EXPECT_EQ(output, error_while("opening the shared memory", EMFILE));
     EXPECT_FALSE(daemon.is_initialized());
 
     fake.fail(Op::mmap, -1, ENOMEM);
     output = logferry_test::capture_stderr([&] { EXPECT_FALSE(daemon.init(client.get_filename())); });
-    EXPECT_EQ(output, "logferry: error while mapping the shared memory: Cannot allocate memory\n");
+    EXPECT_EQ(output, error_while("mapping the shared memory", ENOMEM));
     EXPECT_EQ(static_cast<void*>(daemon.segment), MAP_FAILED);
     EXPECT_EQ(logferry_test::count_mappings(client.get_filename()), 1);  // the application's only
     EXPECT_EQ(logferry_test::count_open_fds(), fds_before);

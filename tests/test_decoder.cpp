@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "logferry/message.hpp"
+#include "support/record_bytes.hpp"
 
 namespace {
 
@@ -25,24 +26,12 @@ using logferry_decoder::decode_ring_unit;
 using logferry_decoder::Error_code;
 using logferry_decoder::Record;
 using logferry_decoder::Unit_shape;
-using Bytes = std::vector<unsigned char>;
-
-template <typename R>
-Bytes bytes_of(const R& record)
-{
-    Bytes out;
-    serialize(record, out);
-    return out;
-}
-
-template <typename... R>
-Bytes concat(const R&... records)
-{
-    Bytes out;
-    int unused[] = {(serialize(records, out), 0)...};
-    static_cast<void>(unused);
-    return out;
-}
+using logferry_test::Bytes;
+using logferry_test::bytes_of;
+using logferry_test::make_finish;
+using logferry_test::make_init_file;
+using logferry_test::make_start;
+using logferry_test::make_text;
 
 // Decodes `bytes` as one record that must fill them exactly.
 Record whole_record(const Bytes& bytes)
@@ -54,38 +43,10 @@ Record whole_record(const Bytes& bytes)
     return result.record;
 }
 
-template <std::size_t N>
-void fill(std::array<char, N>& field, const std::string& text)
-{
-    ASSERT_LE(text.size(), N);
-    std::memcpy(field.data(), text.data(), text.size());
-}
-
 Logferry_write_start start_record(std::uint32_t key, std::uint8_t level = 4, std::uint32_t handle = 1,
                                   std::uint32_t timestamp = 123456)
 {
-    Logferry_write_start start;
-    start.log_level = level;
-    start.context_handle = handle;
-    start.stream_key = key;
-    start.timestamp = timestamp;
-    return start;
-}
-
-Logferry_write_finish finish_record(std::uint32_t key)
-{
-    Logferry_write_finish finish;
-    finish.stream_key = key;
-    return finish;
-}
-
-Logferry_write_utf8_string text_record(std::uint32_t key, const std::string& text)
-{
-    Logferry_write_utf8_string record;
-    record.stream_key = key;
-    fill(record.text, text);
-    record.length = static_cast<std::uint16_t>(text.size() + 8);
-    return record;
+    return make_start(key, level, handle, timestamp);
 }
 
 // A text record whose text array holds no zero: the encoder ends it after the key.
@@ -136,15 +97,13 @@ TEST(Decoder, DisableRemoteEnableLocalPrintAndUnregisterAppAreOneByte)
 
 TEST(Decoder, InitFileCarriesTheFileName)
 {
-    Logferry_init_file record;
-    fill(record.file_name, "/var/log/example.dlt");
+    const Logferry_init_file record = make_init_file("/var/log/example.dlt");
     const Record decoded = whole_record(bytes_of(record));
     EXPECT_EQ(decoded.kind, KIND_INIT_FILE);
     EXPECT_EQ(decoded.size, 256U);
     EXPECT_EQ(decoded.text, "/var/log/example.dlt");
 
-    Logferry_init_file longest;
-    fill(longest.file_name, std::string(254, 'f'));
+    const Logferry_init_file longest = make_init_file(std::string(254, 'f'));
     EXPECT_EQ(whole_record(bytes_of(longest)).text, std::string(254, 'f'));
     EXPECT_EQ(whole_record(bytes_of(Logferry_init_file())).text, "");
 }
@@ -272,7 +231,7 @@ TEST(Decoder, StartAndFinishCarryTheirFields)
     EXPECT_EQ(start.stream_key, 0x11223344U);
     EXPECT_EQ(start.timestamp, 0xFFFFFFFFU);
 
-    const Record finish = whole_record(bytes_of(finish_record(0xA0B0C0D0)));
+    const Record finish = whole_record(bytes_of(make_finish(0xA0B0C0D0)));
     EXPECT_EQ(finish.kind, KIND_WRITE_FINISH);
     EXPECT_EQ(finish.stream_key, 0xA0B0C0D0U);
 
@@ -391,19 +350,19 @@ TEST(Decoder, FloatingPointValues)
 
 TEST(Decoder, TextRecords)
 {
-    const Record hello = whole_record(bytes_of(text_record(3, "hello world")));
+    const Record hello = whole_record(bytes_of(make_text(3, "hello world")));
     EXPECT_EQ(hello.kind, KIND_WRITE_UTF8_STRING);
     EXPECT_EQ(hello.text, "hello world");
     EXPECT_EQ(hello.stream_key, 3U);
     EXPECT_EQ(hello.length, 19U);
     EXPECT_EQ(hello.irregular, 0U);
 
-    const Record empty = whole_record(bytes_of(text_record(3, "")));
+    const Record empty = whole_record(bytes_of(make_text(3, "")));
     EXPECT_EQ(empty.text, "");
     EXPECT_EQ(empty.size, 8U);
 
     const std::string longest(RECORD_MAX_TEXT_LENGTH, 'L');
-    const Record full = whole_record(bytes_of(text_record(4, longest)));
+    const Record full = whole_record(bytes_of(make_text(4, longest)));
     EXPECT_EQ(full.text, longest);
     EXPECT_EQ(full.size, 1397U);
 }
@@ -423,7 +382,7 @@ TEST(Decoder, TextWithoutZeroEndsAfterTheStreamKey)
 TEST(Decoder, TextLengthFieldThatDisagreesIsReported)
 {
     // What a string view over a text with an early zero produces: length 18, 3 characters.
-    Logferry_write_utf8_string record = text_record(1, "abc");
+    Logferry_write_utf8_string record = make_text(1, "abc");
     record.length = 18;
     const Record decoded = whole_record(bytes_of(record));
     EXPECT_EQ(decoded.text, "abc");
@@ -581,8 +540,7 @@ TEST(Decoder, EveryCutRecordIsTruncatedAndNeverReadPastItsEnd)
     Logferry_write_encoded_message message;
     message.size = 2;
     message.length = 7;
-    Logferry_init_file file;
-    fill(file.file_name, "name");
+    const Logferry_init_file file = make_init_file("name");
     const std::vector<Bytes> records = {
         bytes_of(Logferry_disable_remote()),
         bytes_of(Logferry_enable_local_print()),
@@ -592,7 +550,7 @@ TEST(Decoder, EveryCutRecordIsTruncatedAndNeverReadPastItsEnd)
         bytes_of(Logferry_register_context(4, 2, "CTX", "a context")),
         bytes_of(Logferry_unregister_context()),
         bytes_of(start_record(1)),
-        bytes_of(finish_record(1)),
+        bytes_of(make_finish(1)),
         bytes_of(Logferry_write_bool()),
         bytes_of(Logferry_write_int8()),
         bytes_of(Logferry_write_int16()),
@@ -604,7 +562,7 @@ TEST(Decoder, EveryCutRecordIsTruncatedAndNeverReadPastItsEnd)
         bytes_of(Logferry_write_uint64_formatted()),
         bytes_of(Logferry_write_float32()),
         bytes_of(Logferry_write_float64()),
-        bytes_of(text_record(1, "some text")),
+        bytes_of(make_text(1, "some text")),
         bytes_of(raw),
         bytes_of(payload),
         bytes_of(message),
@@ -647,11 +605,10 @@ TEST(Decoder, PriorityAreaWithOneRecord)
 
 TEST(Decoder, PriorityAreaWithSeveralRecordsEndToEnd)
 {
-    Logferry_init_file file;
-    fill(file.file_name, "out.dlt");
-    const Bytes bytes = concat(Logferry_register_app("APP", "desc"), Logferry_register_context(4, 1, "CTX1", "one"),
-                               Logferry_register_context(6, 2, "CTX2", ""), Logferry_enable_local_print(),
-                               Logferry_disable_remote(), file);
+    const Logferry_init_file file = make_init_file("out.dlt");
+    const Bytes bytes = bytes_of(Logferry_register_app("APP", "desc"), Logferry_register_context(4, 1, "CTX1", "one"),
+                                 Logferry_register_context(6, 2, "CTX2", ""), Logferry_enable_local_print(),
+                                 Logferry_disable_remote(), file);
     const auto read = decode_priority_area(bytes);
     ASSERT_TRUE(read.error.ok()) << logferry_decoder::describe(read.error);
     ASSERT_EQ(read.records.size(), 6U);
@@ -674,7 +631,7 @@ TEST(Decoder, PriorityAreaWithSeveralRecordsEndToEnd)
 
 TEST(Decoder, PriorityAreaRejectsOtherKindsAndKeepsWhatCameBefore)
 {
-    const Bytes bytes = concat(Logferry_register_app("APP", "d"), Logferry_unregister_app());
+    const Bytes bytes = bytes_of(Logferry_register_app("APP", "d"), Logferry_unregister_app());
     const auto read = decode_priority_area(bytes);
     EXPECT_EQ(read.error.code, Error_code::unexpected_kind);
     EXPECT_EQ(read.error.offset, 10U);
@@ -690,7 +647,7 @@ TEST(Decoder, PriorityAreaRejectsOtherKindsAndKeepsWhatCameBefore)
 
 TEST(Decoder, PriorityAreaCutInsideItsSecondRecord)
 {
-    Bytes bytes = concat(Logferry_register_app("APP", "d"), Logferry_register_context(4, 1, "CTX1", "one"));
+    Bytes bytes = bytes_of(Logferry_register_app("APP", "d"), Logferry_register_context(4, 1, "CTX1", "one"));
     bytes.resize(bytes.size() - 3);
     const auto read = decode_priority_area(bytes);
     EXPECT_EQ(read.error.code, Error_code::truncated);
@@ -748,8 +705,8 @@ TEST(Decoder, LogMessageWithEveryArgumentKind)
     encoded.length = 10;
     encoded.payload[0] = 0x42;
 
-    const Bytes bytes = concat(start_record(key, 5, 9, 42), b, i8, i16, int32_record(key, 70000), i64, u8, u16, u32,
-                               u64, f32, f64, text_record(key, "text"), raw, encoded, finish_record(key));
+    const Bytes bytes = bytes_of(start_record(key, 5, 9, 42), b, i8, i16, int32_record(key, 70000), i64, u8, u16, u32,
+                                 u64, f32, f64, make_text(key, "text"), raw, encoded, make_finish(key));
     const auto unit = decode_ring_unit(bytes);
     ASSERT_TRUE(unit.error.ok()) << logferry_decoder::describe(unit.error);
     EXPECT_EQ(unit.shape, Unit_shape::log_message);
@@ -802,7 +759,7 @@ TEST(Decoder, RingUnitsOfASingleRecord)
     EXPECT_EQ(unregister.records[0].context_handle, 3U);
     EXPECT_EQ(decode_ring_unit(bytes_of(Logferry_unregister_app())).shape, Unit_shape::single_record);
 
-    const auto trailing = decode_ring_unit(concat(Logferry_unregister_app(), Logferry_unregister_app()));
+    const auto trailing = decode_ring_unit(bytes_of(Logferry_unregister_app(), Logferry_unregister_app()));
     EXPECT_EQ(trailing.error.code, Error_code::trailing_bytes);
     EXPECT_EQ(trailing.error.offset, 1U);
     EXPECT_EQ(trailing.shape, Unit_shape::invalid);
@@ -812,19 +769,19 @@ TEST(Decoder, RingUnitsOfASingleRecord)
 TEST(Decoder, MessagesTheFrontEndMayBuildWithoutAStart)
 {
     // A finish record alone, and arguments without a start.
-    const auto lone = decode_ring_unit(bytes_of(finish_record(9)));
+    const auto lone = decode_ring_unit(bytes_of(make_finish(9)));
     ASSERT_TRUE(lone.error.ok());
     EXPECT_EQ(lone.shape, Unit_shape::log_message);
     EXPECT_EQ(lone.start(), nullptr);
     EXPECT_EQ(lone.finish()->stream_key, 9U);
 
-    const auto headless = decode_ring_unit(concat(int32_record(3, 7), finish_record(3)));
+    const auto headless = decode_ring_unit(bytes_of(int32_record(3, 7), make_finish(3)));
     ASSERT_TRUE(headless.error.ok());
     EXPECT_EQ(headless.records.size(), 2U);
     EXPECT_EQ(headless.start(), nullptr);
 
     // The same stream started twice: both start records, the first one leads.
-    const auto twice = decode_ring_unit(concat(start_record(1, 4, 1, 10), start_record(1, 2, 2, 20), finish_record(1)));
+    const auto twice = decode_ring_unit(bytes_of(start_record(1, 4, 1, 10), start_record(1, 2, 2, 20), make_finish(1)));
     ASSERT_TRUE(twice.error.ok());
     ASSERT_EQ(twice.records.size(), 3U);
     EXPECT_EQ(twice.start()->timestamp, 10U);
@@ -834,7 +791,7 @@ TEST(Decoder, TextShortFormInsideAMessage)
 {
     // The short form is followed by the finish record, whose key holds zero bytes: read
     // with a text, the message would not end with its finish record.
-    const Bytes bytes = concat(start_record(1), unterminated_text_record(1), int32_record(1, -1), finish_record(1));
+    const Bytes bytes = bytes_of(start_record(1), unterminated_text_record(1), int32_record(1, -1), make_finish(1));
     const auto unit = decode_ring_unit(bytes);
     ASSERT_TRUE(unit.error.ok()) << logferry_decoder::describe(unit.error);
     ASSERT_EQ(unit.records.size(), 4U);
@@ -842,7 +799,7 @@ TEST(Decoder, TextShortFormInsideAMessage)
     EXPECT_EQ(unit.records[1].size, 7U);
     EXPECT_EQ(unit.records[2].signed_value, -1);
 
-    const auto last = decode_ring_unit(concat(start_record(1), unterminated_text_record(1), finish_record(1)));
+    const auto last = decode_ring_unit(bytes_of(start_record(1), unterminated_text_record(1), make_finish(1)));
     ASSERT_TRUE(last.error.ok()) << logferry_decoder::describe(last.error);
     ASSERT_EQ(last.records.size(), 3U);
     EXPECT_TRUE(last.records[1].is(logferry_decoder::text_omitted));
@@ -852,7 +809,7 @@ TEST(Decoder, TextShortFormWithAKeyWithoutZeroBytes)
 {
     // No zero at all behind the short form: the text reading fails at once.
     const std::uint32_t key = 0x01010101;
-    const auto unit = decode_ring_unit(concat(unterminated_text_record(key), finish_record(key)));
+    const auto unit = decode_ring_unit(bytes_of(unterminated_text_record(key), make_finish(key)));
     ASSERT_TRUE(unit.error.ok()) << logferry_decoder::describe(unit.error);
     ASSERT_EQ(unit.records.size(), 2U);
     EXPECT_TRUE(unit.records[0].is(logferry_decoder::text_omitted));
@@ -865,7 +822,7 @@ TEST(Decoder, ManyShortFormsInOneMessageStayCheap)
     for (int i = 0; i < 5000; ++i) {
         serialize(unterminated_text_record(1), bytes);
     }
-    serialize(finish_record(1), bytes);
+    serialize(make_finish(1), bytes);
     const auto unit = decode_ring_unit(bytes);
     ASSERT_TRUE(unit.error.ok()) << logferry_decoder::describe(unit.error);
     EXPECT_EQ(unit.records.size(), 5002U);
@@ -873,9 +830,9 @@ TEST(Decoder, ManyShortFormsInOneMessageStayCheap)
 
 TEST(Decoder, TextsWithMismatchedLengthsInsideAMessage)
 {
-    Logferry_write_utf8_string view = text_record(2, "abc");
+    Logferry_write_utf8_string view = make_text(2, "abc");
     view.length = 18;
-    const auto unit = decode_ring_unit(concat(start_record(2), view, text_record(2, "next"), finish_record(2)));
+    const auto unit = decode_ring_unit(bytes_of(start_record(2), view, make_text(2, "next"), make_finish(2)));
     ASSERT_TRUE(unit.error.ok());
     ASSERT_EQ(unit.records.size(), 4U);
     EXPECT_EQ(unit.records[1].text, "abc");
@@ -885,7 +842,7 @@ TEST(Decoder, TextsWithMismatchedLengthsInsideAMessage)
 
 TEST(Decoder, MessageCutInsideATextIsTruncated)
 {
-    Bytes bytes = concat(start_record(1), text_record(1, "a text that is cut"));
+    Bytes bytes = bytes_of(start_record(1), make_text(1, "a text that is cut"));
     bytes.resize(bytes.size() - 6);
     const auto unit = decode_ring_unit(bytes);
     EXPECT_EQ(unit.error.code, Error_code::truncated);
@@ -895,7 +852,7 @@ TEST(Decoder, MessageCutInsideATextIsTruncated)
 
 TEST(Decoder, MessageWithoutFinish)
 {
-    const auto unit = decode_ring_unit(concat(start_record(1), int32_record(1, 2)));
+    const auto unit = decode_ring_unit(bytes_of(start_record(1), int32_record(1, 2)));
     EXPECT_EQ(unit.error.code, Error_code::missing_finish);
     EXPECT_EQ(unit.error.offset, 23U);
     EXPECT_TRUE(unit.records.empty());
@@ -903,14 +860,14 @@ TEST(Decoder, MessageWithoutFinish)
 
 TEST(Decoder, MessageWithBytesBehindTheFinish)
 {
-    const auto unit = decode_ring_unit(concat(start_record(1), finish_record(1), int32_record(1, 2)));
+    const auto unit = decode_ring_unit(bytes_of(start_record(1), make_finish(1), int32_record(1, 2)));
     EXPECT_EQ(unit.error.code, Error_code::trailing_bytes);
     EXPECT_EQ(unit.error.offset, 19U);
 }
 
 TEST(Decoder, MessageMixingStreams)
 {
-    const auto unit = decode_ring_unit(concat(start_record(1), int32_record(2, 5), finish_record(1)));
+    const auto unit = decode_ring_unit(bytes_of(start_record(1), int32_record(2, 5), make_finish(1)));
     EXPECT_EQ(unit.error.code, Error_code::stream_key_mismatch);
     EXPECT_EQ(unit.error.offset, 14U);
     EXPECT_EQ(unit.error.kind, KIND_WRITE_INT32);
@@ -920,12 +877,12 @@ TEST(Decoder, MessageMixingStreams)
 TEST(Decoder, MessageHoldingARecordThatCannotStandThere)
 {
     const auto registration =
-        decode_ring_unit(concat(start_record(1), Logferry_register_app("A", "b"), finish_record(1)));
+        decode_ring_unit(bytes_of(start_record(1), Logferry_register_app("A", "b"), make_finish(1)));
     EXPECT_EQ(registration.error.code, Error_code::unexpected_kind);
     EXPECT_EQ(registration.error.offset, 14U);
     EXPECT_EQ(registration.error.kind, KIND_REGISTER_APP);
 
-    Bytes unknown = concat(start_record(1), finish_record(1));
+    Bytes unknown = bytes_of(start_record(1), make_finish(1));
     unknown[14] = 200;
     EXPECT_EQ(decode_ring_unit(unknown).error.code, Error_code::unknown_kind);
 }
@@ -935,10 +892,10 @@ TEST(Decoder, MessageWithInvalidValues)
     Logferry_write_bool b;
     b.stream_key = 1;
     b.value = 3;
-    const auto unit = decode_ring_unit(concat(start_record(1), b, finish_record(1)));
+    const auto unit = decode_ring_unit(bytes_of(start_record(1), b, make_finish(1)));
     EXPECT_EQ(unit.error.code, Error_code::invalid_value);
     EXPECT_EQ(unit.error.offset, 19U);
-    EXPECT_EQ(decode_ring_unit(concat(start_record(1, 9), finish_record(1))).error.code, Error_code::invalid_value);
+    EXPECT_EQ(decode_ring_unit(bytes_of(start_record(1, 9), make_finish(1))).error.code, Error_code::invalid_value);
 }
 
 TEST(Decoder, DescribeNamesCodeOffsetKindAndDetail)
@@ -956,7 +913,7 @@ TEST(Decoder, EveryCutMessageIsAnErrorAndNeverReadPastItsEnd)
     raw.stream_key = 4;
     raw.size = 3;
     raw.length = 13;
-    const Bytes bytes = concat(start_record(4), text_record(4, "abc"), raw, int32_record(4, 1), finish_record(4));
+    const Bytes bytes = bytes_of(start_record(4), make_text(4, "abc"), raw, int32_record(4, 1), make_finish(4));
     for (std::size_t n = 0; n < bytes.size(); ++n) {
         const Exact_copy cut(bytes, n);
         const auto unit = decode_ring_unit(cut.data.get(), cut.size);
@@ -976,9 +933,9 @@ TEST(Decoder, CorruptedInputNeverCrashes)
     raw.stream_key = 4;
     raw.size = 3;
     raw.length = 13;
-    const Bytes message = concat(start_record(4), text_record(4, "abc"), raw, int32_record(4, 1),
-                                 unterminated_text_record(4), finish_record(4));
-    const Bytes priority = concat(Logferry_register_app("APP", "d"), Logferry_register_context(4, 1, "C", "e"));
+    const Bytes message = bytes_of(start_record(4), make_text(4, "abc"), raw, int32_record(4, 1),
+                                   unterminated_text_record(4), make_finish(4));
+    const Bytes priority = bytes_of(Logferry_register_app("APP", "d"), Logferry_register_context(4, 1, "C", "e"));
     std::mt19937 random(12345);
     for (int round = 0; round < 20000; ++round) {
         Bytes bytes = round % 2 == 0 ? message : priority;

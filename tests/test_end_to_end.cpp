@@ -22,8 +22,6 @@ using logferry::Logferry_register_context;
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-
 Bytes app_record() { return bytes_of(Logferry_register_app("APP1", "end to end")); }
 Bytes context_record(std::uint32_t handle, const char* id, const char* text, std::uint8_t level)
 {
@@ -33,16 +31,10 @@ Bytes context_record(std::uint32_t handle, const char* id, const char* text, std
 // The message that log_numbered(key, value) sends, time stamp masked.
 std::string expected_message(std::uint32_t handle, std::uint32_t key, std::int32_t value)
 {
-    logferry::Logferry_write_start start{};
-    start.log_level = 4;
-    start.context_handle = handle;
-    start.stream_key = key;
     logferry::Logferry_write_int32 number{};
     number.value = value;
     number.stream_key = key;
-    logferry::Logferry_write_finish finish{};
-    finish.stream_key = key;
-    return masked(hex_of(concat({bytes_of(start), bytes_of(number), bytes_of(finish)})));
+    return masked(hex_of(bytes_of(make_start(key, 4, handle, 0), number, make_finish(key))));
 }
 
 void log_numbered(std::uint32_t handle, std::uint32_t key, std::int32_t value)
@@ -92,7 +84,7 @@ void register_and_log_and_check(Daemon_peer& peer)
     ASSERT_TRUE(wait_until([&] { return payloads(peer, "ring ").size() >= 10; }, std::chrono::milliseconds(10000)));
 
     const Bytes expected_priority =
-        concat({app_record(), context_record(1, "CTX1", "first", 4), bytes_of(logferry::Logferry_enable_local_print{}),
+        joined({app_record(), context_record(1, "CTX1", "first", 4), bytes_of(logferry::Logferry_enable_local_print{}),
                 context_record(2, "CTX2", "second", 3)});
     std::string priority;
     for (const std::string& part : payloads(peer, "priority ")) {
@@ -141,7 +133,7 @@ TEST_F(EndToEnd, ApplicationFirstThenDaemon)
     for (const std::string& part : payloads(peer, "priority ")) {
         priority += part;
     }
-    EXPECT_EQ(priority, hex_of(concat({app_record(), context_record(1, "CTX1", "first", 4),
+    EXPECT_EQ(priority, hex_of(joined({app_record(), context_record(1, "CTX1", "first", 4),
                                        bytes_of(logferry::Logferry_enable_local_print{}),
                                        context_record(2, "CTX2", "second", 3)})));
     EXPECT_EQ(payloads(peer, "priority ").size(), 4u);  // one record per read: never overtaken
@@ -326,9 +318,7 @@ TEST_F(EndToEnd, WithoutAContextTheOrdinaryRingStaysClosed)
 
     ASSERT_TRUE(logferry::register_context(1, "CTX1", "first", 4));
     ASSERT_TRUE(wait_until([&] { return peer.lines_with("ring ").size() == 1; }));
-    logferry::Logferry_write_finish finish{};
-    finish.stream_key = 5;
-    EXPECT_EQ(payloads(peer, "ring ")[0], hex_of(bytes_of(finish)));
+    EXPECT_EQ(payloads(peer, "ring ")[0], hex_of(bytes_of(make_finish(5))));
 }
 
 TEST_F(EndToEnd, ExitWithoutADaemonForcesQueuedRecordsBehindWhatTheAreaHolds)
@@ -356,9 +346,8 @@ TEST_F(EndToEnd, ExitWithoutADaemonForcesQueuedRecordsBehindWhatTheAreaHolds)
     // At most one reconnect pause (1 s) and the shutdown's 50 ms, plus scheduling.
     EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(took).count(), 2500);
 
-    logferry::Logferry_init_file file{};
-    logferry::copy_bounded_text(file.file_name, "trace.log", 254);
-    const Bytes expected = concat({already, app_record(), context_record(1, "CTX1", "first", 4), bytes_of(file)});
+    const Bytes expected =
+        joined({already, app_record(), context_record(1, "CTX1", "first", 4), bytes_of(make_init_file("trace.log"))});
     ASSERT_EQ(segment->priority_size, expected.size());
     EXPECT_EQ(Bytes(segment->priority_data, segment->priority_data + segment->priority_size), expected);
     EXPECT_TRUE(pending_queue_size_is(0));

@@ -45,23 +45,36 @@
 #include "logferry/client.hpp"
 #include "logferry/listener.hpp"
 #include "probes/nanosleep_probe.hpp"
+#include "support/client_fixture.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
+#include "support/listener_checks.hpp"
 #include "support/listener_daemon.hpp"
+#include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
 
 using logferry_test::capture_stderr;
 using logferry_test::count_mappings;
 using logferry_test::count_open_fds;
+using logferry_test::diagnostic;
+using logferry_test::entries_and_indices_zero;
+using logferry_test::error_while;
 using logferry_test::Fake_system;
+using logferry_test::FALLBACK_LOCK_FILE;
+using logferry_test::LISTENER_SEGMENT;
+using logferry_test::lock_held_by_other_process;
+using logferry_test::mutex_init_failed;
 using logferry_test::Op;
 using logferry_test::op_name;
+using logferry_test::owner_error;
+using logferry_test::path_exists;
+using logferry_test::reset_front_end;
+using logferry_test::Runstate_dir;
 using logferry_test::Scoped_system;
+using logferry_test::Scoped_value;
 using logferry_test::shm_exists;
 
 namespace {
-
-const char* const LISTENER_SHM = "/logferry-daemon-listener";
-const char* const FALLBACK_LOCK = "/tmp/logferry-daemon-listener.lock";
 
 // ---------------------------------------------------------------------------------------
 // The failures and what the design makes of them.
@@ -82,6 +95,9 @@ enum Residue : unsigned {
     FALLBACK = 32,          // the listener switched to the lock file under /tmp (for good)
 };
 
+// Calls of some operations, counted.
+using Counts = std::vector<std::pair<Op, int>>;
+
 struct Row {
     const char* part;  // which step of the path makes the call
     Op op;
@@ -90,28 +106,52 @@ struct Row {
     bool succeeds;        // the path's result despite the failure
     std::string message;  // "{name}": the channel's name, "{error}": the failure's error text
     unsigned residue;
+    // Calls of the named operations that the failing attempt makes in all, where its path is
+    // swept on its own (counted from the start of that path).
+    Counts calls = {};
 };
 
-bool is_pthread_op(Op op)
+bool is_mutex_setup(Op op)
 {
     switch (op) {
     case Op::pthread_mutexattr_init:
     case Op::pthread_mutexattr_settype:
     case Op::pthread_mutexattr_setpshared:
     case Op::pthread_mutexattr_setrobust:
-    case Op::pthread_mutexattr_destroy:
     case Op::pthread_mutex_init:
-    case Op::pthread_mutex_lock:
-    case Op::pthread_mutex_trylock:
-    case Op::pthread_mutex_unlock:
-    case Op::pthread_mutex_consistent:
+    case Op::pthread_mutexattr_destroy:
         return true;
     default:
         return false;
     }
 }
 
+bool is_pthread_op(Op op)
+{
+    return is_mutex_setup(op) || op == Op::pthread_mutex_lock || op == Op::pthread_mutex_trylock ||
+           op == Op::pthread_mutex_unlock || op == Op::pthread_mutex_consistent;
+}
+
 bool is_sleep(Op op) { return op == Op::sleep_for_milliseconds || op == Op::sleep_for_seconds; }
+
+void expect_calls(const Fake_system& system, const Row& row)
+{
+    for (const auto& count : row.calls) {
+        EXPECT_EQ(system.calls(count.first), count.second) << "calls of " << op_name(count.first);
+    }
+}
+
+// The set-up of a segment's only mutex stops at the failing call, and the mapping is undone;
+// the attributes are destroyed only when everything before succeeded.
+void expect_mutex_setup_stopped(const Fake_system& system, Op failing)
+{
+    EXPECT_EQ(system.calls(failing), 1);
+    EXPECT_EQ(system.calls(Op::pthread_mutexattr_destroy), failing == Op::pthread_mutexattr_destroy ? 1 : 0);
+    if (failing != Op::pthread_mutex_init && failing != Op::pthread_mutexattr_destroy) {
+        EXPECT_EQ(system.calls(Op::pthread_mutex_init), 0);
+    }
+    EXPECT_EQ(system.calls(Op::munmap), 1);
+}
 
 std::string replace_all(std::string text, const std::string& key, const std::string& value)
 {
@@ -134,20 +174,21 @@ std::string describe(Op op, int occurrence, const Row& row)
            (code != 0 ? std::strerror(code) : "returns " + std::to_string(row.failure.result)) + ")";
 }
 
-// Texts of the design (one line each, "logferry: " first, the system's text where a call failed).
-const std::string OWNER_CHANNEL = "logferry: error setting owner of {name}: {error}\n";
-const std::string OWNER_CHANNEL_MISSING = "logferry: error setting owner of {name}: No such file or directory\n";
-const std::string OWNER_LISTENER = "logferry: error setting owner of /logferry-daemon-listener: {error}\n";
-const std::string OPEN_SHM = "logferry: error while opening the shared memory: {error}\n";
-const std::string TRUNCATE = "logferry: error while truncating the shared memory: {error}\n";
-const std::string MAP = "logferry: error while mapping the shared memory: {error}\n";
-const std::string UNMAP = "logferry: error while unmapping the shared memory: {error}\n";
-const std::string MUTEX_INIT = "logferry: error while initializing the mutex.\n";
-const std::string LOCK_FILE_TEXT = "logferry: error while locking the file: {error}\n";
-const std::string LOCK = "logferry: error while locking the mutex: {error}\n";
-const std::string UNLOCK = "logferry: error while unlocking the mutex: {error}\n";
-const std::string UNLOCK_NOT_HELD = "logferry: error while unlocking the mutex: Operation not permitted\n";
-const std::string GETTIME = "logferry: gettime failed\n";
+// The lines expected on the standard error stream; "{name}" stands for the channel's name,
+// "{error}" for the system's text of the failure.
+const std::string OWNER_CHANNEL = diagnostic("error setting owner of {name}: {error}");
+const std::string OWNER_CHANNEL_MISSING = owner_error("{name}", ENOENT);
+const std::string OWNER_LISTENER = diagnostic("error setting owner of /logferry-daemon-listener: {error}");
+const std::string OPEN_SHM = diagnostic("error while opening the shared memory: {error}");
+const std::string TRUNCATE = diagnostic("error while truncating the shared memory: {error}");
+const std::string MAP = diagnostic("error while mapping the shared memory: {error}");
+const std::string UNMAP = diagnostic("error while unmapping the shared memory: {error}");
+const std::string MUTEX_INIT = mutex_init_failed();
+const std::string LOCK_FILE_TEXT = diagnostic("error while locking the file: {error}");
+const std::string LOCK = diagnostic("error while locking the mutex: {error}");
+const std::string UNLOCK = diagnostic("error while unlocking the mutex: {error}");
+const std::string UNLOCK_NOT_HELD = error_while("unlocking the mutex", EPERM);
+const std::string GETTIME = diagnostic("gettime failed");
 
 const Failure ENOMEM_CODE{ENOMEM, 0};
 const Failure EINVAL_CODE{EINVAL, 0};
@@ -160,7 +201,7 @@ void add_mutex_setup_rows(std::vector<Row>& rows, const char* part, unsigned res
         {Op::pthread_mutexattr_settype, {EINVAL_CODE}},
         {Op::pthread_mutexattr_setpshared, {EINVAL_CODE, {ENOTSUP, 0}}},
         {Op::pthread_mutexattr_setrobust, {EINVAL_CODE, {ENOTSUP, 0}}},
-        {Op::pthread_mutex_init, {{EAGAIN, 0}, ENOMEM_CODE, {EPERM, 0}}},
+        {Op::pthread_mutex_init, {{EAGAIN, 0}, ENOMEM_CODE, {EPERM, 0}, EINVAL_CODE}},
         {Op::pthread_mutexattr_destroy, {EINVAL_CODE}},
     };
     for (const auto& call : calls) {
@@ -199,20 +240,23 @@ std::vector<Row> channel_init_rows()
 std::vector<Row> listener_application_rows(int earlier_shm_open, int earlier_mmap, int earlier_close)
 {
     const char* part = "listener init";
+    const Counts no_lock_test = {{Op::lockf, 0}, {Op::shm_open, 0}};
+    const Counts no_group_no_map = {{Op::chown, 0}, {Op::mmap, 0}};  // the application never changes the group
     return {
         // Without the run-state directory the lock file is looked for under /tmp, where no
         // daemon holds it.
         {part, Op::stat, 0, {-1, EACCES}, false, "", FALLBACK},
         {part, Op::stat, 0, {-1, ENOENT}, false, "", FALLBACK},
-        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE},
-        {part, Op::open, 0, {-1, EMFILE}, false, "", NO_RESIDUE},
+        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE, no_lock_test},
+        {part, Op::open, 0, {-1, EMFILE}, false, "", NO_RESIDUE, no_lock_test},
         {part, Op::lockf, 0, {-1, ENOLCK}, false, "", NO_RESIDUE},
         {part, Op::lockf, 0, {-1, EBADF}, false, "", NO_RESIDUE},
         {part, Op::lockf, 0, {0, 0}, false, "", NO_RESIDUE},  // the lock looks free: no daemon
         {part, Op::close, earlier_close, {-1, EIO}, true, "", NO_RESIDUE},
-        {part, Op::shm_open, earlier_shm_open, {-1, EACCES}, false, OPEN_SHM, NO_RESIDUE},
-        {part, Op::shm_open, earlier_shm_open, {-1, ENOENT}, false, OPEN_SHM, NO_RESIDUE},
-        {part, Op::mmap, earlier_mmap, {-1, ENOMEM}, false, MAP, NO_RESIDUE},
+        {part, Op::shm_open, earlier_shm_open, {-1, EACCES}, false, OPEN_SHM, NO_RESIDUE, no_group_no_map},
+        {part, Op::shm_open, earlier_shm_open, {-1, ENOENT}, false, OPEN_SHM, NO_RESIDUE, no_group_no_map},
+        {part, Op::shm_open, earlier_shm_open, {-1, EMFILE}, false, OPEN_SHM, NO_RESIDUE, no_group_no_map},
+        {part, Op::mmap, earlier_mmap, {-1, ENOMEM}, false, MAP, NO_RESIDUE, {{Op::munmap, 0}}},
         {part, Op::close, earlier_close + 1, {-1, EIO}, true, "", NO_RESIDUE},
     };
 }
@@ -236,26 +280,31 @@ std::vector<Row> listener_daemon_rows()
     const char* part = "daemon listener init";
     const unsigned after_lock = LOCK_FILE;
     const unsigned after_create = LOCK_FILE | LISTENER_OBJECT;
+    // What the attempt no longer does after the failure.
+    const Counts no_lock = {{Op::lockf, 0}, {Op::shm_open, 0}};
+    const Counts no_segment = {{Op::shm_open, 0}};
+    const Counts no_mapping = {{Op::mmap, 0}, {Op::munmap, 0}};
+    const Counts no_mutex_setup = {{Op::munmap, 0}, {Op::pthread_mutexattr_init, 0}};
     // With shm_open failing, the group is set on a name just removed; its errno is reported.
     const std::string open_failed =
-        "logferry: error setting owner of /logferry-daemon-listener: No such file or directory\n"
-        "logferry: error while opening the shared memory: No such file or directory\n";
+        owner_error(LISTENER_SEGMENT, ENOENT) + error_while("opening the shared memory", ENOENT);
     std::vector<Row> rows = {
         // Without the run-state directory the daemon takes the lock file under /tmp.
         {part, Op::stat, 0, {-1, EACCES}, true, "", FALLBACK},
-        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE},
-        {part, Op::open, 0, {-1, EROFS}, false, "", NO_RESIDUE},
-        {part, Op::lockf, 0, {-1, ENOLCK}, false, LOCK_FILE_TEXT, after_lock},
-        {part, Op::lockf, 0, {-1, EINTR}, false, LOCK_FILE_TEXT, after_lock},
-        {part, Op::lockf, 0, {-1, EDEADLK}, false, LOCK_FILE_TEXT, after_lock},
+        {part, Op::open, 0, {-1, EACCES}, false, "", NO_RESIDUE, no_lock},
+        {part, Op::open, 0, {-1, EROFS}, false, "", NO_RESIDUE, no_lock},
+        {part, Op::lockf, 0, {-1, ENOLCK}, false, LOCK_FILE_TEXT, after_lock, no_segment},
+        {part, Op::lockf, 0, {-1, EINTR}, false, LOCK_FILE_TEXT, after_lock, no_segment},
+        {part, Op::lockf, 0, {-1, EDEADLK}, false, LOCK_FILE_TEXT, after_lock, no_segment},
         {part, Op::shm_unlink, 0, {-1, EACCES}, true, "", NO_RESIDUE},
         {part, Op::shm_open, 0, {-1, EACCES}, false, open_failed, after_lock},
         {part, Op::shm_open, 0, {-1, EMFILE}, false, open_failed, after_lock},
-        {part, Op::chown, 0, {-1, EPERM}, true, OWNER_LISTENER, NO_RESIDUE},
-        {part, Op::ftruncate, 0, {-1, EFBIG}, false, TRUNCATE, after_create},
-        {part, Op::ftruncate, 0, {-1, EIO}, false, TRUNCATE, after_create},
-        {part, Op::mmap, 0, {-1, ENOMEM}, false, MAP, after_create},
-        {part, Op::mmap, 0, {-1, EACCES}, false, MAP, after_create},
+        {part, Op::chown, 0, {-1, EPERM}, true, OWNER_LISTENER, NO_RESIDUE, {{Op::chown, 1}}},
+        {part, Op::ftruncate, 0, {-1, EFBIG}, false, TRUNCATE, after_create, no_mapping},
+        {part, Op::ftruncate, 0, {-1, EIO}, false, TRUNCATE, after_create, no_mapping},
+        {part, Op::ftruncate, 0, {-1, ENOSPC}, false, TRUNCATE, after_create, no_mapping},
+        {part, Op::mmap, 0, {-1, ENOMEM}, false, MAP, after_create, no_mutex_setup},
+        {part, Op::mmap, 0, {-1, EACCES}, false, MAP, after_create, no_mutex_setup},
         {part, Op::close, 0, {-1, EIO}, true, "", NO_RESIDUE},
     };
     add_mutex_setup_rows(rows, part, after_create);
@@ -520,47 +569,17 @@ void report_pairs(const char* path, int pairs, int minimum, const std::vector<Op
     EXPECT_GE(pairs, minimum);
 }
 
-bool path_exists(const std::string& path)
-{
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
-}
-
 // ---------------------------------------------------------------------------------------
 // Fixture: a private run-state directory (with ara_DLT), optionally a daemon's listener in a
 // child process (the lock it holds must belong to another process), and the sweep's system.
-
-// The library-wide front-end state back as it was at load time (the channel name aside).
-void reset_front_end()
-{
-    logferry::exit();
-    logferry::registered_application.clear();
-    logferry::registered_contexts.clear();
-    logferry::log_level_filters.clear();
-    logferry::incomplete_logstream_messages.clear();
-    logferry::priority_message_queue = std::queue<std::vector<unsigned char>>();
-    logferry::init_called = false;
-    logferry::first_registration = true;
-    logferry::pending_registration = false;
-    logferry::terminate_receiver_thread = false;
-    logferry::client.lost_messages = 0;
-}
 
 class FaultSweep : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char pattern[] = "/tmp/logferry-sweep-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        runstate_ = pattern;
-        ASSERT_EQ(::mkdir((runstate_ + "/ara_DLT").c_str(), 0700), 0);
-        const char* previous = ::getenv("ADAPTIVE_RUNSTATE_DIR");
-        had_runstate_ = previous != nullptr;
-        previous_runstate_ = had_runstate_ ? previous : "";
-        ::setenv("ADAPTIVE_RUNSTATE_DIR", runstate_.c_str(), 1);
-        previous_lock_path_ = logferry::listener.lock_listener_name;
-        logferry::listener.lock_listener_name = lock_path();
-        ::shm_unlink(LISTENER_SHM);  // a stale segment of an aborted run
+        runstate_.reset(new Runstate_dir());
+        lock_name_.reset(new Scoped_value<std::string>(logferry::listener.lock_listener_name, lock_path()));
+        ::shm_unlink(LISTENER_SEGMENT);  // a stale segment of an aborted run
     }
 
     void TearDown() override
@@ -568,19 +587,12 @@ protected:
         installed_.reset();
         system_.reset();
         stop_daemon();
-        logferry::listener.lock_listener_name = previous_lock_path_;
-        if (had_runstate_) {
-            ::setenv("ADAPTIVE_RUNSTATE_DIR", previous_runstate_.c_str(), 1);
-        } else {
-            ::unsetenv("ADAPTIVE_RUNSTATE_DIR");
-        }
-        ::unlink(lock_path().c_str());
-        ::rmdir((runstate_ + "/ara_DLT").c_str());
-        ::rmdir(runstate_.c_str());
-        EXPECT_FALSE(shm_exists(LISTENER_SHM)) << "the listener segment was left behind";
+        lock_name_.reset();
+        runstate_.reset();
+        EXPECT_FALSE(shm_exists(LISTENER_SEGMENT)) << "the listener segment was left behind";
     }
 
-    std::string lock_path() const { return runstate_ + "/ara_DLT/logferry-daemon-listener.lock"; }
+    std::string lock_path() const { return runstate_->lock_file(); }
 
     // Call before install(): the child must run on the real system.
     void start_daemon() { ASSERT_TRUE(daemon_.start(lock_path())); }
@@ -589,7 +601,7 @@ protected:
     {
         if (daemon_.running()) {
             const int status = daemon_.stop();
-            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+            EXPECT_TRUE(logferry_test::exited_cleanly(status)) << status;
         }
     }
 
@@ -604,7 +616,7 @@ protected:
     // announces the channel again, and nobody takes the announcements here.
     void wipe_listener_list()
     {
-        const int fd = ::shm_open(LISTENER_SHM, O_RDWR, 0);
+        const int fd = ::shm_open(LISTENER_SEGMENT, O_RDWR, 0);
         ASSERT_GE(fd, 0);
         void* mapped = ::mmap(nullptr, logferry::LISTENER_SEGMENT_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         ::close(fd);
@@ -619,7 +631,7 @@ protected:
     // Whether `name` stands in the daemon's list.
     bool announced(const std::string& name)
     {
-        const int fd = ::shm_open(LISTENER_SHM, O_RDWR, 0);
+        const int fd = ::shm_open(LISTENER_SEGMENT, O_RDWR, 0);
         if (fd < 0) {
             return false;
         }
@@ -679,24 +691,22 @@ protected:
         EXPECT_TRUE(announced(name));
         EXPECT_TRUE(logferry::listener.is_initialized());
         EXPECT_EQ(system.sleeps_ms().back(), 50u);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
 
         wipe_listener_list();
         logferry::exit();
         EXPECT_FALSE(shm_exists(name));
         EXPECT_EQ(count_mappings(name), 0);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(count_open_fds(), fds);
     }
 
-    std::string runstate_;
+    std::unique_ptr<Runstate_dir> runstate_;
     std::unique_ptr<Sweep_system> system_;
     std::unique_ptr<Scoped_system> installed_;
 
 private:
-    bool had_runstate_ = false;
-    std::string previous_runstate_;
-    std::string previous_lock_path_;
+    std::unique_ptr<Scoped_value<std::string>> lock_name_;
     logferry_test::Listener_daemon_child daemon_;
 };
 
@@ -726,6 +736,7 @@ TEST_F(FaultSweep, ChannelInit)
         logferry::Logferry_client channel;
         channel.set_app_identifier(identifier);
         system.inject(op, occurrence, row.failure);
+        system.reset_calls();
         bool result = !row.succeeds;
         const std::string output = capture_stderr([&] { result = channel.init(); });
         EXPECT_TRUE(system.clear()) << "the call was not made";
@@ -733,6 +744,13 @@ TEST_F(FaultSweep, ChannelInit)
         EXPECT_EQ(output, expected_message(row, name));
         EXPECT_EQ(channel.is_initialized(), row.succeeds);
         EXPECT_EQ(static_cast<void*>(channel.segment) == MAP_FAILED, !row.succeeds);
+        if (!row.succeeds) {
+            // Whatever was mapped is unmapped again.
+            EXPECT_EQ(system.calls(Op::mmap), system.calls(Op::munmap) + (op == Op::mmap ? 1 : 0));
+        }
+        if (op == Op::clock_gettime) {
+            EXPECT_EQ(channel.segment->client_watchdog, 0);  // stamped with nothing
+        }
         EXPECT_EQ(count_mappings(name), row.succeeds ? 1 : 0);
         EXPECT_EQ(count_open_fds(), fds);
         EXPECT_EQ(shm_exists(name), row.succeeds || (row.residue & CHANNEL_OBJECT) != 0);
@@ -744,6 +762,8 @@ TEST_F(FaultSweep, ChannelInit)
         // The next attempt works and cleans up.
         const std::string again = capture_stderr([&] { EXPECT_TRUE(channel.init()); });
         EXPECT_EQ(again, "");
+        EXPECT_TRUE(channel.is_initialized());
+        EXPECT_EQ(channel.segment->client_buffer_locked, 1);
         EXPECT_EQ(count_mappings(name), 1);
         channel.uninit();
         EXPECT_FALSE(shm_exists(name));
@@ -774,38 +794,53 @@ TEST_F(FaultSweep, DaemonListenerInit)
         {
             logferry::Logferry_listener daemon(true);
             system.inject(op, occurrence, row.failure);
+            system.reset_calls();
             bool result = !row.succeeds;
             const std::string output = capture_stderr([&] { result = daemon.init(); });
             EXPECT_TRUE(system.clear()) << "the call was not made";
             EXPECT_EQ(result, row.succeeds);
-            EXPECT_EQ(output, expected_message(row, LISTENER_SHM));
+            EXPECT_EQ(output, expected_message(row, LISTENER_SEGMENT));
             EXPECT_EQ(daemon.is_initialized(), row.succeeds);
-            EXPECT_EQ(count_mappings(LISTENER_SHM), row.succeeds ? 1 : 0);
-            // The daemon keeps its lock file open (and locked) from a successful open on.
+            EXPECT_EQ(static_cast<void*>(daemon.segment) == MAP_FAILED, !row.succeeds);
+            EXPECT_EQ(count_mappings(LISTENER_SEGMENT), row.succeeds ? 1 : 0);
+            expect_calls(system, row);
+            if (is_mutex_setup(op)) {
+                expect_mutex_setup_stopped(system, op);
+            }
+            // The daemon keeps its lock file open (and locked) from a successful open on, and
+            // its proxy watchdogs from a successful lock on.
             const bool lock_open = op != Op::open;
+            if (lock_open) {
+                EXPECT_GE(daemon.lock_file.fd, 0);
+            } else {
+                EXPECT_EQ(daemon.lock_file.fd, -1);
+            }
+            EXPECT_EQ(daemon.proxy_watchdogs != nullptr, lock_open && op != Op::lockf);
             EXPECT_EQ(count_open_fds(), fds + (lock_open ? 1 : 0));
-            EXPECT_EQ(daemon.lock_listener_name, (row.residue & FALLBACK) != 0 ? FALLBACK_LOCK : lock_path());
+            EXPECT_EQ(daemon.lock_listener_name, (row.residue & FALLBACK) != 0 ? FALLBACK_LOCK_FILE : lock_path());
             EXPECT_EQ(path_exists(daemon.lock_listener_name), lock_open);
-            EXPECT_EQ(shm_exists(LISTENER_SHM), row.succeeds || (row.residue & LISTENER_OBJECT) != 0);
+            EXPECT_EQ(shm_exists(LISTENER_SEGMENT), row.succeeds || (row.residue & LISTENER_OBJECT) != 0);
             if (row.succeeds) {
                 daemon.uninit();  // removes the segment and the lock file
-                EXPECT_FALSE(shm_exists(LISTENER_SHM));
+                EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
                 EXPECT_FALSE(path_exists(daemon.lock_listener_name));
             }
 
-            // The next attempt on the same object works.
+            // The next attempt on the same object works: a fresh segment, the lock held.
             const std::string again = capture_stderr([&] { EXPECT_TRUE(daemon.init()); });
             EXPECT_EQ(again, "");
-            EXPECT_EQ(count_mappings(LISTENER_SHM), 1);
+            EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
+            EXPECT_TRUE(entries_and_indices_zero(daemon.segment));
+            EXPECT_TRUE(lock_held_by_other_process(daemon.lock_file));
             EXPECT_EQ(count_open_fds(), fds + 1);
             daemon.uninit();
-            EXPECT_FALSE(shm_exists(LISTENER_SHM));
+            EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
             EXPECT_FALSE(path_exists(daemon.lock_listener_name));
         }
         // Destroyed: the lock file's descriptor is closed as well.
         EXPECT_EQ(count_open_fds(), fds);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
-        EXPECT_FALSE(path_exists(FALLBACK_LOCK));
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
+        EXPECT_FALSE(path_exists(FALLBACK_LOCK_FILE));
     });
     report_pairs("Logferry_listener::init (daemon)", pairs, 25, calls);
 }
@@ -829,27 +864,32 @@ TEST_F(FaultSweep, ApplicationListenerInit)
     const int pairs = sweep(calls, listener_application_rows(0, 0, 0), [&](Op op, int occurrence, const Row& row) {
         logferry::Logferry_listener application(false);
         system.inject(op, occurrence, row.failure);
+        system.reset_calls();
         bool result = !row.succeeds;
         const std::string output = capture_stderr([&] { result = application.init(); });
         EXPECT_TRUE(system.clear()) << "the call was not made";
         EXPECT_EQ(result, row.succeeds);
-        EXPECT_EQ(output, expected_message(row, LISTENER_SHM));
+        EXPECT_EQ(output, expected_message(row, LISTENER_SEGMENT));
         EXPECT_EQ(application.is_initialized(), row.succeeds);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), row.succeeds ? 1 : 0);
-        EXPECT_EQ(count_open_fds(), fds);       // the application never keeps a descriptor
-        EXPECT_TRUE(shm_exists(LISTENER_SHM));  // the daemon's; an application never removes it
+        EXPECT_EQ(static_cast<void*>(application.segment) == MAP_FAILED, !row.succeeds);
+        expect_calls(system, row);
+        EXPECT_EQ(application.lock_file.fd, -1);
+        EXPECT_EQ(application.proxy_watchdogs, nullptr);  // the daemon's alone
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), row.succeeds ? 1 : 0);
+        EXPECT_EQ(count_open_fds(), fds);           // the application never keeps a descriptor
+        EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));  // the daemon's; an application never removes it
         if ((row.residue & FALLBACK) != 0) {
-            EXPECT_EQ(application.lock_listener_name, FALLBACK_LOCK);
+            EXPECT_EQ(application.lock_listener_name, FALLBACK_LOCK_FILE);
             application.lock_listener_name = lock_path();  // the switch is for good by design
         }
         application.uninit();
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
 
         const std::string again = capture_stderr([&] { EXPECT_TRUE(application.init()); });
         EXPECT_EQ(again, "");
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
         application.uninit();
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(count_open_fds(), fds);
     });
     report_pairs("Logferry_listener::init (application)", pairs, 10, calls);
@@ -895,18 +935,18 @@ TEST_F(FaultSweep, ConnectStep)
         EXPECT_EQ(logferry::client.is_initialized(), channel_open);
         EXPECT_EQ(count_mappings(name), channel_open ? 1 : 0);
         EXPECT_EQ(logferry::listener.is_initialized(), listener_open);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), listener_open ? 1 : 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), listener_open ? 1 : 0);
         EXPECT_EQ(announced(name), row.succeeds);
         EXPECT_EQ(count_open_fds(), fds);
         if ((row.residue & FALLBACK) != 0) {
-            EXPECT_EQ(logferry::listener.lock_listener_name, FALLBACK_LOCK);
+            EXPECT_EQ(logferry::listener.lock_listener_name, FALLBACK_LOCK_FILE);
             logferry::listener.lock_listener_name = lock_path();  // the switch is for good by design
         }
         wipe_listener_list();
 
         logferry::exit();
         EXPECT_EQ(count_mappings(name), 0);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(shm_exists(name), (row.residue & CHANNEL_OBJECT) != 0);
         EXPECT_EQ(count_open_fds(), fds);
 
@@ -918,7 +958,7 @@ TEST_F(FaultSweep, ConnectStep)
         logferry::exit();
         EXPECT_FALSE(shm_exists(name));
         EXPECT_EQ(count_mappings(name), 0);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(count_open_fds(), fds);
     });
     report_pairs("logferry::connect_channel", pairs, 45, calls);
@@ -1026,12 +1066,12 @@ TEST_F(FaultSweep, ReceiverThreadReconnect)
         // Announced again: the next look in 50 ms; otherwise the next try in a second.
         EXPECT_EQ(system.sleeps_ms().back(), row.succeeds ? 50u : 1000u);
         const bool leaked = (row.residue & LISTENER_MAPPING) != 0;
-        EXPECT_EQ(count_mappings(LISTENER_SHM), (row.succeeds ? 1 : 0) + (leaked ? 1 : 0));
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), (row.succeeds ? 1 : 0) + (leaked ? 1 : 0));
         EXPECT_EQ(count_mappings(name), 1);
         EXPECT_TRUE(logferry::client.is_initialized());
         EXPECT_EQ(count_open_fds(), fds);
         if ((row.residue & FALLBACK) != 0) {
-            EXPECT_EQ(logferry::listener.lock_listener_name, FALLBACK_LOCK);
+            EXPECT_EQ(logferry::listener.lock_listener_name, FALLBACK_LOCK_FILE);
             logferry::listener.lock_listener_name = lock_path();  // the switch is for good by design
         }
         if (leaked) {
@@ -1164,7 +1204,7 @@ TEST_F(FaultSweep, Exit)
         const bool channel_leaked = (row.residue & CHANNEL_MAPPING) != 0;
         const bool listener_leaked = (row.residue & LISTENER_MAPPING) != 0;
         EXPECT_EQ(count_mappings(name), channel_leaked ? 1 : 0);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), listener_leaked ? 1 : 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), listener_leaked ? 1 : 0);
         EXPECT_EQ(shm_exists(name), (row.residue & CHANNEL_OBJECT) != 0);
         EXPECT_EQ(count_open_fds(), fds);
         if (channel_leaked) {
@@ -1181,7 +1221,7 @@ TEST_F(FaultSweep, Exit)
         EXPECT_EQ(again, "");
         EXPECT_FALSE(shm_exists(name));
         EXPECT_EQ(count_mappings(name), 0);
-        EXPECT_EQ(count_mappings(LISTENER_SHM), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(count_open_fds(), fds);
         wipe_listener_list();
     });

@@ -15,11 +15,14 @@
 
 #include "logferry/client.hpp"
 #include "support/client_fixture.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
 #include "support/listener_daemon.hpp"
+#include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
 
 using logferry_test::Fake_system;
+using logferry_test::name_too_long;
 using logferry_test::Op;
 using logferry_test::Scoped_system;
 
@@ -42,7 +45,7 @@ std::string identifier_of_length(std::size_t length)
 std::vector<std::string> announced_names()
 {
     std::vector<std::string> names;
-    const int fd = ::shm_open("/logferry-daemon-listener", O_RDWR, 0);
+    const int fd = ::shm_open(logferry_test::LISTENER_SEGMENT, O_RDWR, 0);
     if (fd < 0) {
         ADD_FAILURE() << "no listener segment";
         return names;
@@ -82,7 +85,7 @@ protected:
         logferry::exit();
         if (daemon_.running()) {
             const int status = daemon_.stop();
-            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+            EXPECT_TRUE(logferry_test::exited_cleanly(status)) << status;
         }
         Client_test::TearDown();
     }
@@ -127,7 +130,7 @@ TEST_F(ClientListener, NameTooLongForTheListIsRefusedThere)
     const std::string output = logferry_test::capture_stderr([&] { connected = logferry::connect_channel(); });
     remember_channel();
     EXPECT_FALSE(connected);
-    EXPECT_EQ(output, "logferry: shared memory name too long.\n");
+    EXPECT_EQ(output, name_too_long());
     ASSERT_EQ(logferry::client.get_filename().size(), 33u);
     // The channel itself is open and the listener reached; only the announcement failed.
     EXPECT_TRUE(logferry::client.is_initialized());

@@ -15,6 +15,7 @@
 #include "support/test_util.hpp"
 
 using logferry_test::Bytes;
+using logferry_test::bytes_of;
 using logferry_test::Client_test;
 using logferry_test::Daemon_end;
 using logferry_test::Fake_system;
@@ -22,18 +23,17 @@ using logferry_test::Op;
 using logferry_test::priority_area;
 using logferry_test::queued_priority_records;
 using logferry_test::Scoped_system;
-using logferry_test::serialized;
 
 namespace {
 
 Bytes app_record(const char* id, const char* description)
 {
-    return serialized(logferry::Logferry_register_app(id, description));
+    return bytes_of(logferry::Logferry_register_app(id, description));
 }
 
 Bytes context_record(std::uint8_t level, std::uint32_t handle, const char* id, const char* description)
 {
-    return serialized(logferry::Logferry_register_context(level, handle, id, description));
+    return bytes_of(logferry::Logferry_register_context(level, handle, id, description));
 }
 
 Bytes text_bytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
@@ -117,12 +117,12 @@ TEST_F(ClientRegistration, LongDescriptionsAreCutTo79Characters)
     ASSERT_EQ(queued.size(), 2u);
 
     const Bytes app =
-        logferry_test::concat({Bytes{3, 88, 0, 'A', 'P', 'P', '1', 0}, text_bytes(std::string(79, 'q')), Bytes{0}});
+        logferry_test::joined({Bytes{3, 88, 0, 'A', 'P', 'P', '1', 0}, text_bytes(std::string(79, 'q')), Bytes{0}});
     EXPECT_EQ(queued[0], app);
     EXPECT_EQ(queued[0].size(), 88u);
     EXPECT_EQ(+logferry::registered_application.at(0).length, 88);
 
-    const Bytes context = logferry_test::concat(
+    const Bytes context = logferry_test::joined(
         {Bytes{5, 93, 0, 4, 3, 0, 0, 0, 'C', 'T', 'X', '1', 0}, text_bytes(std::string(79, 'q')), Bytes{0}});
     EXPECT_EQ(queued[1], context);
     EXPECT_EQ(queued[1].size(), 93u);

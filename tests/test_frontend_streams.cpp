@@ -17,17 +17,19 @@
 
 #include "logferry/client.hpp"
 #include "support/client_fixture.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
 #include "support/test_util.hpp"
 
 using logferry::LogFormat;
 using logferry_test::Bytes;
-using logferry_test::concat;
+using logferry_test::bytes_of;
 using logferry_test::Daemon_end;
+using logferry_test::diagnostic;
 using logferry_test::Fake_system;
+using logferry_test::joined;
 using logferry_test::Op;
 using logferry_test::Scoped_system;
-using logferry_test::serialized;
 using logferry_test::split_records;
 using logferry_test::wait_until;
 
@@ -43,20 +45,10 @@ constexpr std::uint32_t CONTEXT = 1;
 // catalogue: the reference the front end's bytes are compared with.
 Bytes start_record(std::uint8_t level, std::uint32_t handle, std::uint32_t key, std::uint32_t timestamp = TIMESTAMP)
 {
-    logferry::Logferry_write_start record;
-    record.log_level = level;
-    record.context_handle = handle;
-    record.stream_key = key;
-    record.timestamp = timestamp;
-    return serialized(record);
+    return bytes_of(logferry_test::make_start(key, level, handle, timestamp));
 }
 
-Bytes finish_record(std::uint32_t key)
-{
-    logferry::Logferry_write_finish record;
-    record.stream_key = key;
-    return serialized(record);
-}
+Bytes finish_record(std::uint32_t key) { return bytes_of(logferry_test::make_finish(key)); }
 
 template <typename Record, typename Value>
 Bytes plain_record(std::uint32_t key, Value value)
@@ -64,7 +56,7 @@ Bytes plain_record(std::uint32_t key, Value value)
     Record record;
     record.stream_key = key;
     record.value = value;
-    return serialized(record);
+    return bytes_of(record);
 }
 
 template <typename Record, typename Value>
@@ -74,7 +66,7 @@ Bytes formatted_record(std::uint32_t key, Value value, std::uint8_t format)
     record.stream_key = key;
     record.value = value;
     record.format = format;
-    return serialized(record);
+    return bytes_of(record);
 }
 
 Bytes text_record(std::uint32_t key, const std::string& text, std::uint16_t length)
@@ -83,7 +75,7 @@ Bytes text_record(std::uint32_t key, const std::string& text, std::uint16_t leng
     record->stream_key = key;
     record->length = length;
     std::copy(text.begin(), text.end(), record->text.begin());
-    return serialized(*record);
+    return bytes_of(*record);
 }
 
 Bytes raw_record(std::uint32_t key, const Bytes& payload, std::uint8_t format)
@@ -94,7 +86,7 @@ Bytes raw_record(std::uint32_t key, const Bytes& payload, std::uint8_t format)
     record->format = format;
     record->size = static_cast<std::uint16_t>(payload.size());
     std::copy(payload.begin(), payload.end(), record->payload.begin());
-    return serialized(*record);
+    return bytes_of(*record);
 }
 
 Bytes encoded_payload_record(std::uint32_t key, const Bytes& payload)
@@ -104,7 +96,7 @@ Bytes encoded_payload_record(std::uint32_t key, const Bytes& payload)
     record->length = static_cast<std::uint16_t>(payload.size() + 9);
     record->size = static_cast<std::uint16_t>(payload.size());
     std::copy(payload.begin(), payload.end(), record->payload.begin());
-    return serialized(*record);
+    return bytes_of(*record);
 }
 
 Bytes encoded_message_record(const Bytes& payload)
@@ -113,7 +105,7 @@ Bytes encoded_message_record(const Bytes& payload)
     record->length = static_cast<std::uint16_t>(payload.size() + 5);
     record->size = static_cast<std::uint16_t>(payload.size());
     std::copy(payload.begin(), payload.end(), record->payload.begin());
-    return serialized(*record);
+    return bytes_of(*record);
 }
 
 Bytes pattern(std::size_t size)
@@ -260,7 +252,7 @@ TEST_F(ClientStreams, TwoStartsOnOneKeyGiveOneMessage)
     ASSERT_TRUE(logferry::log_start(CONTEXT, 5, 4));
     ASSERT_TRUE(logferry::log_start(CONTEXT, 5, 2));
     logferry::log_finish(5);
-    EXPECT_EQ(only_message(), concat({start_record(4, CONTEXT, 5), start_record(2, CONTEXT, 5), finish_record(5)}));
+    EXPECT_EQ(only_message(), joined({start_record(4, CONTEXT, 5), start_record(2, CONTEXT, 5), finish_record(5)}));
 }
 
 TEST_F(ClientStreams, StreamIsEnabledBetweenStartAndFinish)
@@ -278,7 +270,7 @@ TEST_F(ClientStreams, TimestampIsMonotonicClockInTenthsOfMilliseconds)
     fake_.set_time(429497, 99999);  // 4294970000 wraps to 2704; 99999 ns is below 0.1 ms
     ASSERT_TRUE(logferry::log_start(CONTEXT, 1, 4));
     logferry::log_finish(1);
-    EXPECT_EQ(only_message(), concat({start_record(4, CONTEXT, 1, 2704), finish_record(1)}));
+    EXPECT_EQ(only_message(), joined({start_record(4, CONTEXT, 1, 2704), finish_record(1)}));
 }
 
 TEST_F(ClientStreams, ClockFailureGivesTimestampZero)
@@ -286,7 +278,7 @@ TEST_F(ClientStreams, ClockFailureGivesTimestampZero)
     fake_.fail(Op::clock_gettime, -1, EINVAL, 1);
     ASSERT_TRUE(logferry::log_start(CONTEXT, 1, 4));
     logferry::log_finish(1);
-    EXPECT_EQ(only_message(), concat({start_record(4, CONTEXT, 1, 0), finish_record(1)}));
+    EXPECT_EQ(only_message(), joined({start_record(4, CONTEXT, 1, 0), finish_record(1)}));
 }
 
 TEST_F(ClientStreams, LogCallsDoNotLookAtInit)
@@ -295,8 +287,34 @@ TEST_F(ClientStreams, LogCallsDoNotLookAtInit)
     ASSERT_TRUE(logferry::log_start(CONTEXT, 2, 4));
     logferry::log_bool(2, true);
     logferry::log_finish(2);
-    EXPECT_EQ(only_message(), concat({start_record(4, CONTEXT, 2), plain_record<logferry::Logferry_write_bool>(2, 1),
+    EXPECT_EQ(only_message(), joined({start_record(4, CONTEXT, 2), plain_record<logferry::Logferry_write_bool>(2, 1),
                                       finish_record(2)}));
+}
+
+TEST_F(ClientStreams, StartOnAnOpenStreamAppendsToItWhileASpareNodeWaits)
+{
+    // A finished message leaves this thread a spare node; stream 2 is then open on a new one.
+    ASSERT_TRUE(logferry::log_start(CONTEXT, 1, 4));
+    logferry::log_finish(1);
+    ASSERT_TRUE(logferry::log_start(CONTEXT, 2, 4));
+    ASSERT_TRUE(logferry::log_start(CONTEXT, 3, 4));
+    logferry::log_finish(3);
+    // Spare node waiting, stream 2 open: the start goes into stream 2.
+    ASSERT_TRUE(logferry::log_start(CONTEXT, 2, 5));
+    EXPECT_TRUE(logferry::is_logstream_enabled(2));
+    EXPECT_FALSE(logferry::is_logstream_enabled(3));
+    logferry::log_finish(2);
+    // The spare node is still there for the next new stream.
+    ASSERT_TRUE(logferry::log_start(CONTEXT, 4, 4));
+    logferry::log_finish(4);
+
+    const std::vector<Bytes> all = messages();
+    ASSERT_EQ(all.size(), 4u);
+    EXPECT_EQ(all[0], joined({start_record(4, CONTEXT, 1), finish_record(1)}));
+    EXPECT_EQ(all[1], joined({start_record(4, CONTEXT, 3), finish_record(3)}));
+    EXPECT_EQ(all[2], joined({start_record(4, CONTEXT, 2), start_record(5, CONTEXT, 2), finish_record(2)}));
+    EXPECT_EQ(all[3], joined({start_record(4, CONTEXT, 4), finish_record(4)}));
+    EXPECT_TRUE(logferry::incomplete_logstream_messages.empty());
 }
 
 // ---------------------------------------------------------------------------------------
@@ -322,7 +340,7 @@ TEST_F(ClientStreams, EveryTypedCallWritesItsRecord)
     logferry::log_finish(key);
 
     using namespace logferry;
-    const Bytes expected = concat({
+    const Bytes expected = joined({
         start_record(4, CONTEXT, key),
         plain_record<Logferry_write_bool>(key, 1),
         plain_record<Logferry_write_bool>(key, 0),
@@ -348,7 +366,7 @@ TEST_F(ClientStreams, EveryTypedCallWritesItsRecord)
     EXPECT_EQ(records[4], (Bytes{11, 0x44, 0x33, 0x22, 0x11, 0xFE, 0xFF}));
     EXPECT_EQ(records[8], (Bytes{15, 2, 0x34, 0x12, 0x44, 0x33, 0x22, 0x11}));
     EXPECT_EQ(records[11], (Bytes{18, 0x44, 0x33, 0x22, 0x11, 0x00, 0x00, 0x80, 0x3F}));
-    EXPECT_EQ(records[13], concat({Bytes{20, 19, 0, 0x44, 0x33, 0x22, 0x11},
+    EXPECT_EQ(records[13], joined({Bytes{20, 19, 0, 0x44, 0x33, 0x22, 0x11},
                                    Bytes{'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', 0}}));
 }
 
@@ -365,7 +383,7 @@ TEST_F(ClientStreams, FormatsOutsideZeroToSixAreSentAsZero)
         log_uint64_formatted(1, 4, code);
         log_finish(1);
         EXPECT_EQ(only_message(),
-                  concat({formatted_record<Logferry_write_uint8_formatted>(1, 1, sent),
+                  joined({formatted_record<Logferry_write_uint8_formatted>(1, 1, sent),
                           formatted_record<Logferry_write_uint16_formatted>(1, 2, sent),
                           formatted_record<Logferry_write_uint32_formatted>(1, 3, sent),
                           formatted_record<Logferry_write_uint64_formatted>(1, 4, sent), finish_record(1)}))
@@ -402,7 +420,7 @@ TEST_F(ClientStreams, Utf8StringOf1388CharactersIsRecorded)
     ASSERT_EQ(record.size(), 1396u);
     EXPECT_EQ(record[1], 1396 & 0xFF);
     EXPECT_EQ(record[2], 1396 >> 8);
-    EXPECT_EQ(message, concat({record, finish_record(1)}));
+    EXPECT_EQ(message, joined({record, finish_record(1)}));
 }
 
 TEST_F(ClientStreams, Utf8StringOf1389CharactersIsDropped)
@@ -414,7 +432,7 @@ TEST_F(ClientStreams, Utf8StringOf1389CharactersIsDropped)
     logferry::log_utf8_string(1, longer.c_str());
     logferry::log_utf8_string(1, nullptr);
     logferry::log_finish(1);
-    EXPECT_EQ(only_message(), concat({start_record(4, CONTEXT, 1), finish_record(1)}));
+    EXPECT_EQ(only_message(), joined({start_record(4, CONTEXT, 1), finish_record(1)}));
 }
 
 TEST_F(ClientStreams, DroppedValueOpensNoStream)
@@ -432,7 +450,7 @@ TEST_F(ClientStreams, EmptyUtf8String)
 {
     logferry::log_utf8_string(1, "");
     logferry::log_finish(1);
-    EXPECT_EQ(only_message(), concat({Bytes{20, 8, 0, 1, 0, 0, 0, 0}, finish_record(1)}));
+    EXPECT_EQ(only_message(), joined({Bytes{20, 8, 0, 1, 0, 0, 0, 0}, finish_record(1)}));
 }
 
 TEST_F(ClientStreams, StringViewStopsAtZeroButKeepsGivenLength)
@@ -440,7 +458,7 @@ TEST_F(ClientStreams, StringViewStopsAtZeroButKeepsGivenLength)
     const char text[] = {'a', 'b', 'c', 0, 'e', 'f', 'g', 'h', 'i', 'j'};
     logferry::log_string_view(1, text, 10);
     logferry::log_finish(1);
-    EXPECT_EQ(only_message(), concat({Bytes{20, 18, 0, 1, 0, 0, 0, 'a', 'b', 'c', 0}, finish_record(1)}));
+    EXPECT_EQ(only_message(), joined({Bytes{20, 18, 0, 1, 0, 0, 0, 'a', 'b', 'c', 0}, finish_record(1)}));
 }
 
 TEST_F(ClientStreams, StringViewCopiesAtMostLengthBytes)
@@ -448,7 +466,7 @@ TEST_F(ClientStreams, StringViewCopiesAtMostLengthBytes)
     logferry::log_string_view(1, "hello world", 5);
     logferry::log_string_view(1, "abc", 0);
     logferry::log_finish(1);
-    EXPECT_EQ(only_message(), concat({text_record(1, "hello", 13), Bytes{20, 8, 0, 1, 0, 0, 0, 0}, finish_record(1)}));
+    EXPECT_EQ(only_message(), joined({text_record(1, "hello", 13), Bytes{20, 8, 0, 1, 0, 0, 0, 0}, finish_record(1)}));
 }
 
 TEST_F(ClientStreams, StringViewLimits)
@@ -459,7 +477,7 @@ TEST_F(ClientStreams, StringViewLimits)
     logferry::log_string_view(1, text.c_str(), std::numeric_limits<std::uint64_t>::max());
     logferry::log_string_view(1, nullptr, 3);
     logferry::log_finish(1);
-    EXPECT_EQ(only_message(), concat({text_record(1, text, 1396), finish_record(1)}));
+    EXPECT_EQ(only_message(), joined({text_record(1, text, 1396), finish_record(1)}));
 }
 
 TEST_F(ClientStreams, RawFormattedLimits)
@@ -473,7 +491,7 @@ TEST_F(ClientStreams, RawFormattedLimits)
     logferry::log_finish(1);
     const Bytes record = raw_record(1, Bytes(data.begin(), data.begin() + 1389), 2);
     ASSERT_EQ(record.size(), 1399u);
-    EXPECT_EQ(only_message(), concat({start_record(4, CONTEXT, 1), record, finish_record(1)}));
+    EXPECT_EQ(only_message(), joined({start_record(4, CONTEXT, 1), record, finish_record(1)}));
 }
 
 TEST_F(ClientStreams, RawFormattedCopiesZeroBytesAndPassesFormatUnchecked)
@@ -482,7 +500,7 @@ TEST_F(ClientStreams, RawFormattedCopiesZeroBytesAndPassesFormatUnchecked)
     logferry::log_raw_formatted(1, data, 4, static_cast<LogFormat>(9));
     logferry::log_raw_formatted(1, data, 0, LogFormat::kOct);
     logferry::log_finish(1);
-    EXPECT_EQ(only_message(), concat({Bytes{21, 14, 0, 9, 4, 0, 1, 0, 0, 0, 0, 1, 0, 2},
+    EXPECT_EQ(only_message(), joined({Bytes{21, 14, 0, 9, 4, 0, 1, 0, 0, 0, 0, 1, 0, 2},
                                       Bytes{21, 10, 0, 3, 0, 0, 1, 0, 0, 0}, finish_record(1)}));
 }
 
@@ -497,7 +515,7 @@ TEST_F(ClientStreams, EncodedPayloadRules)
     logferry::log_encoded_payload(1, payload, 3);
     logferry::log_encoded_payload(1, payload, 0);
     logferry::log_finish(1);
-    EXPECT_EQ(only_message(), concat({start_record(4, CONTEXT, 1), encoded_payload_record(1, payload),
+    EXPECT_EQ(only_message(), joined({start_record(4, CONTEXT, 1), encoded_payload_record(1, payload),
                                       encoded_payload_record(1, Bytes(payload.begin(), payload.begin() + 3)),
                                       Bytes{22, 9, 0, 0, 0, 1, 0, 0, 0}, finish_record(1)}));
 }
@@ -506,7 +524,7 @@ TEST_F(ClientStreams, EncodedPayloadAsFirstRecordIsRefusedByTheChannel)
 {
     logferry::log_encoded_payload(1, Bytes{1, 2}, 2);
     std::string output = logferry_test::capture_stderr([] { logferry::log_finish(1); });
-    EXPECT_EQ(output, "logferry: unknown message type 22\n");
+    EXPECT_EQ(output, diagnostic("unknown message type 22"));
     EXPECT_TRUE(messages().empty());
     EXPECT_FALSE(logferry::is_logstream_enabled(1));
 }
@@ -523,6 +541,16 @@ TEST_F(ClientStreams, EncodedMessageIsSentAtOnce)
 
     logferry::log_encoded_message(Bytes{1}, 0);
     EXPECT_EQ(only_message(), (Bytes{23, 5, 0, 0, 0}));
+}
+
+TEST_F(ClientStreams, EncodedMessageIsPaddedWithZerosBeyondSixteen)
+{
+    logferry::log_encoded_message(Bytes{1, 2, 3}, 40);
+    Bytes expected{23, 45, 0, 40, 0, 1, 2, 3};
+    expected.resize(expected.size() + 37, 0);
+    const std::vector<Bytes> all = messages();
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all[0], expected);
 }
 
 TEST_F(ClientStreams, EncodedMessageLimits)
@@ -544,7 +572,7 @@ TEST_F(ClientStreams, EncodedMessageDoesNotTouchOpenStreams)
     logferry::log_encoded_message(Bytes{5}, 1);
     EXPECT_EQ(only_message(), (Bytes{23, 6, 0, 1, 0, 5}));
     logferry::log_finish(1);
-    EXPECT_EQ(only_message(), concat({start_record(4, CONTEXT, 1), finish_record(1)}));
+    EXPECT_EQ(only_message(), joined({start_record(4, CONTEXT, 1), finish_record(1)}));
 }
 
 TEST_F(ClientStreams, AppendToLogstreamCopiesBytes)
@@ -581,22 +609,22 @@ TEST_F(ClientStreams, SuccessiveMessagesCarryNothingOfEachOther)
     Bytes big = start_record(4, CONTEXT, 1);
     for (int i = 0; i < 40; ++i) {
         logferry::log_utf8_string(1, chunk.c_str());
-        big = concat({big, text_record(1, chunk, 1008)});
+        big = joined({big, text_record(1, chunk, 1008)});
     }
     logferry::log_finish(1);
-    big = concat({big, finish_record(1)});
+    big = joined({big, finish_record(1)});
     EXPECT_EQ(only_message(), big);
 
     for (int round = 0; round < 3; ++round) {
         ASSERT_TRUE(logferry::log_start(CONTEXT, 1, 3));
         logferry::log_int16(1, static_cast<std::int16_t>(round));
         logferry::log_finish(1);
-        EXPECT_EQ(only_message(), concat({start_record(3, CONTEXT, 1),
+        EXPECT_EQ(only_message(), joined({start_record(3, CONTEXT, 1),
                                           plain_record<logferry::Logferry_write_int16>(1, round), finish_record(1)}));
 
         logferry::log_utf8_string(2, "other");
         logferry::log_finish(2);
-        EXPECT_EQ(only_message(), concat({text_record(2, "other", 13), finish_record(2)}));
+        EXPECT_EQ(only_message(), joined({text_record(2, "other", 13), finish_record(2)}));
 
         logferry::log_finish(7);
         EXPECT_EQ(only_message(), finish_record(7));
@@ -613,9 +641,9 @@ TEST_F(ClientStreams, InterleavedKeysOnOneThreadStaySeparate)
     logferry::log_finish(1);
     const auto all = messages();
     ASSERT_EQ(all.size(), 2u);
-    EXPECT_EQ(all[0], concat({start_record(5, CONTEXT, 2), plain_record<logferry::Logferry_write_int32>(2, 200),
+    EXPECT_EQ(all[0], joined({start_record(5, CONTEXT, 2), plain_record<logferry::Logferry_write_int32>(2, 200),
                               finish_record(2)}));
-    EXPECT_EQ(all[1], concat({start_record(4, CONTEXT, 1), plain_record<logferry::Logferry_write_int32>(1, 100),
+    EXPECT_EQ(all[1], joined({start_record(4, CONTEXT, 1), plain_record<logferry::Logferry_write_int32>(1, 100),
                               finish_record(1)}));
 }
 
@@ -656,7 +684,7 @@ TEST_F(ClientStreams, TwoThreadsInAlternationBuildTwoCompleteMessages)
     const auto all = messages();
     ASSERT_EQ(all.size(), 2u);
     auto expected = [](std::uint32_t key) {
-        return concat({start_record(4, CONTEXT, key),
+        return joined({start_record(4, CONTEXT, key),
                        plain_record<logferry::Logferry_write_int32>(key, static_cast<std::int32_t>(key * 10)),
                        text_record(key, key == 1 ? "from A" : "from B", 14),
                        formatted_record<logferry::Logferry_write_uint32_formatted>(key, key, 2), finish_record(key)});
@@ -722,7 +750,7 @@ TEST_F(ClientStreams, ConcurrentStreamsFromSeveralThreadsArriveComplete)
         const auto k = static_cast<std::uint32_t>(key);
         const int i = next[k]++;
         const std::string text = "writer " + std::to_string(key - 100);
-        EXPECT_EQ(message, concat({start_record(4, CONTEXT, k), plain_record<logferry::Logferry_write_int32>(k, i),
+        EXPECT_EQ(message, joined({start_record(4, CONTEXT, k), plain_record<logferry::Logferry_write_int32>(k, i),
                                    text_record(k, text, static_cast<std::uint16_t>(text.size() + 8)),
                                    formatted_record<logferry::Logferry_write_uint64_formatted>(
                                        k, static_cast<std::uint64_t>(i) * 3, 1),
@@ -748,7 +776,7 @@ TEST_F(ClientStreams, MessageStartedOnOneThreadFinishedOnAnother)
     other.join();
     const auto all = messages();
     ASSERT_EQ(all.size(), 2u);
-    EXPECT_EQ(all[0], concat({start_record(4, CONTEXT, 30), plain_record<logferry::Logferry_write_int8>(30, 1),
+    EXPECT_EQ(all[0], joined({start_record(4, CONTEXT, 30), plain_record<logferry::Logferry_write_int8>(30, 1),
                               plain_record<logferry::Logferry_write_int8>(30, 2), finish_record(30)}));
-    EXPECT_EQ(all[1], concat({plain_record<logferry::Logferry_write_int8>(31, 3), finish_record(31)}));
+    EXPECT_EQ(all[1], joined({plain_record<logferry::Logferry_write_int8>(31, 3), finish_record(31)}));
 }

@@ -23,12 +23,8 @@ extern "C" int fuzz_channel_priority_entry(const std::uint8_t* data, std::size_t
 extern "C" int fuzz_channel_liveness_entry(const std::uint8_t* data, std::size_t size);
 extern "C" int fuzz_listener_entry(const std::uint8_t* data, std::size_t size);
 extern "C" int fuzz_deserialize_entry(const std::uint8_t* data, std::size_t size);
-#if defined(LOGFERRY_FUZZ_DAEMON_MESSAGE)
 extern "C" int fuzz_daemon_message_entry(const std::uint8_t* data, std::size_t size);
-#endif
-#if defined(LOGFERRY_FUZZ_DECODER)
 extern "C" int fuzz_decoder_entry(const std::uint8_t* data, std::size_t size);
-#endif
 
 namespace {
 
@@ -91,10 +87,6 @@ TEST(FuzzRegressions, Listener) { EXPECT_GT(replay("fuzz_listener", fuzz_listene
 
 TEST(FuzzRegressions, Deserialize) { EXPECT_GT(replay("fuzz_deserialize", fuzz_deserialize_entry), 0u); }
 
-#if defined(LOGFERRY_FUZZ_DAEMON_MESSAGE)
 TEST(FuzzRegressions, DaemonMessage) { EXPECT_GT(replay("fuzz_daemon_message", fuzz_daemon_message_entry), 0u); }
-#endif
 
-#if defined(LOGFERRY_FUZZ_DECODER)
 TEST(FuzzRegressions, Decoder) { EXPECT_GT(replay("fuzz_decoder", fuzz_decoder_entry), 0u); }
-#endif

@@ -26,8 +26,10 @@
 #include <gtest/gtest.h>
 
 #include "logferry/listener.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
 #include "support/robust_list.hpp"
+#include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
 
 // Every allocation of this program is counted, so that a test can prove that an operation
@@ -57,57 +59,44 @@ using logferry::Logferry_listener;
 using logferry_test::capture_stderr;
 using logferry_test::count_mappings;
 using logferry_test::count_open_fds;
+using logferry_test::diagnostic;
+using logferry_test::error_while;
 using logferry_test::Fake_system;
+using logferry_test::LISTENER_SEGMENT;
+using logferry_test::name_too_long;
+using logferry_test::not_initialized;
 using logferry_test::Op;
+using logferry_test::path_exists;
 using logferry_test::Scoped_system;
 using logferry_test::shm_exists;
 using logferry_test::wait_until;
 
 namespace {
 
-const char* const SHM_NAME = "/logferry-daemon-listener";
-const std::string WATCHDOG_MESSAGE = "logferry: proxy watchdog triggered.\n";
-const std::string NOT_INITIALIZED = "logferry: shared memory not initialized.\n";
+const std::string WATCHDOG_MESSAGE = diagnostic("proxy watchdog triggered.");
 
-bool path_exists(const std::string& path)
-{
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
-}
-
-// A run-state directory of the test's own (with "ara_DLT"), announced through
-// ADAPTIVE_RUNSTATE_DIR; removed again, together with anything under the fixed names.
-class Runstate_dir {
+// The test's own run-state directory (with "ara_DLT"), with nothing under the listener's
+// fixed names at the start; what a test leaves behind makes it fail, and is removed.
+class Listener_runstate {
 public:
-    Runstate_dir()
-    {
-        char pattern[] = "/tmp/lf-listener-XXXXXX";
-        const char* made = ::mkdtemp(pattern);
-        EXPECT_NE(made, nullptr);
-        root_ = made != nullptr ? made : "/tmp";
-        EXPECT_EQ(::mkdir((root_ + "/ara_DLT").c_str(), 0755), 0);
-        ::setenv("ADAPTIVE_RUNSTATE_DIR", root_.c_str(), 1);
-        ::shm_unlink(SHM_NAME);
-    }
+    Listener_runstate() { ::shm_unlink(LISTENER_SEGMENT); }
 
-    ~Runstate_dir()
+    ~Listener_runstate()
     {
         EXPECT_FALSE(path_exists(lock_file())) << "the daemon left its lock file";
         ::unlink(lock_file().c_str());
-        EXPECT_EQ(::rmdir((root_ + "/ara_DLT").c_str()), 0);
-        EXPECT_EQ(::rmdir(root_.c_str()), 0);
-        EXPECT_FALSE(shm_exists(SHM_NAME)) << "the listener segment was left behind";
-        ::shm_unlink(SHM_NAME);
-        ::unsetenv("ADAPTIVE_RUNSTATE_DIR");
+        EXPECT_EQ(dir_.contents(), std::vector<std::string>{"ara_DLT"}) << "something was left in " << dir_.root();
+        EXPECT_FALSE(shm_exists(LISTENER_SEGMENT)) << "the listener segment was left behind";
+        ::shm_unlink(LISTENER_SEGMENT);
     }
 
-    Runstate_dir(const Runstate_dir&) = delete;
-    Runstate_dir& operator=(const Runstate_dir&) = delete;
+    Listener_runstate(const Listener_runstate&) = delete;
+    Listener_runstate& operator=(const Listener_runstate&) = delete;
 
-    std::string lock_file() const { return root_ + "/ara_DLT/logferry-daemon-listener.lock"; }
+    std::string lock_file() const { return dir_.lock_file(); }
 
 private:
-    std::string root_;
+    logferry_test::Runstate_dir dir_;
 };
 
 // Length-prefixed strings over a pipe. Reads wait at most 10 s for each piece.
@@ -231,7 +220,7 @@ public:
         const int status = logferry_test::wait_child(pid_);
         ::close(from_child_);
         pid_ = -1;
-        return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+        return logferry_test::exited_cleanly(status);
     }
 
 private:
@@ -364,7 +353,7 @@ public:
     ~Daemon_and_application()
     {
         application.uninit();
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_TRUE(daemon.stop());
     }
 
@@ -376,16 +365,23 @@ public:
 
 }  // namespace
 
-TEST(ListenerList, OperationsRefuseAnUninitialisedListener)
-{
-    Runstate_dir dir;
+// The test's run-state directory, and the fake system installed for the test's lifetime.
+class ListenerListOnFakeSystem : public ::testing::Test {
+protected:
+    Listener_runstate dir;
     Fake_system fake;
-    Scoped_system installed(&fake);
+
+private:
+    Scoped_system installed_{&fake};
+};
+
+TEST_F(ListenerListOnFakeSystem, OperationsRefuseAnUninitialisedListener)
+{
     Logferry_listener application(false);
     bool ok = true;
     std::string name = "x";
 
-    EXPECT_EQ(capture_stderr([&] { ok = application.push("/logferry-a"); }), NOT_INITIALIZED);
+    EXPECT_EQ(capture_stderr([&] { ok = application.push("/logferry-a"); }), not_initialized());
     EXPECT_FALSE(ok);
     EXPECT_EQ(capture_stderr([&] { ok = application.check_list("/logferry-a"); }), "");
     EXPECT_FALSE(ok);
@@ -395,24 +391,24 @@ TEST(ListenerList, OperationsRefuseAnUninitialisedListener)
     application.own_entry = 3;
     EXPECT_EQ(capture_stderr([&] { ok = application.check_list("/logferry-a"); }), "");
     EXPECT_FALSE(ok);
-    EXPECT_EQ(capture_stderr([&] { ok = application.pop(); }), NOT_INITIALIZED);
+    EXPECT_EQ(capture_stderr([&] { ok = application.pop(); }), not_initialized());
     EXPECT_FALSE(ok);
     EXPECT_EQ(application.own_entry, 3);
-    EXPECT_EQ(capture_stderr([&] { name = application.get_next(); }), NOT_INITIALIZED);
+    EXPECT_EQ(capture_stderr([&] { name = application.get_next(); }), not_initialized());
     EXPECT_EQ(name, "");
-    EXPECT_EQ(capture_stderr([&] { ok = application.has_new_entry(); }), NOT_INITIALIZED);
+    EXPECT_EQ(capture_stderr([&] { ok = application.has_new_entry(); }), not_initialized());
     EXPECT_FALSE(ok);
     // Not initialised reads as "not empty".
     ok = true;
-    EXPECT_EQ(capture_stderr([&] { ok = application.is_empty(); }), NOT_INITIALIZED);
+    EXPECT_EQ(capture_stderr([&] { ok = application.is_empty(); }), not_initialized());
     EXPECT_FALSE(ok);
     // Only the daemon runs the proxy watchdogs.
     EXPECT_EQ(capture_stderr([&] { application.check_watchdogs(); }), "");
 
     Logferry_listener daemon(true);
-    EXPECT_EQ(capture_stderr([&] { daemon.check_watchdogs(); }), "logferry: proxy watchdogs not allocated.\n");
+    EXPECT_EQ(capture_stderr([&] { daemon.check_watchdogs(); }), diagnostic("proxy watchdogs not allocated."));
     daemon.proxy_watchdogs.reset(new std::int64_t[logferry::LISTENER_ENTRY_COUNT]());
-    EXPECT_EQ(capture_stderr([&] { daemon.check_watchdogs(); }), NOT_INITIALIZED);
+    EXPECT_EQ(capture_stderr([&] { daemon.check_watchdogs(); }), not_initialized());
     daemon.disable_listening();
     EXPECT_EQ(capture_stderr([&] { daemon.check_watchdogs(); }), "");
 
@@ -423,7 +419,7 @@ TEST(ListenerList, OperationsRefuseAnUninitialisedListener)
 
 TEST(ListenerList, AnnouncementTravelsToTheDaemonAndIsWithdrawn)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& application = both.application;
     const std::string name = "/logferry-app1-12345-5f3a";
@@ -477,7 +473,7 @@ TEST(ListenerList, AnnouncementTravelsToTheDaemonAndIsWithdrawn)
 
 TEST(ListenerList, FullLengthNameIsStoredWithoutTerminator)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& application = both.application;
     const std::string name = "/logferry-abcdefghijklmnopqrstuv";
@@ -505,10 +501,9 @@ TEST(ListenerList, FullLengthNameIsStoredWithoutTerminator)
     // One byte more is refused by both.
     const std::string too_long = name + "w";
     bool ok = true;
-    EXPECT_EQ(capture_stderr([&] { ok = application.push(too_long); }), "logferry: shared memory name too long.\n");
+    EXPECT_EQ(capture_stderr([&] { ok = application.push(too_long); }), name_too_long());
     EXPECT_FALSE(ok);
-    EXPECT_EQ(capture_stderr([&] { ok = application.check_list(too_long); }),
-              "logferry: shared memory name too long.\n");
+    EXPECT_EQ(capture_stderr([&] { ok = application.check_list(too_long); }), name_too_long());
     EXPECT_FALSE(ok);
     expect_list(both.segment(), expected);
     EXPECT_EQ(application.own_entry, 31);
@@ -517,15 +512,15 @@ TEST(ListenerList, FullLengthNameIsStoredWithoutTerminator)
 
 TEST(ListenerList, EmptyNameIsRefused)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& application = both.application;
     bool ok = true;
-    EXPECT_EQ(capture_stderr([&] { ok = application.push(""); }), "logferry: shared memory name empty.\n");
+    EXPECT_EQ(capture_stderr([&] { ok = application.push(""); }), diagnostic("shared memory name empty."));
     EXPECT_FALSE(ok);
     expect_list(both.segment(), Expected_list());
     ASSERT_TRUE(application.push("/logferry-a"));
-    EXPECT_EQ(capture_stderr([&] { ok = application.check_list(""); }), "logferry: shared memory name empty.\n");
+    EXPECT_EQ(capture_stderr([&] { ok = application.check_list(""); }), diagnostic("shared memory name empty."));
     EXPECT_FALSE(ok);
     EXPECT_EQ(application.unacknowledged_checks, 0);
     EXPECT_TRUE(application.pop());
@@ -533,7 +528,7 @@ TEST(ListenerList, EmptyNameIsRefused)
 
 TEST(ListenerList, FullListRefusesSilentlyAndKeepsTheSyncedIndices)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& application = both.application;
     Expected_list expected;
@@ -577,7 +572,7 @@ TEST(ListenerList, FullListRefusesSilentlyAndKeepsTheSyncedIndices)
 
 TEST(ListenerList, ClientWatchdogFreesTheEntryOnThe100thUnansweredCheck)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& application = both.application;
     const std::string name = "/logferry-watched";
@@ -598,7 +593,7 @@ TEST(ListenerList, ClientWatchdogFreesTheEntryOnThe100thUnansweredCheck)
     expect_list(both.segment(), expected);
 
     bool ok = true;
-    EXPECT_EQ(capture_stderr([&] { ok = application.check_list(name); }), "logferry: client watchdog triggered.\n");
+    EXPECT_EQ(capture_stderr([&] { ok = application.check_list(name); }), diagnostic("client watchdog triggered."));
     EXPECT_FALSE(ok);
     EXPECT_EQ(application.own_entry, -1);
     EXPECT_EQ(application.unacknowledged_checks, 0);
@@ -612,7 +607,7 @@ TEST(ListenerList, ClientWatchdogFreesTheEntryOnThe100thUnansweredCheck)
 
 TEST(ListenerList, PickedUpEntryIsCheckedWithoutCounting)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& application = both.application;
     const std::string name = "/logferry-picked";
@@ -639,7 +634,7 @@ TEST(ListenerList, PickedUpEntryIsCheckedWithoutCounting)
 
 TEST(ListenerList, OtherNamesInTheOwnEntryAreMismatches)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& application = both.application;
     const std::string name = "/logferry-abcdef";
@@ -649,7 +644,7 @@ TEST(ListenerList, OtherNamesInTheOwnEntryAreMismatches)
     expected.entries[0] = entry_of(name, 0, 1);
     expected.write_index = 1;
 
-    const std::string mismatch = "logferry: list entry mismatch.\n";
+    const std::string mismatch = diagnostic("list entry mismatch.");
     for (const std::string& other : {std::string("/logferry-abc"),       // a prefix of the stored name
                                      std::string("/logferry-abcdefgh"),  // longer than the stored name
                                      std::string("/logferry-zzzzzz")}) {
@@ -667,7 +662,7 @@ TEST(ListenerList, OtherNamesInTheOwnEntryAreMismatches)
 
 TEST(ListenerList, PopEmptiesTheSlotWhoeverFilledIt)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& first = both.application;
     ASSERT_TRUE(first.push("/logferry-first"));
@@ -695,7 +690,7 @@ TEST(ListenerList, PopEmptiesTheSlotWhoeverFilledIt)
 
 TEST(ListenerList, ProxyWatchdogFreesAnEntryFiveSecondsAfterItWasSeen)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& application = both.application;
     const std::string name = "/logferry-forgotten";
@@ -734,7 +729,7 @@ TEST(ListenerList, ProxyWatchdogFreesAnEntryFiveSecondsAfterItWasSeen)
 
 TEST(ListenerList, RefillOrWithdrawalRestartsTheProxyWatchdog)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& application = both.application;
     for (int i = 0; i < 32; ++i) {
@@ -769,7 +764,7 @@ TEST(ListenerList, RefillOrWithdrawalRestartsTheProxyWatchdog)
 
 TEST(ListenerList, ProxyWatchdogRepairsAStuckEntry)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     {
         logferry::Mutex_lock_guard lock(&both.segment()->list_mutex.mutex, false);
@@ -792,7 +787,7 @@ TEST(ListenerList, ProxyWatchdogRepairsAStuckEntry)
 
 TEST(ListenerList, SyncKeepsUsableIndicesAndRescansTheOthers)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& application = both.application;
     Listener_segment* segment = both.segment();
@@ -846,7 +841,7 @@ TEST(ListenerList, SyncKeepsUsableIndicesAndRescansTheOthers)
 
 TEST(ListenerList, IndicesOutsideTheListAreRescanned)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& application = both.application;
     Listener_segment* segment = both.segment();
@@ -888,14 +883,14 @@ TEST(ListenerList, IndicesOutsideTheListAreRescanned)
 TEST(ListenerList, DeadHolderOfTheListMutexIsTakenOverSilently)
 {
     LOGFERRY_REQUIRE_ROBUST_LIST();
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Listener_segment* segment = both.segment();
     // A child shares the mapping, takes the list mutex and dies holding it.
     const int pid =
         logferry_test::fork_child([segment] { return ::pthread_mutex_lock(&segment->list_mutex.mutex) == 0 ? 0 : 1; });
     const int status = logferry_test::wait_child(pid);
-    ASSERT_TRUE(status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ASSERT_TRUE(logferry_test::exited_cleanly(status));
 
     Fake_system fake;
     Scoped_system installed(&fake);
@@ -909,7 +904,7 @@ TEST(ListenerList, DeadHolderOfTheListMutexIsTakenOverSilently)
 
 TEST(ListenerList, ManyApplicationsAnnounceAtOnce)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Peer daemon(true);
     ASSERT_EQ(daemon.call("init").result, "1");
 
@@ -956,7 +951,7 @@ TEST(ListenerList, ManyApplicationsAnnounceAtOnce)
         statuses.push_back(logferry_test::wait_child(pid));
     }
     for (int status : statuses) {
-        EXPECT_TRUE(status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_TRUE(logferry_test::exited_cleanly(status)) << status;
     }
     // Then the last announcements.
     for (std::uint32_t i = 0; i < logferry::LISTENER_ENTRY_COUNT; ++i) {
@@ -976,11 +971,8 @@ TEST(ListenerList, ManyApplicationsAnnounceAtOnce)
     EXPECT_TRUE(daemon.stop());
 }
 
-TEST(ListenerList, ClockFailureStopsTheWatchdogPass)
+TEST_F(ListenerListOnFakeSystem, ClockFailureStopsTheWatchdogPass)
 {
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     Logferry_listener daemon(true);
     ASSERT_TRUE(daemon.init());
     // An application in another process announces itself.
@@ -989,7 +981,7 @@ TEST(ListenerList, ClockFailureStopsTheWatchdogPass)
         return application.init() && application.push("/logferry-child") ? 0 : 1;
     });
     const int status = logferry_test::wait_child(pid);
-    ASSERT_TRUE(status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ASSERT_TRUE(logferry_test::exited_cleanly(status));
     Expected_list expected;
     expected.entries[0] = entry_of("/logferry-child", 0, 1);
     expected.write_index = 1;
@@ -997,8 +989,7 @@ TEST(ListenerList, ClockFailureStopsTheWatchdogPass)
 
     fake.reset_calls();
     fake.fail(Op::clock_gettime, -1, EINVAL);
-    EXPECT_EQ(capture_stderr([&] { daemon.check_watchdogs(); }),
-              "logferry: error while getting time: " + std::string(std::strerror(EINVAL)) + "\n");
+    EXPECT_EQ(capture_stderr([&] { daemon.check_watchdogs(); }), error_while("getting time", EINVAL));
     EXPECT_EQ(fake.calls(Op::pthread_mutex_lock), 0);
     expect_list(daemon.segment, expected);
 
@@ -1037,15 +1028,15 @@ TEST(ListenerList, ClockFailureStopsTheWatchdogPass)
 
     // No longer listening, the daemon leaves the segment and the lock file in place.
     daemon.uninit();
-    EXPECT_TRUE(shm_exists(SHM_NAME));
+    EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));
     EXPECT_TRUE(path_exists(dir.lock_file()));
-    EXPECT_EQ(::shm_unlink(SHM_NAME), 0);
+    EXPECT_EQ(::shm_unlink(LISTENER_SEGMENT), 0);
     EXPECT_EQ(::unlink(dir.lock_file().c_str()), 0);
 }
 
 TEST(ListenerList, OnlyGetNextAllocates)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Daemon_and_application both;
     Logferry_listener& application = both.application;
     const std::string name = "/logferry-allocation-free-name";
@@ -1087,7 +1078,7 @@ TEST(ListenerList, OnlyGetNextAllocates)
 
 TEST(ListenerList, NothingStaysOpenOrMapped)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     const int fds_at_start = count_open_fds();
     Peer daemon(true);
     ASSERT_EQ(daemon.call("init").result, "1");
@@ -1100,15 +1091,15 @@ TEST(ListenerList, NothingStaysOpenOrMapped)
         ASSERT_EQ(daemon.call("get_next").result, "/logferry-open");
         ASSERT_TRUE(application.pop());
         EXPECT_EQ(count_open_fds(), fds_before);
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
         application.uninit();
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(count_open_fds(), fds_before);
         // uninit keeps nothing but the own entry's index (-1 after the pop).
         EXPECT_EQ(application.own_entry, -1);
     }
     EXPECT_EQ(daemon.call("uninit").output, "");
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
     EXPECT_FALSE(path_exists(dir.lock_file()));
     EXPECT_TRUE(daemon.stop());
     EXPECT_EQ(count_open_fds(), fds_at_start);

@@ -5,10 +5,8 @@
 // needs a live daemon, a forked child plays the daemon.
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -21,7 +19,11 @@
 #include <gtest/gtest.h>
 
 #include "logferry/listener.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
+#include "support/listener_checks.hpp"
+#include "support/listener_daemon.hpp"
+#include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
 
 using logferry::Listener_entry;
@@ -30,68 +32,57 @@ using logferry::Logferry_listener;
 using logferry_test::capture_stderr;
 using logferry_test::count_mappings;
 using logferry_test::count_open_fds;
+using logferry_test::entries_and_indices_zero;
+using logferry_test::error_while;
+using logferry_test::exited_cleanly;
 using logferry_test::Fake_system;
+using logferry_test::FALLBACK_LOCK_FILE;
+using logferry_test::Listener_daemon_child;
+using logferry_test::LISTENER_SEGMENT;
+using logferry_test::lock_held_by_other_process;
 using logferry_test::Op;
+using logferry_test::owner_error;
+using logferry_test::path_exists;
 using logferry_test::Scoped_system;
 using logferry_test::shm_exists;
 using logferry_test::wait_until;
 
 namespace {
 
-const char* const SHM_NAME = "/logferry-daemon-listener";
-const char* const SHM_PATH = "/dev/shm/logferry-daemon-listener";
-const char* const TMP_LOCK = "/tmp/logferry-daemon-listener.lock";
-
-bool path_exists(const std::string& path)
-{
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
-}
-
-// A run-state directory of the test's own, announced through ADAPTIVE_RUNSTATE_DIR. Without
-// "ara_DLT" in it the listener falls back to the lock file under /tmp, which is removed as
-// well. Whatever a test leaves behind is cleaned up; leftover files make the test fail.
-class Runstate_dir {
+// The test's own run-state directory, with nothing under the listener's fixed names at the
+// start. Without "ara_DLT" in it the listener falls back to the lock file under /tmp, which is
+// removed as well. Whatever a test leaves behind is cleaned up; leftover files make the test
+// fail.
+class Listener_runstate {
 public:
-    explicit Runstate_dir(bool with_ara_dlt = true) : fallback_(!with_ara_dlt)
+    explicit Listener_runstate(bool with_ara_dlt = true) : dir_(with_ara_dlt), fallback_(!with_ara_dlt)
     {
-        char pattern[] = "/tmp/lf-listener-XXXXXX";
-        const char* made = ::mkdtemp(pattern);
-        EXPECT_NE(made, nullptr);
-        root_ = made != nullptr ? made : "/tmp";
-        if (with_ara_dlt) {
-            EXPECT_EQ(::mkdir(ara_dlt().c_str(), 0755), 0);
-        }
-        ::setenv("ADAPTIVE_RUNSTATE_DIR", root_.c_str(), 1);
-        ::shm_unlink(SHM_NAME);  // a stale segment of an earlier, aborted run
+        ::shm_unlink(LISTENER_SEGMENT);  // a stale segment of an earlier, aborted run
         if (fallback_) {
-            ::unlink(TMP_LOCK);
+            ::unlink(FALLBACK_LOCK_FILE);
         }
     }
 
-    ~Runstate_dir()
+    ~Listener_runstate()
     {
         ::unlink(default_lock().c_str());
         if (fallback_) {
-            ::unlink(TMP_LOCK);
+            ::unlink(FALLBACK_LOCK_FILE);
         }
-        if (path_exists(ara_dlt())) {
-            EXPECT_EQ(::rmdir(ara_dlt().c_str()), 0) << "something was left in " << ara_dlt();
-        }
-        EXPECT_EQ(::rmdir(root_.c_str()), 0) << "something was left in " << root_;
-        ::shm_unlink(SHM_NAME);
-        ::unsetenv("ADAPTIVE_RUNSTATE_DIR");
+        const std::vector<std::string> left = dir_.contents();
+        EXPECT_TRUE(left.empty() || left == std::vector<std::string>{"ara_DLT"}) << "something was left in " << root();
+        ::shm_unlink(LISTENER_SEGMENT);
     }
 
-    Runstate_dir(const Runstate_dir&) = delete;
-    Runstate_dir& operator=(const Runstate_dir&) = delete;
+    Listener_runstate(const Listener_runstate&) = delete;
+    Listener_runstate& operator=(const Listener_runstate&) = delete;
 
-    const std::string& root() const { return root_; }
-    std::string ara_dlt() const { return root_ + "/ara_DLT"; }
-    std::string default_lock() const { return root_ + "/ara_DLT/logferry-daemon-listener.lock"; }
+    const std::string& root() const { return dir_.root(); }
+    std::string ara_dlt() const { return dir_.ara_dlt(); }
+    std::string default_lock() const { return dir_.lock_file(); }
 
 private:
-    std::string root_;
+    logferry_test::Runstate_dir dir_;
     bool fallback_;
 };
 
@@ -103,118 +94,7 @@ void create_file(const std::string& path)
     ::close(fd);
 }
 
-// Whether another process sees a lockf lock on the descriptor `fd` (inherited by the child:
-// lockf locks are per process, so the child sees the parent's lock as foreign).
-bool lock_held_by_other_process(int fd)
-{
-    const int pid = logferry_test::fork_child([fd] {
-        const int result = ::lockf(fd, F_TEST, 0);
-        return result == -1 && (errno == EAGAIN || errno == EACCES) ? 0 : 1;
-    });
-    const int status = logferry_test::wait_child(pid);
-    return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 bool is_mapped(const Logferry_listener& listener) { return listener.segment != MAP_FAILED; }
-
-bool all_zero(const void* data, std::size_t size)
-{
-    const unsigned char* bytes = static_cast<const unsigned char*>(data);
-    for (std::size_t i = 0; i < size; ++i) {
-        if (bytes[i] != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Bytes of the segment outside the mutex slot: all entries, both indices and the reserve.
-bool entries_and_indices_zero(const Listener_segment* segment)
-{
-    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(segment);
-    return all_zero(bytes, 1088) && all_zero(bytes + 1136, 8);
-}
-
-// A forked daemon: constructs a listening listener, runs init, reports the result through a
-// pipe and keeps running until stopped; it then destroys its listener (which removes the
-// segment and the lock file) and exits with 0.
-class Daemon_child {
-public:
-    Daemon_child()
-    {
-        EXPECT_EQ(::pipe(ready_), 0);
-        EXPECT_EQ(::pipe(stop_), 0);
-        const int ready_write = ready_[1];
-        const int stop_read = stop_[0];
-        const int ready_read = ready_[0];
-        const int stop_write = stop_[1];
-        pid_ = logferry_test::fork_child([=] {
-            ::close(ready_read);
-            ::close(stop_write);
-            {
-                Logferry_listener daemon(true);
-                const char result = daemon.init() ? '1' : '0';
-                if (::write(ready_write, &result, 1) != 1) {
-                    return 2;
-                }
-                char command = 0;
-                while (::read(stop_read, &command, 1) < 0 && errno == EINTR) {
-                }
-            }
-            return 0;
-        });
-        ::close(ready_[1]);
-        ::close(stop_[0]);
-    }
-
-    ~Daemon_child()
-    {
-        if (pid_ > 0) {
-            stop();
-        }
-        ::close(ready_[0]);
-    }
-
-    Daemon_child(const Daemon_child&) = delete;
-    Daemon_child& operator=(const Daemon_child&) = delete;
-
-    // Whether the child has reported its init result within `timeout`.
-    bool reported_within(std::chrono::milliseconds timeout)
-    {
-        return wait_until(
-            [&] {
-                pollfd poll_fd{ready_[0], POLLIN, 0};
-                return ::poll(&poll_fd, 1, 0) == 1;
-            },
-            timeout);
-    }
-
-    // True once the child reports a successful init (waits at most 10 s).
-    bool wait_ready()
-    {
-        if (!reported_within(std::chrono::milliseconds(10000))) {
-            return false;
-        }
-        char result = 0;
-        return ::read(ready_[0], &result, 1) == 1 && result == '1';
-    }
-
-    int pid() const { return pid_; }
-
-    // Ends the child and tells whether it exited cleanly.
-    bool stop()
-    {
-        ::close(stop_[1]);
-        const int status = logferry_test::wait_child(pid_);
-        pid_ = -1;
-        return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    }
-
-private:
-    int ready_[2] = {-1, -1};
-    int stop_[2] = {-1, -1};
-    int pid_ = -1;
-};
 
 mode_t current_umask()
 {
@@ -224,6 +104,16 @@ mode_t current_umask()
 }
 
 }  // namespace
+
+// The test's run-state directory, and the fake system installed for the test's lifetime.
+class ListenerSegmentOnFakeSystem : public ::testing::Test {
+protected:
+    Listener_runstate dir;
+    Fake_system fake;
+
+private:
+    Scoped_system installed_{&fake};
+};
 
 TEST(ListenerSegment, LayoutMatchesTheSharedFormat)
 {
@@ -252,11 +142,8 @@ TEST(ListenerSegment, LayoutMatchesTheSharedFormat)
     EXPECT_EQ(reinterpret_cast<unsigned char*>(segment->reserved) - raw, 1138);
 }
 
-TEST(ListenerSegment, ConstructionSetsDefaultsWithoutSystemCalls)
+TEST_F(ListenerSegmentOnFakeSystem, ConstructionSetsDefaultsWithoutSystemCalls)
 {
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     {
         Logferry_listener application(false);
         Logferry_listener daemon(true);
@@ -282,7 +169,7 @@ TEST(ListenerSegment, ConstructionSetsDefaultsWithoutSystemCalls)
 
 TEST(ListenerSegment, DaemonInitCreatesAZeroSegmentAndHoldsTheLock)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     const int fds_before = count_open_fds();
     {
         Logferry_listener daemon(true);
@@ -306,13 +193,13 @@ TEST(ListenerSegment, DaemonInitCreatesAZeroSegmentAndHoldsTheLock)
 
         // The segment file: size, mode and the logging group.
         struct stat info {};
-        ASSERT_EQ(::stat(SHM_PATH, &info), 0);
+        ASSERT_EQ(::stat((std::string("/dev/shm") + LISTENER_SEGMENT).c_str(), &info), 0);
         EXPECT_EQ(info.st_size, 1144);
         EXPECT_EQ(info.st_mode & 0777, 0660 & ~current_umask());
         if (::geteuid() == 0) {
             EXPECT_EQ(info.st_gid, 1051u);
         }
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
 
         // The lock file, held locked; the segment descriptor is closed already.
         ASSERT_TRUE(path_exists(dir.default_lock()));
@@ -336,8 +223,8 @@ TEST(ListenerSegment, DaemonInitCreatesAZeroSegmentAndHoldsTheLock)
         EXPECT_FALSE(daemon.is_initialized());
         EXPECT_EQ(daemon.segment, MAP_FAILED);
         EXPECT_EQ(daemon.proxy_watchdogs, nullptr);
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
-        EXPECT_FALSE(shm_exists(SHM_NAME));
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
+        EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
         EXPECT_FALSE(path_exists(dir.default_lock()));
         ASSERT_GE(daemon.lock_file.fd, 0);
         EXPECT_TRUE(lock_held_by_other_process(daemon.lock_file));
@@ -347,7 +234,7 @@ TEST(ListenerSegment, DaemonInitCreatesAZeroSegmentAndHoldsTheLock)
 
 TEST(ListenerSegment, DestroyingTheDaemonReleasesTheLock)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     const int fds_before = count_open_fds();
     int observer = -1;
     {
@@ -359,36 +246,33 @@ TEST(ListenerSegment, DestroyingTheDaemonReleasesTheLock)
         ASSERT_GE(observer, 0);
         EXPECT_TRUE(lock_held_by_other_process(observer));
     }
-    EXPECT_TRUE(shm_exists(SHM_NAME));
+    EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));
     EXPECT_TRUE(path_exists(dir.default_lock()));
-    EXPECT_EQ(count_mappings(SHM_NAME), 0);
+    EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
     EXPECT_FALSE(lock_held_by_other_process(observer));
     ::close(observer);
     EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_EQ(::shm_unlink(SHM_NAME), 0);
+    EXPECT_EQ(::shm_unlink(LISTENER_SEGMENT), 0);
     EXPECT_EQ(::unlink(dir.default_lock().c_str()), 0);
 }
 
 TEST(ListenerSegment, DestructorOfAnInitialisedDaemonRemovesEverything)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     const int fds_before = count_open_fds();
     {
         Logferry_listener daemon(true);
         ASSERT_TRUE(daemon.init());
-        ASSERT_TRUE(shm_exists(SHM_NAME));
+        ASSERT_TRUE(shm_exists(LISTENER_SEGMENT));
     }
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
     EXPECT_FALSE(path_exists(dir.default_lock()));
-    EXPECT_EQ(count_mappings(SHM_NAME), 0);
+    EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
     EXPECT_EQ(count_open_fds(), fds_before);
 }
 
-TEST(ListenerSegment, InitOnAnInitialisedObjectMakesNoSystemCall)
+TEST_F(ListenerSegmentOnFakeSystem, InitOnAnInitialisedObjectMakesNoSystemCall)
 {
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     Logferry_listener daemon(true);
     ASSERT_TRUE(daemon.init());
     daemon.own_entry = 4;
@@ -405,7 +289,7 @@ TEST(ListenerSegment, InitOnAnInitialisedObjectMakesNoSystemCall)
 
 TEST(ListenerSegment, InitResetsTheOwnEntryAndTheCheckCount)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     Logferry_listener application(false);
     application.own_entry = 12;
     application.unacknowledged_checks = 50;
@@ -423,7 +307,7 @@ TEST(ListenerSegment, InitResetsTheOwnEntryAndTheCheckCount)
 
 TEST(ListenerSegment, DaemonCanInitAgainAfterUninit)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     const int fds_before = count_open_fds();
     {
         Logferry_listener daemon(true);
@@ -436,9 +320,9 @@ TEST(ListenerSegment, DaemonCanInitAgainAfterUninit)
         EXPECT_TRUE(path_exists(dir.default_lock()));
         EXPECT_TRUE(lock_held_by_other_process(daemon.lock_file));
         EXPECT_EQ(count_open_fds(), fds_before + 1);
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
     }
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
     EXPECT_EQ(count_open_fds(), fds_before);
 }
 
@@ -458,27 +342,25 @@ bool blocked_on_lock(int pid)
 
 TEST(ListenerSegment, SecondDaemonWaitsForTheLock)
 {
-    Runstate_dir dir;
+    Listener_runstate dir;
     std::unique_ptr<Logferry_listener> first(new Logferry_listener(true));
     ASSERT_TRUE(first->init());
 
-    Daemon_child second;
+    Listener_daemon_child second;
+    ASSERT_TRUE(second.launch());
     // The second daemon blocks in lockf for as long as the first one runs.
     ASSERT_TRUE(wait_until([&] { return blocked_on_lock(second.pid()); }));
     EXPECT_FALSE(second.reported_within(std::chrono::milliseconds(100)));
 
     first.reset();  // closing the lock file releases the lock
     EXPECT_TRUE(second.wait_ready());
-    EXPECT_TRUE(shm_exists(SHM_NAME));
-    EXPECT_TRUE(second.stop());
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));
+    EXPECT_TRUE(exited_cleanly(second.stop()));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
 }
 
-TEST(ListenerSegment, ApplicationWithoutLockFileFailsSilently)
+TEST_F(ListenerSegmentOnFakeSystem, ApplicationWithoutLockFileFailsSilently)
 {
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
     Logferry_listener application(false);
     bool ok = true;
@@ -494,12 +376,9 @@ TEST(ListenerSegment, ApplicationWithoutLockFileFailsSilently)
     EXPECT_FALSE(path_exists(dir.default_lock()));  // the application creates nothing
 }
 
-TEST(ListenerSegment, ApplicationWithUnlockedLockFileFailsSilently)
+TEST_F(ListenerSegmentOnFakeSystem, ApplicationWithUnlockedLockFileFailsSilently)
 {
-    Runstate_dir dir;
     create_file(dir.default_lock());  // a daemon ran once and is gone
-    Fake_system fake;
-    Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
     Logferry_listener application(false);
     bool ok = true;
@@ -516,8 +395,9 @@ TEST(ListenerSegment, ApplicationWithUnlockedLockFileFailsSilently)
 
 TEST(ListenerSegment, ApplicationMapsTheSegmentWhileTheDaemonHoldsTheLock)
 {
-    Runstate_dir dir;
-    Daemon_child daemon;
+    Listener_runstate dir;
+    Listener_daemon_child daemon;
+    ASSERT_TRUE(daemon.launch());
     ASSERT_TRUE(daemon.wait_ready());
 
     Fake_system fake;
@@ -541,31 +421,31 @@ TEST(ListenerSegment, ApplicationMapsTheSegmentWhileTheDaemonHoldsTheLock)
         EXPECT_EQ(fake.calls(Op::ftruncate), 0);
         EXPECT_EQ(fake.calls(Op::pthread_mutex_init), 0);
         EXPECT_EQ(count_open_fds(), fds_before);
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
 
         // The application's uninit only unmaps.
         fake.reset_calls();
         application.uninit();
         EXPECT_FALSE(application.is_initialized());
         EXPECT_EQ(application.segment, MAP_FAILED);
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(fake.calls(Op::shm_unlink), 0);
         EXPECT_EQ(fake.calls(Op::unlink), 0);
-        EXPECT_TRUE(shm_exists(SHM_NAME));
+        EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));
         EXPECT_TRUE(path_exists(dir.default_lock()));
 
         // And it can come back.
         ASSERT_TRUE(application.init());
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
     }
-    EXPECT_EQ(count_mappings(SHM_NAME), 0);
+    EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
     EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_TRUE(shm_exists(SHM_NAME));
+    EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));
 
     // Once the daemon has stopped, its segment and lock file are gone and the application's
     // init fails silently again.
-    EXPECT_TRUE(daemon.stop());
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_TRUE(exited_cleanly(daemon.stop()));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
     EXPECT_FALSE(path_exists(dir.default_lock()));
     Logferry_listener late(false);
     bool ok = true;
@@ -575,129 +455,59 @@ TEST(ListenerSegment, ApplicationMapsTheSegmentWhileTheDaemonHoldsTheLock)
 
 TEST(ListenerSegment, LockFileFallsBackToTmpAndStaysThere)
 {
-    Runstate_dir dir(false);
+    Listener_runstate dir(false);
     Logferry_listener daemon(true);
     EXPECT_EQ(daemon.lock_listener_name, dir.default_lock());
     ASSERT_TRUE(daemon.init());
-    EXPECT_EQ(daemon.lock_listener_name, TMP_LOCK);
-    EXPECT_TRUE(path_exists(TMP_LOCK));
+    EXPECT_EQ(daemon.lock_listener_name, FALLBACK_LOCK_FILE);
+    EXPECT_TRUE(path_exists(FALLBACK_LOCK_FILE));
     EXPECT_TRUE(lock_held_by_other_process(daemon.lock_file));
 
     // The directory appears: the lock file stays where it is.
     ASSERT_EQ(::mkdir(dir.ara_dlt().c_str(), 0755), 0);
     daemon.check_lock_listener_name();
-    EXPECT_EQ(daemon.lock_listener_name, TMP_LOCK);
+    EXPECT_EQ(daemon.lock_listener_name, FALLBACK_LOCK_FILE);
     daemon.uninit();
-    EXPECT_FALSE(path_exists(TMP_LOCK));
+    EXPECT_FALSE(path_exists(FALLBACK_LOCK_FILE));
     ASSERT_TRUE(daemon.init());
-    EXPECT_EQ(daemon.lock_listener_name, TMP_LOCK);
-    EXPECT_TRUE(path_exists(TMP_LOCK));
+    EXPECT_EQ(daemon.lock_listener_name, FALLBACK_LOCK_FILE);
+    EXPECT_TRUE(path_exists(FALLBACK_LOCK_FILE));
     EXPECT_FALSE(path_exists(dir.default_lock()));
     daemon.uninit();
-    EXPECT_FALSE(path_exists(TMP_LOCK));
+    EXPECT_FALSE(path_exists(FALLBACK_LOCK_FILE));
 }
 
 TEST(ListenerSegment, ApplicationFallsBackWhenAraDltIsNoDirectory)
 {
-    Runstate_dir dir(false);
+    Listener_runstate dir(false);
     create_file(dir.ara_dlt());  // a file where the directory should be
     Logferry_listener application(false);
     bool ok = true;
     EXPECT_EQ(capture_stderr([&] { ok = application.init(); }), "");
     EXPECT_FALSE(ok);
-    EXPECT_EQ(application.lock_listener_name, TMP_LOCK);
+    EXPECT_EQ(application.lock_listener_name, FALLBACK_LOCK_FILE);
     EXPECT_EQ(::unlink(dir.ara_dlt().c_str()), 0);
 }
 
 TEST(ListenerSegment, ApplicationFindsTheDaemonThroughTheFallbackLockFile)
 {
-    Runstate_dir dir(false);
-    Daemon_child daemon;
+    Listener_runstate dir(false);
+    Listener_daemon_child daemon;
+    ASSERT_TRUE(daemon.launch());
     ASSERT_TRUE(daemon.wait_ready());
-    EXPECT_TRUE(path_exists(TMP_LOCK));
+    EXPECT_TRUE(path_exists(FALLBACK_LOCK_FILE));
     {
         Logferry_listener application(false);
         ASSERT_TRUE(application.init());
-        EXPECT_EQ(application.lock_listener_name, TMP_LOCK);
+        EXPECT_EQ(application.lock_listener_name, FALLBACK_LOCK_FILE);
     }
-    EXPECT_TRUE(daemon.stop());
-    EXPECT_FALSE(path_exists(TMP_LOCK));
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_TRUE(exited_cleanly(daemon.stop()));
+    EXPECT_FALSE(path_exists(FALLBACK_LOCK_FILE));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
 }
 
-TEST(ListenerSegment, LockFileThatCannotBeOpenedFailsSilently)
+TEST_F(ListenerSegmentOnFakeSystem, OpenFailureReportsTheErrorLeftByChown)
 {
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    for (bool listening : {true, false}) {
-        SCOPED_TRACE(listening ? "daemon" : "application");
-        fake.reset_calls();
-        fake.fail(Op::open, -1, EACCES);
-        Logferry_listener listener(listening);
-        bool ok = true;
-        EXPECT_EQ(capture_stderr([&] { ok = listener.init(); }), "");
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(listener.lock_file.fd, -1);
-        EXPECT_EQ(fake.calls(Op::lockf), 0);
-        EXPECT_EQ(fake.calls(Op::shm_open), 0);
-        EXPECT_EQ(listener.proxy_watchdogs, nullptr);
-    }
-    EXPECT_EQ(count_open_fds(), fds_before);
-}
-
-TEST(ListenerSegment, DaemonLockFailureIsReported)
-{
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    {
-        Logferry_listener daemon(true);
-        fake.fail(Op::lockf, -1, ENOLCK);
-        bool ok = true;
-        const std::string output = capture_stderr([&] { ok = daemon.init(); });
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(output, "logferry: error while locking the file: " + std::string(std::strerror(ENOLCK)) + "\n");
-        // The descriptor stays held; nothing else happened.
-        EXPECT_GE(daemon.lock_file.fd, 0);
-        EXPECT_EQ(count_open_fds(), fds_before + 1);
-        EXPECT_EQ(fake.calls(Op::shm_open), 0);
-        EXPECT_EQ(daemon.proxy_watchdogs, nullptr);
-        EXPECT_FALSE(daemon.is_initialized());
-
-        // A later init succeeds and replaces the descriptor.
-        ASSERT_TRUE(daemon.init());
-        EXPECT_EQ(count_open_fds(), fds_before + 1);
-        EXPECT_TRUE(lock_held_by_other_process(daemon.lock_file));
-    }
-    EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_FALSE(shm_exists(SHM_NAME));
-}
-
-TEST(ListenerSegment, OwnerFailureIsReportedAndInitStillSucceeds)
-{
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    Logferry_listener daemon(true);
-    fake.fail(Op::chown, -1, EPERM);
-    bool ok = false;
-    const std::string output = capture_stderr([&] { ok = daemon.init(); });
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(output, "logferry: error setting owner of /logferry-daemon-listener: " +
-                          std::string(std::strerror(EPERM)) + "\n");
-    EXPECT_EQ(fake.calls(Op::chown), 1);
-    EXPECT_TRUE(daemon.is_initialized());
-    EXPECT_EQ(count_mappings(SHM_NAME), 1);
-}
-
-TEST(ListenerSegment, OpenFailureReportsTheErrorLeftByChown)
-{
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
     {
         Logferry_listener daemon(true);
@@ -708,12 +518,10 @@ TEST(ListenerSegment, OpenFailureReportsTheErrorLeftByChown)
         bool ok = true;
         std::string output = capture_stderr([&] { ok = daemon.init(); });
         EXPECT_FALSE(ok);
-        const std::string eperm = std::strerror(EPERM);
-        EXPECT_EQ(output, "logferry: error setting owner of /logferry-daemon-listener: " + eperm +
-                              "\nlogferry: error while opening the shared memory: " + eperm + "\n");
+        EXPECT_EQ(output, owner_error(LISTENER_SEGMENT, EPERM) + error_while("opening the shared memory", EPERM));
         EXPECT_FALSE(daemon.is_initialized());
         EXPECT_EQ(daemon.segment, MAP_FAILED);
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
         EXPECT_EQ(fake.calls(Op::ftruncate), 0);
         // The daemon keeps its lock and its watchdogs.
         EXPECT_NE(daemon.proxy_watchdogs, nullptr);
@@ -724,172 +532,19 @@ TEST(ListenerSegment, OpenFailureReportsTheErrorLeftByChown)
         fake.fail(Op::shm_open, -1, EMFILE);
         output = capture_stderr([&] { ok = daemon.init(); });
         EXPECT_FALSE(ok);
-        const std::string enoent = std::strerror(ENOENT);
-        EXPECT_EQ(output, "logferry: error setting owner of /logferry-daemon-listener: " + enoent +
-                              "\nlogferry: error while opening the shared memory: " + enoent + "\n");
+        EXPECT_EQ(output, owner_error(LISTENER_SEGMENT, ENOENT) + error_while("opening the shared memory", ENOENT));
         EXPECT_EQ(count_open_fds(), fds_before + 1);
 
         ASSERT_TRUE(daemon.init());
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
+        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
     }
     EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_EQ(count_mappings(SHM_NAME), 0);
+    EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
 }
 
-TEST(ListenerSegment, TruncateFailureIsReported)
+TEST_F(ListenerSegmentOnFakeSystem, ApplicationTakesAnAccessDeniedLockTestForALiveDaemon)
 {
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    {
-        Logferry_listener daemon(true);
-        fake.fail(Op::ftruncate, -1, ENOSPC);
-        bool ok = true;
-        const std::string output = capture_stderr([&] { ok = daemon.init(); });
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(output,
-                  "logferry: error while truncating the shared memory: " + std::string(std::strerror(ENOSPC)) + "\n");
-        EXPECT_FALSE(daemon.is_initialized());
-        EXPECT_EQ(daemon.segment, MAP_FAILED);
-        EXPECT_EQ(fake.calls(Op::mmap), 0);
-        EXPECT_EQ(fake.calls(Op::munmap), 0);
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
-        EXPECT_EQ(count_open_fds(), fds_before + 1);  // only the locked lock file
-
-        ASSERT_TRUE(daemon.init());
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
-    }
-    EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_FALSE(shm_exists(SHM_NAME));
-}
-
-TEST(ListenerSegment, DaemonMapFailureIsReported)
-{
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    {
-        Logferry_listener daemon(true);
-        fake.fail(Op::mmap, -1, ENOMEM);
-        bool ok = true;
-        const std::string output = capture_stderr([&] { ok = daemon.init(); });
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(output,
-                  "logferry: error while mapping the shared memory: " + std::string(std::strerror(ENOMEM)) + "\n");
-        EXPECT_EQ(daemon.segment, MAP_FAILED);
-        EXPECT_EQ(fake.calls(Op::munmap), 0);
-        EXPECT_EQ(fake.calls(Op::pthread_mutexattr_init), 0);
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
-        EXPECT_EQ(count_open_fds(), fds_before + 1);
-
-        ASSERT_TRUE(daemon.init());
-    }
-    EXPECT_EQ(count_open_fds(), fds_before);
-}
-
-TEST(ListenerSegment, EveryMutexSetupFailureIsReported)
-{
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    const Op steps[] = {Op::pthread_mutexattr_init,       Op::pthread_mutexattr_settype,
-                        Op::pthread_mutexattr_setpshared, Op::pthread_mutexattr_setrobust,
-                        Op::pthread_mutex_init,           Op::pthread_mutexattr_destroy};
-    for (Op failing : steps) {
-        SCOPED_TRACE(logferry_test::op_name(failing));
-        fake.clear_faults();
-        fake.reset_calls();
-        {
-            Logferry_listener daemon(true);
-            fake.fail(failing, EINVAL, EINVAL);
-            bool ok = true;
-            const std::string output = capture_stderr([&] { ok = daemon.init(); });
-            EXPECT_FALSE(ok);
-            EXPECT_EQ(output, "logferry: error while initializing the mutex.\n");
-            EXPECT_FALSE(daemon.is_initialized());
-            EXPECT_EQ(daemon.segment, MAP_FAILED);
-            EXPECT_EQ(fake.calls(Op::munmap), 1);
-            EXPECT_EQ(count_mappings(SHM_NAME), 0);
-            EXPECT_EQ(count_open_fds(), fds_before + 1);
-            // The set-up stops at the failing call; the attributes are destroyed only when
-            // everything before succeeded.
-            EXPECT_EQ(fake.calls(failing), 1);
-            EXPECT_EQ(fake.calls(Op::pthread_mutexattr_destroy), failing == Op::pthread_mutexattr_destroy ? 1 : 0);
-            if (failing != Op::pthread_mutex_init && failing != Op::pthread_mutexattr_destroy) {
-                EXPECT_EQ(fake.calls(Op::pthread_mutex_init), 0);
-            }
-
-            ASSERT_TRUE(daemon.init());
-            EXPECT_EQ(count_mappings(SHM_NAME), 1);
-            EXPECT_TRUE(entries_and_indices_zero(daemon.segment));
-        }
-        EXPECT_EQ(count_open_fds(), fds_before);
-        EXPECT_FALSE(shm_exists(SHM_NAME));
-    }
-}
-
-TEST(ListenerSegment, ApplicationOpenFailureIsReported)
-{
-    Runstate_dir dir;
-    Daemon_child daemon;
-    ASSERT_TRUE(daemon.wait_ready());
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    {
-        Logferry_listener application(false);
-        fake.fail(Op::shm_open, -1, EMFILE);
-        bool ok = true;
-        const std::string output = capture_stderr([&] { ok = application.init(); });
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(output,
-                  "logferry: error while opening the shared memory: " + std::string(std::strerror(EMFILE)) + "\n");
-        EXPECT_EQ(fake.calls(Op::chown), 0);  // the application never changes the group
-        EXPECT_EQ(fake.calls(Op::mmap), 0);
-        EXPECT_EQ(count_open_fds(), fds_before);
-        EXPECT_FALSE(application.is_initialized());
-    }
-    EXPECT_TRUE(daemon.stop());
-}
-
-TEST(ListenerSegment, ApplicationMapFailureIsReported)
-{
-    Runstate_dir dir;
-    Daemon_child daemon;
-    ASSERT_TRUE(daemon.wait_ready());
-    Fake_system fake;
-    Scoped_system installed(&fake);
-    const int fds_before = count_open_fds();
-    {
-        Logferry_listener application(false);
-        fake.fail(Op::mmap, -1, ENOMEM);
-        bool ok = true;
-        const std::string output = capture_stderr([&] { ok = application.init(); });
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(output,
-                  "logferry: error while mapping the shared memory: " + std::string(std::strerror(ENOMEM)) + "\n");
-        EXPECT_EQ(application.segment, MAP_FAILED);
-        EXPECT_EQ(fake.calls(Op::munmap), 0);
-        EXPECT_EQ(count_mappings(SHM_NAME), 0);
-        EXPECT_EQ(count_open_fds(), fds_before);
-
-        ASSERT_TRUE(application.init());
-        EXPECT_EQ(count_mappings(SHM_NAME), 1);
-    }
-    EXPECT_EQ(count_mappings(SHM_NAME), 0);
-    EXPECT_EQ(count_open_fds(), fds_before);
-    EXPECT_TRUE(daemon.stop());
-}
-
-TEST(ListenerSegment, ApplicationTakesAnAccessDeniedLockTestForALiveDaemon)
-{
-    Runstate_dir dir;
     create_file(dir.default_lock());
-    Fake_system fake;
-    Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
     Logferry_listener application(false);
     // EACCES counts like EAGAIN: some process holds the lock. With no segment there the
@@ -898,17 +553,14 @@ TEST(ListenerSegment, ApplicationTakesAnAccessDeniedLockTestForALiveDaemon)
     bool ok = true;
     const std::string output = capture_stderr([&] { ok = application.init(); });
     EXPECT_FALSE(ok);
-    EXPECT_EQ(output, "logferry: error while opening the shared memory: " + std::string(std::strerror(ENOENT)) + "\n");
+    EXPECT_EQ(output, error_while("opening the shared memory", ENOENT));
     EXPECT_EQ(fake.calls(Op::shm_open), 1);
     EXPECT_EQ(count_open_fds(), fds_before);
 }
 
-TEST(ListenerSegment, ApplicationOtherLockTestErrorFailsSilently)
+TEST_F(ListenerSegmentOnFakeSystem, ApplicationOtherLockTestErrorFailsSilently)
 {
-    Runstate_dir dir;
     create_file(dir.default_lock());
-    Fake_system fake;
-    Scoped_system installed(&fake);
     const int fds_before = count_open_fds();
     Logferry_listener application(false);
     fake.fail(Op::lockf, -1, EBADF);
@@ -920,39 +572,32 @@ TEST(ListenerSegment, ApplicationOtherLockTestErrorFailsSilently)
     EXPECT_EQ(count_open_fds(), fds_before);
 }
 
-TEST(ListenerSegment, UnmapFailureIsReportedAndTheSegmentForgotten)
+TEST_F(ListenerSegmentOnFakeSystem, UnmapFailureIsReportedAndTheSegmentForgotten)
 {
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     Logferry_listener daemon(true);
     ASSERT_TRUE(daemon.init());
     Listener_segment* const mapped = daemon.segment;
     fake.fail(Op::munmap, -1, EINVAL);
     const std::string output = capture_stderr([&] { daemon.uninit(); });
-    EXPECT_EQ(output,
-              "logferry: error while unmapping the shared memory: " + std::string(std::strerror(EINVAL)) + "\n");
+    EXPECT_EQ(output, error_while("unmapping the shared memory", EINVAL));
     EXPECT_EQ(daemon.segment, MAP_FAILED);
     EXPECT_FALSE(daemon.is_initialized());
     // uninit went on: the segment and the lock file are gone.
-    EXPECT_FALSE(shm_exists(SHM_NAME));
+    EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
     EXPECT_FALSE(path_exists(dir.default_lock()));
     // The mapping is still there (the fault kept it); undo it by hand.
-    EXPECT_EQ(count_mappings(SHM_NAME), 1);
+    EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
     EXPECT_EQ(::munmap(mapped, logferry::LISTENER_SEGMENT_SIZE), 0);
-    EXPECT_EQ(count_mappings(SHM_NAME), 0);
+    EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
     // uninit_shm on nothing mapped makes no call.
     fake.reset_calls();
     daemon.uninit_shm();
     EXPECT_EQ(fake.calls(Op::munmap), 0);
 }
 
-TEST(ListenerSegment, UninitOnANeverInitialisedObjectDoesNothing)
+TEST_F(ListenerSegmentOnFakeSystem, UninitOnANeverInitialisedObjectDoesNothing)
 {
-    Runstate_dir dir;
     create_file(dir.default_lock());
-    Fake_system fake;
-    Scoped_system installed(&fake);
     for (bool listening : {true, false}) {
         SCOPED_TRACE(listening ? "daemon" : "application");
         fake.reset_calls();
@@ -967,11 +612,8 @@ TEST(ListenerSegment, UninitOnANeverInitialisedObjectDoesNothing)
     EXPECT_TRUE(path_exists(dir.default_lock()));
 }
 
-TEST(ListenerSegment, UninitAfterAFailedInitLeavesTheLockFileAlone)
+TEST_F(ListenerSegmentOnFakeSystem, UninitAfterAFailedInitLeavesTheLockFileAlone)
 {
-    Runstate_dir dir;
-    Fake_system fake;
-    Scoped_system installed(&fake);
     Logferry_listener daemon(true);
     fake.fail(Op::ftruncate, -1, ENOSPC);
     capture_stderr([&] { EXPECT_FALSE(daemon.init()); });
@@ -985,5 +627,5 @@ TEST(ListenerSegment, UninitAfterAFailedInitLeavesTheLockFileAlone)
     EXPECT_NE(daemon.proxy_watchdogs, nullptr);
     // The segment object that ftruncate left unsized is the daemon's; remove it with the lock
     // file by hand.
-    ::shm_unlink(SHM_NAME);
+    ::shm_unlink(LISTENER_SEGMENT);
 }

@@ -1,6 +1,7 @@
 // Message records: in-memory layout, construction and the byte encoding of every kind.
 
 #include "logferry/message.hpp"
+#include "support/record_bytes.hpp"
 
 #include <gtest/gtest.h>
 
@@ -16,15 +17,9 @@ namespace {
 
 using logferry::deserialize;
 using logferry::serialize;
-using Bytes = std::vector<unsigned char>;
-
-template <typename R>
-Bytes bytes_of(const R& record)
-{
-    Bytes out;
-    serialize(record, out);
-    return out;
-}
+using logferry_test::Bytes;
+using logferry_test::bytes_of;
+using logferry_test::joined;
 
 // The record's in-memory bytes, to check default construction and layout.
 template <typename R>
@@ -48,12 +43,6 @@ Bytes kind_then_zeros(unsigned char kind, std::size_t count)
     Bytes out(count, 0);
     out[0] = kind;
     return out;
-}
-
-Bytes concat(Bytes head, const Bytes& tail)
-{
-    head.insert(head.end(), tail.begin(), tail.end());
-    return head;
 }
 
 template <std::size_t N>
@@ -213,12 +202,12 @@ TEST(Message, InitFileEmptyAndLongestName)
 
     logferry::Logferry_init_file longest;
     fill_text(longest.file_name, std::string(254, 'n'));
-    EXPECT_EQ(bytes_of(longest), concat(concat(Bytes{2}, Bytes(254, 'n')), Bytes{0}));
+    EXPECT_EQ(bytes_of(longest), joined({Bytes{2}, Bytes(254, 'n'), Bytes{0}}));
 
     // The field is written whole even when it holds no zero.
     logferry::Logferry_init_file full;
     fill_text(full.file_name, std::string(255, 'f'));
-    EXPECT_EQ(bytes_of(full), concat(Bytes{2}, Bytes(255, 'f')));
+    EXPECT_EQ(bytes_of(full), joined({Bytes{2}, Bytes(255, 'f')}));
 }
 
 // ---------------------------------------------------------------- kind 3
@@ -240,7 +229,7 @@ TEST(Message, RegisterAppWithNullTextKeepsMinimumLength)
     const logferry::Logferry_register_app no_id(nullptr, "description");
     EXPECT_EQ(copy_of(no_id.length), 8);
     EXPECT_EQ(bytes_of(no_id), (Bytes{3, 8, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(memory_of(no_id), concat(Bytes{3, 8}, Bytes(86, 0)));
+    EXPECT_EQ(memory_of(no_id), joined({Bytes{3, 8}, Bytes(86, 0)}));
 }
 
 TEST(Message, RegisterAppLongIdIsCutToFour)
@@ -267,7 +256,7 @@ TEST(Message, RegisterAppLongDescriptionIsCutTo79)
     EXPECT_EQ(record.description.at(79), 0);
     const Bytes out = bytes_of(record);
     EXPECT_EQ(out.size(), 88u);
-    EXPECT_EQ(out, concat(concat(Bytes{3, 88, 0, 'A', 'P', 'P', '1', 0}, Bytes(79, 'd')), Bytes{0}));
+    EXPECT_EQ(out, joined({Bytes{3, 88, 0, 'A', 'P', 'P', '1', 0}, Bytes(79, 'd'), Bytes{0}}));
 }
 
 TEST(Message, RegisterAppDescriptionOf79IsKeptWhole)
@@ -275,7 +264,7 @@ TEST(Message, RegisterAppDescriptionOf79IsKeptWhole)
     const std::string description(79, 'e');
     const logferry::Logferry_register_app record("A", description.c_str());
     EXPECT_EQ(copy_of(record.length), 88);
-    EXPECT_EQ(bytes_of(record), concat(concat(Bytes{3, 88, 0, 'A', 0, 0, 0, 0}, Bytes(79, 'e')), Bytes{0}));
+    EXPECT_EQ(bytes_of(record), joined({Bytes{3, 88, 0, 'A', 0, 0, 0, 0}, Bytes(79, 'e'), Bytes{0}}));
 }
 
 TEST(Message, RegisterAppDescriptionStopsAtItsFirstZero)
@@ -358,8 +347,8 @@ TEST(Message, RegisterContextLongDescriptionIsCutTo79)
     EXPECT_EQ(record.description.at(79), 0);
     const Bytes out = bytes_of(record);
     EXPECT_EQ(out.size(), 93u);
-    EXPECT_EQ(out, concat(concat(Bytes{5, 93, 0, 5, 0xFF, 0xFF, 0xFF, 0xFF, 'C', 'T', 'X', '1', 0}, Bytes(79, 'k')),
-                          Bytes{0}));
+    EXPECT_EQ(out,
+              joined({Bytes{5, 93, 0, 5, 0xFF, 0xFF, 0xFF, 0xFF, 'C', 'T', 'X', '1', 0}, Bytes(79, 'k'), Bytes{0}}));
 }
 
 TEST(Message, RegisterContextWithoutTerminatorRaisesBoundsError)
@@ -577,7 +566,7 @@ TEST(Message, WriteUtf8StringLongestText)
     record.stream_key = 2;
     const Bytes out = bytes_of(record);
     EXPECT_EQ(out.size(), 1397u);
-    EXPECT_EQ(out, concat(concat(Bytes{20, 0x75, 0x05, 2, 0, 0, 0}, Bytes(1389, 't')), Bytes{0}));
+    EXPECT_EQ(out, joined({Bytes{20, 0x75, 0x05, 2, 0, 0, 0}, Bytes(1389, 't'), Bytes{0}}));
 }
 
 TEST(Message, WriteUtf8StringWithoutZeroEndsAfterStreamKey)
@@ -633,7 +622,7 @@ TEST(Message, WriteRawFormattedSizeBounds)
     record.length = 1399;
     Bytes out = bytes_of(record);
     EXPECT_EQ(out.size(), 1399u);
-    EXPECT_EQ(out, concat(Bytes{21, 0x77, 0x05, 1, 0x6D, 0x05, 7, 0, 0, 0}, payload_pattern(1389)));
+    EXPECT_EQ(out, joined({Bytes{21, 0x77, 0x05, 1, 0x6D, 0x05, 7, 0, 0, 0}, payload_pattern(1389)}));
 
     record.size = 1390;
     record.length = 1400;
@@ -671,7 +660,7 @@ TEST(Message, WriteEncodedPayloadSizeBounds)
     record.length = 1398;
     const Bytes out = bytes_of(record);
     EXPECT_EQ(out.size(), 1398u);
-    EXPECT_EQ(out, concat(Bytes{22, 0x76, 0x05, 0x6D, 0x05, 1, 0, 0, 0}, payload_pattern(1389)));
+    EXPECT_EQ(out, joined({Bytes{22, 0x76, 0x05, 0x6D, 0x05, 1, 0, 0, 0}, payload_pattern(1389)}));
 
     record.size = 1390;
     record.length = 1399;
@@ -704,7 +693,7 @@ TEST(Message, WriteEncodedMessageSizeBounds)
     record.length = 1394;
     const Bytes out = bytes_of(record);
     EXPECT_EQ(out.size(), 1394u);
-    EXPECT_EQ(out, concat(Bytes{23, 0x72, 0x05, 0x6D, 0x05}, payload_pattern(1389)));
+    EXPECT_EQ(out, joined({Bytes{23, 0x72, 0x05, 0x6D, 0x05}, payload_pattern(1389)}));
 
     record.size = 1390;
     record.length = 1395;

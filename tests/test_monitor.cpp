@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -29,30 +30,30 @@
 #include "logferry/client.hpp"
 #include "logferry/listener.hpp"
 #include "logferry/message.hpp"
+#include "support/record_bytes.hpp"
+#include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
 
 #ifndef LOGFERRY_MONITOR_PATH
 #error "LOGFERRY_MONITOR_PATH must name the logferry-monitor program"
 #endif
+#ifndef LOGFERRY_EXAMPLE_PATH
+#error "LOGFERRY_EXAMPLE_PATH must name the example application"
+#endif
 
 namespace {
 
 using namespace logferry;
+using logferry_test::Bytes;
+using logferry_test::bytes_of;
+using logferry_test::LISTENER_SEGMENT;
+using logferry_test::make_finish;
+using logferry_test::make_init_file;
+using logferry_test::make_start;
+using logferry_test::make_text;
 using logferry_test::unique_id;
 using logferry_test::wait_until;
-using Bytes = std::vector<unsigned char>;
 using std::chrono::milliseconds;
-
-const char LISTENER_SEGMENT[] = "/logferry-daemon-listener";
-
-template <typename... R>
-Bytes records(const R&... record)
-{
-    Bytes out;
-    int unused[] = {(serialize(record, out), 0)...};
-    static_cast<void>(unused);
-    return out;
-}
 
 // The monotonic clock in 0.1 ms units, as the front end stamps its start records.
 std::uint32_t now_stamp()
@@ -66,28 +67,7 @@ std::uint32_t now_stamp()
 Logferry_write_start start(std::uint32_t key, std::uint8_t level, std::uint32_t handle,
                            std::uint32_t timestamp = now_stamp())
 {
-    Logferry_write_start record;
-    record.log_level = level;
-    record.context_handle = handle;
-    record.stream_key = key;
-    record.timestamp = timestamp;
-    return record;
-}
-
-Logferry_write_finish finish(std::uint32_t key)
-{
-    Logferry_write_finish record;
-    record.stream_key = key;
-    return record;
-}
-
-Logferry_write_utf8_string text(std::uint32_t key, const std::string& value)
-{
-    Logferry_write_utf8_string record;
-    record.stream_key = key;
-    std::copy(value.begin(), value.end(), record.text.begin());
-    record.length = static_cast<std::uint16_t>(value.size() + 8);
-    return record;
+    return make_start(key, level, handle, timestamp);
 }
 
 Logferry_write_int32 int32(std::uint32_t key, std::int32_t value)
@@ -202,11 +182,9 @@ class Monitor : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        dir_ = "/tmp/lfmon-" + unique_id("", 40);
-        ASSERT_EQ(::mkdir(dir_.c_str(), 0700), 0);
-        ASSERT_EQ(::mkdir((dir_ + "/ara_DLT").c_str(), 0700), 0);
-        ASSERT_EQ(::setenv("ADAPTIVE_RUNSTATE_DIR", dir_.c_str(), 1), 0);
-        lock_file_ = dir_ + "/ara_DLT/logferry-daemon-listener.lock";
+        runstate_.reset(new logferry_test::Runstate_dir());
+        dir_ = runstate_->root();
+        lock_file_ = runstate_->lock_file();
         out_ = dir_ + "/monitor.out";
         err_ = dir_ + "/monitor.err";
     }
@@ -222,12 +200,7 @@ protected:
         for (const std::string& name : segments_) {
             ::shm_unlink(name.c_str());
         }
-        for (const std::string& name : {out_, err_, err_ + "2", out_ + "2", lock_file_}) {
-            ::unlink(name.c_str());
-        }
-        ::rmdir((dir_ + "/ara_DLT").c_str());
-        ::rmdir(dir_.c_str());
-        ::unsetenv("ADAPTIVE_RUNSTATE_DIR");
+        runstate_.reset();  // the monitor's output files with it
     }
 
     // Runs the monitor with `arguments`, its output going to `out` and `err`.
@@ -294,6 +267,7 @@ protected:
         return wait_until([&] { return output().find(needle) != std::string::npos; }, timeout);
     }
 
+    std::unique_ptr<logferry_test::Runstate_dir> runstate_;
     std::string dir_;
     std::string lock_file_;
     std::string out_;
@@ -312,15 +286,13 @@ TEST_F(Monitor, TranscriptOfOneApplication)
     ASSERT_TRUE(app.announce());
     ASSERT_TRUE(app.wait_attached()) << output();
 
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("TAPP", "Test application"))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "MAIN", "Main context"))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(3, 2, "AUX", "Aux context"))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_enable_local_print())));
-    Logferry_init_file file;
-    const std::string file_name = "/tmp/test app.log";
-    std::copy(file_name.begin(), file_name.end(), file.file_name.begin());
-    ASSERT_TRUE(app.send_priority(records(file)));
-    ASSERT_TRUE(app.send_priority(records(Logferry_disable_remote())));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("TAPP", "Test application"))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1, "MAIN", "Main context"))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(3, 2, "AUX", "Aux context"))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_enable_local_print())));
+    const Logferry_init_file file = make_init_file("/tmp/test app.log");
+    ASSERT_TRUE(app.send_priority(bytes_of(file)));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_disable_remote())));
     app.release();
 
     Logferry_write_bool flag;
@@ -353,20 +325,20 @@ TEST_F(Monitor, TranscriptOfOneApplication)
     encoded.length = 11;
     encoded.payload = {{0x01, 0x02}};
     ASSERT_TRUE(
-        app.log(records(start(7, 4, 1), text(7, "hello, monitor"), flag, i8, i16, int32(7, 70000), i64,
-                        formatted<Logferry_write_uint8_formatted>(7, std::uint8_t{200}, LogFormat::kDefault),
-                        formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0xBEEF}, LogFormat::kHex),
-                        formatted<Logferry_write_uint32_formatted>(7, std::uint32_t{8}, LogFormat::kOct),
-                        formatted<Logferry_write_uint64_formatted>(7, std::uint64_t{5}, LogFormat::kBin),
-                        formatted<Logferry_write_uint32_formatted>(7, std::uint32_t{0xABCDEF}, LogFormat::kHexUpper),
-                        formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0x1234}, LogFormat::kDec),
-                        formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0x1234}, LogFormat::kRaw), f32, f64,
-                        raw, encoded, finish(7))));
-    ASSERT_TRUE(app.log(records(start(8, 3, 2), text(8, "second"), finish(8))));
+        app.log(bytes_of(start(7, 4, 1), make_text(7, "hello, monitor"), flag, i8, i16, int32(7, 70000), i64,
+                         formatted<Logferry_write_uint8_formatted>(7, std::uint8_t{200}, LogFormat::kDefault),
+                         formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0xBEEF}, LogFormat::kHex),
+                         formatted<Logferry_write_uint32_formatted>(7, std::uint32_t{8}, LogFormat::kOct),
+                         formatted<Logferry_write_uint64_formatted>(7, std::uint64_t{5}, LogFormat::kBin),
+                         formatted<Logferry_write_uint32_formatted>(7, std::uint32_t{0xABCDEF}, LogFormat::kHexUpper),
+                         formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0x1234}, LogFormat::kDec),
+                         formatted<Logferry_write_uint16_formatted>(7, std::uint16_t{0x1234}, LogFormat::kRaw), f32,
+                         f64, raw, encoded, make_finish(7))));
+    ASSERT_TRUE(app.log(bytes_of(start(8, 3, 2), make_text(8, "second"), make_finish(8))));
     Logferry_unregister_context unregister;
     unregister.context_handle = 2;
-    ASSERT_TRUE(app.log(records(unregister)));
-    ASSERT_TRUE(app.log(records(Logferry_unregister_app())));
+    ASSERT_TRUE(app.log(bytes_of(unregister)));
+    ASSERT_TRUE(app.log(bytes_of(Logferry_unregister_app())));
     ASSERT_TRUE(wait_for("-- unregister TAPP\n")) << output();
 
     // What the monitor sent back: the console text at attachment, then the level update
@@ -417,8 +389,8 @@ TEST_F(Monitor, TimestampsAndArgumentsAreRenderedExactly)
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
     ASSERT_TRUE(app.wait_attached());
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("REN", "rendering"))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(6, 0xFFFFFFFF, "VERB", ""))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("REN", "rendering"))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(6, 0xFFFFFFFF, "VERB", ""))));
     app.release();
 
     Logferry_write_utf8_string omitted;  // a text array without zero: no text is carried
@@ -446,19 +418,19 @@ TEST_F(Monitor, TimestampsAndArgumentsAreRenderedExactly)
     tenth.value = 0.1f;
     Logferry_write_bool no;
     no.stream_key = 1;
-    ASSERT_TRUE(
-        app.log(records(start(1, 6, 0xFFFFFFFF, 123456), text(1, "quote \" and\nline"), omitted, big, bin, upper, tenth,
-                        no, formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kOct),
-                        formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kBin),
-                        formatted<Logferry_write_uint64_formatted>(1, ~std::uint64_t{0}, LogFormat::kDec), finish(1))));
+    ASSERT_TRUE(app.log(
+        bytes_of(start(1, 6, 0xFFFFFFFF, 123456), make_text(1, "quote \" and\nline"), omitted, big, bin, upper, tenth,
+                 no, formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kOct),
+                 formatted<Logferry_write_uint8_formatted>(1, std::uint8_t{0}, LogFormat::kBin),
+                 formatted<Logferry_write_uint64_formatted>(1, ~std::uint64_t{0}, LogFormat::kDec), make_finish(1))));
     // The largest timestamp, a message without start, an encoded message.
-    ASSERT_TRUE(app.log(records(start(2, 1, 0xFFFFFFFF, 0xFFFFFFFF), finish(2))));
-    ASSERT_TRUE(app.log(records(int32(3, -1), finish(3))));
+    ASSERT_TRUE(app.log(bytes_of(start(2, 1, 0xFFFFFFFF, 0xFFFFFFFF), make_finish(2))));
+    ASSERT_TRUE(app.log(bytes_of(int32(3, -1), make_finish(3))));
     Logferry_write_encoded_message message;
     message.size = 3;
     message.length = 8;
     message.payload = {{9, 8, 7}};
-    ASSERT_TRUE(app.log(records(message)));
+    ASSERT_TRUE(app.log(bytes_of(message)));
     ASSERT_TRUE(wait_for("encoded-message")) << output();
 
     const std::vector<std::string> lines = split_lines(output());
@@ -478,11 +450,11 @@ TEST_F(Monitor, LevelOptionMatchesEveryContextWithThatIdAndNoOther)
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
     ASSERT_TRUE(app.wait_attached());
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("LVL", ""))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 0x01020304, "MAIN", ""))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 9, "OTHR", ""))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 10, "AUX", ""))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(1, 11, "MAIN", ""))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("LVL", ""))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 0x01020304, "MAIN", ""))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 9, "OTHR", ""))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 10, "AUX", ""))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(1, 11, "MAIN", ""))));
 
     // The monitor handles the registrations in order: had OTHR got an update, it would
     // come between these.
@@ -526,12 +498,12 @@ TEST_F(Monitor, KilledApplicationIsDetached)
         ::close(ready[0]);
         Test_application app(identifier);
         if (!app.announce() || !app.wait_attached() ||
-            !app.send_priority(records(Logferry_register_app("KILL", "to be killed"))) ||
-            !app.send_priority(records(Logferry_register_context(4, 1, "CTX", "")))) {
+            !app.send_priority(bytes_of(Logferry_register_app("KILL", "to be killed"))) ||
+            !app.send_priority(bytes_of(Logferry_register_context(4, 1, "CTX", "")))) {
             return 1;
         }
         app.release();
-        app.log(records(start(1, 4, 1), text(1, "before kill"), finish(1)));
+        app.log(bytes_of(start(1, 4, 1), make_text(1, "before kill"), make_finish(1)));
         const char byte = 1;
         if (::write(ready[1], &byte, 1) != 1) {
             return 2;
@@ -570,7 +542,7 @@ TEST_F(Monitor, LiveApplicationStaysAttachedBeyondTheSilenceLimit)
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
     ASSERT_TRUE(app.wait_attached());
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("LIVE", ""))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("LIVE", ""))));
     const auto until = std::chrono::steady_clock::now() + milliseconds(7000);
     while (std::chrono::steady_clock::now() < until) {
         app.stamp();
@@ -593,9 +565,9 @@ TEST_F(Monitor, ServesManyApplicationsAtOnce)
             Test_application app(identifier);
             const std::string id = "AP" + std::to_string(a);
             if (!app.announce() || !app.wait_attached() ||
-                !app.send_priority(records(Logferry_register_app(id.c_str(), ""))) ||
+                !app.send_priority(bytes_of(Logferry_register_app(id.c_str(), ""))) ||
                 !app.send_priority(
-                    records(Logferry_register_context(4, 100 + a, ("C" + std::to_string(a)).c_str(), "")))) {
+                    bytes_of(Logferry_register_context(4, 100 + a, ("C" + std::to_string(a)).c_str(), "")))) {
                 return 1;
             }
             // Everything is written while ordinary traffic is still held back, then
@@ -603,8 +575,8 @@ TEST_F(Monitor, ServesManyApplicationsAtOnce)
             // gone with the whole backlog still to read.
             for (int m = 0; m < messages; ++m) {
                 const std::uint32_t key = static_cast<std::uint32_t>(m);
-                if (!app.log(records(start(key, 4, 100 + a), int32(key, m),
-                                     text(key, std::string(40, static_cast<char>('a' + a))), finish(key)))) {
+                if (!app.log(bytes_of(start(key, 4, 100 + a), int32(key, m),
+                                      make_text(key, std::string(40, static_cast<char>('a' + a))), make_finish(key)))) {
                     return 2;
                 }
                 if (m % 20 == 0) {
@@ -665,13 +637,13 @@ TEST_F(Monitor, HeldBackMessagesWaitWhileTheApplicationLives)
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
     ASSERT_TRUE(app.wait_attached());
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("GATE", ""))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "C", ""))));
-    ASSERT_TRUE(app.log(records(start(1, 4, 1), text(1, "held back"), finish(1))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("GATE", ""))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1, "C", ""))));
+    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), make_text(1, "held back"), make_finish(1))));
     // Two control requests, one after the other: once the second one is printed, the
     // monitor has been through the ring at least once since the message went in.
-    ASSERT_TRUE(app.send_priority(records(Logferry_enable_local_print())));
-    ASSERT_TRUE(app.send_priority(records(Logferry_disable_remote())));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_enable_local_print())));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_disable_remote())));
     ASSERT_TRUE(wait_for("-- control    GATE disable-remote\n")) << output();
     EXPECT_EQ(output().find("held back"), std::string::npos) << output();
 
@@ -696,8 +668,8 @@ TEST_F(Monitor, RegistrationPlacedAsTheRingOpensComesBeforeTheMessage)
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
     ASSERT_TRUE(app.wait_attached());
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("RACE", ""))));
-    ASSERT_TRUE(app.log(records(start(1, 4, 1), text(1, "after the context"), finish(1))));  // held back
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("RACE", ""))));
+    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), make_text(1, "after the context"), make_finish(1))));  // held back
 
     // The monitor looked at the priority area (empty) and now waits for the ring's mutex.
     pthread_mutex_t* const ring = app.ring_mutex();
@@ -707,7 +679,7 @@ TEST_F(Monitor, RegistrationPlacedAsTheRingOpensComesBeforeTheMessage)
         return has_waiters(ring);
     });
     if (waiting) {
-        EXPECT_TRUE(app.place_priority(records(Logferry_register_context(4, 1, "C", ""))));
+        EXPECT_TRUE(app.place_priority(bytes_of(Logferry_register_context(4, 1, "C", ""))));
         app.release();
     }
     ASSERT_EQ(::pthread_mutex_unlock(ring), 0);
@@ -730,10 +702,10 @@ TEST_F(Monitor, HeldBackMessagesOfAClosedApplicationAreRead)
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
     ASSERT_TRUE(app.wait_attached());
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("LATE", ""))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "C", ""))));
-    ASSERT_TRUE(app.log(records(start(1, 4, 1), text(1, "first"), finish(1))));
-    ASSERT_TRUE(app.log(records(start(2, 4, 1), text(2, "last"), finish(2))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("LATE", ""))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1, "C", ""))));
+    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), make_text(1, "first"), make_finish(1))));
+    ASSERT_TRUE(app.log(bytes_of(start(2, 4, 1), make_text(2, "last"), make_finish(2))));
     app.close();
     ASSERT_TRUE(wait_for("-- detach")) << output();
     EXPECT_NE(mask_timestamps(output()).find("<ts> LATE C    info    \"first\"\n"
@@ -753,11 +725,12 @@ TEST_F(Monitor, CountStopsAfterThatManyMessages)
         Test_application app(unique_id("", 18) + std::to_string(count));
         ASSERT_TRUE(app.announce());
         ASSERT_TRUE(app.wait_attached());
-        ASSERT_TRUE(app.send_priority(records(Logferry_register_app("CNT", ""))));
-        ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "C", ""))));
+        ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("CNT", ""))));
+        ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1, "C", ""))));
         app.release();
         for (std::uint32_t key = 0; key < 3; ++key) {
-            ASSERT_TRUE(app.log(records(start(key, 4, 1), int32(key, static_cast<std::int32_t>(key)), finish(key))));
+            ASSERT_TRUE(
+                app.log(bytes_of(start(key, 4, 1), int32(key, static_cast<std::int32_t>(key)), make_finish(key))));
         }
         const int status = logferry_test::wait_child(pid_, milliseconds(10000));
         pid_ = -1;
@@ -839,12 +812,12 @@ TEST_F(Monitor, UndecodableUnitsAreReportedAndServiceGoesOn)
     Test_application app(unique_id("", 20));
     ASSERT_TRUE(app.announce());
     ASSERT_TRUE(app.wait_attached());
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("BAD", ""))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "C", ""))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("BAD", ""))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1, "C", ""))));
     app.release();
     ASSERT_TRUE(app.log(Bytes{12, 1, 0}));
-    ASSERT_TRUE(app.log(records(start(1, 4, 1), int32(2, 5), finish(1))));
-    ASSERT_TRUE(app.log(records(start(3, 4, 1), int32(3, 5), finish(3))));
+    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), int32(2, 5), make_finish(1))));
+    ASSERT_TRUE(app.log(bytes_of(start(3, 4, 1), int32(3, 5), make_finish(3))));
     ASSERT_TRUE(wait_for("C    info    5")) << output();
     const std::string text = output();
     EXPECT_NE(text.find("-- error      BAD ring: truncated at offset 0 (kind 12): write_int32 needs 9 bytes, 3 left "
@@ -856,7 +829,6 @@ TEST_F(Monitor, UndecodableUnitsAreReportedAndServiceGoesOn)
     app.close();
 }
 
-#ifdef LOGFERRY_EXAMPLE_PATH
 // The example application on the real front end, under the monitor.
 TEST_F(Monitor, ExampleApplicationUnderTheMonitor)
 {
@@ -931,7 +903,7 @@ TEST_F(Monitor, TwoExampleApplicationsAtOnce)
         const std::string printed = read_file(base + ".out");
         ::unlink((base + ".out").c_str());
         ::unlink((base + ".err").c_str());
-        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        ASSERT_TRUE(logferry_test::exited_cleanly(status)) << status;
         EXPECT_NE(printed.find("example: debug for MAIN after the level update: enabled\n"), std::string::npos)
             << printed;
     }
@@ -967,7 +939,6 @@ TEST_F(Monitor, TwoExampleApplicationsAtOnce)
     EXPECT_EQ(lines, expected) << output();
     EXPECT_EQ(errors(), "");
 }
-#endif
 
 // An application that keeps logging while the monitor is stopped and started again: the
 // new monitor gets the registrations replayed, then every message, none lost across the
@@ -1026,7 +997,7 @@ TEST_F(Monitor, RestartedMonitorGetsTheRegistrationsReplayedAndEveryMessage)
     }
     const int status = logferry_test::wait_child(application, milliseconds(10000));
     ::unlink(stop_file.c_str());
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ASSERT_TRUE(logferry_test::exited_cleanly(status)) << status;
     ASSERT_TRUE(wait_for("-- detach")) << output();
     EXPECT_EQ(stop_monitor(), 0);
 

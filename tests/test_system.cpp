@@ -1,6 +1,7 @@
 // The system seam, the two guards, the sleeps and the run-state directory.
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/time.h>
@@ -16,6 +17,7 @@
 
 #include "logferry/system.hpp"
 #include "probes/nanosleep_probe.hpp"
+#include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
 #include "support/robust_list.hpp"
 #include "support/test_util.hpp"
@@ -30,6 +32,8 @@ using logferry_test::Scoped_system;
 // ---------------------------------------------------------------------------------------
 // nanosleep is interposed in this executable (probes/nanosleep_probe.cpp) so the sleeps'
 // system calls can be observed and interrupted.
+using logferry_test::diagnostic;
+using logferry_test::error_while;
 using logferry_test::take_nanosleep_requests;
 
 namespace {
@@ -223,6 +227,16 @@ TEST(System, RealSignalDuringSleepDoesNotShortenIt)
 // ---------------------------------------------------------------------------------------
 // Mutex_lock_guard
 
+TEST(System, DefaultTrylockTakesAFreeMutexAndReportsABusyOne)
+{
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    EXPECT_EQ(logferry::sys->pthread_mutex_trylock(&mutex), 0);
+    EXPECT_EQ(logferry::sys->pthread_mutex_trylock(&mutex), EBUSY);
+    EXPECT_EQ(logferry::sys->pthread_mutex_unlock(&mutex), 0);
+    EXPECT_EQ(logferry::sys->pthread_mutex_trylock(&mutex), 0);
+    EXPECT_EQ(logferry::sys->pthread_mutex_unlock(&mutex), 0);
+}
+
 TEST(System, GuardLocksAndUnlocksThroughTheSeam)
 {
     Fake_system fake;
@@ -297,9 +311,7 @@ TEST(System, GuardReportsLockAndUnlockErrorsWithTheReturnedCode)
     fake.fail(Op::pthread_mutex_unlock, EPERM, 0);
     errno = 0;  // the text comes from the returned code, not errno
     const std::string output = logferry_test::capture_stderr([&] { Mutex_lock_guard guard(&mutex, false); });
-    EXPECT_EQ(output,
-              "logferry: error while locking the mutex: Invalid argument\n"
-              "logferry: error while unlocking the mutex: Operation not permitted\n");
+    EXPECT_EQ(output, error_while("locking the mutex", EINVAL) + error_while("unlocking the mutex", EPERM));
     EXPECT_EQ(fake.calls(Op::pthread_mutex_consistent), 0);
 }
 
@@ -311,7 +323,7 @@ TEST(System, GuardLockErrorAloneWritesOneLine)
     fake.fail(Op::pthread_mutex_lock, EAGAIN, 0);
     fake.fail(Op::pthread_mutex_unlock, 0, 0);  // the section ran unlocked; its unlock succeeds
     const std::string output = logferry_test::capture_stderr([&] { Mutex_lock_guard guard(&mutex, false); });
-    EXPECT_EQ(output, "logferry: error while locking the mutex: Resource temporarily unavailable\n");
+    EXPECT_EQ(output, error_while("locking the mutex", EAGAIN));
     EXPECT_EQ(fake.calls(Op::pthread_mutex_unlock), 1);  // the destructor still unlocks
 }
 
@@ -407,7 +419,7 @@ TEST(System, RunstateDirectoryDefaultsWhenUnsetOrEmpty)
 TEST(System, ReportErrorWritesOneFlushedLine)
 {
     EXPECT_EQ(logferry_test::capture_stderr([] { logferry::report_error("something broke."); }),
-              "logferry: something broke.\n");
+              diagnostic("something broke."));
     EXPECT_EQ(logferry_test::capture_stderr([] { logferry::report_error("opening: ", ENOENT); }),
-              "logferry: opening: No such file or directory\n");
+              diagnostic("opening: No such file or directory"));
 }

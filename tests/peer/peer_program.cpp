@@ -26,6 +26,7 @@
 #include "logferry/channel.hpp"
 #include "logferry/listener.hpp"
 #include "logferry/message.hpp"
+#include "support/hex.hpp"
 
 namespace {
 
@@ -42,17 +43,6 @@ void emit(const std::string& line)
         data += written;
         left -= static_cast<std::size_t>(written);
     }
-}
-
-std::string to_hex(const std::vector<unsigned char>& bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned char byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 15];
-    }
-    return text;
 }
 
 std::vector<unsigned char> from_hex(const std::string& text)
@@ -118,14 +108,14 @@ int main()
                 if (!hold_priority) {
                     const std::vector<unsigned char> priority = end.pop_priority();
                     if (!priority.empty()) {
-                        emit("priority " + to_hex(priority));
+                        emit("priority " + logferry_test::hex_of(priority));
                     }
                 }
             };
             take_priority();
             for (std::vector<unsigned char> unit = end.pop(); !unit.empty(); unit = end.pop()) {
                 take_priority();
-                emit("ring " + to_hex(unit));
+                emit("ring " + logferry_test::hex_of(unit));
             }
             if (__atomic_load_n(&end.segment->client_watchdog, __ATOMIC_SEQ_CST) == 0) {
                 emit("detach " + end.get_filename());

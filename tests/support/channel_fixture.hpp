@@ -13,8 +13,6 @@
 
 namespace logferry_test {
 
-using Bytes = std::vector<unsigned char>;
-
 // The fields of one ring inside a mapped segment, for tests that inspect or corrupt it.
 struct Ring_fields {
     unsigned char* bytes;

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <set>
 #include <string>
 #include <thread>
@@ -25,29 +26,12 @@
 #include <gtest/gtest.h>
 
 #include "logferry/client.hpp"
+#include "support/record_bytes.hpp"
+#include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
 #include "wire/wire.hpp"
 
 namespace logferry_test {
-
-using Bytes = std::vector<unsigned char>;
-
-template <typename Record>
-Bytes serialized(const Record& record)
-{
-    Bytes bytes;
-    logferry::serialize(record, bytes);
-    return bytes;
-}
-
-inline Bytes concat(std::initializer_list<Bytes> parts)
-{
-    Bytes all;
-    for (const Bytes& part : parts) {
-        all.insert(all.end(), part.begin(), part.end());
-    }
-    return all;
-}
 
 // The kernel ids of this process's live threads, from /proc. A thread that has been joined
 // can stay listed for a while as the kernel finishes it, dead or still exiting, so tests
@@ -210,9 +194,9 @@ inline std::vector<Bytes> queued_priority_records()
     return records;
 }
 
-// Puts every library-wide object and flag back to its load-time value (the channel and
-// listener are closed by exit()).
-inline void reset_library_state()
+// Puts every library-wide object and flag back to its load-time value, the channel's name
+// aside (the channel and listener are closed by exit()).
+inline void reset_front_end()
 {
     logferry::exit();
     logferry::registered_application.clear();
@@ -224,28 +208,24 @@ inline void reset_library_state()
     logferry::first_registration = true;
     logferry::pending_registration = false;
     logferry::terminate_receiver_thread = false;
+    logferry::client.lost_messages = 0;
+}
+
+// reset_front_end, and the channel's name cleared too.
+inline void reset_library_state()
+{
+    reset_front_end();
     logferry::client.set_app_identifier("");
     logferry::client.filename.clear();
-    logferry::client.lost_messages = 0;
 }
 
 class Client_test : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        const char* previous = ::getenv("ADAPTIVE_RUNSTATE_DIR");
-        had_runstate_ = previous != nullptr;
-        previous_runstate_ = had_runstate_ ? previous : "";
-        previous_lock_path_ = logferry::listener.lock_listener_name;
-
-        char pattern[] = "/tmp/logferry-client-test-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        runstate_dir_ = pattern;
-        ASSERT_EQ(::mkdir((runstate_dir_ + "/ara_DLT").c_str(), 0700), 0);
-        ::setenv("ADAPTIVE_RUNSTATE_DIR", runstate_dir_.c_str(), 1);
+        runstate_.reset(new Runstate_dir());
         // No lock file there: the listener sees no daemon.
-        logferry::listener.lock_listener_name = lock_path();
-
+        lock_name_.reset(new Scoped_value<std::string>(logferry::listener.lock_listener_name, lock_path()));
         logferry::set_app_identifier(unique_id());
     }
 
@@ -253,18 +233,11 @@ protected:
     {
         reset_library_state();
         EXPECT_FALSE(shm_exists(channel_name_seen_)) << channel_name_seen_;
-        logferry::listener.lock_listener_name = previous_lock_path_;
-        if (had_runstate_) {
-            ::setenv("ADAPTIVE_RUNSTATE_DIR", previous_runstate_.c_str(), 1);
-        } else {
-            ::unsetenv("ADAPTIVE_RUNSTATE_DIR");
-        }
-        ::unlink(lock_path().c_str());
-        ::rmdir((runstate_dir_ + "/ara_DLT").c_str());
-        ::rmdir(runstate_dir_.c_str());
+        lock_name_.reset();
+        runstate_.reset();
     }
 
-    std::string lock_path() const { return runstate_dir_ + "/ara_DLT/logferry-daemon-listener.lock"; }
+    std::string lock_path() const { return runstate_->lock_file(); }
 
     // The state `init` leaves behind, without the receiver thread: the tests that look at
     // the channel, the queue and the tables see only the doings of the calls under test.
@@ -286,13 +259,11 @@ protected:
 
     void remember_channel() { channel_name_seen_ = logferry::client.get_filename(); }
 
-    std::string runstate_dir_;
+    std::unique_ptr<Runstate_dir> runstate_;
     std::string channel_name_seen_ = "/logferry-none";
 
 private:
-    bool had_runstate_ = false;
-    std::string previous_runstate_;
-    std::string previous_lock_path_;
+    std::unique_ptr<Scoped_value<std::string>> lock_name_;
 };
 
 }  // namespace logferry_test

@@ -5,9 +5,6 @@
 // private run-state directory, the library's listener pointed at it, a channel name unique
 // to the test, and helpers to build the bytes the peer must see.
 
-#include <sys/stat.h>
-
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,26 +13,11 @@
 
 #include "logferry/client.hpp"
 #include "support/peer_process.hpp"
+#include "support/record_bytes.hpp"
+#include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
 
 namespace logferry_test {
-
-template <typename Record>
-std::vector<unsigned char> bytes_of(const Record& record)
-{
-    std::vector<unsigned char> bytes;
-    logferry::serialize(record, bytes);
-    return bytes;
-}
-
-inline std::vector<unsigned char> concat(const std::vector<std::vector<unsigned char>>& parts)
-{
-    std::vector<unsigned char> all;
-    for (const auto& part : parts) {
-        all.insert(all.end(), part.begin(), part.end());
-    }
-    return all;
-}
 
 // The peer's lines of one kind ("priority ", "ring "), without the prefix.
 inline std::vector<std::string> payloads(const Daemon_peer& peer, const std::string& prefix)
@@ -60,11 +42,8 @@ class End_to_end_test : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        runstate_dir_ = "/tmp/lf-e2e-" + unique_id("", 30);
-        ::mkdir(runstate_dir_.c_str(), 0700);
-        ::mkdir((runstate_dir_ + "/ara_DLT").c_str(), 0700);
-        ::setenv("ADAPTIVE_RUNSTATE_DIR", runstate_dir_.c_str(), 1);
-        logferry::listener.lock_listener_name = runstate_dir_ + "/ara_DLT/logferry-daemon-listener.lock";
+        runstate_.reset(new Runstate_dir());
+        lock_name_.reset(new Scoped_value<std::string>(logferry::listener.lock_listener_name, runstate_->lock_file()));
         // The process id is part of the channel name, which keeps it unique; the whole name
         // must fit the listener list's 32 bytes.
         logferry::set_app_identifier("E2E");
@@ -74,19 +53,22 @@ protected:
     {
         logferry::exit();
         peers_.clear();
-        const std::string command = "rm -rf '" + runstate_dir_ + "'";
-        EXPECT_EQ(std::system(command.c_str()), 0);
+        lock_name_.reset();
+        runstate_.reset();
     }
 
     Daemon_peer& start_peer()
     {
-        peers_.emplace_back(new Daemon_peer(LOGFERRY_TEST_DAEMON_PEER, runstate_dir_));
+        peers_.emplace_back(new Daemon_peer(LOGFERRY_TEST_DAEMON_PEER, runstate_->root()));
         EXPECT_TRUE(peers_.back()->ready());
         return *peers_.back();
     }
 
-    std::string runstate_dir_;
+    std::unique_ptr<Runstate_dir> runstate_;
     std::vector<std::unique_ptr<Daemon_peer>> peers_;
+
+private:
+    std::unique_ptr<Scoped_value<std::string>> lock_name_;
 };
 
 }  // namespace logferry_test

@@ -130,18 +130,7 @@ bool Daemon_peer::quit()
     send("quit");
     const int status = wait_child(pid_, std::chrono::milliseconds(10000));
     pid_ = -1;
-    return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-std::string hex_of(const std::vector<unsigned char>& bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned char byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 15];
-    }
-    return text;
+    return exited_cleanly(status);
 }
 
 }  // namespace logferry_test

@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/hex.hpp"
+
 namespace logferry_test {
 
 class Daemon_peer {
@@ -43,8 +45,6 @@ private:
     std::vector<std::string> lines_;
     std::thread reader_;
 };
-
-std::string hex_of(const std::vector<unsigned char>& bytes);
 
 }  // namespace logferry_test
 

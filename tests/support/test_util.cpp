@@ -74,10 +74,23 @@ int count_mappings(const std::string& shm_name)
     return count;
 }
 
-bool shm_exists(const std::string& shm_name)
+bool shm_exists(const std::string& shm_name) { return path_exists("/dev/shm" + shm_name); }
+
+bool path_exists(const std::string& path)
 {
     struct stat info {};
-    return ::stat(("/dev/shm" + shm_name).c_str(), &info) == 0;
+    return ::stat(path.c_str(), &info) == 0;
+}
+
+bool all_zero(const void* data, std::size_t size)
+{
+    const unsigned char* bytes = static_cast<const unsigned char*>(data);
+    for (std::size_t i = 0; i < size; ++i) {
+        if (bytes[i] != 0) {
+            return false;
+        }
+    }
+    return true;
 }
 
 bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
@@ -118,5 +131,7 @@ int wait_child(int pid, std::chrono::milliseconds timeout)
     }
     return status;
 }
+
+bool exited_cleanly(int status) { return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0; }
 
 }  // namespace logferry_test

@@ -4,8 +4,12 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace logferry_test {
+
+// A record, a message or a stretch of shared memory, byte by byte.
+using Bytes = std::vector<unsigned char>;
 
 // A name unique to this process and the running test ("<pid>-<TestName>-<suffix>", at most
 // `max_length` characters), for shared-memory objects and files.
@@ -19,6 +23,10 @@ std::string capture_stdout(const std::function<void()>& action);
 int count_open_fds();
 int count_mappings(const std::string& shm_name);
 bool shm_exists(const std::string& shm_name);
+bool path_exists(const std::string& path);
+
+// Whether the `size` bytes at `data` are all zero.
+bool all_zero(const void* data, std::size_t size);
 
 // Polls `condition` every millisecond until it holds or `timeout` passes.
 bool wait_until(const std::function<bool()>& condition,
@@ -29,6 +37,8 @@ int fork_child(const std::function<int()>& body);
 // Waits up to `timeout` for the child; returns its wait status, or -1 on timeout (the child
 // is then killed).
 int wait_child(int pid, std::chrono::milliseconds timeout = std::chrono::milliseconds(10000));
+// Whether a wait status (as wait_child returns it) is that of a child that exited with 0.
+bool exited_cleanly(int status);
 
 }  // namespace logferry_test
 
