@@ -7,12 +7,12 @@
 
 #include <gtest/gtest.h>
 
-#include "channel/segment_access.hpp"
 #include "logferry/channel.hpp"
 #include "support/channel_fixture.hpp"
 #include "support/diagnostics.hpp"
 #include "support/fake_system.hpp"
 #include "support/test_util.hpp"
+#include "wire/shared_fields.hpp"
 
 using logferry::last_connection_state;
 using logferry_test::capture_stderr;

@@ -27,6 +27,8 @@
 #include "logferry/listener.hpp"
 #include "logferry/message.hpp"
 #include "support/hex.hpp"
+#include "wire/shared_fields.hpp"
+#include "wire/wire.hpp"
 
 namespace {
 
@@ -117,7 +119,7 @@ int main()
                 take_priority();
                 emit("ring " + logferry_test::hex_of(unit));
             }
-            if (__atomic_load_n(&end.segment->client_watchdog, __ATOMIC_SEQ_CST) == 0) {
+            if (logferry::atomic_load_i64(&end.segment->client_watchdog) == 0) {
                 emit("detach " + end.get_filename());
                 end.uninit();
                 channel.gone = true;
@@ -146,12 +148,9 @@ int main()
                 unsigned long handle = 0;
                 unsigned int level = 0;
                 words >> handle >> level;
-                message = {logferry::KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER,
-                           static_cast<unsigned char>(level),
-                           static_cast<unsigned char>(handle & 0xFF),
-                           static_cast<unsigned char>((handle >> 8) & 0xFF),
-                           static_cast<unsigned char>((handle >> 16) & 0xFF),
-                           static_cast<unsigned char>((handle >> 24) & 0xFF)};
+                message.resize(logferry::wire::LEVEL_UPDATE_SIZE);
+                logferry::wire::encode_level_update(message.data(), static_cast<std::uint8_t>(level),
+                                                    static_cast<std::uint32_t>(handle));
             } else if (command == "raw") {
                 std::string hex;
                 words >> hex;
