@@ -16,17 +16,22 @@ set(LOGFERRY_DEB_RUNTIME liblogferry2)
 set(LOGFERRY_DEB_DEVELOPMENT liblogferry-dev)
 set(LOGFERRY_DEB_TOOLS logferry-tools)
 
-# The manual page, compressed as Debian expects (no name or time stamp in the gzip header).
+# Compressed documentation as Debian expects it: gzip -9, no name or time stamp in the header.
 find_program(LOGFERRY_GZIP gzip)
-if(LOGFERRY_GZIP)
-  set(_man ${CMAKE_CURRENT_BINARY_DIR}/logferry-monitor.1.gz)
-  add_custom_command(OUTPUT ${_man}
-    COMMAND ${LOGFERRY_GZIP} -9 -n -c ${CMAKE_CURRENT_SOURCE_DIR}/docs/logferry-monitor.1 > ${_man}
-    DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/docs/logferry-monitor.1
-    VERBATIM)
-  add_custom_target(logferry_manual ALL DEPENDS ${_man})
-  install(FILES ${_man} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+if(NOT LOGFERRY_GZIP)
+  message(FATAL_ERROR "gzip is needed for the manual page and the changelog")
 endif()
+function(logferry_gzip target source output)
+  add_custom_command(OUTPUT ${output}
+    COMMAND ${LOGFERRY_GZIP} -9 -n -c ${source} > ${output}
+    DEPENDS ${source}
+    VERBATIM)
+  add_custom_target(${target} ALL DEPENDS ${output})
+endfunction()
+
+set(_man ${CMAKE_CURRENT_BINARY_DIR}/logferry-monitor.1.gz)
+logferry_gzip(logferry_manual ${CMAKE_CURRENT_SOURCE_DIR}/docs/logferry-monitor.1 ${_man})
+install(FILES ${_man} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 
 # The service: unit, its user and group, its run-state directory. systemd looks for them under
 # /usr/lib whatever the library directory is.
@@ -37,11 +42,7 @@ install(FILES ${_pkg}/logferry.tmpfiles DESTINATION lib/tmpfiles.d RENAME logfer
 # Copyright and changelog in every package's documentation directory.
 configure_file(${_pkg}/changelog.in ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog @ONLY)
 set(_changelog ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.gz)
-add_custom_command(OUTPUT ${_changelog}
-  COMMAND ${LOGFERRY_GZIP} -9 -n -c ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog > ${_changelog}
-  DEPENDS ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog
-  VERBATIM)
-add_custom_target(logferry_changelog ALL DEPENDS ${_changelog})
+logferry_gzip(logferry_changelog ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog ${_changelog})
 foreach(component runtime development tools)
   string(TOUPPER ${component} _upper)
   install(FILES ${_pkg}/copyright ${_changelog}

@@ -17,7 +17,7 @@ scripts/install-deps.sh dpkg-dev fakeroot file lintian groff-base man-db systemd
 jobs=${LOGFERRY_JOBS:-2}
 build="build-package"
 packages=(liblogferry2 liblogferry-dev logferry-tools)
-version=$(sed -n 's/^project(logferry VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+version=$(scripts/version.sh)
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 libdir=/usr/lib/$multiarch
 export DEBIAN_FRONTEND=noninteractive
