@@ -151,7 +151,11 @@ echo "=== systemd-analyze verify ==="
 unit=/usr/lib/systemd/system/logferry-monitor.service
 verify=$(systemd-analyze verify --man=no "$unit" 2>&1) || fail "systemd-analyze verify: $verify"
 [ -z "$verify" ] || fail "systemd-analyze verify: $verify"
-echo "$unit: no findings"
+# The check must be able to fail offline: a unit with an unknown key is reported.
+sed 's/^UMask=/NoSuchKey=1\nUMask=/' "$unit" > "$work/logferry-broken.service"
+systemd-analyze verify --man=no "$work/logferry-broken.service" 2>&1 | grep -q "Unknown key 'NoSuchKey'" ||
+    fail "systemd-analyze verify does not report an unknown key"
+echo "$unit: no findings (directives, the programs it runs, its dependencies)"
 
 # ---------------------------------------------------------------------------------------
 echo "=== applications against the installed files, under the installed monitor ==="
