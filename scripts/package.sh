@@ -159,7 +159,7 @@ echo "$unit: no findings (directives, the programs it runs, its dependencies)"
 
 # ---------------------------------------------------------------------------------------
 echo "=== applications against the installed files, under the installed monitor ==="
-cmake -S tests/package/installed -B "$work/cmake" ${LOGFERRY_WITH_ARA_LOG:+-DWITH_ARA_LOG=ON} \
+cmake -S tests/package/cmake_consumer -B "$work/cmake" ${LOGFERRY_WITH_ARA_LOG:+-DWITH_ARA_LOG=ON} \
     > "$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
 cmake --build "$work/cmake" > "$work/cmake-build.log" 2>&1 || { cat "$work/cmake-build.log"; exit 1; }
 grep -q "logferry_DIR:PATH=$libdir/cmake/logferry" "$work/cmake/CMakeCache.txt" ||
@@ -184,15 +184,10 @@ done
 
 mkdir -p "$work/run/ara_DLT"
 export ADAPTIVE_RUNSTATE_DIR=$work/run
+# shellcheck source=scripts/wait-for-line.sh
+. scripts/wait-for-line.sh
 # Polls the monitor's output for a line matching $1 for up to $2 tenths of a second.
-wait_for() {
-    local i
-    for ((i = 0; i < $2; i++)); do
-        grep -qE -- "$1" "$work/monitor.out" 2> /dev/null && return 0
-        sleep 0.1
-    done
-    fail "no line /$1/ from the monitor"
-}
+wait_for() { wait_for_line "$work/monitor.out" "$1" "$2" || fail "the monitor did not show it"; }
 # The listener list is system-wide: the monitor runs under the lock every test run takes.
 exec 9> /tmp/lf-listener.flock
 flock 9
