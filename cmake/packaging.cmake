@@ -99,7 +99,7 @@ files needed to build applications against liblogferry.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${LOGFERRY_DEB_TOOLS})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${_pkg}/tools/postinst ${_pkg}/tools/postrm)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${_pkg}/tools/postinst ${_pkg}/tools/prerm ${_pkg}/tools/postrm)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
   "log daemon side of liblogferry: logferry-monitor\n\

@@ -42,11 +42,15 @@ echo "=== manual page ==="
 warnings=$(groff -man -Tutf8 -ww -z docs/logferry-monitor.1 2>&1)
 [ -z "$warnings" ] || fail "the manual page renders with warnings: $warnings"
 MANWIDTH=80 man -l "$build/logferry-monitor.1.gz" 2>&1 | col -b > "$build/logferry-monitor.txt"
-for option in --level --say --count --duration --quiet --ecu --dlt-file --dlt-file-limit --dlt-port --dlt-bind \
-    --app-file-dir --help ADAPTIVE_RUNSTATE_DIR "EXIT STATUS" SIGTERM; do
-    grep -q -- "$option" "$build/logferry-monitor.txt" || fail "the manual page does not describe $option"
+# Every option the program's --help names, and those of the service, are described.
+mapfile -t help_options < <("$build/tools/logferry-monitor" --help | grep -oE -- '--[a-z][a-z-]*' | sort -u)
+[ ${#help_options[@]} -ge 5 ] || fail "no options in logferry-monitor --help"
+for option in "${help_options[@]}" --quiet --ecu --dlt-file --dlt-file-limit --dlt-port --dlt-bind --app-file-dir \
+    ADAPTIVE_RUNSTATE_DIR "EXIT STATUS" SIGTERM; do
+    grep -qE -- "(^| )$option( |=|,|$)" "$build/logferry-monitor.txt" ||
+        fail "the manual page does not describe $option"
 done
-echo "renders without warnings, describes every option"
+echo "renders without warnings, describes every option (${help_options[*]} and the service's)"
 
 echo "=== cpack -G DEB ==="
 (cd "$build" && cpack -G DEB > cpack.log 2>&1) || { cat "$build/cpack.log"; exit 1; }
