@@ -29,6 +29,8 @@ fail() {
     echo "package: $*" >&2
     exit 1
 }
+# shellcheck source=scripts/wait-for-line.sh
+. scripts/wait-for-line.sh
 
 # ---------------------------------------------------------------------------------------
 echo "=== building ($build, Release, prefix /usr) ==="
@@ -134,10 +136,17 @@ cleanup() {
         status=1
     fi
     rm -rf "$work"
+    flock -u 9 2> /dev/null || true
     [ "$status" -eq 0 ] && echo "purged: nothing of the packages remains"
     exit "$status"
 }
 trap cleanup EXIT
+
+# The listener list is system-wide, and while the packages are installed the run-state
+# directory /run/adaptive/ara_DLT exists: hold the lock every run that uses them takes until
+# the packages are purged again.
+exec 9> /tmp/lf-listener.flock
+flock 9
 
 echo "=== apt-get install ./*.deb ==="
 for p in "${packages[@]}"; do
@@ -160,6 +169,26 @@ sed 's/^UMask=/NoSuchKey=1\nUMask=/' "$unit" > "$work/logferry-broken.service"
 systemd-analyze verify --man=no "$work/logferry-broken.service" 2>&1 | grep -q "Unknown key 'NoSuchKey'" ||
     fail "systemd-analyze verify does not report an unknown key"
 echo "$unit: no findings (directives, the programs it runs, its dependencies)"
+
+echo "=== the monitor as the service runs it ==="
+# User and group logferry, umask 0007, the run-state directory the package made: the lock
+# file and the listener segment must come out rw-rw---- for the group, and go at the stop.
+lock=/run/adaptive/ara_DLT/logferry-daemon-listener.lock
+setpriv --reuid=logferry --regid=logferry --init-groups env ADAPTIVE_RUNSTATE_DIR=/run/adaptive \
+    sh -c 'umask 0007; exec /usr/bin/logferry-monitor' > "$work/service.out" 2>&1 9>&- &
+monitor_pid=$!
+wait_for_line "$work/service.out" "^-- listening +lock=$lock$" 50 || fail "$(cat "$work/service.out")"
+for path in "$lock" /dev/shm/logferry-daemon-listener; do
+    owner=$(stat -c '%a %U %G' "$path")
+    [ "$owner" = "660 logferry logferry" ] || fail "$path: $owner, expected 660 logferry logferry"
+    echo "$path: $owner"
+done
+kill -TERM "$monitor_pid"
+wait "$monitor_pid" || fail "the monitor ended with status $?"
+monitor_pid=
+if [ -e "$lock" ] || [ -e /dev/shm/logferry-daemon-listener ]; then
+    fail "lock file or listener segment left behind"
+fi
 
 # ---------------------------------------------------------------------------------------
 echo "=== applications against the installed files, under the installed monitor ==="
@@ -188,13 +217,8 @@ done
 
 mkdir -p "$work/run/ara_DLT"
 export ADAPTIVE_RUNSTATE_DIR=$work/run
-# shellcheck source=scripts/wait-for-line.sh
-. scripts/wait-for-line.sh
 # Polls the monitor's output for a line matching $1 for up to $2 tenths of a second.
 wait_for() { wait_for_line "$work/monitor.out" "$1" "$2" || fail "the monitor did not show it"; }
-# The listener list is system-wide: the monitor runs under the lock every test run takes.
-exec 9> /tmp/lf-listener.flock
-flock 9
 /usr/bin/logferry-monitor --level MAIN=debug > "$work/monitor.out" 2> "$work/monitor.err" 9>&- &
 monitor_pid=$!
 wait_for '^-- listening' 50
@@ -208,7 +232,6 @@ done
 kill -TERM "$monitor_pid"
 wait "$monitor_pid" || fail "the monitor ended with status $?"
 monitor_pid=
-flock -u 9
 cat "$work/monitor.out"
 [ ! -s "$work/monitor.err" ] || fail "the monitor's diagnostics: $(cat "$work/monitor.err")"
 echo "package test passed"
