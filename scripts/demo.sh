@@ -30,16 +30,10 @@ cleanup() {
 }
 trap cleanup EXIT
 
+# shellcheck source=scripts/wait-for-line.sh
+. scripts/wait-for-line.sh
 # Polls for a line in the monitor's output: up to $2 tenths of a second.
-wait_for() {
-    local i
-    for ((i = 0; i < $2; i++)); do
-        grep -q -- "$1" "$run/monitor.out" 2> /dev/null && return 0
-        sleep 0.1
-    done
-    echo "demo: no \"$1\" from the monitor" >&2
-    return 1
-}
+wait_for() { wait_for_line "$run/monitor.out" "$1" "$2"; }
 
 echo
 echo "=== starting the monitor (installed: $prefix/bin/logferry-monitor) ==="

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # What CI runs. In order:
 #   lint        formatting drift and clang-tidy (scripts/lint.sh);
+#   docs        the API reference, failing on any Doxygen warning (scripts/docs.sh);
 #   normal      the library and the whole suite, warnings as errors;
 #   asan-ubsan  the same under AddressSanitizer and UndefinedBehaviorSanitizer;
 #   tsan        the same under ThreadSanitizer (each sanitizer halts on its first report);
@@ -8,7 +9,9 @@
 #   coverage    the suite in a coverage build, line and branch coverage of src/, at least 90 %
 #               of lines (scripts/coverage.sh);
 #   arm64       the cross build for 64-bit Arm, its suite under qemu's user mode and in an
-#               emulated arm64 machine (scripts/arm64.sh).
+#               emulated arm64 machine (scripts/arm64.sh);
+#   package     the Debian packages: built, checked with lintian, installed, used by an
+#               application under the installed monitor and purged again (scripts/package.sh).
 # LOGFERRY_STAGES picks a subset for a quicker local run (default: all of them, as CI).
 # Installs what it needs first. Runs every stage even after a failure; exits non-zero on any.
 set -euo pipefail
@@ -44,7 +47,7 @@ run_suite() {
     failed=$((failed + ${fails:-0}))
 }
 
-stages=" ${LOGFERRY_STAGES:-lint normal asan-ubsan tsan fuzz coverage arm64} "
+stages=" ${LOGFERRY_STAGES:-lint docs normal asan-ubsan tsan fuzz coverage arm64 package} "
 timings=()
 wanted() { [[ "$stages" == *" $1 "* ]]; }
 timed() {
@@ -69,12 +72,15 @@ run_script() {
 }
 
 wanted lint && run_script lint scripts/lint.sh
+wanted docs && run_script docs scripts/docs.sh
 wanted normal && timed normal run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
 wanted asan-ubsan && timed asan-ubsan run_suite asan-ubsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=address,undefined
 wanted tsan && timed tsan run_suite tsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=thread
 wanted fuzz && run_script fuzz scripts/fuzz.sh "${LOGFERRY_FUZZ_SECONDS:-60}"
 wanted coverage && run_script coverage scripts/coverage.sh
 wanted arm64 && run_script arm64 scripts/arm64.sh
+# Last: it installs the packages system-wide for a while (and purges them again).
+wanted package && run_script package scripts/package.sh
 
 # Nothing the suites created may stay in /dev/shm.
 leftover=$(comm -13 <(printf '%s\n' "$shm_before") <(ls /dev/shm | grep -E '^logferry-' | sort || true) | grep . || true)

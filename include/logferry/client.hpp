@@ -59,11 +59,11 @@ LOGFERRY_API extern std::unordered_map<std::uint32_t, std::vector<unsigned char>
 /// Guarded by `priority_message_queue_mutex`.
 LOGFERRY_API extern std::queue<std::vector<unsigned char>> priority_message_queue;
 
-LOGFERRY_API extern std::mutex application_mutex;
-LOGFERRY_API extern std::mutex contexts_mutex;
-LOGFERRY_API extern std::mutex filters_mutex;
-LOGFERRY_API extern std::mutex priority_message_queue_mutex;
-LOGFERRY_API extern std::mutex incomplete_logstream_messages_mutex;
+LOGFERRY_API extern std::mutex application_mutex;                    ///< Guards `registered_application`.
+LOGFERRY_API extern std::mutex contexts_mutex;                       ///< Guards `registered_contexts`.
+LOGFERRY_API extern std::mutex filters_mutex;                        ///< Guards `log_level_filters`.
+LOGFERRY_API extern std::mutex priority_message_queue_mutex;         ///< Guards `priority_message_queue`.
+LOGFERRY_API extern std::mutex incomplete_logstream_messages_mutex;  ///< Guards `incomplete_logstream_messages`.
 
 /// Set while the library is initialised (between `init` and `exit`).
 LOGFERRY_API extern std::atomic<bool> init_called;
@@ -124,17 +124,36 @@ LOGFERRY_API void submit_priority_record(const std::vector<unsigned char>& bytes
 /// Opens a message for a registered context; false for a level above 6 or an
 /// unregistered context. No level filter is applied here (see `is_log_level_enabled`).
 LOGFERRY_API bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint8_t log_level);
+/// \name Arguments
+/// Each appends one argument record to the message under `stream_key`, opening the stream
+/// if it was not started.
+///@{
+
+/// A boolean argument.
 LOGFERRY_API void log_bool(std::uint32_t stream_key, bool value);
+/// A signed integer argument of the parameter's width.
 LOGFERRY_API void log_int8(std::uint32_t stream_key, std::int8_t value);
+/// A signed integer argument of the parameter's width.
 LOGFERRY_API void log_int16(std::uint32_t stream_key, std::int16_t value);
+/// A signed integer argument of the parameter's width.
 LOGFERRY_API void log_int32(std::uint32_t stream_key, std::int32_t value);
+/// A signed integer argument of the parameter's width.
 LOGFERRY_API void log_int64(std::uint32_t stream_key, std::int64_t value);
-/// The formatted numbers take a format of 0 to 6; any other value is sent as 0.
+/// An unsigned integer argument of the parameter's width, with its presentation. The
+/// formatted numbers take a format of 0 to 6; any other value is sent as 0.
 LOGFERRY_API void log_uint8_formatted(std::uint32_t stream_key, std::uint8_t value, LogFormat format);
+/// An unsigned integer argument of the parameter's width, with its presentation (0 to 6,
+/// else 0).
 LOGFERRY_API void log_uint16_formatted(std::uint32_t stream_key, std::uint16_t value, LogFormat format);
+/// An unsigned integer argument of the parameter's width, with its presentation (0 to 6,
+/// else 0).
 LOGFERRY_API void log_uint32_formatted(std::uint32_t stream_key, std::uint32_t value, LogFormat format);
+/// An unsigned integer argument of the parameter's width, with its presentation (0 to 6,
+/// else 0).
 LOGFERRY_API void log_uint64_formatted(std::uint32_t stream_key, std::uint64_t value, LogFormat format);
+/// A single-precision floating-point argument.
 LOGFERRY_API void log_float32(std::uint32_t stream_key, float value);
+/// A double-precision floating-point argument.
 LOGFERRY_API void log_float64(std::uint32_t stream_key, double value);
 /// A zero-terminated text of at most 1388 characters; longer texts are dropped, not cut.
 LOGFERRY_API void log_utf8_string(std::uint32_t stream_key, const char* text);

@@ -12,6 +12,11 @@
 
 #include "logferry/export.hpp"
 
+/// \namespace ara
+/// The names of the platform's standard interfaces.
+/// \namespace ara::log
+/// The platform's logging interface: the level and mode types the library shares with it.
+
 // Two namespace blocks: the public headers stay valid C++14 for applications.
 namespace ara {  // NOLINT(modernize-concat-nested-namespaces)
 namespace log {
