@@ -29,6 +29,8 @@ constexpr std::uint32_t CLIENT_BUFFER_SIZE = 131071;
 constexpr std::uint32_t SERVER_BUFFER_SIZE = 32767;
 constexpr int CHANNEL_MODE = 0660;
 constexpr unsigned int LOGGING_GROUP_ID = 1051;
+// The largest unit a ring's 16-bit length prefix can describe: the most one push can carry.
+constexpr std::uint32_t MAX_RING_RECORD_SIZE = 0xFFFF;
 
 // The shared memory between one application and the daemon. Both ends must agree on it byte
 // for byte; the watchdogs and the gate byte are only ever accessed atomically.

@@ -44,9 +44,6 @@ namespace logferry {
 
 namespace {
 
-// The largest record a length prefix can describe.
-constexpr std::uint32_t MAX_RECORD_SIZE = 0xFFFF;
-
 // One ring of the segment.
 struct Ring {
     unsigned char* bytes;
@@ -157,7 +154,7 @@ std::vector<unsigned char> take_record(const Ring& ring, bool keep)
 // Whether a record of `size` bytes can ever be framed in a ring of `capacity` bytes.
 bool placeable(std::size_t size, std::uint32_t capacity)
 {
-    return size != 0 && size <= capacity - 2 && size <= MAX_RECORD_SIZE;
+    return size != 0 && size <= capacity - 2 && size <= MAX_RING_RECORD_SIZE;
 }
 
 // The writing step: appends one record of `size` bytes (placeable in this ring), discarding

@@ -1,0 +1,24 @@
+#ifndef LOGFERRY_FRONT_END_HOOKS_HPP
+#define LOGFERRY_FRONT_END_HOOKS_HPP
+
+// Notifications from the receiver thread to a front end built on top of this library (the
+// ara::log library). liblogferry only references them, weakly: they stay null unless such a
+// front end is loaded, and liblogferry exports no name for them. The front end defines them
+// (with LOGFERRY_DEFINE_HOOKS set before including this header).
+
+#include <cstdint>
+
+#ifdef LOGFERRY_DEFINE_HOOKS
+#define LOGFERRY_HOOK extern "C" __attribute__((visibility("default")))
+#else
+#define LOGFERRY_HOOK extern "C" __attribute__((weak, visibility("default")))
+#endif
+
+/// A level update from the daemon was applied to the filter of `context_handle`.
+LOGFERRY_HOOK void logferry_hook_filter_updated(std::uint32_t context_handle, std::uint8_t level) noexcept;
+/// The receiver thread's verdict on the daemon's attachment changed.
+LOGFERRY_HOOK void logferry_hook_connection_changed(bool connected) noexcept;
+
+#undef LOGFERRY_HOOK
+
+#endif
