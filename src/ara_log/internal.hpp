@@ -24,8 +24,11 @@ struct Registry {
 // valid for the whole process, also in static destructors after logging was taken down.
 struct Context {
     Context() noexcept : logger(Registry::logger_for(this)) {}
+    ~Context() = default;
     Context(const Context&) = delete;
     Context& operator=(const Context&) = delete;
+    Context(Context&&) = delete;
+    Context& operator=(Context&&) = delete;
 
     // The most verbose level sent (0: nothing). Written under the registry's mutex or by the
     // receiver thread's level update; read with relaxed loads by the loggers.
@@ -41,7 +44,7 @@ struct Context {
     Logger logger;
 };
 
-inline Logger Registry::logger_for(Context* context) noexcept { return Logger(&context->threshold, context); }
+inline Logger Registry::logger_for(Context* context) noexcept { return {&context->threshold, context}; }
 
 // One message under assembly: its records so far, the first being the start record.
 struct Message {

@@ -260,7 +260,7 @@ void LogStream::PutLocation(detail::Text file, int line) noexcept
     // "file:line", the file's name cut (from the front) so that the whole fits one text.
     std::array<char, MAX_TEXT_LENGTH> text{};
     char digits[16];
-    const auto digits_end = std::to_chars(digits, digits + sizeof(digits), line).ptr;
+    auto* const digits_end = std::to_chars(digits, digits + sizeof(digits), line).ptr;
     const auto digits_size = static_cast<std::size_t>(digits_end - digits);
     std::size_t file_size = file.size();
     const char* file_data = file.data();

@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "ara/log/logging.h"
 #include "ara_log/internal.hpp"
@@ -174,11 +175,16 @@ void register_application()
 {
     const Application& app = application_record();
     logferry::register_app(app.id.c_str(), app.description.c_str());
+    // Oldest first: contexts are registered in the order they were made.
+    std::vector<Context*> waiting;
     for (Context* context = newest_context.load(std::memory_order_acquire); context != nullptr;
          context = context->next) {
         if (!context->registered) {
-            register_context(*context);
+            waiting.push_back(context);
         }
+    }
+    for (auto context = waiting.rbegin(); context != waiting.rend(); ++context) {
+        register_context(**context);
     }
     request_mode(app);
     phase.store(kRegistered, std::memory_order_release);
@@ -197,7 +203,7 @@ __attribute__((destructor)) void take_down()
             context->threshold.store(0, std::memory_order_relaxed);
         }
     }
-    // Outside the registry's mutex: the receiver thread's level updates take it.
+    // Outside the registry's mutex, so that the receiver thread is never waited for under it.
     if (was != kDown && was != kTakenDown) {
         logferry::exit();
     }
@@ -236,7 +242,7 @@ Logger& create_logger(Text id, Text description, std::uint8_t level, bool explic
         return context->logger;
     } catch (...) {
         // No memory: a logger that never logs (kept for every later failure).
-        static Context* const silent = new (std::nothrow) Context;
+        static auto* const silent = new (std::nothrow) Context;
         return silent->logger;
     }
 }

@@ -149,7 +149,7 @@ LogRawBuffer RawBuffer(const T& value) noexcept
 /// How `Arg` shows an integer: decimal (the default), octal, hexadecimal or binary.
 struct Format {
     /// The presentation code carried by the record (logferry::LogFormat).
-    std::uint8_t code;
+    std::uint8_t code = static_cast<std::uint8_t>(logferry::LogFormat::kDec);
     static constexpr Format Dec() noexcept { return Format{static_cast<std::uint8_t>(logferry::LogFormat::kDec)}; }
     static constexpr Format Oct() noexcept { return Format{static_cast<std::uint8_t>(logferry::LogFormat::kOct)}; }
     static constexpr Format Hex() noexcept { return Format{static_cast<std::uint8_t>(logferry::LogFormat::kHex)}; }
@@ -367,7 +367,7 @@ struct Argument {
     const T& value;
     detail::Text name;
     detail::Text unit;
-    Format format;
+    Format format = Format::Dec();
 };
 
 /// A named value: on the wire the name (when not empty) is a text argument before the
