@@ -1,10 +1,16 @@
 // The ara::log front end against the free functions: the bytes a daemon-side reader takes
 // from the channel, the level filter and its updates, oversized messages, bring-up requests.
+#include <dirent.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -388,4 +394,85 @@ TEST_F(AraLog, WithoutInitLoggingTheFirstMessageRegistersFromTheEnvironment)
 TEST(AraLogBeforeBringUp, ClientStateIsUnknownAndLevelsAreTheDefaults)
 {
     EXPECT_EQ(ara::log::remoteClientState(), ara::log::ClientState::kUnknown);
+}
+
+TEST_F(AraLog, FourThreadsOnSharedLoggersSendEveryMessageWhole)
+{
+    init_logging();
+    const ara::log::Logger& shared = ara::log::CreateLogger("CTXA", "context A", LogLevel::kInfo);
+    const ara::log::Logger copied = ara::log::CreateLogger("CTXB", "context B", LogLevel::kInfo);
+    attach();
+    constexpr int THREADS = 4;
+    constexpr int MESSAGES = 400;  // all of them fit the ring at once
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; ++t) {
+        threads.emplace_back([&, t] {
+            const ara::log::Logger& logger = t % 2 == 0 ? shared : copied;
+            for (int i = 0; i < MESSAGES; ++i) {
+                logger.LogInfo() << "thread" << t << "message" << i;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const auto all = messages();
+    ASSERT_EQ(all.size(), static_cast<std::size_t>(THREADS * MESSAGES));
+    std::vector<int> next(THREADS, 0);
+    for (const Bytes& message : all) {
+        const auto records = split_records(message);
+        ASSERT_EQ(records.size(), 6u);
+        const std::uint32_t key = key_of(message);
+        for (std::size_t r = 1; r < records.size(); ++r) {
+            const std::size_t at = records[r][0] == logferry::KIND_WRITE_UTF8_STRING ? 3 : 1;
+            ASSERT_EQ(read_u32(records[r], at), key);  // one message's records never mix with another's
+        }
+        const int thread = static_cast<int>(read_u32(records[2], 5));
+        ASSERT_LT(thread, THREADS);
+        EXPECT_EQ(static_cast<int>(read_u32(records[4], 5)), next[thread]++);  // in order per thread
+    }
+    EXPECT_EQ(next, std::vector<int>(THREADS, MESSAGES));
+    EXPECT_EQ(logferry::client.lost_messages.load(), 0u);
+}
+
+namespace {
+// Set by the child of the take-down test: its logger is used once more after the library
+// was taken down at process end, and the child then ends with status 42.
+const ara::log::Logger* logger_after_take_down = nullptr;
+
+__attribute__((destructor(101))) void log_after_take_down()
+{
+    if (logger_after_take_down != nullptr) {
+        logger_after_take_down->LogFatal() << "after the end";
+        ::_exit(logger_after_take_down->IsEnabled(LogLevel::kFatal) ? 1 : 42);
+    }
+}
+}  // namespace
+
+TEST(AraLogProcessEnd, TheLibraryIsTakenDownAfterStaticDestructorsAndLaterCallsDoNothing)
+{
+    char dir[] = "/tmp/logferry-ara-end-XXXXXX";
+    ASSERT_NE(::mkdtemp(dir), nullptr);
+    const int pid = logferry_test::fork_child([&] {
+        ::setenv("ADAPTIVE_RUNSTATE_DIR", dir, 1);  // no daemon there
+        ara::log::InitLogging("DOWN", "taken down at the end", LogLevel::kInfo, LogMode::kRemote);
+        logger_after_take_down = &ara::log::CreateLogger("CTXA", "context A", LogLevel::kVerbose);
+        logger_after_take_down->LogInfo() << "before the end";
+        std::exit(0);  // NOLINT(concurrency-mt-unsafe): the child's normal end
+        return 1;
+    });
+    const int status = logferry_test::wait_child(pid);
+    ::rmdir(dir);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 42);
+    // The channel was closed and removed.
+    std::string pid_text = std::to_string(pid);
+    pid_text = pid_text.substr(pid_text.size() > 5 ? pid_text.size() - 5 : 0);
+    const std::string prefix = "logferry-DOWN-" + pid_text + "-";
+    DIR* shm = ::opendir("/dev/shm");
+    ASSERT_NE(shm, nullptr);
+    while (const dirent* entry = ::readdir(shm)) {
+        EXPECT_NE(std::string(entry->d_name).rfind(prefix, 0), 0u) << entry->d_name;
+    }
+    ::closedir(shm);
 }

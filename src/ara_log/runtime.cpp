@@ -121,12 +121,36 @@ Application& application_record()
     return *application;
 }
 
+// Logging ends with the process. The take-down is registered with the exit handlers when
+// logging comes up, so it runs after the destructors of every static object constructed
+// after that point (and of everything made in main), and before liblogferry's own objects
+// are destroyed. Every context is switched off, then the library is closed. Should the
+// library be unloaded without exit, its finalisation does the same.
+void take_down()
+{
+    int was = kDown;
+    {
+        std::lock_guard<std::mutex> lock(registry_mutex);
+        was = phase.exchange(kTakenDown);
+        for (Context* context = newest_context.load(); context != nullptr; context = context->next) {
+            context->threshold.store(0, std::memory_order_relaxed);
+        }
+    }
+    // Outside the registry's mutex, so that the receiver thread is never waited for under it.
+    if (was != kDown && was != kTakenDown) {
+        logferry::exit();
+    }
+}
+
+__attribute__((destructor)) void take_down_at_unload() { take_down(); }
+
 // Initialises the library under the application's identifier (registry_mutex held).
 void bring_channel_up()
 {
     logferry::set_app_identifier(application_record().id);
     logferry::init();
     phase.store(kChannelUp, std::memory_order_release);
+    std::atexit(take_down);  // a failure leaves the take-down to the library's finalisation
 }
 
 // A handle no context of this process uses (registry_mutex held).
@@ -188,25 +212,6 @@ void register_application()
     }
     request_mode(app);
     phase.store(kRegistered, std::memory_order_release);
-}
-
-// Logging ends with the process: after every static destructor of the application (this
-// library's finalisation runs after those of the programs and libraries that link it, and
-// before liblogferry's), every context is switched off and the library is closed.
-__attribute__((destructor)) void take_down()
-{
-    int was = kDown;
-    {
-        std::lock_guard<std::mutex> lock(registry_mutex);
-        was = phase.exchange(kTakenDown);
-        for (Context* context = newest_context.load(); context != nullptr; context = context->next) {
-            context->threshold.store(0, std::memory_order_relaxed);
-        }
-    }
-    // Outside the registry's mutex, so that the receiver thread is never waited for under it.
-    if (was != kDown && was != kTakenDown) {
-        logferry::exit();
-    }
 }
 
 Logger& create_logger(Text id, Text description, std::uint8_t level, bool explicit_level) noexcept
