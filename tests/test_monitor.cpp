@@ -898,18 +898,20 @@ TEST_F(Monitor, ExampleApplicationUnderTheMonitor)
         "-- app        EXA \"logferry example application\" channel=" +
         channel +
         "\n"
-        "-- context    EXA MAIN handle=1 level=info \"Main context\"\n"
-        "-- set-level  EXA MAIN handle=1 level=debug\n"
-        "-- context    EXA NET handle=2 level=warn \"Network context\"\n"
         "-- control    EXA enable-local-print\n"
+        "-- context    EXA MAIN handle=4294967295 level=info \"Main context\"\n"
+        "-- set-level  EXA MAIN handle=4294967295 level=debug\n"
+        "-- context    EXA NET handle=4294967294 level=warn \"Network context\"\n"
+        "-- context    EXA LOWL handle=1 level=info \"Free-function context\"\n"
         "<ts> EXA  MAIN info    \"every argument type:\" true -8 -1600 -320000 -6400000000 200 0xbeef 0755 "
-        "0b1011010 0xC0FFEE 1.5 3.141592653589793 \"a view of\" [de ad be ef] encoded[01 02 03]\n"
+        "0b1011010 1.5 3.141592653589793 \"a view of\" [de ad be ef]\n"
         "<ts> EXA  MAIN debug   \"debug is on\"\n"
         "<ts> EXA  NET  warn    \"link down, retrying\" 3\n"
+        "<ts> EXA  LOWL info    \"from the free functions:\" encoded[01 02 03]\n"
         "-- detach     EXA " +
         channel +
         " (closed its channel)\n"
-        "-- stopped    signal: 3 log messages from 1 application\n";
+        "-- stopped    signal: 4 log messages from 1 application\n";
     EXPECT_EQ(mask_timestamps(text), expected);
     EXPECT_EQ(errors(), "");
     EXPECT_FALSE(logferry_test::shm_exists(channel));
@@ -950,17 +952,19 @@ TEST_F(Monitor, TwoExampleApplicationsAtOnce)
         "-- attach     <channel>",
         "-- say        <channel> \"hello from the monitor\"",
         "-- app        EXA \"logferry example application\" channel=<channel>",
-        "-- context    EXA MAIN handle=1 level=info \"Main context\"",
-        "-- set-level  EXA MAIN handle=1 level=debug",
-        "-- context    EXA NET handle=2 level=warn \"Network context\"",
         "-- control    EXA enable-local-print",
+        "-- context    EXA MAIN handle=4294967295 level=info \"Main context\"",
+        "-- set-level  EXA MAIN handle=4294967295 level=debug",
+        "-- context    EXA NET handle=4294967294 level=warn \"Network context\"",
+        "-- context    EXA LOWL handle=1 level=info \"Free-function context\"",
         "<ts> EXA  MAIN info    \"every argument type:\" true -8 -1600 -320000 -6400000000 200 0xbeef 0755 "
-        "0b1011010 0xC0FFEE 1.5 3.141592653589793 \"a view of\" [de ad be ef] encoded[01 02 03]",
+        "0b1011010 1.5 3.141592653589793 \"a view of\" [de ad be ef]",
         "<ts> EXA  MAIN debug   \"debug is on\"",
         "<ts> EXA  NET  warn    \"link down, retrying\" 3",
+        "<ts> EXA  LOWL info    \"from the free functions:\" encoded[01 02 03]",
         "-- detach     EXA <channel> (closed its channel)"};
     std::multiset<std::string> expected = {"-- listening  lock=" + lock_file_,
-                                           "-- stopped    signal: 6 log messages from 2 applications"};
+                                           "-- stopped    signal: 8 log messages from 2 applications"};
     for (int copy = 0; copy < 2; ++copy) {
         expected.insert(per_application.begin(), per_application.end());
     }
