@@ -13,6 +13,7 @@
 // choose for the free functions.
 #define LOGFERRY_DEFINE_HOOKS
 #include <errno.h>  // NOLINT(modernize-deprecated-headers): program_invocation_short_name
+#include <pthread.h>
 
 #include <cctype>
 #include <cstdlib>
@@ -47,6 +48,12 @@ std::atomic<int> phase{kDown};
 std::atomic<Context*> newest_context{nullptr};
 Application* application = nullptr;
 std::uint32_t next_handle = 0xFFFFFFFFU;
+
+// The channel's push with a bounded wait, when liblogferry offered it at load time.
+std::atomic<logferry::Bounded_push> bounded_push{nullptr};
+// The longest a message waits for the ring's mutex (a daemon holding it); then it is dropped
+// and counted among the channel's discarded records.
+constexpr std::uint32_t RING_WAIT_US = 1000;
 
 std::mutex handler_mutex;
 std::function<void(ClientState)>* connection_handler = nullptr;
@@ -128,6 +135,9 @@ Application& application_record()
 // library be unloaded without exit, its finalisation does the same.
 void take_down()
 {
+    if (phase.load() == kTakenDown) {
+        return;  // also in a forked child, whose copy of the mutex may be held by no thread at all
+    }
     int was = kDown;
     {
         std::lock_guard<std::mutex> lock(registry_mutex);
@@ -144,6 +154,22 @@ void take_down()
 
 __attribute__((destructor)) void take_down_at_unload() { take_down(); }
 
+// In a child made by fork: logging is off for good (the channel is the parent's). The child
+// never closes the parent's channel: its channel end gives up ownership (its end of life only
+// unmaps), and the receiver thread, which the child does not have, is let go instead of being
+// joined. No lock is taken: any of them may have been held by another thread of the parent.
+void after_fork_in_child()
+{
+    phase.store(kTakenDown);
+    for (Context* context = newest_context.load(); context != nullptr; context = context->next) {
+        context->threshold.store(0, std::memory_order_relaxed);
+    }
+    logferry::client.owner = false;
+    if (logferry::message_receiver_thread.joinable()) {
+        logferry::message_receiver_thread.detach();
+    }
+}
+
 // Initialises the library under the application's identifier (registry_mutex held).
 void bring_channel_up()
 {
@@ -151,6 +177,7 @@ void bring_channel_up()
     logferry::init();
     phase.store(kChannelUp, std::memory_order_release);
     std::atexit(take_down);  // a failure leaves the take-down to the library's finalisation
+    ::pthread_atfork(nullptr, nullptr, after_fork_in_child);
 }
 
 // A handle no context of this process uses (registry_mutex held).
@@ -277,7 +304,8 @@ bool deliver(const std::vector<unsigned char>& bytes) noexcept
             return false;
         }
     }
-    return logferry::client.push(bytes);
+    const logferry::Bounded_push push = bounded_push.load(std::memory_order_acquire);
+    return push != nullptr ? push(logferry::client, bytes, RING_WAIT_US) : logferry::client.push(bytes);
 }
 
 }  // namespace ara::log::detail
@@ -352,6 +380,11 @@ void logferry_hook_filter_updated(std::uint32_t context_handle, std::uint8_t lev
             return;
         }
     }
+}
+
+void logferry_hook_bounded_push(logferry::Bounded_push push) noexcept
+{
+    ara::log::detail::bounded_push.store(push, std::memory_order_release);
 }
 
 void logferry_hook_connection_changed(bool connected) noexcept

@@ -32,11 +32,15 @@
 // protocol above: none of the repairs can trigger.
 #include <pthread.h>
 #include <sys/mman.h>
+#include <time.h>  // NOLINT(modernize-deprecated-headers): POSIX clock_gettime and CLOCK_MONOTONIC
+
+#include <cerrno>
 
 #include <cstring>
 #include <string>
 
 #include "channel/segment_access.hpp"
+#include "frontend/front_end_hooks.hpp"
 #include "logferry/channel.hpp"
 #include "logferry/system.hpp"
 
@@ -159,10 +163,12 @@ bool placeable(std::size_t size, std::uint32_t capacity)
 
 // The writing step: appends one record of `size` bytes (placeable in this ring), discarding
 // the oldest records while there is no room, one count in `lost` per discard step.
-void write_record(const Ring& ring, const unsigned char* data, std::uint32_t size, std::atomic<std::uint64_t>& lost)
+// The caller holds the ring's mutex (`lock` adopts or took it).
+void write_record_held(const Ring& ring, const unsigned char* data, std::uint32_t size,
+                       std::atomic<std::uint64_t>& lost, const Mutex_lock_guard& lock)
 {
+    (void)lock;
     const std::uint32_t capacity = ring.capacity;
-    Mutex_lock_guard lock(ring.mutex, false);
 
     // A correct ring needs at most one discard step per three bytes, plus one to wrap.
     std::uint32_t steps_left = capacity;
@@ -227,6 +233,68 @@ void write_record(const Ring& ring, const unsigned char* data, std::uint32_t siz
 // Kinds the application may send through its ring: everything but 22 (an encoded payload
 // is never the first record of a unit) and unknown kinds.
 bool is_ring_kind(unsigned char kind) { return kind <= 21 || kind == 23 || kind == 24; }
+
+void write_record(const Ring& ring, const unsigned char* data, std::uint32_t size, std::atomic<std::uint64_t>& lost)
+{
+    const Mutex_lock_guard lock(ring.mutex, false);
+    write_record_held(ring, data, size, lost, lock);
+}
+
+// Takes a robust mutex within `wait_us` microseconds of the monotonic clock (a holder that
+// died is taken over); false when it stays held that long.
+bool lock_within(pthread_mutex_t* mutex, std::uint32_t wait_us)
+{
+    timespec now{};
+    if (sys->clock_gettime(CLOCK_MONOTONIC, &now) != 0) {
+        return false;
+    }
+    const std::int64_t deadline_ns =
+        static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec + static_cast<std::int64_t>(wait_us) * 1000;
+    for (;;) {
+        const int result = sys->pthread_mutex_trylock(mutex);
+        if (result == 0) {
+            return true;
+        }
+        if (result == EOWNERDEAD) {
+            sys->pthread_mutex_consistent(mutex);
+            return true;
+        }
+        if (result != EBUSY || sys->clock_gettime(CLOCK_MONOTONIC, &now) != 0 ||
+            static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec >= deadline_ns) {
+            return false;
+        }
+        // Spinning: a thread that yields or naps on a busy machine may wait whole time slices
+        // to run again, far beyond the bound. Only the wait is bounded; a daemon that holds the
+        // lock for long costs each message this much processor time.
+    }
+}
+
+// The application's push with a bounded wait for the ring's mutex, offered to a front end
+// built on this library through its hook (below): liblogferry exports no name for it. A
+// message that cannot be placed within the wait is dropped and counted as lost.
+bool push_client_within(Logferry_base& end, const std::vector<unsigned char>& bytes, std::uint32_t wait_us)
+{
+    if (!end.initialized || !end.client_side || !placeable(bytes.size(), CLIENT_BUFFER_SIZE) ||
+        !is_ring_kind(bytes[0])) {
+        return end.push(bytes);  // refused (and reported) exactly as the ordinary push does
+    }
+    const Ring ring = client_ring(end.segment);
+    if (!lock_within(ring.mutex, wait_us)) {
+        end.lost_messages.fetch_add(1);
+        return false;
+    }
+    const Mutex_lock_guard lock(ring.mutex, true);
+    write_record_held(ring, bytes.data(), static_cast<std::uint32_t>(bytes.size()), end.lost_messages, lock);
+    return true;
+}
+
+// Offered once, when the library is loaded.
+const bool bounded_push_offered = [] {
+    if (logferry_hook_bounded_push != nullptr) {
+        logferry_hook_bounded_push(&push_client_within);
+    }
+    return true;
+}();
 
 const char* const NOT_INITIALIZED = "shared memory not initialized.";
 

@@ -7,6 +7,15 @@
 // (with LOGFERRY_DEFINE_HOOKS set before including this header).
 
 #include <cstdint>
+#include <vector>
+
+namespace logferry {
+class Logferry_base;
+/// A push into the application's ring that waits at most `wait_us` microseconds for the
+/// ring's mutex; a message it cannot place in that time is dropped and counted in the end's
+/// `lost_messages`.
+using Bounded_push = bool (*)(Logferry_base& end, const std::vector<unsigned char>& bytes, std::uint32_t wait_us);
+}  // namespace logferry
 
 #ifdef LOGFERRY_DEFINE_HOOKS
 #define LOGFERRY_HOOK extern "C" __attribute__((visibility("default")))
@@ -16,6 +25,9 @@
 
 /// A level update from the daemon was applied to the filter of `context_handle`.
 LOGFERRY_HOOK void logferry_hook_filter_updated(std::uint32_t context_handle, std::uint8_t level) noexcept;
+/// Offers the bounded push; called once when liblogferry is loaded (only when the front end
+/// is linked with the program, so that the reference is bound at load time).
+LOGFERRY_HOOK void logferry_hook_bounded_push(logferry::Bounded_push push) noexcept;
 /// The receiver thread's verdict on the daemon's attachment changed.
 LOGFERRY_HOOK void logferry_hook_connection_changed(bool connected) noexcept;
 
