@@ -46,9 +46,12 @@ struct Context {
 
 inline Logger Registry::logger_for(Context* context) noexcept { return {&context->threshold, context}; }
 
-// One message under assembly: its records so far, the first being the start record.
+// One message under assembly: its records so far, the first being the start record. The
+// vector is used as a plain buffer: its size is the room there is, `used` the bytes written.
 struct Message {
     std::vector<unsigned char> bytes;
+    std::size_t used = 0;
+    std::uint32_t key = 0;
     std::uint32_t handle = 0;
     std::uint8_t level = 0;
     // Arguments left out because the message would no longer fit one ring unit.
@@ -57,8 +60,9 @@ struct Message {
 };
 
 // Hands one complete message to the channel in one push; registers the application first
-// when nothing has registered it yet. False when logging has been taken down.
-bool deliver(const std::vector<unsigned char>& bytes) noexcept;
+// when nothing has registered it yet. False when logging has been taken down, or when the
+// message was dropped (and counted) because the daemon held the ring too long.
+bool deliver(const unsigned char* bytes, std::size_t size) noexcept;
 
 }  // namespace ara::log::detail
 

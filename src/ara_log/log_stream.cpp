@@ -1,7 +1,7 @@
 // The ara::log hot path: a message is built in storage of the calling thread, encoded with
 // the same encoders as the free functions, and handed to the channel in one push.
 //
-// Storage. Each thread keeps a small pool of message buffers (a vector with its capacity);
+// Storage. Each thread keeps a small pool of message buffers (a vector used as a plain buffer);
 // a stream takes one when its level test passes and gives it back when it is sent, so in
 // steady state a message costs no heap allocation and holds no library mutex while it is
 // encoded. A buffer given back on another thread joins that thread's pool.
@@ -14,6 +14,7 @@
 // "[raw data cut from N bytes]".
 #include <time.h>  // NOLINT(modernize-deprecated-headers): POSIX clock_gettime and CLOCK_MONOTONIC
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstring>
@@ -103,7 +104,7 @@ Message* take_message() noexcept
     auto* message = new (std::nothrow) Message;
     if (message != nullptr) {
         try {
-            message->bytes.reserve(INITIAL_CAPACITY);
+            message->bytes.resize(INITIAL_CAPACITY);
         } catch (...) {
             delete message;
             return nullptr;
@@ -115,11 +116,10 @@ Message* take_message() noexcept
 void give_back(Message* message) noexcept
 {
     Pool& own = pool;
-    if (own.closed || own.count >= POOL_SIZE || message->bytes.capacity() > KEEP_CAPACITY) {
+    if (own.closed || own.count >= POOL_SIZE || message->bytes.size() > KEEP_CAPACITY) {
         delete message;
         return;
     }
-    message->bytes.clear();
     message->next = own.free;
     own.free = message;
     ++own.count;
@@ -131,45 +131,24 @@ std::uint32_t next_key() noexcept
     return own.key_base + (own.key_sequence++ % KEYS_PER_THREAD);
 }
 
-// Appends `size` bytes; the capacity is normally there already. Flattened so that the
-// vector's range insertion is compiled in place.
-__attribute__((flatten)) inline void append(std::vector<unsigned char>& out, const void* data, std::size_t size)
+// Room for `size` more bytes of arguments: the place to write them, or null when the message
+// has no more room for them (or no memory is left), which counts the argument as dropped.
+unsigned char* room(Message& message, std::size_t size, std::size_t limit = ARGUMENT_LIMIT) noexcept
 {
-    const auto* bytes = static_cast<const unsigned char*>(data);
-    out.insert(out.end(), bytes, bytes + size);
-}
-
-// Whether `size` more bytes of arguments fit the message; reserves them so that the appends
-// that follow cannot fail. An argument that does not fit (or finds no memory) is counted as
-// dropped.
-bool make_room(Message& message, std::size_t size, std::size_t limit = ARGUMENT_LIMIT) noexcept
-{
-    if (message.bytes.size() + size > limit) {
+    const std::size_t needed = message.used + size;
+    if (needed > limit) {
         ++message.dropped;
-        return false;
+        return nullptr;
     }
-    try {
-        message.bytes.reserve(message.bytes.size() + size);
-    } catch (...) {
-        ++message.dropped;
-        return false;
+    if (needed > message.bytes.size()) {
+        try {
+            message.bytes.resize(std::max(needed, 2 * message.bytes.size()));
+        } catch (...) {
+            ++message.dropped;
+            return nullptr;
+        }
     }
-    return true;
-}
-
-// Appends one fixed-size argument record.
-void add_record(Message& message, const unsigned char* record, std::size_t size) noexcept
-{
-    if (make_room(message, size)) {
-        append(message.bytes, record, size);
-    }
-}
-
-// The stream key of a message: the one its start record carries.
-std::uint32_t key_of(const Message& message) noexcept
-{
-    return static_cast<std::uint32_t>(message.bytes[6]) | (static_cast<std::uint32_t>(message.bytes[7]) << 8) |
-           (static_cast<std::uint32_t>(message.bytes[8]) << 16) | (static_cast<std::uint32_t>(message.bytes[9]) << 24);
+    return message.bytes.data() + message.used;
 }
 
 // A text record: head, `copied` characters, the terminating zero; `length` counts as the
@@ -177,15 +156,16 @@ std::uint32_t key_of(const Message& message) noexcept
 void add_text(Message& message, const char* text, std::size_t copied, std::size_t length,
               std::size_t limit = ARGUMENT_LIMIT) noexcept
 {
-    if (!make_room(message, encoding::TEXT_HEAD_SIZE + copied + 1, limit)) {
+    const std::size_t size = encoding::TEXT_HEAD_SIZE + copied + 1;
+    unsigned char* out = room(message, size, limit);
+    if (out == nullptr) {
         return;
     }
-    unsigned char head[encoding::TEXT_HEAD_SIZE];
-    encoding::encode_text_head(head, logferry::KIND_WRITE_UTF8_STRING, static_cast<std::uint16_t>(length + 8),
-                               key_of(message));
-    append(message.bytes, head, sizeof(head));
-    append(message.bytes, text, copied);
-    message.bytes.push_back(0);
+    encoding::encode_text_head(out, logferry::KIND_WRITE_UTF8_STRING, static_cast<std::uint16_t>(length + 8),
+                               message.key);
+    std::memcpy(out + encoding::TEXT_HEAD_SIZE, text, copied);
+    out[size - 1] = 0;
+    message.used += size;
 }
 
 // Starts a message in `message`: the start record with a fresh stream key and timestamp.
@@ -197,9 +177,9 @@ void start(Message& message) noexcept
     if (logferry::sys->clock_gettime(CLOCK_MONOTONIC, &now) == 0) {
         timestamp = static_cast<std::uint32_t>(now.tv_sec) * 10000U + static_cast<std::uint32_t>(now.tv_nsec / 100000);
     }
-    message.bytes.resize(encoding::START_SIZE);
-    encoding::encode_start(message.bytes.data(), logferry::KIND_WRITE_START, message.level, message.handle, next_key(),
-                           timestamp);
+    message.key = next_key();
+    message.used = encoding::encode_start(message.bytes.data(), logferry::KIND_WRITE_START, message.level,
+                                          message.handle, message.key, timestamp);
     message.dropped = 0;
 }
 
@@ -215,14 +195,12 @@ void send(Message& message) noexcept
         message.dropped = 0;
         add_text(message, note, length, length, ARGUMENT_LIMIT + NOTE_ROOM);  // the room kept for it
     }
-    unsigned char finish[encoding::FINISH_SIZE];
-    encoding::encode_finish(finish, logferry::KIND_WRITE_FINISH, key_of(message));
-    try {
-        append(message.bytes, finish, sizeof(finish));
-    } catch (...) {
+    unsigned char* out = room(message, encoding::FINISH_SIZE, logferry::MAX_RING_RECORD_SIZE);
+    if (out == nullptr) {
         return;  // no memory for five bytes: the message is lost
     }
-    detail::deliver(message.bytes);
+    message.used += encoding::encode_finish(out, logferry::KIND_WRITE_FINISH, message.key);
+    detail::deliver(message.bytes.data(), message.used);
 }
 
 }  // namespace
@@ -254,7 +232,7 @@ void LogStream::Restart() noexcept
 
 void LogStream::PutLocation(detail::Text file, int line) noexcept
 {
-    if (message_->bytes.size() != encoding::START_SIZE) {
+    if (message_->used != encoding::START_SIZE) {
         return;  // the message already has content
     }
     // "file:line", the file's name cut (from the front) so that the whole fits one text.
@@ -264,10 +242,10 @@ void LogStream::PutLocation(detail::Text file, int line) noexcept
     const auto digits_size = static_cast<std::size_t>(digits_end - digits);
     std::size_t file_size = file.size();
     const char* file_data = file.data();
-    const std::size_t room = MAX_TEXT_LENGTH - 1 - digits_size;
-    if (file_size > room) {
-        file_data += file_size - room;
-        file_size = room;
+    const std::size_t room_for_file = MAX_TEXT_LENGTH - 1 - digits_size;
+    if (file_size > room_for_file) {
+        file_data += file_size - room_for_file;
+        file_size = room_for_file;
     }
     std::memcpy(text.data(), file_data, file_size);
     text[file_size] = ':';
@@ -278,71 +256,87 @@ void LogStream::PutLocation(detail::Text file, int line) noexcept
 
 void LogStream::PutBool(bool value) noexcept
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
-    add_record(*message_, record,
-               encoding::encode_plain_u8(record, logferry::KIND_WRITE_BOOL, key_of(*message_), value ? 1 : 0));
+    if (unsigned char* out = room(*message_, encoding::plain_size(1))) {
+        message_->used += encoding::encode_plain_u8(out, logferry::KIND_WRITE_BOOL, message_->key, value ? 1 : 0);
+    }
 }
 
-void LogStream::PutSigned(std::int64_t value, std::size_t width) noexcept
+void LogStream::PutInt8(std::int8_t value) noexcept
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
-    const std::uint32_t key = key_of(*message_);
-    const auto bits = static_cast<std::uint64_t>(value);
-    std::size_t size = 0;
-    switch (width) {
-    case 1:
-        size = encoding::encode_plain_u8(record, logferry::KIND_WRITE_INT8, key, static_cast<std::uint8_t>(bits));
-        break;
-    case 2:
-        size = encoding::encode_plain_u16(record, logferry::KIND_WRITE_INT16, key, static_cast<std::uint16_t>(bits));
-        break;
-    case 4:
-        size = encoding::encode_plain_u32(record, logferry::KIND_WRITE_INT32, key, static_cast<std::uint32_t>(bits));
-        break;
-    default:
-        size = encoding::encode_plain_u64(record, logferry::KIND_WRITE_INT64, key, bits);
-        break;
+    if (unsigned char* out = room(*message_, encoding::plain_size(1))) {
+        message_->used +=
+            encoding::encode_plain_u8(out, logferry::KIND_WRITE_INT8, message_->key, static_cast<std::uint8_t>(value));
     }
-    add_record(*message_, record, size);
 }
 
-void LogStream::PutUnsigned(std::uint64_t value, std::size_t width, std::uint8_t format) noexcept
+void LogStream::PutInt16(std::int16_t value) noexcept
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
-    const std::uint32_t key = key_of(*message_);
-    std::size_t size = 0;
-    switch (width) {
-    case 1:
-        size = encoding::encode_formatted_u8(record, logferry::KIND_WRITE_UINT8_FORMATTED, format,
-                                             static_cast<std::uint8_t>(value), key);
-        break;
-    case 2:
-        size = encoding::encode_formatted_u16(record, logferry::KIND_WRITE_UINT16_FORMATTED, format,
-                                              static_cast<std::uint16_t>(value), key);
-        break;
-    case 4:
-        size = encoding::encode_formatted_u32(record, logferry::KIND_WRITE_UINT32_FORMATTED, format,
-                                              static_cast<std::uint32_t>(value), key);
-        break;
-    default:
-        size = encoding::encode_formatted_u64(record, logferry::KIND_WRITE_UINT64_FORMATTED, format, value, key);
-        break;
+    if (unsigned char* out = room(*message_, encoding::plain_size(2))) {
+        message_->used += encoding::encode_plain_u16(out, logferry::KIND_WRITE_INT16, message_->key,
+                                                     static_cast<std::uint16_t>(value));
     }
-    add_record(*message_, record, size);
+}
+
+void LogStream::PutInt32(std::int32_t value) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::plain_size(4))) {
+        message_->used += encoding::encode_plain_u32(out, logferry::KIND_WRITE_INT32, message_->key,
+                                                     static_cast<std::uint32_t>(value));
+    }
+}
+
+void LogStream::PutInt64(std::int64_t value) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::plain_size(8))) {
+        message_->used += encoding::encode_plain_u64(out, logferry::KIND_WRITE_INT64, message_->key,
+                                                     static_cast<std::uint64_t>(value));
+    }
+}
+
+void LogStream::PutUint8(std::uint8_t value, std::uint8_t format) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::formatted_size(1))) {
+        message_->used +=
+            encoding::encode_formatted_u8(out, logferry::KIND_WRITE_UINT8_FORMATTED, format, value, message_->key);
+    }
+}
+
+void LogStream::PutUint16(std::uint16_t value, std::uint8_t format) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::formatted_size(2))) {
+        message_->used +=
+            encoding::encode_formatted_u16(out, logferry::KIND_WRITE_UINT16_FORMATTED, format, value, message_->key);
+    }
+}
+
+void LogStream::PutUint32(std::uint32_t value, std::uint8_t format) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::formatted_size(4))) {
+        message_->used +=
+            encoding::encode_formatted_u32(out, logferry::KIND_WRITE_UINT32_FORMATTED, format, value, message_->key);
+    }
+}
+
+void LogStream::PutUint64(std::uint64_t value, std::uint8_t format) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::formatted_size(8))) {
+        message_->used +=
+            encoding::encode_formatted_u64(out, logferry::KIND_WRITE_UINT64_FORMATTED, format, value, message_->key);
+    }
 }
 
 void LogStream::PutFloat32(float value) noexcept
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
-    add_record(*message_, record,
-               encoding::encode_plain_memory(record, logferry::KIND_WRITE_FLOAT32, key_of(*message_), value));
+    if (unsigned char* out = room(*message_, encoding::plain_size(sizeof(float)))) {
+        message_->used += encoding::encode_plain_memory(out, logferry::KIND_WRITE_FLOAT32, message_->key, value);
+    }
 }
 
 void LogStream::PutFloat64(double value) noexcept
 {
-    unsigned char record[encoding::MAX_FIXED_SIZE];
-    add_record(*message_, record,
-               encoding::encode_plain_memory(record, logferry::KIND_WRITE_FLOAT64, key_of(*message_), value));
+    if (unsigned char* out = room(*message_, encoding::plain_size(sizeof(double)))) {
+        message_->used += encoding::encode_plain_memory(out, logferry::KIND_WRITE_FLOAT64, message_->key, value);
+    }
 }
 
 void LogStream::PutText(const char* text, std::size_t size) noexcept
@@ -372,15 +366,15 @@ void LogStream::PutText(const char* text, std::size_t size) noexcept
 void LogStream::PutRaw(const void* data, std::size_t size) noexcept
 {
     const std::size_t carried = size < MAX_PAYLOAD_LENGTH ? size : MAX_PAYLOAD_LENGTH;
-    unsigned char head[encoding::RAW_HEAD_SIZE];
-    encoding::encode_raw_head(head, logferry::KIND_WRITE_RAW_FORMATTED, static_cast<std::uint16_t>(carried + 10),
-                              static_cast<std::uint8_t>(logferry::LogFormat::kRaw), static_cast<std::uint16_t>(carried),
-                              key_of(*message_));
-    if (!make_room(*message_, sizeof(head) + carried)) {
+    unsigned char* out = room(*message_, encoding::RAW_HEAD_SIZE + carried);
+    if (out == nullptr) {
         return;
     }
-    append(message_->bytes, head, sizeof(head));
-    append(message_->bytes, data, carried);
+    encoding::encode_raw_head(out, logferry::KIND_WRITE_RAW_FORMATTED, static_cast<std::uint16_t>(carried + 10),
+                              static_cast<std::uint8_t>(logferry::LogFormat::kRaw), static_cast<std::uint16_t>(carried),
+                              message_->key);
+    std::memcpy(out + encoding::RAW_HEAD_SIZE, data, carried);
+    message_->used += encoding::RAW_HEAD_SIZE + carried;
     if (carried < size) {
         char note[64] = "[raw data cut from ";
         const std::size_t prefix = std::strlen(note);

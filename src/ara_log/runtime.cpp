@@ -281,7 +281,7 @@ Logger& create_logger(Text id, Text description, std::uint8_t level, bool explic
 
 }  // namespace
 
-bool deliver(const std::vector<unsigned char>& bytes) noexcept
+bool deliver(const unsigned char* bytes, std::size_t size) noexcept
 {
     int now = phase.load(std::memory_order_acquire);
     if (now != kRegistered) {
@@ -305,7 +305,16 @@ bool deliver(const std::vector<unsigned char>& bytes) noexcept
         }
     }
     const logferry::Bounded_push push = bounded_push.load(std::memory_order_acquire);
-    return push != nullptr ? push(logferry::client, bytes, RING_WAIT_US) : logferry::client.push(bytes);
+    if (push != nullptr) {
+        return push(logferry::client, bytes, size, RING_WAIT_US);
+    }
+    // liblogferry did not offer the bounded push (this library was loaded after it, with
+    // dlopen): the ordinary push, which takes a vector of its own.
+    try {
+        return logferry::client.push(std::vector<unsigned char>(bytes, bytes + size));
+    } catch (...) {
+        return false;
+    }
 }
 
 }  // namespace ara::log::detail

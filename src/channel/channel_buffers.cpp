@@ -240,43 +240,39 @@ void write_record(const Ring& ring, const unsigned char* data, std::uint32_t siz
     write_record_held(ring, data, size, lost, lock);
 }
 
-// Takes a robust mutex within `wait_us` microseconds of the monotonic clock (a holder that
-// died is taken over); false when it stays held that long.
+// Takes a robust mutex within `wait_us` microseconds (a holder that died is taken over); false
+// when it stays held that long. The first attempt goes through the system seam; when the lock
+// is held, the wait is the kernel's own timed wait on the monotonic clock, called directly
+// (deliberately, like the receiver thread's last sleep): the seam has no timed lock, and the
+// deadline must be on the clock the kernel waits on, whatever clock the seam reports.
 bool lock_within(pthread_mutex_t* mutex, std::uint32_t wait_us)
 {
-    timespec now{};
-    if (sys->clock_gettime(CLOCK_MONOTONIC, &now) != 0) {
-        return false;
-    }
-    const std::int64_t deadline_ns =
-        static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec + static_cast<std::int64_t>(wait_us) * 1000;
-    for (;;) {
-        const int result = sys->pthread_mutex_trylock(mutex);
-        if (result == 0) {
-            return true;
-        }
-        if (result == EOWNERDEAD) {
-            sys->pthread_mutex_consistent(mutex);
-            return true;
-        }
-        if (result != EBUSY || sys->clock_gettime(CLOCK_MONOTONIC, &now) != 0 ||
-            static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec >= deadline_ns) {
+    int result = sys->pthread_mutex_trylock(mutex);
+    if (result == EBUSY) {
+        timespec deadline{};
+        if (::clock_gettime(CLOCK_MONOTONIC, &deadline) != 0) {
             return false;
         }
-        // Spinning: a thread that yields or naps on a busy machine may wait whole time slices
-        // to run again, far beyond the bound. Only the wait is bounded; a daemon that holds the
-        // lock for long costs each message this much processor time.
+        const long nanoseconds = deadline.tv_nsec + static_cast<long>(wait_us) * 1000;
+        deadline.tv_sec += nanoseconds / 1000000000;
+        deadline.tv_nsec = nanoseconds % 1000000000;
+        result = ::pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline);
     }
+    if (result == EOWNERDEAD) {
+        sys->pthread_mutex_consistent(mutex);
+        return true;
+    }
+    return result == 0;
 }
 
 // The application's push with a bounded wait for the ring's mutex, offered to a front end
 // built on this library through its hook (below): liblogferry exports no name for it. A
 // message that cannot be placed within the wait is dropped and counted as lost.
-bool push_client_within(Logferry_base& end, const std::vector<unsigned char>& bytes, std::uint32_t wait_us)
+bool push_client_within(Logferry_base& end, const unsigned char* bytes, std::size_t size, std::uint32_t wait_us)
 {
-    if (!end.initialized || !end.client_side || !placeable(bytes.size(), CLIENT_BUFFER_SIZE) ||
-        !is_ring_kind(bytes[0])) {
-        return end.push(bytes);  // refused (and reported) exactly as the ordinary push does
+    if (!end.initialized || !end.client_side || !placeable(size, CLIENT_BUFFER_SIZE) || !is_ring_kind(bytes[0])) {
+        // Refused (and reported) exactly as the ordinary push does.
+        return end.push(std::vector<unsigned char>(bytes, bytes + size));
     }
     const Ring ring = client_ring(end.segment);
     if (!lock_within(ring.mutex, wait_us)) {
@@ -284,7 +280,7 @@ bool push_client_within(Logferry_base& end, const std::vector<unsigned char>& by
         return false;
     }
     const Mutex_lock_guard lock(ring.mutex, true);
-    write_record_held(ring, bytes.data(), static_cast<std::uint32_t>(bytes.size()), end.lost_messages, lock);
+    write_record_held(ring, bytes, static_cast<std::uint32_t>(size), end.lost_messages, lock);
     return true;
 }
 

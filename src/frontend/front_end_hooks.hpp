@@ -6,15 +6,15 @@
 // front end is loaded, and liblogferry exports no name for them. The front end defines them
 // (with LOGFERRY_DEFINE_HOOKS set before including this header).
 
+#include <cstddef>
 #include <cstdint>
-#include <vector>
 
 namespace logferry {
 class Logferry_base;
 /// A push into the application's ring that waits at most `wait_us` microseconds for the
 /// ring's mutex; a message it cannot place in that time is dropped and counted in the end's
 /// `lost_messages`.
-using Bounded_push = bool (*)(Logferry_base& end, const std::vector<unsigned char>& bytes, std::uint32_t wait_us);
+using Bounded_push = bool (*)(Logferry_base& end, const unsigned char* bytes, std::size_t size, std::uint32_t wait_us);
 }  // namespace logferry
 
 #ifdef LOGFERRY_DEFINE_HOOKS

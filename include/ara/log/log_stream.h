@@ -279,7 +279,20 @@ private:
     LogStream& Signed(T value) noexcept
     {
         if (message_ != nullptr) {
-            PutSigned(static_cast<std::int64_t>(value), sizeof(T));
+            switch (sizeof(T)) {  // a constant: the compiler keeps one case
+            case 1:
+                PutInt8(static_cast<std::int8_t>(value));
+                break;
+            case 2:
+                PutInt16(static_cast<std::int16_t>(value));
+                break;
+            case 4:
+                PutInt32(static_cast<std::int32_t>(value));
+                break;
+            default:
+                PutInt64(static_cast<std::int64_t>(value));
+                break;
+            }
         }
         return *this;
     }
@@ -287,9 +300,26 @@ private:
     LogStream& Unsigned(T value, std::uint8_t format) noexcept
     {
         if (message_ != nullptr) {
-            PutUnsigned(static_cast<std::uint64_t>(value), sizeof(T), format);
+            PutUnsignedOfWidth(static_cast<std::uint64_t>(value), sizeof(T), format);
         }
         return *this;
+    }
+    void PutUnsignedOfWidth(std::uint64_t value, std::size_t width, std::uint8_t format) noexcept
+    {
+        switch (width) {  // a constant where inlined: the compiler keeps one case
+        case 1:
+            PutUint8(static_cast<std::uint8_t>(value), format);
+            break;
+        case 2:
+            PutUint16(static_cast<std::uint16_t>(value), format);
+            break;
+        case 4:
+            PutUint32(static_cast<std::uint32_t>(value), format);
+            break;
+        default:
+            PutUint64(value, format);
+            break;
+        }
     }
     LogStream& Chars(const char* text, std::size_t size) noexcept
     {
@@ -303,8 +333,14 @@ private:
     LOGFERRY_API void Restart() noexcept;
     LOGFERRY_API void PutLocation(detail::Text file, int line) noexcept;
     LOGFERRY_API void PutBool(bool value) noexcept;
-    LOGFERRY_API void PutSigned(std::int64_t value, std::size_t width) noexcept;
-    LOGFERRY_API void PutUnsigned(std::uint64_t value, std::size_t width, std::uint8_t format) noexcept;
+    LOGFERRY_API void PutInt8(std::int8_t value) noexcept;
+    LOGFERRY_API void PutInt16(std::int16_t value) noexcept;
+    LOGFERRY_API void PutInt32(std::int32_t value) noexcept;
+    LOGFERRY_API void PutInt64(std::int64_t value) noexcept;
+    LOGFERRY_API void PutUint8(std::uint8_t value, std::uint8_t format) noexcept;
+    LOGFERRY_API void PutUint16(std::uint16_t value, std::uint8_t format) noexcept;
+    LOGFERRY_API void PutUint32(std::uint32_t value, std::uint8_t format) noexcept;
+    LOGFERRY_API void PutUint64(std::uint64_t value, std::uint8_t format) noexcept;
     LOGFERRY_API void PutFloat32(float value) noexcept;
     LOGFERRY_API void PutFloat64(double value) noexcept;
     LOGFERRY_API void PutText(const char* text, std::size_t size) noexcept;
@@ -320,7 +356,7 @@ struct Stream_access {
     static void formatted(LogStream& out, std::uint64_t value, std::size_t width, std::uint8_t format) noexcept
     {
         if (out.message_ != nullptr) {
-            out.PutUnsigned(value, width, format);
+            out.PutUnsignedOfWidth(value, width, format);
         }
     }
     /// The stream's message storage (null for a disabled stream).
