@@ -270,19 +270,26 @@ inline void write_message(std::uint32_t key, std::uint32_t value)
     logferry::log_finish(key);
 }
 
-void BM_message(benchmark::State& state)
+// Runs `message(value)` once per iteration, counting its allocations. One message goes out
+// before the timing, so that steady state is measured.
+template <typename Message>
+void run_messages(benchmark::State& state, Message message)
 {
-    const std::uint32_t key = 1000 + static_cast<std::uint32_t>(state.thread_index());
     std::uint32_t value = 0;
-    // One message outside the timing, so that steady state is measured.
-    write_message(key, value);
+    message(value);
     const std::uint64_t before = thread_allocations;
     for (auto _ : state) {
-        write_message(key, ++value);
+        message(++value);
     }
     set_allocation_counter(state, before);
     state.SetItemsProcessed(state.iterations());
     messages_written.fetch_add(state.iterations() + 1);
+}
+
+void BM_message(benchmark::State& state)
+{
+    const std::uint32_t key = 1000 + static_cast<std::uint32_t>(state.thread_index());
+    run_messages(state, [key](std::uint32_t value) { write_message(key, value); });
 }
 BENCHMARK(BM_message)->UseRealTime();
 BENCHMARK(BM_message)->Threads(2)->UseRealTime();
@@ -336,15 +343,7 @@ inline void write_ara_message(const ara::log::Logger& logger, std::uint32_t valu
 void BM_ara_message(benchmark::State& state)
 {
     const ara::log::Logger& logger = session.ara_logger();
-    std::uint32_t value = 0;
-    write_ara_message(logger, value);  // steady state: the thread's message storage exists
-    const std::uint64_t before = thread_allocations;
-    for (auto _ : state) {
-        write_ara_message(logger, ++value);
-    }
-    set_allocation_counter(state, before);
-    state.SetItemsProcessed(state.iterations());
-    messages_written.fetch_add(state.iterations() + 1);
+    run_messages(state, [&logger](std::uint32_t value) { write_ara_message(logger, value); });
 }
 BENCHMARK(BM_ara_message)->UseRealTime();
 BENCHMARK(BM_ara_message)->Threads(2)->UseRealTime();
