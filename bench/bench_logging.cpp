@@ -16,6 +16,11 @@
 // difference between it and the message. The six process-local mutex sections of a message,
 // empty, show how much of that is locking alone.
 //
+// The same message through the standard front end (ara::log, `LogInfo() << value << "hello
+// world" << HexFormat(value)`): with a concurrent reader from one, two and four threads, with
+// no concurrent reader, filtered out (against an empty loop), and the time of each call from
+// one and two threads (99th percentile).
+//
 // Heap allocations are counted per thread by replacing the global operator new in this
 // binary (the library's allocations resolve to it as well); the count per message is
 // reported as the counter allocs_per_msg. A summary table is printed at the end.
@@ -24,6 +29,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -39,6 +45,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "ara/log/logging.h"
 #include "logferry/logferry.hpp"
 
 // ---------------------------------------------------------------------------------------
@@ -131,6 +138,9 @@ public:
             std::fprintf(stderr, "bench: registration refused\n");
             std::exit(1);
         }
+        // The standard front end on the same channel (the library is already up).
+        ara::log::InitLogging("BNCH", "benchmark", ara::log::LogLevel::kInfo, ara::log::LogMode::kRemote);
+        ara_logger_ = &ara::log::CreateLogger("ARA1", "ara::log benchmark context", ara::log::LogLevel::kInfo);
         logferry::client.unlock_client_buffer();
     }
 
@@ -143,6 +153,7 @@ public:
     }
 
     std::uint64_t messages_read() const { return read_.load(); }
+    const ara::log::Logger& ara_logger() const { return *ara_logger_; }
 
     // Stops (true) or resumes (false) the reader thread; returns once it is idle.
     void pause_reader(bool pause)
@@ -226,6 +237,7 @@ private:
     }
 
     logferry::Logferry_base reader_end_;
+    const ara::log::Logger* ara_logger_ = nullptr;
     std::vector<std::vector<unsigned char>> taken_;
     std::thread reader_;
     std::atomic<bool> stop_{false};
@@ -258,19 +270,26 @@ inline void write_message(std::uint32_t key, std::uint32_t value)
     logferry::log_finish(key);
 }
 
-void BM_message(benchmark::State& state)
+// Runs `message(value)` once per iteration, counting its allocations. One message goes out
+// before the timing, so that steady state is measured.
+template <typename Message>
+void run_messages(benchmark::State& state, Message message)
 {
-    const std::uint32_t key = 1000 + static_cast<std::uint32_t>(state.thread_index());
     std::uint32_t value = 0;
-    // One message outside the timing, so that steady state is measured.
-    write_message(key, value);
+    message(value);
     const std::uint64_t before = thread_allocations;
     for (auto _ : state) {
-        write_message(key, ++value);
+        message(++value);
     }
     set_allocation_counter(state, before);
     state.SetItemsProcessed(state.iterations());
     messages_written.fetch_add(state.iterations() + 1);
+}
+
+void BM_message(benchmark::State& state)
+{
+    const std::uint32_t key = 1000 + static_cast<std::uint32_t>(state.thread_index());
+    run_messages(state, [key](std::uint32_t value) { write_message(key, value); });
 }
 BENCHMARK(BM_message)->UseRealTime();
 BENCHMARK(BM_message)->Threads(2)->UseRealTime();
@@ -314,6 +333,96 @@ void BM_message_no_concurrent_reader(benchmark::State& state)
     run_without_concurrent_reader(state, [&value] { write_message(2000, ++value); });
 }
 BENCHMARK(BM_message_no_concurrent_reader)->UseRealTime();
+
+// The same message through the standard front end.
+inline void write_ara_message(const ara::log::Logger& logger, std::uint32_t value)
+{
+    logger.LogInfo() << static_cast<std::int32_t>(value) << "hello world" << ara::log::HexFormat(value);
+}
+
+void BM_ara_message(benchmark::State& state)
+{
+    const ara::log::Logger& logger = session.ara_logger();
+    run_messages(state, [&logger](std::uint32_t value) { write_ara_message(logger, value); });
+}
+BENCHMARK(BM_ara_message)->UseRealTime();
+BENCHMARK(BM_ara_message)->Threads(2)->UseRealTime();
+BENCHMARK(BM_ara_message)->Threads(4)->UseRealTime();
+
+void BM_ara_message_no_concurrent_reader(benchmark::State& state)
+{
+    const ara::log::Logger& logger = session.ara_logger();
+    std::uint32_t value = 0;
+    run_without_concurrent_reader(state, [&] { write_ara_message(logger, ++value); });
+}
+BENCHMARK(BM_ara_message_no_concurrent_reader)->UseRealTime();
+
+// A message whose level is filtered out (debug on an info context), and the same loop with
+// nothing in it: the difference is the filtered message's cost.
+void BM_ara_filtered(benchmark::State& state)
+{
+    const ara::log::Logger& logger = session.ara_logger();
+    std::uint32_t value = 0;
+    for (auto _ : state) {
+        logger.LogDebug() << static_cast<std::int32_t>(value) << "hello world" << ara::log::HexFormat(value);
+        benchmark::DoNotOptimize(++value);
+    }
+}
+BENCHMARK(BM_ara_filtered)->UseRealTime();
+
+void BM_empty_loop(benchmark::State& state)
+{
+    std::uint32_t value = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(++value);
+    }
+}
+BENCHMARK(BM_empty_loop)->UseRealTime();
+
+// The time of each call (clock read before and after; the clock's own cost is in it), as the
+// 99th percentile of each thread's calls, averaged over the threads; and the throughput of
+// all threads together. `message` is the free functions' message or the front end's.
+template <typename Message>
+void measure_calls(benchmark::State& state, Message message)
+{
+    constexpr std::size_t MAX_SAMPLES = 1 << 22;
+    std::vector<std::uint32_t> samples;
+    samples.reserve(MAX_SAMPLES);
+    std::uint32_t value = 0;
+    message(value);
+    for (auto _ : state) {
+        const auto start = std::chrono::steady_clock::now();
+        message(++value);
+        const auto took = std::chrono::steady_clock::now() - start;
+        if (samples.size() < MAX_SAMPLES) {
+            samples.push_back(
+                static_cast<std::uint32_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(took).count()));
+        }
+    }
+    if (!samples.empty()) {
+        const std::size_t at = samples.size() * 99 / 100;
+        std::nth_element(samples.begin(), samples.begin() + static_cast<long>(at), samples.end());
+        state.counters["p99_ns"] = benchmark::Counter(samples[at], benchmark::Counter::kAvgThreads);
+    }
+    state.SetItemsProcessed(state.iterations());
+    messages_written.fetch_add(state.iterations() + 1);
+}
+
+void BM_ara_calls(benchmark::State& state)
+{
+    const ara::log::Logger& logger = session.ara_logger();
+    measure_calls(state, [&logger](std::uint32_t value) { write_ara_message(logger, value); });
+}
+BENCHMARK(BM_ara_calls)->UseRealTime();
+BENCHMARK(BM_ara_calls)->Threads(2)->UseRealTime();
+
+void BM_message_calls(benchmark::State& state)
+{
+    const std::uint32_t key = 3000 + static_cast<std::uint32_t>(state.thread_index());
+    measure_calls(state, [key](std::uint32_t value) { write_message(key, value); });
+}
+BENCHMARK(BM_message_calls)->UseRealTime();
+BENCHMARK(BM_message_calls)->Threads(2)->UseRealTime();
 
 // For comparison only: the work the design itself prescribes for this message, with every
 // record already encoded and no checks: the contexts' mutex around one lookup, one clock
@@ -577,6 +686,7 @@ struct Result {
     double cpu_ns = 0;
     double items_per_second = 0;
     double allocs_per_msg = -1;
+    double p99_ns = -1;
 };
 
 class Summary_reporter : public benchmark::ConsoleReporter {
@@ -609,6 +719,10 @@ public:
             const auto allocations = run.counters.find("allocs_per_msg");
             if (allocations != run.counters.end()) {
                 result.allocs_per_msg = allocations->second.value;
+            }
+            const auto p99 = run.counters.find("p99_ns");
+            if (p99 != run.counters.end()) {
+                result.p99_ns = p99->second.value;
             }
             results_[name] = result;
             if (median) {
@@ -655,6 +769,50 @@ void print_comparison(const char* title, const Result* message, const Result* fl
     print_ratio("ratio message / prescribed work", message, prescribed);
 }
 
+void print_calls(const char* measure, const Result* calls)
+{
+    if (calls != nullptr) {
+        std::printf("  %-46s %9.0f %9.0f\n", measure, calls->items_per_second, calls->p99_ns);
+    }
+}
+
+void print_ara_summary(const Summary_reporter& reporter, const Result* message, const Result* floor,
+                       const Result* floor_read)
+{
+    const Result* ara = reporter.find("BM_ara_message/real_time");
+    const Result* ara2 = reporter.find("BM_ara_message/real_time/threads:2");
+    const Result* ara4 = reporter.find("BM_ara_message/real_time/threads:4");
+    const Result* quiet = reporter.find("BM_ara_message_no_concurrent_reader/real_time");
+    const Result* filtered = reporter.find("BM_ara_filtered/real_time");
+    const Result* empty = reporter.find("BM_empty_loop/real_time");
+    std::printf("  the standard front end (ara::log), same message:\n");
+    print_row("LogInfo() message, 1 thread: ns", ara);
+    print_ratio("ratio LogInfo() / floor", ara, floor, "(goal <= 1.3, wall)");
+    print_ratio("ratio LogInfo() / floor, both with a reader", ara, floor_read);
+    print_row("LogInfo() message, no concurrent reader: ns", quiet);
+    print_ratio("ratio LogInfo() / floor, neither with a reader", quiet, floor);
+    print_ratio("ratio LogInfo() / free functions' message", ara, message);
+    print_row("LogInfo() message, 2 threads: ns per message", ara2);
+    print_row("LogInfo() message, 4 threads: ns per message", ara4);
+    if (filtered != nullptr && empty != nullptr) {
+        std::printf("  %-46s %9.2f %9.2f   (goal <= 3)\n", "filtered-out message, net of the loop: ns",
+                    filtered->real_ns - empty->real_ns, filtered->cpu_ns - empty->cpu_ns);
+    }
+    for (const auto& [name, label] :
+         {std::pair<const char*, const char*>{"BM_ara_message/real_time", "heap allocations per message, 1 thread"},
+          {"BM_ara_message/real_time/threads:4", "heap allocations per message, 4 threads"}}) {
+        const Result* result = reporter.find(name);
+        if (result != nullptr) {
+            std::printf("  %-46s %9.3f             (goal 0)\n", label, result->allocs_per_msg);
+        }
+    }
+    std::printf("  %-46s %9s %9s\n", "calls timed one by one", "msgs/s", "p99 ns");
+    print_calls("LogInfo(), 1 thread", reporter.find("BM_ara_calls/real_time"));
+    print_calls("LogInfo(), 2 threads (all threads / each)", reporter.find("BM_ara_calls/real_time/threads:2"));
+    print_calls("free functions, 1 thread", reporter.find("BM_message_calls/real_time"));
+    print_calls("free functions, 2 threads", reporter.find("BM_message_calls/real_time/threads:2"));
+}
+
 void print_summary(const Summary_reporter& reporter, std::uint64_t written, std::uint64_t read)
 {
     const Result* message = reporter.find("BM_message/real_time");
@@ -684,6 +842,7 @@ void print_summary(const Summary_reporter& reporter, std::uint64_t written, std:
     print_comparison("and with no concurrent reader:", quiet, floor, quiet_prescribed);
     print_row("the six mutex sections alone: ns", sections);
     print_ratio("ratio six mutex sections / floor", sections, floor);
+    print_ara_summary(reporter, message, floor, floor_read);
     std::printf("  %-46s %9llu\n", "messages written", static_cast<unsigned long long>(written));
     std::printf("  %-46s %9llu\n", "messages read by the daemon side", static_cast<unsigned long long>(read));
     std::printf("  %-46s %9llu\n", "messages not read (discarded: ring full)",

@@ -1,12 +1,15 @@
-// A small application on liblogferry: it names and registers itself with two contexts,
-// asks for a level before and after the daemon's level update, sends a control request,
-// writes one message of every argument type and ends cleanly.
+// A small application on the ara::log front end: it brings logging up with InitLogging,
+// creates two loggers, asks for a level before and after the daemon's level update, writes
+// one message of every argument type and a few more, and ends; logging is taken down by
+// itself at exit. Its last part shows the library's own free functions, the low-level
+// interface underneath (one stream key per message, records added call by call).
 //
 // Run it under logferry-monitor (see scripts/demo.sh), for example with
 //     logferry-monitor --level MAIN=debug --say "hello"
 // and the monitor prints its registrations and messages; without a daemon it runs all the
 // same and its records simply stay in its channel.
 
+#include <ara/log/logging.h>
 #include <logferry/logferry.hpp>
 
 #include <chrono>
@@ -17,16 +20,13 @@
 
 namespace {
 
-constexpr std::uint32_t MAIN_CONTEXT = 1;
-constexpr std::uint32_t NET_CONTEXT = 2;
+using ara::log::LogLevel;
 
-constexpr std::uint8_t level(ara::log::LogLevel value) { return static_cast<std::uint8_t>(value); }
-
-// Waits up to `limit` for the daemon to raise MAIN's level to debug.
-bool wait_for_debug(std::chrono::milliseconds limit)
+// Waits up to `limit` for the daemon to raise the logger's level to debug.
+bool wait_for_debug(const ara::log::Logger& logger, std::chrono::milliseconds limit)
 {
     const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!logferry::is_log_level_enabled(MAIN_CONTEXT, level(ara::log::LogLevel::kDebug))) {
+    while (!logger.IsEnabled(LogLevel::kDebug)) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return false;
         }
@@ -37,76 +37,59 @@ bool wait_for_debug(std::chrono::milliseconds limit)
 
 const char* yes_no(bool value) { return value ? "enabled" : "disabled"; }
 
-}  // namespace
-
-int main()
+// The low-level interface: a context with a handle of the application's choosing and one
+// message written call by call, with an already encoded argument.
+void free_function_part()
 {
-    logferry::set_app_identifier("EXA");
-    logferry::init();
-
-    logferry::register_app("EXA", "logferry example application");
-    logferry::register_context(MAIN_CONTEXT, "MAIN", "Main context", level(ara::log::LogLevel::kInfo));
-    // Registered at info: debug is off until the daemon says otherwise.
-    const bool before = logferry::is_log_level_enabled(MAIN_CONTEXT, level(ara::log::LogLevel::kDebug));
-    logferry::register_context(NET_CONTEXT, "NET", "Network context", level(ara::log::LogLevel::kWarn));
-
-    // A control request travels ahead of the ordinary messages, like the registrations.
-    logferry::enable_local_print();
-
-    std::printf("example: debug for MAIN before the level update: %s\n", yes_no(before));
-    const bool after = wait_for_debug(std::chrono::milliseconds(5000));
-    std::printf("example: debug for MAIN after the level update: %s\n", yes_no(after));
-    std::fflush(stdout);
-
-    // One message with every argument type.
-    std::uint32_t key = 100;
-    if (logferry::log_start(MAIN_CONTEXT, key, level(ara::log::LogLevel::kInfo))) {
-        logferry::log_utf8_string(key, "every argument type:");
-        logferry::log_bool(key, true);
-        logferry::log_int8(key, -8);
-        logferry::log_int16(key, -1600);
-        logferry::log_int32(key, -320000);
-        logferry::log_int64(key, -6400000000LL);
-        logferry::log_uint8_formatted(key, 200, logferry::LogFormat::kDec);
-        logferry::log_uint16_formatted(key, 0xBEEF, logferry::LogFormat::kHex);
-        logferry::log_uint32_formatted(key, 0755, logferry::LogFormat::kOct);
-        logferry::log_uint64_formatted(key, 0x5A, logferry::LogFormat::kBin);
-        logferry::log_uint32_formatted(key, 0xC0FFEE, logferry::LogFormat::kHexUpper);
-        logferry::log_float32(key, 1.5f);
-        logferry::log_float64(key, 3.141592653589793);
-        logferry::log_string_view(key, "a view of a longer text", 9);
-        const std::uint8_t raw[] = {0xDE, 0xAD, 0xBE, 0xEF};
-        logferry::log_raw_formatted(key, raw, sizeof raw, logferry::LogFormat::kHex);
+    constexpr std::uint32_t LOW_LEVEL_CONTEXT = 1;
+    constexpr std::uint8_t INFO = static_cast<std::uint8_t>(LogLevel::kInfo);
+    logferry::register_context(LOW_LEVEL_CONTEXT, "LOWL", "Free-function context", INFO);
+    const std::uint32_t key = 100;
+    if (logferry::is_log_level_enabled(LOW_LEVEL_CONTEXT, INFO) && logferry::log_start(LOW_LEVEL_CONTEXT, key, INFO)) {
+        logferry::log_utf8_string(key, "from the free functions:");
         const std::vector<unsigned char> encoded = {0x01, 0x02, 0x03};
         const std::uint16_t encoded_length = 3;
         logferry::log_encoded_payload(key, encoded, encoded_length);
         logferry::log_finish(key);
     }
+}
+
+}  // namespace
+
+int main()
+{
+    // Console mode: the daemon is asked to print this application's messages locally too.
+    ara::log::InitLogging("EXA", "logferry example application", LogLevel::kInfo,
+                          ara::log::LogMode::kRemote | ara::log::LogMode::kConsole);
+    const ara::log::Logger& main_logger = ara::log::CreateLogger("MAIN", "Main context", LogLevel::kInfo);
+    // Registered at info: debug is off until the daemon says otherwise.
+    const bool before = main_logger.IsEnabled(LogLevel::kDebug);
+    const ara::log::Logger& net_logger = ara::log::CreateLogger("NET", "Network context", LogLevel::kWarn);
+
+    std::printf("example: debug for MAIN before the level update: %s\n", yes_no(before));
+    const bool after = wait_for_debug(main_logger, std::chrono::milliseconds(5000));
+    std::printf("example: debug for MAIN after the level update: %s\n", yes_no(after));
+    std::fflush(stdout);
+
+    // One message with every argument type.
+    const std::uint8_t raw[] = {0xDE, 0xAD, 0xBE, 0xEF};
+    main_logger.LogInfo() << "every argument type:" << true << static_cast<std::int8_t>(-8)
+                          << static_cast<std::int16_t>(-1600) << static_cast<std::int32_t>(-320000)
+                          << static_cast<std::int64_t>(-6400000000LL) << static_cast<std::uint8_t>(200)
+                          << ara::log::HexFormat(static_cast<std::uint16_t>(0xBEEF))
+                          << ara::log::Arg(static_cast<std::uint32_t>(0755), {}, {}, ara::log::Oct())
+                          << ara::log::BinFormat(static_cast<std::uint64_t>(0x5A)) << 1.5F << 3.141592653589793
+                          << std::string("a view of a longer text", 9) << ara::log::RawBuffer(raw);
 
     // A debug message, sent only when the daemon has enabled debug for MAIN.
-    ++key;
-    if (logferry::is_log_level_enabled(MAIN_CONTEXT, level(ara::log::LogLevel::kDebug)) &&
-        logferry::log_start(MAIN_CONTEXT, key, level(ara::log::LogLevel::kDebug))) {
-        logferry::log_utf8_string(key, "debug is on");
-        logferry::log_finish(key);
-    }
+    main_logger.LogDebug() << "debug is on";
 
-    // NET stays at warn: the info message is skipped, the warning goes out.
-    ++key;
-    if (logferry::is_log_level_enabled(NET_CONTEXT, level(ara::log::LogLevel::kInfo)) &&
-        logferry::log_start(NET_CONTEXT, key, level(ara::log::LogLevel::kInfo))) {
-        logferry::log_utf8_string(key, "never sent");
-        logferry::log_finish(key);
-    }
-    ++key;
-    if (logferry::is_log_level_enabled(NET_CONTEXT, level(ara::log::LogLevel::kWarn)) &&
-        logferry::log_start(NET_CONTEXT, key, level(ara::log::LogLevel::kWarn))) {
-        logferry::log_utf8_string(key, "link down, retrying");
-        logferry::log_uint16_formatted(key, 3, logferry::LogFormat::kDec);
-        logferry::log_finish(key);
-    }
+    // NET stays at warn: the info message costs one level test, the warning goes out.
+    net_logger.LogInfo() << "never sent";
+    net_logger.LogWarn() << "link down, retrying" << static_cast<std::uint16_t>(3);
 
-    logferry::exit();
+    free_function_part();
+
     std::printf("example: done\n");
     return 0;
 }

@@ -4,12 +4,11 @@
 # without warnings; "cpack -G DEB" makes liblogferry2, liblogferry-dev and logferry-tools,
 # whose contents, versions and dependencies are checked; lintian must report no error;
 # "apt-get install ./*.deb"; "systemd-analyze verify" on the installed unit; the application in
-# tests/package/log_consumer.cpp is built against the installed files with CMake and with
-# pkg-config and both run under the installed logferry-monitor (private run-state directory),
-# which must show their messages. Finally, also on failure, the packages are purged and
+# tests/package/log_consumer.cpp (free functions) and the ara::log application in
+# tests/package/ara_consumer.cpp are built against the installed files with CMake and with
+# pkg-config and all four run under the installed logferry-monitor (private run-state
+# directory), which must show their messages. Finally, also on failure, the packages are purged and
 # anything the run added to the system (user, group, run-state directory) is removed again.
-# LOGFERRY_WITH_ARA_LOG=1 also builds and runs tests/package/ara_consumer.cpp (CMake and
-# pkg-config) against the installed ara::log library.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh dpkg-dev fakeroot file lintian groff-base man-db systemd
@@ -192,7 +191,7 @@ fi
 
 # ---------------------------------------------------------------------------------------
 echo "=== applications against the installed files, under the installed monitor ==="
-cmake -S tests/package/cmake_consumer -B "$work/cmake" ${LOGFERRY_WITH_ARA_LOG:+-DWITH_ARA_LOG=ON} \
+cmake -S tests/package/cmake_consumer -B "$work/cmake" \
     > "$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
 cmake --build "$work/cmake" > "$work/cmake-build.log" 2>&1 || { cat "$work/cmake-build.log"; exit 1; }
 grep -q "logferry_DIR:PATH=$libdir/cmake/logferry" "$work/cmake/CMakeCache.txt" ||
@@ -201,13 +200,11 @@ grep -q "logferry_DIR:PATH=$libdir/cmake/logferry" "$work/cmake/CMakeCache.txt" 
 # shellcheck disable=SC2046
 g++ -std=c++14 -Wall -Wextra -Werror tests/package/log_consumer.cpp $(pkg-config --cflags --libs logferry) \
     -o "$work/pc_log_consumer"
-apps=("$work/cmake/log_consumer PKGC" "$work/pc_log_consumer PKGP")
-if [ -n "${LOGFERRY_WITH_ARA_LOG:-}" ]; then
-    # shellcheck disable=SC2046
-    g++ -std=c++14 -Wall -Wextra -Werror tests/package/ara_consumer.cpp $(pkg-config --cflags --libs logferry-ara) \
-        -o "$work/pc_ara_consumer"
-    apps+=("$work/cmake/ara_consumer ARAC" "$work/pc_ara_consumer ARAP")
-fi
+# shellcheck disable=SC2046
+g++ -std=c++14 -Wall -Wextra -Werror tests/package/ara_consumer.cpp $(pkg-config --cflags --libs logferry-ara) \
+    -o "$work/pc_ara_consumer"
+apps=("$work/cmake/log_consumer PKGC" "$work/pc_log_consumer PKGP" "$work/cmake/ara_consumer ARAC"
+    "$work/pc_ara_consumer ARAP")
 for app in "${apps[@]}"; do
     resolved=$(ldd "${app%% *}" | sed -n 's/^\s*liblogferry\.so\.2 => \(\S*\).*/\1/p')
     if [ -z "$resolved" ] || [ "$(realpath "$resolved")" != "$(realpath "$libdir/liblogferry.so.2")" ]; then

@@ -870,18 +870,20 @@ TEST_F(Monitor, ExampleApplicationUnderTheMonitor)
         "-- app        EXA \"logferry example application\" channel=" +
         channel +
         "\n"
-        "-- context    EXA MAIN handle=1 level=info \"Main context\"\n"
-        "-- set-level  EXA MAIN handle=1 level=debug\n"
-        "-- context    EXA NET handle=2 level=warn \"Network context\"\n"
         "-- control    EXA enable-local-print\n"
+        "-- context    EXA MAIN handle=4294967295 level=info \"Main context\"\n"
+        "-- set-level  EXA MAIN handle=4294967295 level=debug\n"
+        "-- context    EXA NET handle=4294967294 level=warn \"Network context\"\n"
+        "-- context    EXA LOWL handle=1 level=info \"Free-function context\"\n"
         "<ts> EXA  MAIN info    \"every argument type:\" true -8 -1600 -320000 -6400000000 200 0xbeef 0755 "
-        "0b1011010 0xC0FFEE 1.5 3.141592653589793 \"a view of\" [de ad be ef] encoded[01 02 03]\n"
+        "0b1011010 1.5 3.141592653589793 \"a view of\" [de ad be ef]\n"
         "<ts> EXA  MAIN debug   \"debug is on\"\n"
         "<ts> EXA  NET  warn    \"link down, retrying\" 3\n"
+        "<ts> EXA  LOWL info    \"from the free functions:\" encoded[01 02 03]\n"
         "-- detach     EXA " +
         channel +
         " (closed its channel)\n"
-        "-- stopped    signal: 3 log messages from 1 application\n";
+        "-- stopped    signal: 4 log messages from 1 application\n";
     EXPECT_EQ(mask_timestamps(text), expected);
     EXPECT_EQ(errors(), "");
     EXPECT_FALSE(logferry_test::shm_exists(channel));
@@ -922,23 +924,96 @@ TEST_F(Monitor, TwoExampleApplicationsAtOnce)
         "-- attach     <channel>",
         "-- say        <channel> \"hello from the monitor\"",
         "-- app        EXA \"logferry example application\" channel=<channel>",
-        "-- context    EXA MAIN handle=1 level=info \"Main context\"",
-        "-- set-level  EXA MAIN handle=1 level=debug",
-        "-- context    EXA NET handle=2 level=warn \"Network context\"",
         "-- control    EXA enable-local-print",
+        "-- context    EXA MAIN handle=4294967295 level=info \"Main context\"",
+        "-- set-level  EXA MAIN handle=4294967295 level=debug",
+        "-- context    EXA NET handle=4294967294 level=warn \"Network context\"",
+        "-- context    EXA LOWL handle=1 level=info \"Free-function context\"",
         "<ts> EXA  MAIN info    \"every argument type:\" true -8 -1600 -320000 -6400000000 200 0xbeef 0755 "
-        "0b1011010 0xC0FFEE 1.5 3.141592653589793 \"a view of\" [de ad be ef] encoded[01 02 03]",
+        "0b1011010 1.5 3.141592653589793 \"a view of\" [de ad be ef]",
         "<ts> EXA  MAIN debug   \"debug is on\"",
         "<ts> EXA  NET  warn    \"link down, retrying\" 3",
+        "<ts> EXA  LOWL info    \"from the free functions:\" encoded[01 02 03]",
         "-- detach     EXA <channel> (closed its channel)"};
     std::multiset<std::string> expected = {"-- listening  lock=" + lock_file_,
-                                           "-- stopped    signal: 6 log messages from 2 applications"};
+                                           "-- stopped    signal: 8 log messages from 2 applications"};
     for (int copy = 0; copy < 2; ++copy) {
         expected.insert(per_application.begin(), per_application.end());
     }
     EXPECT_EQ(lines, expected) << output();
     EXPECT_EQ(errors(), "");
 }
+
+#ifdef LOGFERRY_ARA_COMPAT_DIR
+// Runs one of the ara::log compatibility applications with `environment` added, waits for it
+// to end with status 0 and for the monitor to detach, and returns the monitor's transcript
+// with times and channel names masked.
+class Ara_compat : public Monitor {
+protected:
+    std::string run_application(const std::string& name,
+                                const std::vector<std::pair<std::string, std::string>>& environment)
+    {
+        start_monitor();
+        for (const auto& variable : environment) {
+            EXPECT_EQ(::setenv(variable.first.c_str(), variable.second.c_str(), 1), 0);
+        }
+        const std::string out = dir_ + "/app.out";
+        const std::string err = dir_ + "/app.err";
+        const int pid = run_program(std::string(LOGFERRY_ARA_COMPAT_DIR) + "/ara_compat_" + name, {}, out, err);
+        for (const auto& variable : environment) {
+            ::unsetenv(variable.first.c_str());
+        }
+        const int status = logferry_test::wait_child(pid, milliseconds(20000));
+        const std::string complaints = read_file(err);
+        ::unlink(out.c_str());
+        ::unlink(err.c_str());
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_EQ(complaints, "");
+        EXPECT_TRUE(wait_for("-- detach")) << output();
+        EXPECT_EQ(stop_monitor(), 0);
+        EXPECT_EQ(errors(), "");
+        return std::regex_replace(mask_timestamps(output()), std::regex("/logferry-CMP[0-9]-[0-9]{1,5}-[0-9a-f]+"),
+                                  "<channel>");
+    }
+};
+
+TEST_F(Ara_compat, InitLoggingApplicationWithMemberLoggersAndWrappers)
+{
+    const std::string transcript = run_application("sensor_service", {});
+    EXPECT_EQ(transcript, "-- listening  lock=" + lock_file_ +
+                              "\n"
+                              "-- attach     <channel>\n"
+                              "-- app        CMP1 \"compat: InitLogging application\" channel=<channel>\n"
+                              "-- control    CMP1 enable-local-print\n"
+                              "-- context    CMP1 MAIN handle=4294967295 level=info \"Main context\"\n"
+                              "-- context    CMP1 SENS handle=4294967294 level=info \"Sensor service\"\n"
+                              "<ts> CMP1 SENS info    \"temperature\" \"=\" 21.5\n"
+                              "<ts> CMP1 SENS info    \"pressure\" \"=\" 1013.25\n"
+                              "<ts> CMP1 MAIN warn    \"readings reported:\" 2\n"
+                              "<ts> CMP1 MAIN info    \"part one\"\n"
+                              "<ts> CMP1 MAIN info    \"part two\" \"moved on\"\n"
+                              "-- detach     CMP1 <channel> (closed its channel)\n"
+                              "-- stopped    signal: 5 log messages from 1 application\n");
+}
+
+TEST_F(Ara_compat, ApplicationWithoutInitLoggingTakesItsIdentityFromTheEnvironment)
+{
+    const std::string transcript =
+        run_application("late_release_app", {{"LOGFERRY_APP_ID", "CMP2"}, {"LOGFERRY_LOG_LEVEL", "info"}});
+    EXPECT_EQ(transcript, "-- listening  lock=" + lock_file_ +
+                              "\n"
+                              "-- attach     <channel>\n"
+                              "-- app        CMP2 \"application CMP2\" channel=<channel>\n"
+                              "-- context    CMP2 GLOB handle=4294967295 level=info \"Global logger\"\n"
+                              "-- context    CMP2 WORK handle=4294967294 level=debug \"Worker\"\n"
+                              "<ts> CMP2 GLOB info    \"starting\"\n"
+                              "<ts> CMP2 GLOB info    \"handler saw the daemon:\" true\n"
+                              "<ts> CMP2 WORK debug   \"took\" 250 \"ms\" \"retries\" 3 \"flags\" 0x2a\n"
+                              "<ts> CMP2 GLOB warn    \"static destructor after main\"\n"
+                              "-- detach     CMP2 <channel> (closed its channel)\n"
+                              "-- stopped    signal: 4 log messages from 1 application\n");
+}
+#endif
 
 // An application that keeps logging while the monitor is stopped and started again: the
 // new monitor gets the registrations replayed, then every message, none lost across the

@@ -31,12 +31,17 @@
 // protocol above: none of the repairs can trigger.
 #include <pthread.h>
 #include <sys/mman.h>
+#include <time.h>  // NOLINT(modernize-deprecated-headers): POSIX clock_gettime and CLOCK_MONOTONIC
+
+#include <cerrno>
 
 #include <cstring>
 #include <string>
 
+#include "frontend/front_end_hooks.hpp"
 #include "logferry/channel.hpp"
 #include "logferry/system.hpp"
+#include "system/robust_mutex.hpp"
 #include "wire/ring_framing.hpp"
 #include "wire/shared_fields.hpp"
 #include "wire/wire.hpp"
@@ -152,10 +157,12 @@ bool placeable(std::size_t size, std::uint32_t capacity)
 
 // The writing step: appends one record of `size` bytes (placeable in this ring), discarding
 // the oldest records while there is no room, one count in `lost` per discard step.
-void write_record(const Ring& ring, const unsigned char* data, std::uint32_t size, std::atomic<std::uint64_t>& lost)
+// The caller holds the ring's mutex (`lock` adopts or took it).
+void write_record_held(const Ring& ring, const unsigned char* data, std::uint32_t size,
+                       std::atomic<std::uint64_t>& lost, const Mutex_lock_guard& lock)
 {
+    (void)lock;
     const std::uint32_t capacity = ring.capacity;
-    Mutex_lock_guard lock(ring.mutex, false);
 
     // A correct ring needs at most one discard step per framed record (three bytes or more),
     // plus one to wrap.
@@ -216,6 +223,60 @@ void write_record(const Ring& ring, const unsigned char* data, std::uint32_t siz
     }
     store_once(ring.write_index, write);
 }
+
+void write_record(const Ring& ring, const unsigned char* data, std::uint32_t size, std::atomic<std::uint64_t>& lost)
+{
+    const Mutex_lock_guard lock(ring.mutex, false);
+    write_record_held(ring, data, size, lost, lock);
+}
+
+// Takes a robust mutex within `wait_us` microseconds (a holder that died is taken over); false
+// when it stays held that long. The first attempt goes through the system seam; when the lock
+// is held, the wait is the kernel's own timed wait, called directly (deliberately, like the
+// receiver thread's last sleep): the seam has no timed lock, and the deadline must be on the
+// clock the kernel waits on (the real-time clock), whatever clock the seam reports.
+bool lock_within(pthread_mutex_t* mutex, std::uint32_t wait_us)
+{
+    int result = sys->pthread_mutex_trylock(mutex);
+    if (result == EBUSY) {
+        timespec deadline{};
+        if (::clock_gettime(CLOCK_REALTIME, &deadline) != 0) {
+            return false;
+        }
+        const long nanoseconds = deadline.tv_nsec + static_cast<long>(wait_us) * 1000;
+        deadline.tv_sec += nanoseconds / 1000000000;
+        deadline.tv_nsec = nanoseconds % 1000000000;
+        result = ::pthread_mutex_timedlock(mutex, &deadline);
+    }
+    return settle_robust_lock(mutex, result) == 0;
+}
+
+// The application's push with a bounded wait for the ring's mutex, offered to a front end
+// built on this library through its hook (below): liblogferry exports no name for it. A
+// message that cannot be placed within the wait is dropped and counted as lost.
+bool push_client_within(Logferry_base& end, const unsigned char* bytes, std::size_t size, std::uint32_t wait_us)
+{
+    if (!end.initialized || !end.client_side || !placeable(size, CLIENT_BUFFER_SIZE) || !wire::is_ring_kind(bytes[0])) {
+        // Refused (and reported) exactly as the ordinary push does.
+        return end.push(std::vector<unsigned char>(bytes, bytes + size));
+    }
+    const Ring ring = client_ring(end.segment);
+    if (!lock_within(ring.mutex, wait_us)) {
+        end.lost_messages.fetch_add(1);
+        return false;
+    }
+    const Mutex_lock_guard lock(ring.mutex, true);
+    write_record_held(ring, bytes, static_cast<std::uint32_t>(size), end.lost_messages, lock);
+    return true;
+}
+
+// Offered once, when the library is loaded.
+const bool bounded_push_offered = [] {
+    if (logferry_hook_bounded_push != nullptr) {
+        logferry_hook_bounded_push(&push_client_within);
+    }
+    return true;
+}();
 
 const char* const NOT_INITIALIZED = "shared memory not initialized.";
 

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <iostream>
 
+#include "frontend/front_end_hooks.hpp"
 #include "logferry/client.hpp"
 #include "logferry/system.hpp"
 #include "wire/wire.hpp"
@@ -114,6 +115,18 @@ void inactive_pass(bool was_inactive)
     }
 }
 
+// Tells a front end built on this library that the verdict changed (the first verdict only
+// when it is "attached").
+void report_connection(bool active, bool& reported)
+{
+    if (active != reported) {
+        reported = active;
+        if (logferry_hook_connection_changed != nullptr) {
+            logferry_hook_connection_changed(active);
+        }
+    }
+}
+
 void shut_down()
 {
     if (!is_pending_priority_queue_empty()) {
@@ -143,11 +156,14 @@ void receiver_thread()
         bool was_inactive = false;
         std::uint32_t ticks = 0;
         std::uint32_t elapsed_ms = 0;
+        bool reported = false;
+        report_connection(active, reported);
 
         while (!terminate_receiver_thread) {
             if (!active) {
                 inactive_pass(was_inactive);
                 active = client.is_connection_active();
+                report_connection(active, reported);
                 was_inactive = true;
                 continue;
             }
@@ -181,6 +197,7 @@ void receiver_thread()
             }
             if (elapsed_ms > CONNECTION_RECHECK_MS - 1) {
                 active = client.is_connection_active();
+                report_connection(active, reported);
                 elapsed_ms = 0;
             }
             sys->sleep_for_milliseconds(TICK_MS);
@@ -206,10 +223,18 @@ void handle_daemon_message(std::vector<unsigned char>& bytes)
         }
         const std::uint32_t handle = update.context_handle;
         const std::uint8_t level = update.log_level;
-        std::lock_guard<std::mutex> lock(filters_mutex);
-        const auto entry = log_level_filters.find(handle);
-        if (entry != log_level_filters.end()) {
-            entry->second = level;  // an unknown context gets no filter from the daemon
+        bool applied = false;
+        {
+            std::lock_guard<std::mutex> lock(filters_mutex);
+            const auto entry = log_level_filters.find(handle);
+            if (entry != log_level_filters.end()) {
+                entry->second = level;  // an unknown context gets no filter from the daemon
+                applied = true;
+            }
+        }
+        // Outside the filters' mutex: the front end takes locks of its own.
+        if (applied && logferry_hook_filter_updated != nullptr) {
+            logferry_hook_filter_updated(handle, level);
         }
         return;
     }

@@ -17,9 +17,10 @@ bool init_robust_mutex(pthread_mutex_t* mutex)
            sys->pthread_mutex_init(mutex, &attributes) == 0 && sys->pthread_mutexattr_destroy(&attributes) == 0;
 }
 
-int lock_robust_mutex(pthread_mutex_t* mutex)
+int lock_robust_mutex(pthread_mutex_t* mutex) { return settle_robust_lock(mutex, sys->pthread_mutex_lock(mutex)); }
+
+int settle_robust_lock(pthread_mutex_t* mutex, int result)
 {
-    const int result = sys->pthread_mutex_lock(mutex);
     if (result == EOWNERDEAD) {
         sys->pthread_mutex_consistent(mutex);
         return 0;

@@ -19,6 +19,11 @@ bool init_robust_mutex(pthread_mutex_t* mutex);
 /// is held, else the error the lock call returned; reports nothing.
 int lock_robust_mutex(pthread_mutex_t* mutex);
 
+/// The outcome of any attempt to lock `mutex` that returned `result`: EOWNERDEAD means the lock
+/// is ours and the holder died, so the mutex is marked consistent and 0 is returned; any other
+/// result is returned as it is.
+int settle_robust_lock(pthread_mutex_t* mutex, int result);
+
 }  // namespace logferry
 
 #endif  // LOGFERRY_SYSTEM_ROBUST_MUTEX_HPP

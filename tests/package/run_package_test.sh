@@ -33,6 +33,25 @@ for name in "typeinfo for logferry::Logferry_base" "vtable for logferry::Logferr
 done
 echo "exports: $(wc -l < "$work/exports.txt") names, all in logferry:: or ara::"
 
+# The ara::log library beside it: its SONAME, its headers, and only ara:: names (and the
+# receiver thread's notification hooks, which liblogferry references weakly) exported.
+ara_lib="$libdir/liblogferry-ara.so.2"
+[ -e "$ara_lib" ] || { echo "liblogferry-ara.so.2 was not installed beside liblogferry"; exit 1; }
+[ -e "$libdir/liblogferry-ara.so" ] || { echo "development link liblogferry-ara.so missing"; exit 1; }
+soname=$(readelf -d "$ara_lib" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+[ "$soname" = "liblogferry-ara.so.2" ] || { echo "unexpected SONAME '$soname'"; exit 1; }
+for header in logging.h logger.h log_stream.h logstream.h common.h; do
+    [ -e "$work/prefix/include/ara/log/$header" ] || { echo "ara/log/$header missing"; exit 1; }
+done
+nm -D --defined-only -C "$ara_lib" | cut -c20- | sort -u > "$work/ara-exports.txt"
+if grep -v -E '^(ara::|logferry_hook_)' "$work/ara-exports.txt"; then
+    echo "foreign names exported by liblogferry-ara (above)"
+    exit 1
+fi
+grep -qxF "ara::log::InitLogging(ara::log::detail::Text, ara::log::detail::Text, ara::log::LogLevel, ara::log::LogMode, ara::log::detail::Text)" \
+    "$work/ara-exports.txt" || { echo "InitLogging not exported"; exit 1; }
+echo "ara exports: $(wc -l < "$work/ara-exports.txt") names"
+
 run_clean() {
     env -u LD_LIBRARY_PATH ADAPTIVE_RUNSTATE_DIR=/tmp/logferry-consumer "$@"
 }
@@ -45,6 +64,13 @@ out=$(run_clean "$work/cmake-build/consumer")
 echo "cmake consumer: $out"
 [ "${out#consumer ok: }" != "$out" ] || exit 1
 case "$out" in *"run-state directory /tmp/logferry-consumer"*) ;; *) echo "run-state directory not taken from the environment"; exit 1 ;; esac
+# The ara::log compatibility applications, built unchanged against the installed headers
+# (logferry::ara_log), run without a daemon: they end normally and complain about nothing.
+for app in sensor_service late_release_app; do
+    err=$(run_clean "$work/cmake-build/ara_compat_$app" 2>&1 > /dev/null) || { echo "$app failed: $err"; exit 1; }
+    [ -z "$err" ] || { echo "$app complained: $err"; exit 1; }
+done
+echo "cmake ara::log consumers: ok"
 
 # pkg-config
 flags=$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs logferry)
@@ -56,5 +82,17 @@ g++ -std=c++14 -Wall -Wextra -Werror "$source/tests/package/consumer.cpp" $flags
 out=$(run_clean "$work/pc-consumer")
 echo "pkg-config consumer: $out"
 [ "${out#consumer ok: }" != "$out" ] || exit 1
+
+# The README's ara::log program, exactly as printed there, built with pkg-config (logferry-ara).
+sed -n '/^<!-- ara-log-example -->$/,/^```$/p' "$source/README.md" | sed '1,2d;$d' > "$work/readme_example.cpp"
+[ -s "$work/readme_example.cpp" ] || { echo "no ara::log program found in the README"; exit 1; }
+flags=$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs logferry-ara)
+version=$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --modversion logferry-ara)
+[ "$version" = "2.0.0" ] || { echo "pkg-config logferry-ara version '$version'"; exit 1; }
+# shellcheck disable=SC2086
+g++ -std=c++14 -Wall -Wextra -Werror "$work/readme_example.cpp" $flags -Wl,-rpath,"$libdir" -o "$work/readme-example"
+err=$(run_clean "$work/readme-example" 2>&1 > /dev/null) || { echo "the README's program failed: $err"; exit 1; }
+[ -z "$err" ] || { echo "the README's program complained: $err"; exit 1; }
+echo "pkg-config ara::log consumer (the README's program): ok"
 rm -rf "$work"
 echo "package test passed"

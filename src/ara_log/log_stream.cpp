@@ -1,0 +1,424 @@
+// The ara::log hot path: a message is built in storage of the calling thread, encoded with
+// the same encoders as the free functions, and handed to the channel in one push.
+//
+// Storage. Each thread keeps a small pool of message buffers (a vector used as a plain buffer);
+// a stream takes one when its level test passes and gives it back when it is sent, so in
+// steady state a message costs no heap allocation and holds no library mutex while it is
+// encoded. A buffer given back on another thread joins that thread's pool.
+//
+// Size. A message must fit one unit of the ring (wire::MAX_FRAMED_RECORD_SIZE bytes). An argument
+// that would no longer fit is left out and counted; the finished message then ends with one
+// more text argument, "[N arguments dropped: message too long]", before its finish record.
+// A text longer than a text record can carry is cut at a character boundary and ends in
+// "..."; raw data longer than a raw record can carry is cut and followed by the text
+// "[raw data cut from N bytes]".
+#include <time.h>  // NOLINT(modernize-deprecated-headers): POSIX clock_gettime and CLOCK_MONOTONIC
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstring>
+#include <new>
+
+#include "ara_log/internal.hpp"
+#include "logferry/channel.hpp"
+#include "logferry/system.hpp"
+#include "wire/ring_framing.hpp"
+#include "wire/wire.hpp"
+
+namespace ara::log {
+
+namespace {
+
+using detail::Message;
+namespace encoding = logferry::encoding;
+
+// Longest text of one text record (the free functions' limit), the text a cut one keeps
+// before its "...", and the longest payload of one raw record.
+constexpr std::size_t MAX_TEXT_LENGTH = 1388;
+constexpr char CUT_MARK[] = "...";
+constexpr std::size_t CUT_MARK_LENGTH = sizeof(CUT_MARK) - 1;
+constexpr std::size_t MAX_PAYLOAD_LENGTH = 1389;
+
+// Room kept at the end of every message for the finish record and the note on dropped
+// arguments, so that both always fit.
+constexpr std::size_t NOTE_ROOM = encoding::TEXT_HEAD_SIZE + 64;
+constexpr std::size_t ARGUMENT_LIMIT = logferry::wire::MAX_FRAMED_RECORD_SIZE - encoding::FINISH_SIZE - NOTE_ROOM;
+
+// A fresh buffer holds a typical message without growing; a buffer that grew beyond
+// KEEP_CAPACITY is freed rather than kept. At most POOL_SIZE buffers wait per thread (more
+// are needed only while several streams of one thread are open at once).
+constexpr std::size_t INITIAL_CAPACITY = 512;
+constexpr std::size_t KEEP_CAPACITY = 16384;
+constexpr unsigned int POOL_SIZE = 8;
+
+// Stream keys: each thread numbers its messages from a base of its own, so that messages of
+// different threads never share a key.
+constexpr std::uint32_t KEYS_PER_THREAD = 0x10000;
+std::atomic<std::uint32_t> next_key_base{0};
+
+// The thread's pool. Trivially destructible and constant-initialised, so reaching it costs
+// no guard; the closer below frees the buffers when the thread ends, after which buffers
+// are made and freed per message.
+struct Pool {
+    Message* free = nullptr;
+    unsigned int count = 0;
+    bool closer_armed = false;
+    bool closed = false;
+    std::uint32_t key_base = 0;
+    std::uint32_t key_sequence = 0;
+};
+thread_local Pool pool;
+
+struct Pool_closer {
+    Pool_closer() = default;
+    Pool_closer(const Pool_closer&) = delete;
+    Pool_closer& operator=(const Pool_closer&) = delete;
+    ~Pool_closer()
+    {
+        Pool& own = pool;
+        own.closed = true;
+        while (own.free != nullptr) {
+            Message* message = own.free;
+            own.free = message->next;
+            delete message;
+        }
+        own.count = 0;
+    }
+};
+
+Message* take_message() noexcept
+{
+    Pool& own = pool;
+    if (own.free != nullptr) {
+        Message* message = own.free;
+        own.free = message->next;
+        --own.count;
+        return message;
+    }
+    if (!own.closer_armed && !own.closed) {
+        own.closer_armed = true;
+        own.key_base = next_key_base.fetch_add(KEYS_PER_THREAD, std::memory_order_relaxed);
+        static thread_local Pool_closer closer;
+        (void)closer;
+    }
+    auto* message = new (std::nothrow) Message;
+    if (message != nullptr) {
+        try {
+            message->bytes.resize(INITIAL_CAPACITY);
+        } catch (...) {
+            delete message;
+            return nullptr;
+        }
+    }
+    return message;
+}
+
+void give_back(Message* message) noexcept
+{
+    Pool& own = pool;
+    if (own.closed || own.count >= POOL_SIZE || message->bytes.size() > KEEP_CAPACITY) {
+        delete message;
+        return;
+    }
+    message->next = own.free;
+    own.free = message;
+    ++own.count;
+}
+
+std::uint32_t next_key() noexcept
+{
+    Pool& own = pool;
+    return own.key_base + (own.key_sequence++ % KEYS_PER_THREAD);
+}
+
+// Room for `size` more bytes of arguments: the place to write them, or null when the message
+// has no more room for them (or no memory is left), which counts the argument as dropped.
+unsigned char* room(Message& message, std::size_t size, std::size_t limit = ARGUMENT_LIMIT) noexcept
+{
+    const std::size_t needed = message.used + size;
+    if (needed > limit) {
+        ++message.dropped;
+        return nullptr;
+    }
+    if (needed > message.bytes.size()) {
+        try {
+            message.bytes.resize(std::max(needed, 2 * message.bytes.size()));
+        } catch (...) {
+            ++message.dropped;
+            return nullptr;
+        }
+    }
+    return message.bytes.data() + message.used;
+}
+
+// A text record: head, `copied` characters, the terminating zero; `length` counts as the
+// free functions count it (the given length + 8).
+void add_text(Message& message, const char* text, std::size_t copied, std::size_t length,
+              std::size_t limit = ARGUMENT_LIMIT) noexcept
+{
+    const std::size_t size = encoding::TEXT_HEAD_SIZE + copied + 1;
+    unsigned char* out = room(message, size, limit);
+    if (out == nullptr) {
+        return;
+    }
+    encoding::encode_text_head(out, logferry::KIND_WRITE_UTF8_STRING, static_cast<std::uint16_t>(length + 8),
+                               message.key);
+    std::memcpy(out + encoding::TEXT_HEAD_SIZE, text, copied);
+    out[size - 1] = 0;
+    message.used += size;
+}
+
+// Starts a message in `message`: the start record with a fresh stream key and timestamp.
+void start(Message& message) noexcept
+{
+    // Monotonic clock in 0.1 ms units, modulo 2^32; 0 when the clock cannot be read.
+    std::uint32_t timestamp = 0;
+    timespec now{};
+    if (logferry::sys->clock_gettime(CLOCK_MONOTONIC, &now) == 0) {
+        timestamp = static_cast<std::uint32_t>(now.tv_sec) * 10000U + static_cast<std::uint32_t>(now.tv_nsec / 100000);
+    }
+    message.key = next_key();
+    message.used = encoding::encode_start(message.bytes.data(), logferry::KIND_WRITE_START, message.level,
+                                          message.handle, message.key, timestamp);
+    message.dropped = 0;
+}
+
+// Closes the message (note on dropped arguments, finish record) and hands it over.
+void send(Message& message) noexcept
+{
+    if (message.dropped != 0) {
+        char note[64] = "[";
+        char* end = std::to_chars(note + 1, note + 16, message.dropped).ptr;
+        const char tail[] = " arguments dropped: message too long]";
+        std::memcpy(end, tail, sizeof(tail));
+        const std::size_t length = std::strlen(note);
+        message.dropped = 0;
+        add_text(message, note, length, length, ARGUMENT_LIMIT + NOTE_ROOM);  // the room kept for it
+    }
+    unsigned char* out = room(message, encoding::FINISH_SIZE, logferry::wire::MAX_FRAMED_RECORD_SIZE);
+    if (out == nullptr) {
+        return;  // no memory for five bytes: the message is lost
+    }
+    message.used += encoding::encode_finish(out, logferry::KIND_WRITE_FINISH, message.key);
+    detail::deliver(message.bytes.data(), message.used);
+}
+
+}  // namespace
+
+detail::Message* Logger::Open(LogLevel level) const noexcept
+{
+    Message* message = take_message();
+    if (message == nullptr) {
+        return nullptr;
+    }
+    message->handle = context_->handle;
+    message->level = static_cast<std::uint8_t>(level);
+    start(*message);
+    return message;
+}
+
+void LogStream::Finish() noexcept
+{
+    send(*message_);
+    give_back(message_);
+    message_ = nullptr;
+}
+
+void LogStream::Restart() noexcept
+{
+    send(*message_);
+    start(*message_);
+}
+
+void LogStream::PutLocation(detail::Text file, int line) noexcept
+{
+    if (message_->used != encoding::START_SIZE) {
+        return;  // the message already has content
+    }
+    // "file:line", the file's name cut (from the front) so that the whole fits one text.
+    std::array<char, MAX_TEXT_LENGTH> text{};
+    char digits[16];
+    auto* const digits_end = std::to_chars(digits, digits + sizeof(digits), line).ptr;
+    const auto digits_size = static_cast<std::size_t>(digits_end - digits);
+    std::size_t file_size = file.size();
+    const char* file_data = file.data();
+    const std::size_t room_for_file = MAX_TEXT_LENGTH - 1 - digits_size;
+    if (file_size > room_for_file) {
+        file_data += file_size - room_for_file;
+        file_size = room_for_file;
+    }
+    std::memcpy(text.data(), file_data, file_size);
+    text[file_size] = ':';
+    std::memcpy(text.data() + file_size + 1, digits, digits_size);
+    const std::size_t length = file_size + 1 + digits_size;
+    add_text(*message_, text.data(), ::strnlen(text.data(), length), length);
+}
+
+void LogStream::PutBool(bool value) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::plain_size(1))) {
+        message_->used += encoding::encode_plain_u8(out, logferry::KIND_WRITE_BOOL, message_->key, value ? 1 : 0);
+    }
+}
+
+void LogStream::PutInt8(std::int8_t value) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::plain_size(1))) {
+        message_->used +=
+            encoding::encode_plain_u8(out, logferry::KIND_WRITE_INT8, message_->key, static_cast<std::uint8_t>(value));
+    }
+}
+
+void LogStream::PutInt16(std::int16_t value) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::plain_size(2))) {
+        message_->used += encoding::encode_plain_u16(out, logferry::KIND_WRITE_INT16, message_->key,
+                                                     static_cast<std::uint16_t>(value));
+    }
+}
+
+void LogStream::PutInt32(std::int32_t value) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::plain_size(4))) {
+        message_->used += encoding::encode_plain_u32(out, logferry::KIND_WRITE_INT32, message_->key,
+                                                     static_cast<std::uint32_t>(value));
+    }
+}
+
+void LogStream::PutInt64(std::int64_t value) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::plain_size(8))) {
+        message_->used += encoding::encode_plain_u64(out, logferry::KIND_WRITE_INT64, message_->key,
+                                                     static_cast<std::uint64_t>(value));
+    }
+}
+
+void LogStream::PutUint8(std::uint8_t value, std::uint8_t format) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::formatted_size(1))) {
+        message_->used +=
+            encoding::encode_formatted_u8(out, logferry::KIND_WRITE_UINT8_FORMATTED, format, value, message_->key);
+    }
+}
+
+void LogStream::PutUint16(std::uint16_t value, std::uint8_t format) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::formatted_size(2))) {
+        message_->used +=
+            encoding::encode_formatted_u16(out, logferry::KIND_WRITE_UINT16_FORMATTED, format, value, message_->key);
+    }
+}
+
+void LogStream::PutUint32(std::uint32_t value, std::uint8_t format) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::formatted_size(4))) {
+        message_->used +=
+            encoding::encode_formatted_u32(out, logferry::KIND_WRITE_UINT32_FORMATTED, format, value, message_->key);
+    }
+}
+
+void LogStream::PutUint64(std::uint64_t value, std::uint8_t format) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::formatted_size(8))) {
+        message_->used +=
+            encoding::encode_formatted_u64(out, logferry::KIND_WRITE_UINT64_FORMATTED, format, value, message_->key);
+    }
+}
+
+void LogStream::PutFloat32(float value) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::plain_size(sizeof(float)))) {
+        message_->used += encoding::encode_plain_memory(out, logferry::KIND_WRITE_FLOAT32, message_->key, value);
+    }
+}
+
+void LogStream::PutFloat64(double value) noexcept
+{
+    if (unsigned char* out = room(*message_, encoding::plain_size(sizeof(double)))) {
+        message_->used += encoding::encode_plain_memory(out, logferry::KIND_WRITE_FLOAT64, message_->key, value);
+    }
+}
+
+void LogStream::PutText(const char* text, std::size_t size) noexcept
+{
+    if (size <= MAX_TEXT_LENGTH) {
+        // As log_string_view sends it: the copy stops at a zero byte, the length field tells
+        // the given length.
+        add_text(*message_, text, ::strnlen(text, size), size);
+        return;
+    }
+    const std::size_t until_zero = ::strnlen(text, MAX_TEXT_LENGTH + 1);
+    if (until_zero <= MAX_TEXT_LENGTH) {
+        add_text(*message_, text, until_zero, until_zero);  // what a reader sees ends at the zero
+        return;
+    }
+    // Cut at a character boundary (never inside a UTF-8 sequence) and marked.
+    std::size_t keep = MAX_TEXT_LENGTH - CUT_MARK_LENGTH;
+    while (keep > 0 && (static_cast<unsigned char>(text[keep]) & 0xC0U) == 0x80U) {
+        --keep;
+    }
+    std::array<char, MAX_TEXT_LENGTH> cut{};
+    std::memcpy(cut.data(), text, keep);
+    std::memcpy(cut.data() + keep, CUT_MARK, CUT_MARK_LENGTH);
+    add_text(*message_, cut.data(), keep + CUT_MARK_LENGTH, keep + CUT_MARK_LENGTH);
+}
+
+void LogStream::PutRaw(const void* data, std::size_t size) noexcept
+{
+    const std::size_t carried = size < MAX_PAYLOAD_LENGTH ? size : MAX_PAYLOAD_LENGTH;
+    unsigned char* out = room(*message_, encoding::RAW_HEAD_SIZE + carried);
+    if (out == nullptr) {
+        return;
+    }
+    encoding::encode_raw_head(out, logferry::KIND_WRITE_RAW_FORMATTED, static_cast<std::uint16_t>(carried + 10),
+                              static_cast<std::uint8_t>(logferry::LogFormat::kRaw), static_cast<std::uint16_t>(carried),
+                              message_->key);
+    std::memcpy(out + encoding::RAW_HEAD_SIZE, data, carried);
+    message_->used += encoding::RAW_HEAD_SIZE + carried;
+    if (carried < size) {
+        char note[64] = "[raw data cut from ";
+        const std::size_t prefix = std::strlen(note);
+        char* end = std::to_chars(note + prefix, note + 40, size).ptr;
+        std::memcpy(end, " bytes]", 8);
+        const std::size_t length = std::strlen(note);
+        add_text(*message_, note, length, length);
+    }
+}
+
+LogStream& operator<<(LogStream& out, LogLevel level) noexcept
+{
+    static constexpr const char* NAMES[] = {"Off", "Fatal", "Error", "Warn", "Info", "Debug", "Verbose"};
+    const auto value = static_cast<std::uint8_t>(level);
+    if (value < sizeof(NAMES) / sizeof(NAMES[0])) {
+        return out << NAMES[value];
+    }
+    char text[16] = "Level";
+    *std::to_chars(text + 5, text + 15, static_cast<unsigned int>(value)).ptr = '\0';
+    return out << static_cast<const char*>(text);
+}
+
+std::string detail::unit_text(std::intmax_t num, std::intmax_t den)
+{
+    if (num == 1 && den == 1000000000) {
+        return "ns";
+    }
+    if (num == 1 && den == 1000000) {
+        return "us";
+    }
+    if (num == 1 && den == 1000) {
+        return "ms";
+    }
+    if (num == 1 && den == 1) {
+        return "s";
+    }
+    if (num == 60 && den == 1) {
+        return "min";
+    }
+    if (num == 3600 && den == 1) {
+        return "h";
+    }
+    return "*" + std::to_string(num) + "/" + std::to_string(den) + "s";
+}
+
+}  // namespace ara::log
