@@ -31,13 +31,19 @@ struct Control_request {
     char ecu[4] = {};
     char app[4] = {};
     char context[4] = {};      // set_log_level / get_log_info target
-    std::int8_t level = 0;     // set_log_level / set_default_log_level
+    std::int8_t level = 0;     // set_log_level / set_default_log_level (-1 default .. 6 verbose)
+    std::uint8_t options = 0;  // get_log_info
+    bool garbage = false;      // the bytes are not a DLT message at all (the client should be dropped)
+    bool is_request = false;   // a control request whose service ID was read (answer an invalid one with an error)
     std::size_t consumed = 0;  // bytes of the input this message took (0: need more bytes)
 };
 
 // Parses the first message in `data` (a DLT message as a client sends it on TCP). `consumed`
-// tells the caller how far to advance; `valid=false` with consumed>0 means garbage of that
-// length, or a well-formed message that is not a control request (nothing to do for it).
+// tells the caller how far to advance. With `valid=false` and consumed>0 the message was
+// either garbage (`garbage`: no DLT message; consumed is then all of `size`), a control
+// request with bad parameters (`is_request`, `service_id` set) or a well-formed message
+// that is not a control request (nothing to do for it). Payload numbers are read in the
+// byte order the header's MSBF bit announces.
 Control_request parse_control(const unsigned char* data, std::size_t size) noexcept;
 
 struct Context_info {
