@@ -73,7 +73,7 @@ constexpr unsigned char STORAGE_PATTERN[4] = {'D', 'L', 'T', 0x01};
 constexpr std::size_t STORAGE_SECONDS = 4;
 constexpr std::size_t STORAGE_MICROS = 8;
 constexpr std::size_t STORAGE_ECU = 12;
-constexpr std::size_t STORAGE_SIZE = 16;
+// (16 bytes in all: STORAGE_HEADER_SIZE in dlt_message.hpp)
 
 // Standard header
 constexpr std::uint8_t HTYP_UEH = 0x01;

@@ -26,7 +26,10 @@ public:
     // Accepts, reads control requests, writes backlogs, sends the keep-alive once a second; at most
     // `timeout_ms` of waiting when idle. Calls `on_request(client, request)` for each valid request.
     void service(int timeout_ms, const std::function<void(int client, const Control_request&)>& on_request);
-    void broadcast(const unsigned char* message, std::size_t size);  // never blocks
+    // Never blocks: the message joins every client's backlog, which is written by service(),
+    // flush(), or here once it holds WRITE_THRESHOLD bytes.
+    void broadcast(const unsigned char* message, std::size_t size);
+    void flush();  // writes what the clients' sockets take now, without waiting
     void send_to(int client, const std::vector<unsigned char>& message);
     std::size_t client_count() const;
     void close();
@@ -34,8 +37,9 @@ public:
     std::uint64_t dropped_clients = 0;     // disconnected for a full backlog or garbage
     std::vector<std::string> events;       // one line per connect/disconnect/drop, taken by the caller
     std::size_t backlog_limit = 4u << 20;  // bytes queued for one client before it is dropped
-    char ecu[4] = {'L', 'F', 'E', 'R'};    // the ECU ID of the keep-alive
-    std::string error;                     // the last failure of listen(), one line
+    static constexpr std::size_t WRITE_THRESHOLD = 64 * 1024;
+    char ecu[4] = {'L', 'F', 'E', 'R'};  // the ECU ID of the keep-alive
+    std::string error;                   // the last failure of listen(), one line
 
 private:
     struct Client {
@@ -50,6 +54,7 @@ private:
     void read_client(Client& client, const std::function<void(int, const Control_request&)>& on_request);
     void write_client(Client& client);
     void queue(Client& client, const unsigned char* data, std::size_t size);
+    Client* find(int id);
     void drop(Client& client, const char* why);
     void reap();
 
