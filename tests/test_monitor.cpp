@@ -397,6 +397,7 @@ TEST_F(Monitor, TranscriptOfOneApplication)
         "-- context    TAPP AUX handle=2 level=warn \"Aux context\"\n"
         "-- control    TAPP enable-local-print\n"
         "-- control    TAPP init-file \"/tmp/test app.log\"\n"
+        "-- refused    TAPP init-file \"/tmp/test app.log\": no --app-file-dir\n"
         "-- control    TAPP disable-remote\n"
         "<ts> TAPP MAIN info    \"hello, monitor\" true -5 -300 70000 -9000000000 200 0xbeef 010 0b101 0xABCDEF "
         "4660 [34 12] 3.25 -0.1 [de ad be ef] encoded[01 02]\n"
