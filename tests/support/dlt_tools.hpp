@@ -1,0 +1,200 @@
+// Helpers of the DLT tests: the DLT tools of the system (used as external clients only), and
+// the walk over a DLT storage file or a stream of DLT messages.
+
+#ifndef LOGFERRY_TEST_DLT_TOOLS_HPP
+#define LOGFERRY_TEST_DLT_TOOLS_HPP
+
+#include "dlt_message.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+namespace logferry_test {
+
+using Dlt_bytes = std::vector<unsigned char>;
+
+// The full path of a program on PATH, or "" when it is not installed.
+inline std::string find_program(const std::string& name)
+{
+    const char* path = std::getenv("PATH");
+    std::string dirs = path != nullptr ? path : "/usr/bin:/bin";
+    std::size_t start = 0;
+    while (start <= dirs.size()) {
+        const std::size_t end = dirs.find(':', start) == std::string::npos ? dirs.size() : dirs.find(':', start);
+        const std::string candidate = dirs.substr(start, end - start) + "/" + name;
+        if (::access(candidate.c_str(), X_OK) == 0) {
+            return candidate;
+        }
+        start = end + 1;
+    }
+    return "";
+}
+
+// Runs a shell command and returns its standard output (the standard error is discarded).
+inline std::string run_command(const std::string& command)
+{
+    std::string out;
+    FILE* pipe = ::popen((command + " 2>/dev/null").c_str(), "r");
+    if (pipe == nullptr) {
+        return out;
+    }
+    char chunk[4096];
+    std::size_t n = 0;
+    while ((n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) {
+        out.append(chunk, n);
+    }
+    ::pclose(pipe);
+    return out;
+}
+
+inline Dlt_bytes read_file_bytes(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return Dlt_bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// The length a DLT message's standard header gives itself (big-endian, bytes 2-3).
+inline std::size_t dlt_length_at(const Dlt_bytes& bytes, std::size_t at)
+{
+    return at + 4 <= bytes.size() ? (static_cast<std::size_t>(bytes[at + 2]) << 8) | bytes[at + 3] : 0;
+}
+
+// Splits a stream of DLT messages; a trailing partial message, if any, is left out and
+// `complete` says so.
+inline std::vector<Dlt_bytes> split_dlt_stream(const Dlt_bytes& bytes, bool* complete = nullptr)
+{
+    std::vector<Dlt_bytes> messages;
+    std::size_t at = 0;
+    while (at < bytes.size()) {
+        const std::size_t length = dlt_length_at(bytes, at);
+        if (length < 4 || at + length > bytes.size()) {
+            break;
+        }
+        messages.emplace_back(bytes.begin() + static_cast<std::ptrdiff_t>(at),
+                              bytes.begin() + static_cast<std::ptrdiff_t>(at + length));
+        at += length;
+    }
+    if (complete != nullptr) {
+        *complete = at == bytes.size();
+    }
+    return messages;
+}
+
+// Splits a storage file into its messages (storage headers checked and removed); `complete`
+// says whether the file ended exactly after a whole entry.
+inline std::vector<Dlt_bytes> split_dlt_file(const Dlt_bytes& bytes, bool* complete = nullptr)
+{
+    std::vector<Dlt_bytes> messages;
+    std::size_t at = 0;
+    bool whole = true;
+    while (at < bytes.size()) {
+        if (at + 16 + 4 > bytes.size() || bytes[at] != 'D' || bytes[at + 1] != 'L' || bytes[at + 2] != 'T' ||
+            bytes[at + 3] != 0x01) {
+            whole = false;
+            break;
+        }
+        const std::size_t length = dlt_length_at(bytes, at + 16);
+        if (length < 4 || at + 16 + length > bytes.size()) {
+            whole = false;
+            break;
+        }
+        messages.emplace_back(bytes.begin() + static_cast<std::ptrdiff_t>(at + 16),
+                              bytes.begin() + static_cast<std::ptrdiff_t>(at + 16 + length));
+        at += 16 + length;
+    }
+    if (complete != nullptr) {
+        *complete = whole;
+    }
+    return messages;
+}
+
+// dlt-convert's lines with the reception time (date and clock) replaced by "<time>".
+inline std::string mask_dlt_times(const std::string& transcript)
+{
+    static const std::regex time(R"(\d{4}/\d{2}/\d{2} \d{2}:\d{2}:\d{2}\.\d{6})");
+    return std::regex_replace(transcript, time, "<time>");
+}
+
+// Synthetic log messages that carry every argument type and format between them, encoded
+// as the daemon side sends them (counter = index, timestamp = 1000 * (index + 1)).
+inline std::vector<Dlt_bytes> sample_dlt_messages(const char* ecu = "ECU1")
+{
+    using logferry_dlt::Arg_kind;
+    using logferry_dlt::Argument;
+    static const unsigned char raw[] = {0x01, 0x02, 0xFF};
+    static const unsigned char payload[] = {0xCA, 0xFE};
+    static const unsigned char record[] = {0x10, 0x20, 0x30};
+    static const char text[] = "hello world";
+    auto number = [](Arg_kind kind, std::uint8_t bits, std::uint8_t format, std::uint64_t value) {
+        Argument a;
+        a.kind = kind;
+        a.bits = bits;
+        a.format = format;
+        a.unsigned_value = value;
+        a.signed_value = static_cast<std::int64_t>(value);
+        a.float_value = 0.0;
+        return a;
+    };
+    auto bytes = [](Arg_kind kind, const void* data, std::size_t size) {
+        Argument a;
+        a.kind = kind;
+        a.data = static_cast<const unsigned char*>(data);
+        a.size = size;
+        return a;
+    };
+    Argument yes;
+    yes.kind = Arg_kind::boolean;
+    yes.boolean = true;
+    Argument f32;
+    f32.kind = Arg_kind::float32;
+    f32.float_value = 1.5;
+    Argument f64;
+    f64.kind = Arg_kind::float64;
+    f64.float_value = -2.25;
+    const std::vector<std::vector<Argument>> arguments = {
+        {yes, number(Arg_kind::signed_int, 8, 0, static_cast<std::uint64_t>(-5)),
+         number(Arg_kind::signed_int, 16, 0, static_cast<std::uint64_t>(-300)),
+         number(Arg_kind::signed_int, 32, 0, 123456),
+         number(Arg_kind::signed_int, 64, 0, static_cast<std::uint64_t>(-1234567890123))},
+        {number(Arg_kind::unsigned_int, 8, 1, 200), number(Arg_kind::unsigned_int, 16, 2, 0xBEEF),
+         number(Arg_kind::unsigned_int, 32, 5, 0xDEADBEEF), number(Arg_kind::unsigned_int, 8, 4, 0xA5),
+         number(Arg_kind::unsigned_int, 16, 4, 0x0102), number(Arg_kind::unsigned_int, 32, 4, 5),
+         number(Arg_kind::unsigned_int, 64, 3, 8), number(Arg_kind::unsigned_int, 64, 6, 42)},
+        {f32, f64, bytes(Arg_kind::text, text, std::strlen(text)), bytes(Arg_kind::raw, raw, sizeof raw)},
+        {bytes(Arg_kind::encoded_payload, payload, sizeof payload),
+         bytes(Arg_kind::encoded_message, record, sizeof record)},
+        {number(Arg_kind::signed_int, 32, 0, 42), bytes(Arg_kind::text, "hello world", 11),
+         number(Arg_kind::unsigned_int, 32, 2, 0xC0FFEE)},
+    };
+    const char* const contexts[] = {"CTX1", "CTX2", "CTX1", "RAW", "CTX2"};
+    const std::uint8_t levels[] = {4, 2, 6, 5, 1};
+    std::vector<Dlt_bytes> out;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        logferry_dlt::Message m;
+        std::memcpy(m.ecu, ecu, 4);
+        std::memcpy(m.app, "APP1", 4);
+        std::memcpy(m.context, contexts[i], std::strlen(contexts[i]));
+        m.level = levels[i];
+        m.timestamp = static_cast<std::uint32_t>(1000 * (i + 1));
+        m.session_id = 4321;
+        m.counter = static_cast<std::uint8_t>(i);
+        m.args = arguments[i].data();
+        m.arg_count = arguments[i].size();
+        Dlt_bytes encoded(logferry_dlt::encoded_size(m));
+        encoded.resize(logferry_dlt::encode_log_message(m, encoded.data(), encoded.size()));
+        out.push_back(encoded);
+    }
+    return out;
+}
+
+}  // namespace logferry_test
+
+#endif
