@@ -3,6 +3,7 @@
 
 #include "dlt_control.hpp"
 #include "dlt_message.hpp"
+#include "support/dlt_tools.hpp"
 
 #include <gtest/gtest.h>
 
@@ -16,6 +17,7 @@ using logferry_dlt::Arg_kind;
 using logferry_dlt::Argument;
 using logferry_dlt::Control_request;
 using logferry_dlt::Message;
+using logferry_test::client_request;
 using Bytes = std::vector<unsigned char>;
 
 const char ECU[4] = {'E', 'C', 'U', '1'};
@@ -302,39 +304,13 @@ TEST(DltControl, LogInfoResponseListsApplicationsContextsLevelsAndDescriptions)
     EXPECT_EQ(logferry_dlt::get_log_info_response(ECU, {}), with(control_headers(31, 0x26), {0x03, 0, 0, 0, 0x08}));
 }
 
-// Requests as a client sends them: standard header with ECU ID only, extended header.
-Bytes request(const Bytes& payload, unsigned char htyp = 0x25)
-{
-    const std::size_t length = 4 + 4 + 10 + payload.size();
-    Bytes out = {htyp,
-                 0x00,
-                 static_cast<unsigned char>(length >> 8),
-                 static_cast<unsigned char>(length),
-                 'E',
-                 'C',
-                 'U',
-                 '1',
-                 0x16,
-                 0x00,
-                 'A',
-                 'P',
-                 'P',
-                 0,
-                 'C',
-                 'O',
-                 'N',
-                 0};
-    out.insert(out.end(), payload.begin(), payload.end());
-    return out;
-}
-
 Control_request parse(const Bytes& bytes) { return logferry_dlt::parse_control(bytes.data(), bytes.size()); }
 
 const Bytes SET_LEVEL = {0x01, 0, 0, 0, 'A', 'P', 'P', '1', 'C', 'T', 'X', '1', 0x05, 'r', 'e', 'm', 'o'};
 
 TEST(DltControl, SetLogLevelIsParsed)
 {
-    const Bytes bytes = request(SET_LEVEL);
+    const Bytes bytes = client_request(SET_LEVEL);
     ASSERT_EQ(bytes.size(), 35u);
     const Control_request r = parse(bytes);
     EXPECT_TRUE(r.valid);
@@ -352,7 +328,7 @@ TEST(DltControl, BigEndianPayloadsAreReadInTheirOrder)
     Bytes payload = SET_LEVEL;
     payload[0] = 0;
     payload[3] = 0x01;
-    const Control_request r = parse(request(payload, 0x27));
+    const Control_request r = parse(client_request(payload, 0x27));
     EXPECT_TRUE(r.valid);
     EXPECT_EQ(r.service_id, 0x01u);
     EXPECT_EQ(r.level, 5);
@@ -360,26 +336,27 @@ TEST(DltControl, BigEndianPayloadsAreReadInTheirOrder)
 
 TEST(DltControl, OtherRequestsAreParsed)
 {
-    Control_request r = parse(request({0x03, 0, 0, 0, 0x07, 'A', 'P', 'P', '1', 0, 0, 0, 0, 'r', 'e', 'm', 'o'}));
+    Control_request r =
+        parse(client_request({0x03, 0, 0, 0, 0x07, 'A', 'P', 'P', '1', 0, 0, 0, 0, 'r', 'e', 'm', 'o'}));
     EXPECT_TRUE(r.valid);
     EXPECT_EQ(r.service_id, 0x03u);
     EXPECT_EQ(r.options, 7);
     EXPECT_EQ(std::string(r.app, 4), "APP1");
-    r = parse(request({0x11, 0, 0, 0, 0x02, 'r', 'e', 'm', 'o'}));
+    r = parse(client_request({0x11, 0, 0, 0, 0x02, 'r', 'e', 'm', 'o'}));
     EXPECT_TRUE(r.valid);
     EXPECT_EQ(r.service_id, 0x11u);
     EXPECT_EQ(r.level, 2);
-    r = parse(request({0x13, 0, 0, 0}));
+    r = parse(client_request({0x13, 0, 0, 0}));
     EXPECT_TRUE(r.valid);
     EXPECT_EQ(r.service_id, 0x13u);
-    r = parse(request({0x22, 0x0F, 0, 0}));
+    r = parse(client_request({0x22, 0x0F, 0, 0}));
     EXPECT_TRUE(r.valid);
     EXPECT_EQ(r.service_id, 0x0F22u);
 }
 
 TEST(DltControl, EveryTruncationAsksForMoreBytes)
 {
-    const Bytes bytes = request(SET_LEVEL);
+    const Bytes bytes = client_request(SET_LEVEL);
     for (std::size_t size = 0; size < bytes.size(); ++size) {
         const Bytes part(bytes.begin(), bytes.begin() + size);
         const Control_request r = parse(part);
@@ -393,7 +370,7 @@ TEST(DltControl, RequestsWithMissingOrBadParametersAreMarkedForAnErrorAnswer)
 {
     for (std::size_t cut = 1; cut <= 5; ++cut) {
         const Bytes short_payload(SET_LEVEL.begin(), SET_LEVEL.end() - 4 - static_cast<std::ptrdiff_t>(cut));
-        const Control_request r = parse(request(short_payload));
+        const Control_request r = parse(client_request(short_payload));
         EXPECT_FALSE(r.valid) << cut;
         EXPECT_TRUE(r.is_request) << cut;
         EXPECT_EQ(r.service_id, 0x01u) << cut;
@@ -401,13 +378,13 @@ TEST(DltControl, RequestsWithMissingOrBadParametersAreMarkedForAnErrorAnswer)
     }
     Bytes bad_level = SET_LEVEL;
     bad_level[12] = 7;
-    Control_request r = parse(request(bad_level));
+    Control_request r = parse(client_request(bad_level));
     EXPECT_FALSE(r.valid);
     EXPECT_TRUE(r.is_request);
-    r = parse(request({0x11, 0, 0, 0}));
+    r = parse(client_request({0x11, 0, 0, 0}));
     EXPECT_FALSE(r.valid);
     EXPECT_TRUE(r.is_request);
-    r = parse(request({0x01, 0}));  // no whole service ID: nothing to answer
+    r = parse(client_request({0x01, 0}));  // no whole service ID: nothing to answer
     EXPECT_FALSE(r.valid);
     EXPECT_FALSE(r.is_request);
     EXPECT_EQ(r.consumed, 20u);
@@ -440,8 +417,8 @@ TEST(DltControl, GarbageIsRecognisedAndWholeMessagesThatAreNoRequestsAreSkipped)
 
 TEST(DltControl, TwoRequestsBackToBackAreTakenOneAtATime)
 {
-    Bytes two = request(SET_LEVEL);
-    const Bytes second = request({0x13, 0, 0, 0});
+    Bytes two = client_request(SET_LEVEL);
+    const Bytes second = client_request({0x13, 0, 0, 0});
     two.insert(two.end(), second.begin(), second.end());
     Control_request r = parse(two);
     ASSERT_EQ(r.consumed, 35u);

@@ -123,6 +123,36 @@ inline std::string mask_dlt_times(const std::string& transcript)
     return std::regex_replace(transcript, time, "<time>");
 }
 
+// A control request as a DLT client sends it: standard header with the ECU ID "ECU1" only
+// (0x27: payload big-endian), extended header (control request, app "APP", context "CON"),
+// then `payload`.
+inline Dlt_bytes client_request(const Dlt_bytes& payload, unsigned char htyp = 0x25)
+{
+    const std::size_t length = 18 + payload.size();
+    Dlt_bytes out = {htyp,
+                     0x00,
+                     static_cast<unsigned char>(length >> 8),
+                     static_cast<unsigned char>(length),
+                     'E',
+                     'C',
+                     'U',
+                     '1',
+                     0x16,
+                     0x00,
+                     'A',
+                     'P',
+                     'P',
+                     0,
+                     'C',
+                     'O',
+                     'N',
+                     0};
+    for (const unsigned char byte : payload) {  // (insert() trips a false array-bounds warning of GCC 12)
+        out.push_back(byte);
+    }
+    return out;
+}
+
 // Synthetic log messages that carry every argument type and format between them, encoded
 // as the daemon side sends them (counter = index, timestamp = 1000 * (index + 1)).
 inline std::vector<Dlt_bytes> sample_dlt_messages(const char* ecu = "ECU1")

@@ -75,6 +75,16 @@ std::size_t Tcp_server::client_count() const
     return count;
 }
 
+std::size_t Tcp_server::backlog_bytes(int client) const
+{
+    for (const Client& c : clients_) {
+        if (c.id == client && !c.dead) {
+            return c.out.size() - c.out_pos;
+        }
+    }
+    return 0;
+}
+
 Tcp_server::Client* Tcp_server::find(int id)
 {
     for (Client& client : clients_) {

@@ -32,6 +32,7 @@ public:
     void flush();  // writes what the clients' sockets take now, without waiting
     void send_to(int client, const std::vector<unsigned char>& message);
     std::size_t client_count() const;
+    std::size_t backlog_bytes(int client) const;  // queued for `client`, not yet taken by its socket
     void close();
 
     std::uint64_t dropped_clients = 0;     // disconnected for a full backlog or garbage
