@@ -29,6 +29,10 @@ extern "C" int fuzz_daemon_message_entry(const std::uint8_t* data, std::size_t s
 #if defined(LOGFERRY_FUZZ_DECODER)
 extern "C" int fuzz_decoder_entry(const std::uint8_t* data, std::size_t size);
 #endif
+#if defined(LOGFERRY_FUZZ_DLT)
+extern "C" int fuzz_dlt_encoder_entry(const std::uint8_t* data, std::size_t size);
+extern "C" int fuzz_dlt_control_entry(const std::uint8_t* data, std::size_t size);
+#endif
 
 namespace {
 
@@ -97,4 +101,10 @@ TEST(FuzzRegressions, DaemonMessage) { EXPECT_GT(replay("fuzz_daemon_message", f
 
 #if defined(LOGFERRY_FUZZ_DECODER)
 TEST(FuzzRegressions, Decoder) { EXPECT_GT(replay("fuzz_decoder", fuzz_decoder_entry), 0u); }
+#endif
+
+#if defined(LOGFERRY_FUZZ_DLT)
+TEST(FuzzRegressions, DltEncoder) { EXPECT_GT(replay("fuzz_dlt_encoder", fuzz_dlt_encoder_entry), 0u); }
+
+TEST(FuzzRegressions, DltControl) { EXPECT_GT(replay("fuzz_dlt_control", fuzz_dlt_control_entry), 0u); }
 #endif
