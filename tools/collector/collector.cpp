@@ -7,6 +7,7 @@
 #include "collector.hpp"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -30,6 +31,8 @@ constexpr auto HOUSEKEEPING_PERIOD = std::chrono::milliseconds(200);
 constexpr std::int64_t SILENCE_LIMIT_SECONDS = 5;
 // Bytes shown of a unit that cannot be decoded.
 constexpr std::size_t DUMP_LIMIT = 32;
+// Attempts to catch a ring's mutex free before waiting for it.
+constexpr int RING_LOCK_TRIES = 20000;
 // The process id in a channel name is cut to this many digits.
 constexpr std::size_t NAME_PID_DIGITS = 5;
 
@@ -85,6 +88,35 @@ std::uint32_t application_pid(const std::string& name)
         }
     }
     return number;
+}
+
+// Takes a ring's mutex. The application relocks its ring's mutex for every record, so a
+// blocking lock that waits to be woken keeps losing the race to it while it logs without
+// pause; trying for a short while first catches the mutex between two of its records.
+// True when the lock is held (the caller releases it through a Mutex_lock_guard that
+// finds it locked); false when a blocking lock is left to the guard.
+bool try_lock_ring(pthread_mutex_t* mutex)
+{
+    for (int i = 0; i < RING_LOCK_TRIES; ++i) {
+        const int result = ::pthread_mutex_trylock(mutex);
+        if (result == 0) {
+            return true;
+        }
+        if (result == EOWNERDEAD) {
+            // The holder died inside its critical section: take the data as it was left.
+            ::pthread_mutex_consistent(mutex);
+            return true;
+        }
+        if (result != EBUSY) {
+            return false;
+        }
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#elif defined(__aarch64__)
+        asm volatile("yield");
+#endif
+    }
+    return false;
 }
 
 }  // namespace
@@ -270,7 +302,7 @@ void Collector::take_priority(Attachment& attachment)
             handle_control(attachment, record, "priority");
         }
         if (!read.error.ok()) {
-            report_error(attachment, "priority", read.error, priority);
+            report_error(attachment, "priority", read.error, priority.data(), priority.size());
         }
     }
 }
@@ -281,28 +313,38 @@ bool Collector::drain(Attachment& attachment, bool everything)
     logferry::Logferry_base& channel = *attachment.channel;
     do {
         batch_.clear();
+        batch_ends_.clear();
         {
-            // One hold for the whole ring. The application's records wait while its gate
-            // is shut.
-            logferry::Mutex_lock_guard lock(&channel.segment->client_mutex.mutex, false);
+            // One hold for the whole ring; the units are copied end to end into one buffer
+            // (each unit's own copy is freed at once, so the allocator keeps reusing it).
+            // The application's records wait while its gate is shut.
+            pthread_mutex_t* mutex = &channel.segment->client_mutex.mutex;
+            logferry::Mutex_lock_guard lock(mutex, try_lock_ring(mutex));
             if (__atomic_load_n(&channel.segment->client_buffer_locked, __ATOMIC_SEQ_CST) == 0) {
                 for (std::vector<unsigned char> unit = channel.pop_unsynced(false); !unit.empty();
                      unit = channel.pop_unsynced(false)) {
-                    batch_.push_back(std::move(unit));
+                    batch_.insert(batch_.end(), unit.begin(), unit.end());
+                    batch_ends_.push_back(batch_.size());
                 }
             }
         }
-        if (batch_.empty()) {
+        if (batch_ends_.empty()) {
             break;
         }
+        timespec now{};
+        ::clock_gettime(CLOCK_REALTIME, &now);
+        received_seconds_ = static_cast<std::uint32_t>(now.tv_sec);
+        received_microseconds_ = static_cast<std::int32_t>(now.tv_nsec / 1000);
         // The application opens its ring only once what it registered stands in the priority
         // area (or was read from it), so whatever the area holds now was written before these
         // units could be read: it is handled first.
         take_priority(attachment);
-        for (const auto& unit : batch_) {
-            if (!stop_reason_.empty() || !handle_ring_unit(attachment, unit)) {
+        std::size_t begin = 0;
+        for (const std::size_t end : batch_ends_) {
+            if (!stop_reason_.empty() || !handle_ring_unit(attachment, batch_.data() + begin, end - begin)) {
                 return false;
             }
+            begin = end;
         }
     } while (everything);
     return stop_reason_.empty();
@@ -454,16 +496,16 @@ std::vector<const Application*> Collector::applications() const
     return apps;
 }
 
-bool Collector::handle_ring_unit(Attachment& attachment, const std::vector<unsigned char>& bytes)
+bool Collector::handle_ring_unit(Attachment& attachment, const unsigned char* unit, std::size_t size)
 {
-    if (view_.read(bytes.data(), bytes.size())) {
-        return deliver(attachment, bytes);
+    if (view_.read(unit, size)) {
+        return deliver(attachment, unit, size);
     }
     if (!view_.single) {
-        report_error(attachment, "ring", view_.error, bytes);
+        report_error(attachment, "ring", view_.error, unit, size);
         return true;
     }
-    const auto record = logferry_decoder::decode_record(bytes);
+    const auto record = logferry_decoder::decode_record(unit, size);
     if (record.record.kind != logferry::KIND_WRITE_ENCODED_MESSAGE) {
         handle_control(attachment, record.record, "ring");
         return true;
@@ -480,11 +522,11 @@ bool Collector::handle_ring_unit(Attachment& attachment, const std::vector<unsig
     view_.args[0].data = record.record.payload.data();
     view_.args[0].size = record.record.payload.size();
     view_.arg_count = 1;
-    return deliver(attachment, bytes);
+    return deliver(attachment, unit, size);
 }
 
 // Hands a log message (read into view_) to the outputs.
-bool Collector::deliver(Attachment& attachment, const std::vector<unsigned char>& bytes)
+bool Collector::deliver(Attachment& attachment, const unsigned char* unit, std::size_t size)
 {
     Application& app = attachment.app;
     logferry_dlt::Message& m = message_;
@@ -504,9 +546,11 @@ bool Collector::deliver(Attachment& attachment, const std::vector<unsigned char>
     m.args = view_.args.data();
     m.arg_count = view_.arg_count;
     Log_message message;
-    message.unit = bytes.data();
-    message.size = bytes.size();
+    message.unit = unit;
+    message.size = size;
     message.dlt = &m;
+    message.received_seconds = received_seconds_;
+    message.received_microseconds = received_microseconds_;
     for (Output* output : outputs_) {
         output->message(app, message);
     }
@@ -514,16 +558,15 @@ bool Collector::deliver(Attachment& attachment, const std::vector<unsigned char>
 }
 
 void Collector::report_error(const Attachment& attachment, const char* source, const logferry_decoder::Error& error,
-                             const std::vector<unsigned char>& bytes)
+                             const unsigned char* bytes, std::size_t size)
 {
-    const std::size_t shown = bytes.size() < DUMP_LIMIT ? bytes.size() : DUMP_LIMIT;
-    std::string dump =
-        logferry_monitor::hex_bytes(std::vector<std::uint8_t>(bytes.begin(), bytes.begin() + static_cast<long>(shown)));
-    if (shown < bytes.size()) {
+    const std::size_t shown = size < DUMP_LIMIT ? size : DUMP_LIMIT;
+    std::string dump = logferry_monitor::hex_bytes(std::vector<std::uint8_t>(bytes, bytes + shown));
+    if (shown < size) {
         dump += " ...";
     }
     note("error", attachment.app.label() + " " + source + ": " + logferry_decoder::describe(error) + " [" +
-                      std::to_string(bytes.size()) + " bytes: " + dump + "]");
+                      std::to_string(size) + " bytes: " + dump + "]");
 }
 
 bool Collector::count_message()

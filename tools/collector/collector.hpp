@@ -69,6 +69,9 @@ struct Log_message {
     const unsigned char* unit = nullptr;
     std::size_t size = 0;
     const logferry_dlt::Message* dlt = nullptr;
+    // Wall clock when it was taken from the ring (read once per ring).
+    std::uint32_t received_seconds = 0;
+    std::int32_t received_microseconds = 0;
 };
 
 /// Application requests as received from the priority area or the ring.
@@ -157,18 +160,22 @@ private:
     bool read_remainder(Attachment& attachment);
     void handle_control(Attachment& attachment, const logferry_decoder::Record& record, const char* source);
     void handle_request(Attachment& attachment, Request request, const std::string& file, const std::string& text);
-    bool handle_ring_unit(Attachment& attachment, const std::vector<unsigned char>& bytes);
-    bool deliver(Attachment& attachment, const std::vector<unsigned char>& bytes);
+    bool handle_ring_unit(Attachment& attachment, const unsigned char* unit, std::size_t size);
+    bool deliver(Attachment& attachment, const unsigned char* unit, std::size_t size);
     bool send_level(Attachment& attachment, std::uint32_t handle, Context& context, std::uint8_t level);
     void report_error(const Attachment& attachment, const char* source, const logferry_decoder::Error& error,
-                      const std::vector<unsigned char>& bytes);
+                      const unsigned char* bytes, std::size_t size);
     bool count_message();
 
     Options options_;
     logferry::Logferry_listener listener_;
     std::vector<std::unique_ptr<Attachment>> attachments_;
     std::vector<Output*> outputs_;
-    std::vector<std::vector<unsigned char>> batch_;  // units taken in one hold of a ring's mutex
+    // Units taken in one hold of a ring's mutex, end to end, and where each one ends.
+    std::vector<unsigned char> batch_;
+    std::vector<std::size_t> batch_ends_;
+    std::uint32_t received_seconds_ = 0;
+    std::int32_t received_microseconds_ = 0;
     logferry_decoder::Message_view view_;
     logferry_dlt::Message message_;
     std::chrono::steady_clock::time_point began_;

@@ -90,12 +90,8 @@ void Dlt_output::message(const logferry_collector::Application& application,
         collector_.note("error", application.label() + ": a message too large for DLT was not forwarded");
         return;
     }
-    timespec now{};
-    if (to_file || app_file != app_files_.end()) {
-        ::clock_gettime(CLOCK_REALTIME, &now);
-    }
-    const auto seconds = static_cast<std::uint32_t>(now.tv_sec);
-    const auto microseconds = static_cast<std::int32_t>(now.tv_nsec / 1000);
+    const std::uint32_t seconds = message.received_seconds;
+    const std::int32_t microseconds = message.received_microseconds;
     if (to_file && !file_.write(buffer_, size, seconds, microseconds, ecu_)) {
         collector_.note("error", "DLT file: " + file_.error);
     }
