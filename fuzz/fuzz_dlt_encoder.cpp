@@ -3,8 +3,8 @@
 // Input: capacity (u16, the output buffer's size), level, counter, timestamp (u32), session
 // ID (u32), the three IDs (4 bytes each), the argument count (u8, at most 40 used), then per
 // argument: kind (u8 modulo 9), width selector (u8: 0-3 for 8-64 bits, anything else taken
-// as the width itself), format (u8), a 64-bit value, a float64 bit pattern, and a data size
-// (u16) whose bytes are taken from the rest of the input (zeros once it is used up).
+// as the width itself), format (u8), boolean (u8), a 64-bit value, a float64 bit pattern, a
+// data size (u16) and how many of its first bytes come from the input (u8; zeros after them).
 //
 // Checked besides memory safety: the encoder never writes beyond the capacity (a canary
 // after it stays intact), returns 0 or exactly encoded_size(), and what it writes walks as
@@ -115,7 +115,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const std::uint64_t float_bits = in.u64();
         std::memcpy(&a.float_value, &float_bits, sizeof float_bits);
         const std::size_t wanted = in.u16();
-        buffers[i] = in.bytes(wanted);
+        const std::size_t given = in.u8();
+        buffers[i] = in.bytes(given < wanted ? given : wanted);
         buffers[i].resize(wanted, '\0');
         a.data = reinterpret_cast<const unsigned char*>(buffers[i].data());
         a.size = wanted;

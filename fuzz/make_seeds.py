@@ -220,9 +220,9 @@ def daemon_message():
 
 
 # --- fuzz_dlt_encoder / fuzz_dlt_control ------------------------------------------------
-def dlt_argument(kind, width, fmt, value, data=b""):
+def dlt_argument(kind, width, fmt, value, data=b"", size=None):
     return (bytes([kind, width, fmt, 1]) + struct.pack("<Q", value & 0xFFFFFFFFFFFFFFFF)
-            + struct.pack("<d", 1.5) + u16(len(data)) + bytes(data))
+            + struct.pack("<d", 1.5) + u16(size if size is not None else len(data)) + bytes([len(data)]) + bytes(data))
 
 
 def dlt_message(capacity, args, level=4):
@@ -238,7 +238,7 @@ def dlt_encoder():
     write(h, "formats", dlt_message(0xFFFF, [dlt_argument(2, w, f, 0xBEEF) for w in range(4) for f in range(7)]))
     write(h, "too-small", dlt_message(40, every[:3]))
     write(h, "odd-width", dlt_message(0xFFFF, [dlt_argument(1, 24, 0, 1)]))
-    write(h, "too-long", dlt_message(0xFFFF, [dlt_argument(5, 0, 0, 0, b"x" * 40000)] * 2, level=1))
+    write(h, "too-long", dlt_message(0xFFFF, [dlt_argument(5, 0, 0, 0, b"x" * 8, size=40000)] * 2, level=1))
 
 
 def dlt_request(payload, htyp=0x25):
