@@ -58,12 +58,10 @@ bool File_writer::write(const unsigned char* message, std::size_t size, std::uin
             return false;
         }
     }
-    const std::size_t at = buffer_.size();
-    buffer_.resize(at + entry);
-    put_storage_header(buffer_.data() + at, seconds, microseconds, ecu);
-    if (size != 0) {
-        std::memcpy(buffer_.data() + at + STORAGE_HEADER_SIZE, message, size);
-    }
+    unsigned char header[STORAGE_HEADER_SIZE];
+    put_storage_header(header, seconds, microseconds, ecu);
+    buffer_.insert(buffer_.end(), header, header + STORAGE_HEADER_SIZE);
+    buffer_.insert(buffer_.end(), message, message + size);
     file_size_ += entry;
     if (buffer_.size() >= FLUSH_THRESHOLD) {
         return flush();

@@ -106,8 +106,8 @@ void Tcp_server::service(int timeout_ms, const std::function<void(int client, co
     if (timeout_ms >= 0 && wait > timeout_ms) {
         wait = timeout_ms;
     }
-    std::vector<pollfd> fds;
-    fds.reserve(clients_.size() + 1);
+    std::vector<pollfd>& fds = poll_fds_;
+    fds.clear();
     fds.push_back(pollfd{listen_fd_, POLLIN, 0});
     for (const Client& client : clients_) {
         const bool pending = client.out.size() > client.out_pos;

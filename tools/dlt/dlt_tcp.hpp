@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <poll.h>
+
 namespace logferry_dlt {
 
 class Tcp_server {  // non-blocking; clients get every message from when they connect
@@ -63,6 +65,7 @@ private:
     std::uint16_t port_ = 0;
     int next_id_ = 1;
     std::vector<Client> clients_;
+    std::vector<pollfd> poll_fds_;  // kept between calls: no allocation per service()
     std::int64_t next_keep_alive_ms_ = 0;
 };
 
