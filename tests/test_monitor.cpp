@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -272,12 +273,12 @@ protected:
     }
 
     // Starts the monitor and waits until it holds the listener.
-    void start_monitor(const std::vector<std::string>& arguments = {})
+    void start_monitor(const std::vector<std::string>& arguments = {}, const std::string& ready = "-- listening")
     {
         ::unlink(out_.c_str());  // no readiness line of an earlier run
         pid_ = launch(arguments, out_, err_);
         ASSERT_GT(pid_, 0);
-        ASSERT_TRUE(wait_for("-- listening")) << output() << errors();
+        ASSERT_TRUE(wait_for(ready)) << output() << errors();
     }
 
     // Sends `signal` and returns the monitor's wait status (-1 when it did not end).
@@ -1461,6 +1462,110 @@ TEST_F(Monitor, ApplicationFileRequestsStayInsideTheDirectory)
         EXPECT_EQ(name.find("up.dlt"), std::string::npos) << name;
     }
     EXPECT_NE(::access("/tmp/elsewhere.dlt", F_OK), 0);
+}
+
+// Under --quiet only an application that asked for local printing shows up as text; one
+// that disabled remote output reaches the DLT file but no DLT client.
+TEST_F(Monitor, LocalPrintAndDisableRemoteTakeEffect)
+{
+    const std::string stored = file("stored.dlt");
+    start_monitor({"--quiet", "--dlt-file", stored, "--dlt-port", "0"}, "dlt-port ");
+    std::smatch match;
+    const std::string printed = output();
+    ASSERT_TRUE(std::regex_search(printed, match, std::regex("dlt-port ([0-9]+)\n"))) << printed;
+    const int client = connect_dlt(match.str(1));
+    ASSERT_GE(client, 0);
+    Bytes stream;
+    const auto read_client = [&] {
+        char buffer[65536];
+        for (ssize_t n = ::recv(client, buffer, sizeof buffer, MSG_DONTWAIT); n > 0;
+             n = ::recv(client, buffer, sizeof buffer, MSG_DONTWAIT)) {
+            stream.insert(stream.end(), buffer, buffer + n);
+        }
+        return dlt_logs(logferry_test::split_dlt_stream(stream));
+    };
+    // The first keep-alive: the monitor has taken the client on.
+    ASSERT_TRUE(wait_until([&] { return read_client(), !stream.empty(); }));
+
+    Test_application printing("LPA");
+    Test_application local("DRB");
+    segments_.push_back(printing.name());
+    segments_.push_back(local.name());
+    for (Test_application* app : {&printing, &local}) {
+        ASSERT_TRUE(app->announce());
+        ASSERT_TRUE(app->wait_attached());
+    }
+    ASSERT_TRUE(printing.send_priority(records(Logferry_register_app("LPA", ""))));
+    ASSERT_TRUE(printing.send_priority(records(Logferry_register_context(4, 1, "CTX", ""))));
+    ASSERT_TRUE(printing.send_priority(records(Logferry_enable_local_print())));
+    ASSERT_TRUE(local.send_priority(records(Logferry_register_app("DRB", ""))));
+    ASSERT_TRUE(local.send_priority(records(Logferry_register_context(4, 1, "CTX", ""))));
+    ASSERT_TRUE(local.send_priority(records(Logferry_disable_remote())));
+    printing.release();
+    local.release();
+    ASSERT_TRUE(local.log(records(start(1, 4, 1), int32(1, 42), finish(1))));
+    ASSERT_TRUE(printing.log(records(start(1, 4, 1), int32(1, 41), finish(1))));
+    ASSERT_TRUE(wait_until([&] { return dlt_file_logs(stored).size() == 2; }));
+    ASSERT_TRUE(wait_for("LPA  CTX  info    41\n")) << output();
+    ASSERT_TRUE(wait_until([&] { return read_client().size() == 1; }));
+    const std::vector<Dlt_bytes> file_messages = dlt_file_logs(stored);
+    const std::vector<Dlt_bytes> sent = read_client();
+    ASSERT_EQ(sent.size(), 1U);
+    const std::size_t app_at = dlt_header_size(sent[0]) + 2;
+    EXPECT_EQ(std::string(sent[0].begin() + static_cast<long>(app_at), sent[0].begin() + static_cast<long>(app_at) + 4),
+              std::string("LPA", 4));  // LPA's, not DRB's
+    EXPECT_NE(std::find(file_messages.begin(), file_messages.end(), sent[0]), file_messages.end());
+    ::close(client);
+    EXPECT_EQ(stop_monitor(), 0);
+    // Nothing else as text: no event lines, no message of DRB.
+    EXPECT_EQ(mask_timestamps(output()), "dlt-port " + match.str(1) + "\n<ts> LPA  CTX  info    41\n");
+}
+
+// With --dlt-file-limit the file rotates: every message is in exactly one of PATH, PATH.1, ...,
+// each file holds whole entries only and stays within the limit.
+TEST_F(Monitor, DltFileRotatesWithoutSplittingAMessage)
+{
+    const std::string stored = file("rotating.dlt");
+    for (int i = 1; i < 10; ++i) {
+        file("rotating.dlt." + std::to_string(i));
+    }
+    start_monitor({"--dlt-file", stored, "--dlt-file-limit", "1000"});
+    Test_application app("ROT");
+    segments_.push_back(app.name());
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("ROT", ""))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "CTX", ""))));
+    app.release();
+    constexpr int COUNT = 60;
+    for (int n = 0; n < COUNT; ++n) {
+        ASSERT_TRUE(app.log(records(start(1, 4, 1), int32(1, n), text(1, "rotation"), finish(1))));
+        ASSERT_TRUE(wait_for("info    " + std::to_string(n) + " \"rotation\"\n")) << output();
+    }
+    EXPECT_EQ(stop_monitor(), 0);
+    // Oldest first: PATH.k ... PATH.1, PATH.
+    std::vector<Dlt_bytes> all;
+    int files = 0;
+    for (int i = 9; i >= 0; --i) {
+        const std::string path = i == 0 ? stored : stored + "." + std::to_string(i);
+        if (::access(path.c_str(), F_OK) != 0) {
+            continue;
+        }
+        ++files;
+        bool complete = false;
+        const std::vector<Dlt_bytes> messages = dlt_file_logs(path, &complete);
+        EXPECT_TRUE(complete) << path;
+        EXPECT_LE(logferry_test::read_file_bytes(path).size(), 1000U) << path;
+        all.insert(all.end(), messages.begin(), messages.end());
+    }
+    EXPECT_GT(files, 2);
+    ASSERT_EQ(all.size(), static_cast<std::size_t>(COUNT));
+    for (int n = 0; n < COUNT; ++n) {
+        // Payload: the int32 argument (type info 4 bytes, value 4 bytes, little-endian) first.
+        const Dlt_bytes& m = all[static_cast<std::size_t>(n)];
+        const std::size_t value = dlt_header_size(m) + 10 + 4;
+        EXPECT_EQ(m[value], static_cast<unsigned char>(n)) << n;
+    }
 }
 
 }  // namespace
