@@ -1568,4 +1568,64 @@ TEST_F(Monitor, DltFileRotatesWithoutSplittingAMessage)
     }
 }
 
+// The other control requests of DLT clients: get log info lists the applications and their
+// contexts, get software version names the monitor, set default log level reaches every
+// context, and a service the monitor does not offer is answered "not supported".
+TEST_F(Monitor, DltControlRequestsAreAnswered)
+{
+    REQUIRE_DLT_TOOLS();
+    start_monitor({"--dlt-port", "0"});
+    const std::string port = dlt_port();
+    ASSERT_FALSE(port.empty()) << output();
+    Test_application app("INF");
+    segments_.push_back(app.name());
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("INF", "informative"))));
+    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(3, 7, "CTXA", "first context"))));
+    const auto control = [&](const std::vector<std::string>& arguments) {
+        const std::string out = file("control.out");
+        std::vector<std::string> all = {"-p", port};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        all.push_back("127.0.0.1");
+        const int pid = run_program(logferry_test::find_program("dlt-control"), all, out, file("control.err"));
+        logferry_test::wait_child(pid, milliseconds(20000));
+        return read_file(out);
+    };
+    const std::string info = control({"-j"});
+    EXPECT_NE(info.find("APID:INF"), std::string::npos) << info;
+    EXPECT_NE(info.find("informative"), std::string::npos) << info;
+    EXPECT_NE(info.find("CTID:CTXA"), std::string::npos) << info;
+    EXPECT_NE(info.find("first context"), std::string::npos) << info;
+    const std::string version = control({"-k"});
+    EXPECT_NE(version.find("logferry-monitor " LOGFERRY_VERSION_TEXT), std::string::npos) << version;
+    control({"-d", "2"});
+    EXPECT_EQ(app.receive(), (Bytes{24, 2, 7, 0, 0, 0}));
+    ASSERT_TRUE(wait_for("-- client     set-default-log-level level=2: 1 context\n")) << output();
+
+    // Service 0x20 (not one the monitor offers), then a well-formed request the monitor answers.
+    const int client = connect_dlt(port);
+    ASSERT_GE(client, 0);
+    const Dlt_bytes request = logferry_test::client_request({0x20, 0x00, 0x00, 0x00});
+    ASSERT_EQ(::write(client, request.data(), request.size()), static_cast<ssize_t>(request.size()));
+    Bytes stream;
+    const Bytes expected_tail = {0x20, 0x00, 0x00, 0x00, 0x01};  // service, status "not supported"
+    EXPECT_TRUE(wait_until([&] {
+        char buffer[4096];
+        for (ssize_t n = ::recv(client, buffer, sizeof buffer, MSG_DONTWAIT); n > 0;
+             n = ::recv(client, buffer, sizeof buffer, MSG_DONTWAIT)) {
+            stream.insert(stream.end(), buffer, buffer + n);
+        }
+        for (const Dlt_bytes& message : logferry_test::split_dlt_stream(stream)) {
+            if (message.size() >= expected_tail.size() &&
+                std::equal(expected_tail.begin(), expected_tail.end(), message.end() - 5)) {
+                return true;
+            }
+        }
+        return false;
+    }));
+    ::close(client);
+    EXPECT_EQ(stop_monitor(), 0);
+}
+
 }  // namespace

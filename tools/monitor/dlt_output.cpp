@@ -177,10 +177,13 @@ void Dlt_output::control(int client, const logferry_dlt::Control_request& reques
         break;
     }
     case Service::set_default_log_level: {
+        std::size_t reached = 0;
         if (level_ok) {
             default_level_ = request.level;
-            collector_.set_default_level(static_cast<std::uint8_t>(request.level));
+            reached = collector_.set_default_level(static_cast<std::uint8_t>(request.level));
         }
+        collector_.note("client", "set-default-log-level level=" + std::to_string(request.level) + ": " +
+                                      std::to_string(reached) + " context" + (reached == 1 ? "" : "s"));
         status(level_ok);
         break;
     }
