@@ -11,7 +11,6 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -116,11 +115,32 @@ inline std::vector<Dlt_bytes> split_dlt_file(const Dlt_bytes& bytes, bool* compl
     return messages;
 }
 
-// dlt-convert's lines with the reception time (date and clock) replaced by "<time>".
+// dlt-convert's lines with the reception time ("2026/11/24 00:16:40.000005") replaced by
+// "<time>".
 inline std::string mask_dlt_times(const std::string& transcript)
 {
-    static const std::regex time(R"(\d{4}/\d{2}/\d{2} \d{2}:\d{2}:\d{2}\.\d{6})");
-    return std::regex_replace(transcript, time, "<time>");
+    static const char pattern[] = "dddd/dd/dd dd:dd:dd.dddddd";  // d: a digit
+    const std::size_t length = sizeof pattern - 1;
+    auto matches = [&](std::size_t at) {
+        for (std::size_t i = 0; i < length; ++i) {
+            const char c = transcript[at + i];
+            if (pattern[i] == 'd' ? (c < '0' || c > '9') : c != pattern[i]) {
+                return false;
+            }
+        }
+        return true;
+    };
+    std::string out;
+    std::size_t at = 0;
+    while (at < transcript.size()) {
+        if (at + length <= transcript.size() && matches(at)) {
+            out += "<time>";
+            at += length;
+        } else {
+            out += transcript[at++];
+        }
+    }
+    return out;
 }
 
 // A control request as a DLT client sends it: standard header with the ECU ID "ECU1" only
