@@ -48,32 +48,12 @@ Bytes encode(const Message& m)
 // The 26 header bytes of message_with(...) carrying `noar` arguments in `length` bytes.
 Bytes headers(std::size_t length, unsigned char noar)
 {
-    return {0x3D,
-            0x07,
-            static_cast<unsigned char>(length >> 8),
-            static_cast<unsigned char>(length),  // HTYP MCNT LEN
-            'E',
-            'C',
-            'U',
-            '1',
-            0x00,
-            0x00,
-            0x04,
-            0x57,  // session ID, big-endian
-            0x00,
-            0x01,
-            0x23,
-            0x45,  // timestamp, big-endian
-            0x41,
-            noar,
-            'A',
-            'P',
-            'P',
-            0x00,
-            'C',
-            'T',
-            'X',
-            '1'};  // MSIN: verbose log info
+    const auto high = static_cast<unsigned char>(length >> 8);
+    const auto low = static_cast<unsigned char>(length);
+    // HTYP, counter 7, length, ECU ID, session ID 0x457 and timestamp 0x12345 (big-endian) |
+    // MSIN (verbose log info), NOAR, app ID, context ID
+    return {0x3D, 0x07, high, low,  'E',  'C', 'U', '1', 0x00, 0x00, 0x04, 0x57, 0x00,
+            0x01, 0x23, 0x45, 0x41, noar, 'A', 'P', 'P', 0,    'C',  'T',  'X',  '1'};
 }
 
 Bytes one_argument(const Argument& arg)
@@ -241,32 +221,11 @@ TEST(DltEncoding, StorageHeaderIsExact)
 
 Bytes control_headers(std::size_t length, unsigned char msin)
 {
-    return {0x3D,
-            0x00,
-            static_cast<unsigned char>(length >> 8),
-            static_cast<unsigned char>(length),
-            'E',
-            'C',
-            'U',
-            '1',
-            0,
-            0,
-            0,
-            0,
-            0,
-            0,
-            0,
-            0,
-            msin,
-            0x00,
-            'L',
-            'F',
-            'M',
-            0x00,
-            'C',
-            'T',
-            'R',
-            'L'};
+    const auto high = static_cast<unsigned char>(length >> 8);
+    const auto low = static_cast<unsigned char>(length);
+    // HTYP, counter, length, ECU ID, session ID, timestamp | MSIN, NOAR, app ID, context ID
+    return {0x3D, 0x00, high, low,  'E',  'C', 'U', '1', 0, 0,   0,   0,   0,
+            0,    0,    0,    msin, 0x00, 'L', 'F', 'M', 0, 'C', 'T', 'R', 'L'};
 }
 
 Bytes with(Bytes head, const Bytes& payload)

@@ -148,25 +148,10 @@ inline std::string mask_dlt_times(const std::string& transcript)
 // then `payload`.
 inline Dlt_bytes client_request(const Dlt_bytes& payload, unsigned char htyp = 0x25)
 {
-    const std::size_t length = 18 + payload.size();
-    Dlt_bytes out = {htyp,
-                     0x00,
-                     static_cast<unsigned char>(length >> 8),
-                     static_cast<unsigned char>(length),
-                     'E',
-                     'C',
-                     'U',
-                     '1',
-                     0x16,
-                     0x00,
-                     'A',
-                     'P',
-                     'P',
-                     0,
-                     'C',
-                     'O',
-                     'N',
-                     0};
+    const auto high = static_cast<unsigned char>((18 + payload.size()) >> 8);
+    const auto low = static_cast<unsigned char>(18 + payload.size());
+    // HTYP, counter, length, ECU ID | MSIN (control request), NOAR, app ID, context ID
+    Dlt_bytes out = {htyp, 0x00, high, low, 'E', 'C', 'U', '1', 0x16, 0x00, 'A', 'P', 'P', 0, 'C', 'O', 'N', 0};
     for (const unsigned char byte : payload) {  // (insert() trips a false array-bounds warning of GCC 12)
         out.push_back(byte);
     }
