@@ -18,6 +18,11 @@ using logferry_dlt::Argument;
 using logferry_dlt::Control_request;
 using logferry_dlt::Message;
 using logferry_test::client_request;
+using logferry_test::dlt_bool;
+using logferry_test::dlt_data;
+using logferry_test::dlt_float;
+using logferry_test::dlt_signed;
+using logferry_test::dlt_unsigned;
 using Bytes = std::vector<unsigned char>;
 
 const char ECU[4] = {'E', 'C', 'U', '1'};
@@ -62,39 +67,9 @@ Bytes one_argument(const Argument& arg)
     return all.size() < 26 ? Bytes{} : Bytes(all.begin() + 26, all.end());
 }
 
-Argument unsigned_arg(std::uint8_t bits, std::uint8_t format, std::uint64_t value)
-{
-    Argument a;
-    a.kind = Arg_kind::unsigned_int;
-    a.bits = bits;
-    a.format = format;
-    a.unsigned_value = value;
-    return a;
-}
-
-Argument signed_arg(std::uint8_t bits, std::int64_t value)
-{
-    Argument a;
-    a.kind = Arg_kind::signed_int;
-    a.bits = bits;
-    a.signed_value = value;
-    return a;
-}
-
-Argument bytes_arg(Arg_kind kind, const char* data, std::size_t size)
-{
-    Argument a;
-    a.kind = kind;
-    a.data = reinterpret_cast<const unsigned char*>(data);
-    a.size = size;
-    return a;
-}
-
 TEST(DltEncoding, HeadersOfAMessageWithOneBooleanAreExact)
 {
-    Argument arg;
-    arg.kind = Arg_kind::boolean;
-    arg.boolean = true;
+    const Argument arg = dlt_bool(true);
     const Bytes expected = {0x3D, 0x07, 0x00, 0x1F, 'E', 'C',  'U', '1', 0x00, 0x00, 0x04, 0x57, 0x00, 0x01, 0x23, 0x45,
                             0x41, 0x01, 'A',  'P',  'P', 0x00, 'C', 'T', 'X',  '1',  0x11, 0x00, 0x00, 0x00, 0x01};
     EXPECT_EQ(encode(message_with(&arg, 1)), expected);
@@ -123,40 +98,32 @@ TEST(DltEncoding, EveryArgumentTypeHasItsExactBytes)
         Argument arg;
         Bytes bytes;
     };
-    Argument no;
-    no.kind = Arg_kind::boolean;
-    Argument f32;
-    f32.kind = Arg_kind::float32;
-    f32.float_value = 1.5;
-    Argument f64;
-    f64.kind = Arg_kind::float64;
-    f64.float_value = -2.25;
     const std::vector<Case> cases = {
-        {"bool false", no, {0x11, 0, 0, 0, 0x00}},
-        {"int8", signed_arg(8, -5), {0x21, 0, 0, 0, 0xFB}},
-        {"int16", signed_arg(16, -2), {0x22, 0, 0, 0, 0xFE, 0xFF}},
-        {"int32", signed_arg(32, 0x12345678), {0x23, 0, 0, 0, 0x78, 0x56, 0x34, 0x12}},
-        {"int64", signed_arg(64, -1), {0x24, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
-        {"uint8 default", unsigned_arg(8, 0, 200), {0x41, 0, 0, 0, 0xC8}},
-        {"uint16 decimal", unsigned_arg(16, 1, 0x1234), {0x42, 0, 0, 0, 0x34, 0x12}},
-        {"uint16 hex", unsigned_arg(16, 2, 0xBEEF), {0x42, 0x00, 0x01, 0x00, 0xEF, 0xBE}},
-        {"uint32 hex upper", unsigned_arg(32, 5, 0xDEADBEEF), {0x43, 0x00, 0x01, 0x00, 0xEF, 0xBE, 0xAD, 0xDE}},
-        {"uint8 binary", unsigned_arg(8, 4, 0xA5), {0x41, 0x80, 0x01, 0x00, 0xA5}},
-        {"uint16 binary", unsigned_arg(16, 4, 0x0102), {0x42, 0x80, 0x01, 0x00, 0x02, 0x01}},
-        {"uint32 binary is hex", unsigned_arg(32, 4, 5), {0x43, 0x00, 0x01, 0x00, 0x05, 0, 0, 0}},
-        {"uint64 binary is hex", unsigned_arg(64, 4, 5), {0x44, 0x00, 0x01, 0x00, 0x05, 0, 0, 0, 0, 0, 0, 0}},
-        {"uint32 octal is decimal", unsigned_arg(32, 3, 8), {0x43, 0, 0, 0, 0x08, 0, 0, 0}},
+        {"bool false", dlt_bool(false), {0x11, 0, 0, 0, 0x00}},
+        {"int8", dlt_signed(8, -5), {0x21, 0, 0, 0, 0xFB}},
+        {"int16", dlt_signed(16, -2), {0x22, 0, 0, 0, 0xFE, 0xFF}},
+        {"int32", dlt_signed(32, 0x12345678), {0x23, 0, 0, 0, 0x78, 0x56, 0x34, 0x12}},
+        {"int64", dlt_signed(64, -1), {0x24, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
+        {"uint8 default", dlt_unsigned(8, 0, 200), {0x41, 0, 0, 0, 0xC8}},
+        {"uint16 decimal", dlt_unsigned(16, 1, 0x1234), {0x42, 0, 0, 0, 0x34, 0x12}},
+        {"uint16 hex", dlt_unsigned(16, 2, 0xBEEF), {0x42, 0x00, 0x01, 0x00, 0xEF, 0xBE}},
+        {"uint32 hex upper", dlt_unsigned(32, 5, 0xDEADBEEF), {0x43, 0x00, 0x01, 0x00, 0xEF, 0xBE, 0xAD, 0xDE}},
+        {"uint8 binary", dlt_unsigned(8, 4, 0xA5), {0x41, 0x80, 0x01, 0x00, 0xA5}},
+        {"uint16 binary", dlt_unsigned(16, 4, 0x0102), {0x42, 0x80, 0x01, 0x00, 0x02, 0x01}},
+        {"uint32 binary is hex", dlt_unsigned(32, 4, 5), {0x43, 0x00, 0x01, 0x00, 0x05, 0, 0, 0}},
+        {"uint64 binary is hex", dlt_unsigned(64, 4, 5), {0x44, 0x00, 0x01, 0x00, 0x05, 0, 0, 0, 0, 0, 0, 0}},
+        {"uint32 octal is decimal", dlt_unsigned(32, 3, 8), {0x43, 0, 0, 0, 0x08, 0, 0, 0}},
         {"uint64 raw is decimal",
-         unsigned_arg(64, 6, 0x0102030405060708),
+         dlt_unsigned(64, 6, 0x0102030405060708),
          {0x44, 0, 0, 0, 0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01}},
-        {"float32", f32, {0x83, 0, 0, 0, 0x00, 0x00, 0xC0, 0x3F}},
-        {"float64", f64, {0x84, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x02, 0xC0}},
-        {"text", bytes_arg(Arg_kind::text, "hi", 2), {0x00, 0x82, 0x00, 0x00, 0x03, 0x00, 'h', 'i', 0x00}},
-        {"empty text", bytes_arg(Arg_kind::text, nullptr, 0), {0x00, 0x82, 0x00, 0x00, 0x01, 0x00, 0x00}},
-        {"raw", bytes_arg(Arg_kind::raw, "\x01\x02\x03", 3), {0x00, 0x04, 0, 0, 0x03, 0x00, 0x01, 0x02, 0x03}},
-        {"encoded payload", bytes_arg(Arg_kind::encoded_payload, "\xAB", 1), {0x00, 0x04, 0, 0, 0x01, 0x00, 0xAB}},
+        {"float32", dlt_float(Arg_kind::float32, 1.5), {0x83, 0, 0, 0, 0x00, 0x00, 0xC0, 0x3F}},
+        {"float64", dlt_float(Arg_kind::float64, -2.25), {0x84, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x02, 0xC0}},
+        {"text", dlt_data(Arg_kind::text, "hi", 2), {0x00, 0x82, 0x00, 0x00, 0x03, 0x00, 'h', 'i', 0x00}},
+        {"empty text", dlt_data(Arg_kind::text, nullptr, 0), {0x00, 0x82, 0x00, 0x00, 0x01, 0x00, 0x00}},
+        {"raw", dlt_data(Arg_kind::raw, "\x01\x02\x03", 3), {0x00, 0x04, 0, 0, 0x03, 0x00, 0x01, 0x02, 0x03}},
+        {"encoded payload", dlt_data(Arg_kind::encoded_payload, "\xAB", 1), {0x00, 0x04, 0, 0, 0x01, 0x00, 0xAB}},
         {"encoded message",
-         bytes_arg(Arg_kind::encoded_message, "\x10\x20", 2),
+         dlt_data(Arg_kind::encoded_message, "\x10\x20", 2),
          {0x00, 0x04, 0, 0, 0x02, 0x00, 0x10, 0x20}},
     };
     for (const Case& c : cases) {
@@ -169,7 +136,7 @@ TEST(DltEncoding, EveryArgumentTypeHasItsExactBytes)
 
 TEST(DltEncoding, ArgumentsFollowEachOtherInOrder)
 {
-    const Argument args[] = {signed_arg(32, 1), bytes_arg(Arg_kind::text, "ab", 2), unsigned_arg(8, 2, 0x7F)};
+    const Argument args[] = {dlt_signed(32, 1), dlt_data(Arg_kind::text, "ab", 2), dlt_unsigned(8, 2, 0x7F)};
     const Bytes expected_payload = {0x23, 0,    0,    0,   0x01, 0, 0,    0,    0x00, 0x82, 0,
                                     0,    0x03, 0x00, 'a', 'b',  0, 0x41, 0x00, 0x01, 0x00, 0x7F};
     Bytes expected = headers(26 + expected_payload.size(), 3);
@@ -179,7 +146,7 @@ TEST(DltEncoding, ArgumentsFollowEachOtherInOrder)
 
 TEST(DltEncoding, NeverWritesBeyondTheCapacity)
 {
-    const Argument args[] = {bytes_arg(Arg_kind::text, "hello world", 11), signed_arg(64, 3)};
+    const Argument args[] = {dlt_data(Arg_kind::text, "hello world", 11), dlt_signed(64, 3)};
     const Message m = message_with(args, 2);
     const std::size_t size = logferry_dlt::encoded_size(m);
     ASSERT_EQ(size, 26u + 4 + 2 + 12 + 4 + 8);
@@ -192,18 +159,18 @@ TEST(DltEncoding, NeverWritesBeyondTheCapacity)
 
 TEST(DltEncoding, RefusesWhatTheProtocolCannotCarry)
 {
-    const Argument bad_width = signed_arg(24, 1);
+    const Argument bad_width = dlt_signed(24, 1);
     EXPECT_EQ(encode(message_with(&bad_width, 1)), Bytes{});
     const std::string big(70000, 'x');
-    const Argument too_long = bytes_arg(Arg_kind::text, big.data(), big.size());
+    const Argument too_long = dlt_data(Arg_kind::text, big.data(), big.size());
     EXPECT_EQ(encode(message_with(&too_long, 1)), Bytes{});
     // Two texts that fit alone but not together in the 16-bit length.
-    const Argument half = bytes_arg(Arg_kind::text, big.data(), 40000);
+    const Argument half = dlt_data(Arg_kind::text, big.data(), 40000);
     const Argument two[] = {half, half};
     EXPECT_EQ(encode(message_with(two, 2)), Bytes{});
-    const Argument no_data = bytes_arg(Arg_kind::raw, nullptr, 3);
+    const Argument no_data = dlt_data(Arg_kind::raw, nullptr, 3);
     EXPECT_EQ(encode(message_with(&no_data, 1)), Bytes{});
-    std::vector<Argument> many(256, signed_arg(8, 0));
+    std::vector<Argument> many(256, dlt_signed(8, 0));
     EXPECT_EQ(encode(message_with(many.data(), many.size())), Bytes{});
     EXPECT_EQ(encode(message_with(many.data(), 255)).size(), 26u + 255 * 5);
 }
@@ -359,7 +326,7 @@ TEST(DltControl, GarbageIsRecognisedAndWholeMessagesThatAreNoRequestsAreSkipped)
     EXPECT_TRUE(r.garbage);
     EXPECT_EQ(r.consumed, 7u);
 
-    const Argument arg = signed_arg(8, 1);
+    const Argument arg = dlt_signed(8, 1);
     const Bytes log = encode(message_with(&arg, 1));
     r = parse(log);
     EXPECT_FALSE(r.valid);

@@ -207,10 +207,7 @@ TEST_F(DltTcp, AClientThatNeverReadsIsDroppedWithoutStallingTheOthers)
     constexpr std::size_t COUNT = 20000;
     // Messages of about 1 KiB: 20 MB in all, far more than the sockets' buffers hold.
     const std::string text(1000, 't');
-    logferry_dlt::Argument arg;
-    arg.kind = logferry_dlt::Arg_kind::text;
-    arg.data = reinterpret_cast<const unsigned char*>(text.data());
-    arg.size = text.size();
+    const logferry_dlt::Argument arg = logferry_test::dlt_data(logferry_dlt::Arg_kind::text, text.data(), text.size());
     logferry_dlt::Message m;
     std::memcpy(m.ecu, ECU, 4);
     std::memcpy(m.app, "APP1", 4);

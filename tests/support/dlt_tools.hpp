@@ -158,6 +158,52 @@ inline Dlt_bytes client_request(const Dlt_bytes& payload, unsigned char htyp = 0
     return out;
 }
 
+// Arguments of a DLT log message, built in one call.
+inline logferry_dlt::Argument dlt_bool(bool value)
+{
+    logferry_dlt::Argument a;
+    a.kind = logferry_dlt::Arg_kind::boolean;
+    a.boolean = value;
+    return a;
+}
+
+inline logferry_dlt::Argument dlt_signed(std::uint8_t bits, std::int64_t value)
+{
+    logferry_dlt::Argument a;
+    a.kind = logferry_dlt::Arg_kind::signed_int;
+    a.bits = bits;
+    a.signed_value = value;
+    return a;
+}
+
+inline logferry_dlt::Argument dlt_unsigned(std::uint8_t bits, std::uint8_t format, std::uint64_t value)
+{
+    logferry_dlt::Argument a;
+    a.kind = logferry_dlt::Arg_kind::unsigned_int;
+    a.bits = bits;
+    a.format = format;
+    a.unsigned_value = value;
+    return a;
+}
+
+inline logferry_dlt::Argument dlt_float(logferry_dlt::Arg_kind kind, double value)
+{
+    logferry_dlt::Argument a;
+    a.kind = kind;
+    a.float_value = value;
+    return a;
+}
+
+// Text (without its zero), raw data, an encoded payload or an encoded message.
+inline logferry_dlt::Argument dlt_data(logferry_dlt::Arg_kind kind, const void* data, std::size_t size)
+{
+    logferry_dlt::Argument a;
+    a.kind = kind;
+    a.data = static_cast<const unsigned char*>(data);
+    a.size = size;
+    return a;
+}
+
 // Synthetic log messages that carry every argument type and format between them, encoded
 // as the daemon side sends them (counter = index, timestamp = 1000 * (index + 1)).
 inline std::vector<Dlt_bytes> sample_dlt_messages(const char* ecu = "ECU1")
@@ -168,46 +214,17 @@ inline std::vector<Dlt_bytes> sample_dlt_messages(const char* ecu = "ECU1")
     static const unsigned char payload[] = {0xCA, 0xFE};
     static const unsigned char record[] = {0x10, 0x20, 0x30};
     static const char text[] = "hello world";
-    auto number = [](Arg_kind kind, std::uint8_t bits, std::uint8_t format, std::uint64_t value) {
-        Argument a;
-        a.kind = kind;
-        a.bits = bits;
-        a.format = format;
-        a.unsigned_value = value;
-        a.signed_value = static_cast<std::int64_t>(value);
-        a.float_value = 0.0;
-        return a;
-    };
-    auto bytes = [](Arg_kind kind, const void* data, std::size_t size) {
-        Argument a;
-        a.kind = kind;
-        a.data = static_cast<const unsigned char*>(data);
-        a.size = size;
-        return a;
-    };
-    Argument yes;
-    yes.kind = Arg_kind::boolean;
-    yes.boolean = true;
-    Argument f32;
-    f32.kind = Arg_kind::float32;
-    f32.float_value = 1.5;
-    Argument f64;
-    f64.kind = Arg_kind::float64;
-    f64.float_value = -2.25;
     const std::vector<std::vector<Argument>> arguments = {
-        {yes, number(Arg_kind::signed_int, 8, 0, static_cast<std::uint64_t>(-5)),
-         number(Arg_kind::signed_int, 16, 0, static_cast<std::uint64_t>(-300)),
-         number(Arg_kind::signed_int, 32, 0, 123456),
-         number(Arg_kind::signed_int, 64, 0, static_cast<std::uint64_t>(-1234567890123))},
-        {number(Arg_kind::unsigned_int, 8, 1, 200), number(Arg_kind::unsigned_int, 16, 2, 0xBEEF),
-         number(Arg_kind::unsigned_int, 32, 5, 0xDEADBEEF), number(Arg_kind::unsigned_int, 8, 4, 0xA5),
-         number(Arg_kind::unsigned_int, 16, 4, 0x0102), number(Arg_kind::unsigned_int, 32, 4, 5),
-         number(Arg_kind::unsigned_int, 64, 3, 8), number(Arg_kind::unsigned_int, 64, 6, 42)},
-        {f32, f64, bytes(Arg_kind::text, text, std::strlen(text)), bytes(Arg_kind::raw, raw, sizeof raw)},
-        {bytes(Arg_kind::encoded_payload, payload, sizeof payload),
-         bytes(Arg_kind::encoded_message, record, sizeof record)},
-        {number(Arg_kind::signed_int, 32, 0, 42), bytes(Arg_kind::text, "hello world", 11),
-         number(Arg_kind::unsigned_int, 32, 2, 0xC0FFEE)},
+        {dlt_bool(true), dlt_signed(8, -5), dlt_signed(16, -300), dlt_signed(32, 123456),
+         dlt_signed(64, -1234567890123)},
+        {dlt_unsigned(8, 1, 200), dlt_unsigned(16, 2, 0xBEEF), dlt_unsigned(32, 5, 0xDEADBEEF),
+         dlt_unsigned(8, 4, 0xA5), dlt_unsigned(16, 4, 0x0102), dlt_unsigned(32, 4, 5), dlt_unsigned(64, 3, 8),
+         dlt_unsigned(64, 6, 42)},
+        {dlt_float(Arg_kind::float32, 1.5), dlt_float(Arg_kind::float64, -2.25),
+         dlt_data(Arg_kind::text, text, std::strlen(text)), dlt_data(Arg_kind::raw, raw, sizeof raw)},
+        {dlt_data(Arg_kind::encoded_payload, payload, sizeof payload),
+         dlt_data(Arg_kind::encoded_message, record, sizeof record)},
+        {dlt_signed(32, 42), dlt_data(Arg_kind::text, "hello world", 11), dlt_unsigned(32, 2, 0xC0FFEE)},
     };
     const char* const contexts[] = {"CTX1", "CTX2", "CTX1", "RAW", "CTX2"};
     const std::uint8_t levels[] = {4, 2, 6, 5, 1};
