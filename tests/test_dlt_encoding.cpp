@@ -354,4 +354,19 @@ TEST(DltControl, TwoRequestsBackToBackAreTakenOneAtATime)
     EXPECT_EQ(r.service_id, 0x13u);
 }
 
+TEST(DltControl, ASerialHeaderBeforeARequestIsSkipped)
+{
+    Bytes bytes = {'D', 'L', 'S', 0x01};
+    const Bytes set = client_request(SET_LEVEL);
+    bytes.insert(bytes.end(), set.begin(), set.end());
+    Control_request r = parse(bytes);
+    EXPECT_FALSE(r.valid);
+    EXPECT_FALSE(r.garbage);
+    EXPECT_FALSE(r.is_request);
+    ASSERT_EQ(r.consumed, 4u);
+    r = logferry_dlt::parse_control(bytes.data() + 4, bytes.size() - 4);
+    EXPECT_TRUE(r.valid);
+    EXPECT_EQ(r.level, 5);
+}
+
 }  // namespace

@@ -426,6 +426,12 @@ TEST_F(DltTcp, DltControlRequestsAreParsedAndAnswered)
     EXPECT_EQ(std::string(requests_[0].second.context, 4), "CTX1");
     EXPECT_EQ(requests_[0].second.level, 5);
 
+    run(" -S -a APP2 -c CTX2 -l 3");  // with a serial header before the message
+    ASSERT_EQ(requests_.size(), 2u);
+    EXPECT_EQ(std::string(requests_[1].second.app, 4), "APP2");
+    EXPECT_EQ(requests_[1].second.level, 3);
+    requests_.erase(requests_.begin() + 1);
+
     run(" -d 2");
     ASSERT_EQ(requests_.size(), 2u);
     EXPECT_EQ(requests_[1].second.service_id, 0x11u);

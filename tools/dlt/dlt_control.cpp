@@ -67,6 +67,10 @@ Control_request parse_control(const unsigned char* data, std::size_t size) noexc
     if (data == nullptr || size < STD_FIXED_SIZE) {
         return request;  // need more
     }
+    if (std::memcmp(data, SERIAL_PATTERN, sizeof SERIAL_PATTERN) == 0) {
+        request.consumed = sizeof SERIAL_PATTERN;  // a serial header: the message follows
+        return request;
+    }
     const std::uint8_t htyp = data[STD_HTYP];
     const std::size_t length = get_be(data + STD_LEN, 2);
     std::size_t header = STD_FIXED_SIZE + ((htyp & HTYP_WEID) != 0 ? ECU_SIZE : 0) +

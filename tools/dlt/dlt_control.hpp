@@ -42,7 +42,8 @@ struct Control_request {
 // tells the caller how far to advance. With `valid=false` and consumed>0 the message was
 // either garbage (`garbage`: no DLT message; consumed is then all of `size`), a control
 // request with bad parameters (`is_request`, `service_id` set) or a well-formed message
-// that is not a control request (nothing to do for it). Payload numbers are read in the
+// that is not a control request (nothing to do for it), or a serial header ("DLS" 0x01)
+// before the next message. Payload numbers are read in the
 // byte order the header's MSBF bit announces.
 Control_request parse_control(const unsigned char* data, std::size_t size) noexcept;
 

@@ -8,6 +8,8 @@
 //   |'D'|'L'|'T'|0x1| seconds  LE32 | micros   LE32 | ECU ID        |
 //   +---+---+---+---+---------------+---------------+---------------+
 //
+// Serial header (optional, before a message from some clients): "DLS" 0x01; skipped.
+//
 // Standard header (always; 4 bytes, then the optional fields in this order; BIG-endian):
 //
 //    0      1      2       4          8            12           16
@@ -74,6 +76,9 @@ constexpr std::size_t STORAGE_SECONDS = 4;
 constexpr std::size_t STORAGE_MICROS = 8;
 constexpr std::size_t STORAGE_ECU = 12;
 // (16 bytes in all: STORAGE_HEADER_SIZE in dlt_message.hpp)
+
+// Serial header
+constexpr unsigned char SERIAL_PATTERN[4] = {'D', 'L', 'S', 0x01};
 
 // Standard header
 constexpr std::uint8_t HTYP_UEH = 0x01;
