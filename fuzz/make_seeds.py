@@ -256,6 +256,7 @@ def dlt_control():
     write(h, "truncated", dlt_request(set_level)[:25])
     write(h, "bad-parameters", dlt_request(u32(1) + b"APP1") + dlt_request(u32(1) + b"APP1CTX1" + bytes([9])))
     write(h, "garbage", b"GET / HTTP/1.0\r\n\r\n")
+    write(h, "serial-header", b"DLS\x01" + dlt_request(set_level))
 
 
 def main():
