@@ -117,6 +117,14 @@ protected:
         }
         return true;
     }
+    std::size_t disconnected_count() const
+    {
+        std::size_t count = 0;
+        for (const std::string& e : server_.events) {
+            count += e.find(" disconnected") != std::string::npos ? 1 : 0;
+        }
+        return count;
+    }
     bool has_event(const std::string& line) const
     {
         for (const std::string& e : server_.events) {
@@ -307,7 +315,7 @@ TEST_F(DltTcp, AKeepAliveArrivesEverySecond)
             keep_alives = logferry_test::split_dlt_stream(got);
             return keep_alives.size() >= 2;
         },
-        3500ms));
+        5000ms));
     EXPECT_GE(std::chrono::steady_clock::now() - start, 900ms);
     for (const Dlt_bytes& m : keep_alives) {
         EXPECT_EQ(m, logferry_dlt::keep_alive_message(ECU));
@@ -416,7 +424,11 @@ TEST_F(DltTcp, DltControlRequestsAreParsedAndAnswered)
     auto run = [&](const std::string& options) {
         auto output =
             std::async(std::launch::async, [&] { return logferry_test::run_command(base + options + " 127.0.0.1"); });
-        EXPECT_TRUE(pump_until([&] { return output.wait_for(0s) == std::future_status::ready; }, 10000ms));
+        // Until the tool has ended and the server has read all it sent (its disconnection).
+        const std::size_t disconnections = disconnected_count();
+        EXPECT_TRUE(pump_until(
+            [&] { return output.wait_for(0s) == std::future_status::ready && disconnected_count() > disconnections; },
+            10000ms));
         return output.get();
     };
     run(" -a APP1 -c CTX1 -l 5");
