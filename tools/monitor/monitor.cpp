@@ -2,18 +2,22 @@
 //
 // One thread serves every application and every DLT client. Each pass of the collector
 // drains every ring; the loop goes straight into the next pass while anything arrived and
-// waits (in the TCP server's poll, or a plain sleep without it) only when every ring was
-// empty.
+// waits (in the TCP server's poll, or a plain sleep) only when every ring was empty.
 
 #include "monitor.hpp"
+
+#include <time.h>
 
 #include <iostream>
 
 namespace logferry_monitor {
 namespace {
 
-// Wait of an idle pass.
-constexpr int IDLE_WAIT_MS = 2;
+// Wait after a pass that found nothing: it starts short, so that a ring that fills up fast
+// is back in reach soon, and doubles with every further idle pass up to the longest wait,
+// so that a monitor with nothing to do stays cheap.
+constexpr long SHORTEST_WAIT_US = 50;
+constexpr long LONGEST_WAIT_US = 2000;
 
 }  // namespace
 
@@ -46,6 +50,7 @@ bool Monitor::start()
 
 void Monitor::run(const volatile std::sig_atomic_t& stop)
 {
+    long wait_us = SHORTEST_WAIT_US;
     while (stop == 0 && collector_.stop_reason().empty()) {
         const bool busy = collector_.poll();
         if (text_.closed()) {
@@ -54,7 +59,18 @@ void Monitor::run(const volatile std::sig_atomic_t& stop)
         if (!collector_.stop_reason().empty()) {
             break;
         }
-        dlt_->service(busy ? 0 : IDLE_WAIT_MS);
+        if (busy) {
+            wait_us = SHORTEST_WAIT_US;
+            dlt_->service(0);
+        } else if (wait_us >= 1000) {
+            dlt_->service(static_cast<int>(wait_us / 1000));
+            wait_us = wait_us * 2 > LONGEST_WAIT_US ? LONGEST_WAIT_US : wait_us * 2;
+        } else {
+            dlt_->service(0);
+            const timespec pause{0, wait_us * 1000};
+            ::nanosleep(&pause, nullptr);
+            wait_us *= 2;
+        }
     }
 }
 
