@@ -1091,6 +1091,21 @@ TEST_F(Monitor, UsageErrorsAndHelp)
     EXPECT_EQ(run({"--say"}), 2);
     EXPECT_EQ(run({"--frobnicate"}), 2);
     EXPECT_NE(errors().find("unknown option --frobnicate"), std::string::npos);
+    EXPECT_EQ(run({"--dlt-port", "65536"}), 2);
+    EXPECT_NE(errors().find("--dlt-port wants a port number (0 to 65535), not 65536"), std::string::npos);
+    EXPECT_EQ(run({"--dlt-port", "http"}), 2);
+    EXPECT_EQ(run({"--dlt-file-limit", "0"}), 2);
+    EXPECT_NE(errors().find("--dlt-file-limit wants a positive number of bytes, not 0"), std::string::npos);
+    EXPECT_EQ(run({"--ecu", "ECU12"}), 2);
+    EXPECT_NE(errors().find("--ecu wants an ID of 1 to 4 characters, not ECU12"), std::string::npos);
+    EXPECT_EQ(run({"--ecu", ""}), 2);
+    EXPECT_EQ(run({"--dlt-file", ""}), 2);
+    EXPECT_EQ(run({"--app-file-dir", ""}), 2);
+    EXPECT_EQ(run({"--help"}), 0);
+    for (const char* option : {"--quiet", "--dlt-file PATH", "--dlt-file-limit BYTES", "--dlt-port PORT",
+                               "--dlt-bind ADDR", "--ecu ID", "--app-file-dir DIR"}) {
+        EXPECT_NE(output().find(option), std::string::npos) << option;
+    }
     EXPECT_NE(::access(lock_file_.c_str(), F_OK), 0);  // none of them took the listener role
 }
 
