@@ -316,6 +316,20 @@ protected:
     std::vector<std::string> files_;     // further files to remove
     std::vector<std::string> dirs_;      // further directories to remove (after the files)
 
+    // Announces `app`, waits until the monitor attached it and registers it under `id` with
+    // the context CTX (handle 1, level info); `request` (if any) follows the registrations.
+    void attach_registered(Test_application& app, const char* id, const Bytes& request = {})
+    {
+        segments_.push_back(app.name());
+        ASSERT_TRUE(app.announce());
+        ASSERT_TRUE(app.wait_attached());
+        ASSERT_TRUE(app.send_priority(records(Logferry_register_app(id, ""))));
+        ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "CTX", ""))));
+        if (!request.empty()) {
+            ASSERT_TRUE(app.send_priority(request));
+        }
+    }
+
     // A file in the test's directory, removed at the end.
     std::string file(const std::string& name)
     {
@@ -1300,16 +1314,8 @@ TEST_F(Monitor, DltClientsComeGoStallAndMisbehaveWhileTwoApplicationsLog)
 
     Test_application one("DUA");
     Test_application two("DUB");
-    segments_.push_back(one.name());
-    segments_.push_back(two.name());
-    for (Test_application* app : {&one, &two}) {
-        ASSERT_TRUE(app->announce());
-        ASSERT_TRUE(app->wait_attached());
-    }
-    ASSERT_TRUE(one.send_priority(records(Logferry_register_app("DUA", "first"))));
-    ASSERT_TRUE(one.send_priority(records(Logferry_register_context(4, 1, "CTX", ""))));
-    ASSERT_TRUE(two.send_priority(records(Logferry_register_app("DUB", "second"))));
-    ASSERT_TRUE(two.send_priority(records(Logferry_register_context(4, 1, "CTX", ""))));
+    attach_registered(one, "DUA");
+    attach_registered(two, "DUB");
     one.release();
     two.release();
 
@@ -1416,11 +1422,7 @@ TEST_F(Monitor, ApplicationFileRequestsStayInsideTheDirectory)
     dirs_.push_back(app_dir);
     start_monitor({"--app-file-dir", app_dir});
     Test_application app("FIL");
-    segments_.push_back(app.name());
-    ASSERT_TRUE(app.announce());
-    ASSERT_TRUE(app.wait_attached());
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("FIL", ""))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "CTX", ""))));
+    attach_registered(app, "FIL");
     const auto ask = [&](const std::string& name) {
         Logferry_init_file request;
         std::copy(name.begin(), name.end(), request.file_name.begin());
@@ -1504,18 +1506,8 @@ TEST_F(Monitor, LocalPrintAndDisableRemoteTakeEffect)
 
     Test_application printing("LPA");
     Test_application local("DRB");
-    segments_.push_back(printing.name());
-    segments_.push_back(local.name());
-    for (Test_application* app : {&printing, &local}) {
-        ASSERT_TRUE(app->announce());
-        ASSERT_TRUE(app->wait_attached());
-    }
-    ASSERT_TRUE(printing.send_priority(records(Logferry_register_app("LPA", ""))));
-    ASSERT_TRUE(printing.send_priority(records(Logferry_register_context(4, 1, "CTX", ""))));
-    ASSERT_TRUE(printing.send_priority(records(Logferry_enable_local_print())));
-    ASSERT_TRUE(local.send_priority(records(Logferry_register_app("DRB", ""))));
-    ASSERT_TRUE(local.send_priority(records(Logferry_register_context(4, 1, "CTX", ""))));
-    ASSERT_TRUE(local.send_priority(records(Logferry_disable_remote())));
+    attach_registered(printing, "LPA", records(Logferry_enable_local_print()));
+    attach_registered(local, "DRB", records(Logferry_disable_remote()));
     printing.release();
     local.release();
     ASSERT_TRUE(local.log(records(start(1, 4, 1), int32(1, 42), finish(1))));
@@ -1546,11 +1538,7 @@ TEST_F(Monitor, DltFileRotatesWithoutSplittingAMessage)
     }
     start_monitor({"--dlt-file", stored, "--dlt-file-limit", "1000"});
     Test_application app("ROT");
-    segments_.push_back(app.name());
-    ASSERT_TRUE(app.announce());
-    ASSERT_TRUE(app.wait_attached());
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_app("ROT", ""))));
-    ASSERT_TRUE(app.send_priority(records(Logferry_register_context(4, 1, "CTX", ""))));
+    attach_registered(app, "ROT");
     app.release();
     constexpr int COUNT = 60;
     for (int n = 0; n < COUNT; ++n) {
