@@ -55,6 +55,7 @@ Dlt_output::Dlt_output(Dlt_options options, logferry_collector::Collector& colle
 {
     logferry_collector::to_dlt_id(options_.ecu, ecu_);
     std::memcpy(server_.ecu, ecu_, 4);
+    std::memcpy(file_.ecu, ecu_, 4);
 }
 
 bool Dlt_output::open()
@@ -92,8 +93,8 @@ void Dlt_output::message(const logferry_collector::Application& application,
     }
     const std::uint32_t seconds = message.received_seconds;
     const std::int32_t microseconds = message.received_microseconds;
-    if (to_file && !file_.write(buffer_, size, seconds, microseconds, ecu_)) {
-        collector_.note("error", "DLT file: " + file_.error);
+    if (to_file) {
+        file_.write(buffer_, size, seconds, microseconds);
     }
     if (app_file != app_files_.end() && !app_file->second->write(buffer_, size, seconds, microseconds, ecu_)) {
         collector_.note("error", application.label() + " file: " + app_file->second->error);
@@ -133,8 +134,10 @@ void Dlt_output::detached(const logferry_collector::Application& application)
 
 void Dlt_output::flush()
 {
-    if (file_.is_open() && !file_.flush()) {
-        collector_.note("error", "DLT file: " + file_.error);
+    file_.hand_over();
+    const std::string failure = file_.take_error();
+    if (!failure.empty()) {
+        collector_.note("error", "DLT file: " + failure);
     }
     for (auto& entry : app_files_) {
         entry.second->flush();
@@ -220,7 +223,6 @@ void Dlt_output::control(int client, const logferry_dlt::Control_request& reques
 
 void Dlt_output::close()
 {
-    file_.flush();
     file_.close();
     for (auto& entry : app_files_) {
         entry.second->close();

@@ -15,6 +15,7 @@
 #include "dlt_file.hpp"
 #include "dlt_message.hpp"
 #include "dlt_tcp.hpp"
+#include "file_thread.hpp"
 
 namespace logferry_monitor {
 
@@ -67,7 +68,7 @@ private:
     Dlt_options options_;
     logferry_collector::Collector& collector_;
     char ecu_[4] = {};
-    logferry_dlt::File_writer file_;
+    File_thread file_;
     logferry_dlt::Tcp_server server_;
     std::map<std::string, std::unique_ptr<logferry_dlt::File_writer>> app_files_;  // by channel
     std::int8_t default_level_ = 4;
