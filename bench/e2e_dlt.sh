@@ -5,7 +5,7 @@
 #   saturating  one application as fast as it can for 5 s
 #   paced-1     one application at 300 000 messages/s for 10 s
 #   paced-8     8 applications at 30 000 messages/s each for 10 s
-#   idle        the monitor with nothing to do for 5 s
+#   idle        the monitor with nothing to do for 5 s (also with a DLT port open)
 # For each: messages sent, delivered into the DLT file (and per second), discarded (the
 # library's own count), CPU of the monitor and of the applications.
 # Uses the system-wide listener name: run it under `flock /tmp/lf-listener.flock`.
@@ -29,7 +29,7 @@ cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 
 start_monitor() {
     rm -f "$work"/out.dlt*
-    "$monitor" --quiet --dlt-file "$work/out.dlt" >"$work/monitor.txt" 2>&1 &
+    "$monitor" --quiet --dlt-file "$work/out.dlt" "$@" >"$work/monitor.txt" 2>&1 &
     monitor_pid=$!
     for _ in $(seq 100); do
         [ -e "$work/ara_DLT/logferry-daemon-listener.lock" ] && break
@@ -81,4 +81,8 @@ start_monitor
 sleep 5
 stop_monitor
 echo "idle        monitor cpu ${monitor_cpu}s in 5 s ($(awk -v c="$monitor_cpu" 'BEGIN {printf "%.1f", c / 5 * 100}') % of a core)"
+start_monitor --dlt-port 0
+sleep 5
+stop_monitor
+echo "idle+port   monitor cpu ${monitor_cpu}s in 5 s ($(awk -v c="$monitor_cpu" 'BEGIN {printf "%.1f", c / 5 * 100}') % of a core)"
 echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)"
