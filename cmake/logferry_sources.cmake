@@ -27,4 +27,7 @@ set(LOGFERRY_FRONTEND_SOURCES
   ${LOGFERRY_SOURCE_ROOT}/src/frontend/state.cpp)
 
 set(LOGFERRY_JX_OSAL_SOURCES ${LOGFERRY_SOURCE_ROOT}/platform/jx_osal/jx_osal.cpp)
-set(LOGFERRY_DECODER_SOURCES ${LOGFERRY_SOURCE_ROOT}/tools/decoder/decoder.cpp)
+set(LOGFERRY_DECODER_SOURCES ${LOGFERRY_SOURCE_ROOT}/tools/decoder/decoder.cpp
+  ${LOGFERRY_SOURCE_ROOT}/tools/decoder/message_view.cpp)
+set(LOGFERRY_DLT_SOURCES ${LOGFERRY_SOURCE_ROOT}/tools/dlt/dlt_message.cpp ${LOGFERRY_SOURCE_ROOT}/tools/dlt/dlt_control.cpp
+  ${LOGFERRY_SOURCE_ROOT}/tools/dlt/dlt_file.cpp ${LOGFERRY_SOURCE_ROOT}/tools/dlt/dlt_tcp.cpp)

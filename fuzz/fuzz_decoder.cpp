@@ -7,7 +7,9 @@
 // admits (priority kinds in the priority area; a log message ends with its finish record and
 // all its records belong to the finish record's stream), no field holds more bytes than its
 // record, a failed decode reports an error at an offset within the input and returns no
-// records for a ring unit, and every error can be described.
+// records for a ring unit, and every error can be described. The in-place reading of a log
+// message (message_view.hpp) agrees with the ring-unit decode on what the unit is and on the
+// number of its arguments, whose texts and payloads stay inside the input or the decoder's copy.
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -15,6 +17,7 @@
 #include "decoder.hpp"
 #include "harness_support.hpp"
 #include "logferry/message.hpp"
+#include "message_view.hpp"
 #include "wire/wire.hpp"
 
 namespace {
@@ -112,6 +115,27 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         expect(unit.shape == logferry_decoder::Unit_shape::invalid && unit.records.empty(),
                "decode_ring_unit: failure with records");
         check_error(unit.error, size, "decode_ring_unit");
+    }
+
+    static logferry_decoder::Message_view view;
+    const bool message = view.read(data, size);
+    expect(message == (unit.shape == logferry_decoder::Unit_shape::log_message),
+           "Message_view: disagrees with decode_ring_unit on whether this is a log message");
+    if (message) {
+        std::size_t arguments = 0;
+        for (const Record& record : unit.records) {
+            arguments += logferry_decoder::is_argument_kind(record.kind) ? 1 : 0;
+        }
+        expect(view.arg_count == arguments, "Message_view: " + std::to_string(view.arg_count) + " arguments, " +
+                                                std::to_string(arguments) + " argument records");
+        for (std::size_t i = 0; i < view.arg_count; ++i) {
+            const auto& arg = view.args[i];
+            expect(arg.size <= size, "Message_view: an argument larger than its unit");
+            if (arg.size != 0) {
+                volatile unsigned char last = arg.data[arg.size - 1];  // within a live buffer (ASan checks)
+                static_cast<void>(last);
+            }
+        }
     }
     return 0;
 }

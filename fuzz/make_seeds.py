@@ -219,6 +219,46 @@ def daemon_message():
     write(h, "short-update", filters + message([24]) + message([24, 2]) + message([24, 2, 0x2A, 0, 0]))
 
 
+# --- fuzz_dlt_encoder / fuzz_dlt_control ------------------------------------------------
+def dlt_argument(kind, width, fmt, value, data=b"", size=None):
+    return (bytes([kind, width, fmt, 1]) + struct.pack("<Q", value & 0xFFFFFFFFFFFFFFFF)
+            + struct.pack("<d", 1.5) + u16(size if size is not None else len(data)) + bytes([len(data)]) + bytes(data))
+
+
+def dlt_message(capacity, args, level=4):
+    return (u16(capacity) + bytes([level, 7]) + u32(0x12345) + u32(4321) + b"ECU1APP1CTX1"
+            + bytes([len(args)]) + b"".join(args))
+
+
+def dlt_encoder():
+    h = "fuzz_dlt_encoder"
+    every = [dlt_argument(kind, kind % 4, kind % 7, -5 if kind == 1 else 0xA5, b"hello" if kind >= 5 else b"")
+             for kind in range(9)]
+    write(h, "every-kind", dlt_message(0xFFFF, every))
+    write(h, "formats", dlt_message(0xFFFF, [dlt_argument(2, w, f, 0xBEEF) for w in range(4) for f in range(7)]))
+    write(h, "too-small", dlt_message(40, every[:3]))
+    write(h, "odd-width", dlt_message(0xFFFF, [dlt_argument(1, 24, 0, 1)]))
+    write(h, "too-long", dlt_message(0xFFFF, [dlt_argument(5, 0, 0, 0, b"x" * 8, size=40000)] * 2, level=1))
+
+
+def dlt_request(payload, htyp=0x25):
+    length = 18 + len(payload)
+    return bytes([htyp, 0]) + struct.pack(">H", length) + b"ECU1" + bytes([0x16, 0]) + b"APP\0CON\0" + payload
+
+
+def dlt_control():
+    h = "fuzz_dlt_control"
+    set_level = u32(1) + b"APP1CTX1" + bytes([5]) + b"remo"
+    write(h, "set-log-level", dlt_request(set_level))
+    write(h, "big-endian", dlt_request(struct.pack(">I", 1) + b"APP1CTX1" + bytes([5]) + b"remo", 0x27))
+    write(h, "several", dlt_request(u32(3) + bytes([7]) + b"APP1CTX1remo") + dlt_request(u32(0x11) + bytes([2]) + b"remo")
+          + dlt_request(u32(0x13)) + dlt_request(u32(0xF22)))
+    write(h, "truncated", dlt_request(set_level)[:25])
+    write(h, "bad-parameters", dlt_request(u32(1) + b"APP1") + dlt_request(u32(1) + b"APP1CTX1" + bytes([9])))
+    write(h, "garbage", b"GET / HTTP/1.0\r\n\r\n")
+    write(h, "serial-header", b"DLS\x01" + dlt_request(set_level))
+
+
 def main():
     liveness()
     daemon_message()
@@ -227,6 +267,8 @@ def main():
     listener()
     deserialize()
     decoder()
+    dlt_encoder()
+    dlt_control()
     return 0
 
 

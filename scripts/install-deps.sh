@@ -2,6 +2,8 @@
 # Installs what building, testing and the demo need, from Debian's packages, when missing.
 set -euo pipefail
 packages=(cmake g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev binutils)
+# The DLT tools read back what the daemon side writes and sends (tests only).
+packages+=(dlt-tools)
 packages+=("$@")
 missing=()
 for p in "${packages[@]}"; do

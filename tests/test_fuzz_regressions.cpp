@@ -25,6 +25,8 @@ extern "C" int fuzz_listener_entry(const std::uint8_t* data, std::size_t size);
 extern "C" int fuzz_deserialize_entry(const std::uint8_t* data, std::size_t size);
 extern "C" int fuzz_daemon_message_entry(const std::uint8_t* data, std::size_t size);
 extern "C" int fuzz_decoder_entry(const std::uint8_t* data, std::size_t size);
+extern "C" int fuzz_dlt_encoder_entry(const std::uint8_t* data, std::size_t size);
+extern "C" int fuzz_dlt_control_entry(const std::uint8_t* data, std::size_t size);
 
 namespace {
 
@@ -90,3 +92,7 @@ TEST(FuzzRegressions, Deserialize) { EXPECT_GT(replay("fuzz_deserialize", fuzz_d
 TEST(FuzzRegressions, DaemonMessage) { EXPECT_GT(replay("fuzz_daemon_message", fuzz_daemon_message_entry), 0u); }
 
 TEST(FuzzRegressions, Decoder) { EXPECT_GT(replay("fuzz_decoder", fuzz_decoder_entry), 0u); }
+
+TEST(FuzzRegressions, DltEncoder) { EXPECT_GT(replay("fuzz_dlt_encoder", fuzz_dlt_encoder_entry), 0u); }
+
+TEST(FuzzRegressions, DltControl) { EXPECT_GT(replay("fuzz_dlt_control", fuzz_dlt_control_entry), 0u); }

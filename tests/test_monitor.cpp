@@ -2,11 +2,15 @@
 // channel created with Logferry_client and announced through an application-side
 // listener, fed with serialized records exactly as the front end would feed it.
 
+#include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -14,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -30,6 +35,7 @@
 #include "logferry/client.hpp"
 #include "logferry/listener.hpp"
 #include "logferry/message.hpp"
+#include "support/dlt_tools.hpp"
 #include "support/record_bytes.hpp"
 #include "support/runstate_dir.hpp"
 #include "support/test_util.hpp"
@@ -234,12 +240,12 @@ protected:
     }
 
     // Starts the monitor and waits until it holds the listener.
-    void start_monitor(const std::vector<std::string>& arguments = {})
+    void start_monitor(const std::vector<std::string>& arguments = {}, const std::string& ready = "-- listening")
     {
         ::unlink(out_.c_str());  // no readiness line of an earlier run
         pid_ = launch(arguments, out_, err_);
         ASSERT_GT(pid_, 0);
-        ASSERT_TRUE(wait_for("-- listening")) << output() << errors();
+        ASSERT_TRUE(wait_for(ready)) << output() << errors();
     }
 
     // Sends `signal` and returns the monitor's wait status (-1 when it did not end).
@@ -275,6 +281,30 @@ protected:
     int pid_ = -1;
     int second_pid_ = -1;
     std::vector<std::string> segments_;  // channel segments to remove in any case
+
+    // Announces `app`, waits until the monitor attached it and registers it under `id` with
+    // the context CTX (handle 1, level info); `request` (if any) follows the registrations.
+    void attach_registered(Test_application& app, const char* id, const Bytes& request = {})
+    {
+        segments_.push_back(app.name());
+        ASSERT_TRUE(app.announce());
+        ASSERT_TRUE(app.wait_attached());
+        ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app(id, ""))));
+        ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1, "CTX", ""))));
+        if (!request.empty()) {
+            ASSERT_TRUE(app.send_priority(request));
+        }
+    }
+
+    // A file in the test's directory (removed with it).
+    std::string file(const std::string& name) const { return dir_ + "/" + name; }
+    // The port the monitor printed for --dlt-port 0.
+    std::string dlt_port()
+    {
+        std::smatch match;
+        const std::string text = output();
+        return std::regex_search(text, match, std::regex("-- dlt-port   ([0-9]+)\n")) ? match.str(1) : "";
+    }
 };
 
 // ----------------------------------------------------------------------------------------
@@ -369,6 +399,7 @@ TEST_F(Monitor, TranscriptOfOneApplication)
         "-- context    TAPP AUX handle=2 level=warn \"Aux context\"\n"
         "-- control    TAPP enable-local-print\n"
         "-- control    TAPP init-file \"/tmp/test app.log\"\n"
+        "-- refused    TAPP init-file \"/tmp/test app.log\": no --app-file-dir\n"
         "-- control    TAPP disable-remote\n"
         "<ts> TAPP MAIN info    \"hello, monitor\" true -5 -300 70000 -9000000000 200 0xbeef 010 0b101 0xABCDEF "
         "4660 [34 12] 3.25 -0.1 [de ad be ef] encoded[01 02]\n"
@@ -944,7 +975,6 @@ TEST_F(Monitor, TwoExampleApplicationsAtOnce)
     EXPECT_EQ(errors(), "");
 }
 
-#ifdef LOGFERRY_ARA_COMPAT_DIR
 // Runs one of the ara::log compatibility applications with `environment` added, waits for it
 // to end with status 0 and for the monitor to detach, and returns the monitor's transcript
 // with times and channel names masked.
@@ -1013,7 +1043,6 @@ TEST_F(Ara_compat, ApplicationWithoutInitLoggingTakesItsIdentityFromTheEnvironme
                               "-- detach     CMP2 <channel> (closed its channel)\n"
                               "-- stopped    signal: 4 log messages from 1 application\n");
 }
-#endif
 
 // An application that keeps logging while the monitor is stopped and started again: the
 // new monitor gets the registrations replayed, then every message, none lost across the
@@ -1108,7 +1137,526 @@ TEST_F(Monitor, UsageErrorsAndHelp)
     EXPECT_EQ(run({"--say"}), 2);
     EXPECT_EQ(run({"--frobnicate"}), 2);
     EXPECT_NE(errors().find("unknown option --frobnicate"), std::string::npos);
+    EXPECT_EQ(run({"--dlt-port", "65536"}), 2);
+    EXPECT_NE(errors().find("--dlt-port wants a port number (0 to 65535), not 65536"), std::string::npos);
+    EXPECT_EQ(run({"--dlt-port", "http"}), 2);
+    EXPECT_EQ(run({"--dlt-file-limit", "0"}), 2);
+    EXPECT_NE(errors().find("--dlt-file-limit wants a positive number of bytes, not 0"), std::string::npos);
+    EXPECT_EQ(run({"--ecu", "ECU12"}), 2);
+    EXPECT_NE(errors().find("--ecu wants an ID of 1 to 4 characters, not ECU12"), std::string::npos);
+    EXPECT_EQ(run({"--ecu", ""}), 2);
+    EXPECT_EQ(run({"--dlt-file", ""}), 2);
+    EXPECT_EQ(run({"--app-file-dir", ""}), 2);
+    EXPECT_EQ(run({"--help"}), 0);
+    for (const char* option : {"--quiet", "--dlt-file PATH", "--dlt-file-limit BYTES", "--dlt-port PORT",
+                               "--dlt-bind ADDR", "--ecu ID", "--app-file-dir DIR"}) {
+        EXPECT_NE(output().find(option), std::string::npos) << option;
+    }
     EXPECT_NE(::access(lock_file_.c_str(), F_OK), 0);  // none of them took the listener role
+}
+
+// ---------------------------------------------------------------------------------------
+// The DLT outputs, checked with the DLT tools of the system (external clients).
+
+using logferry_test::Dlt_bytes;
+
+// Bytes of a DLT standard header: 4, plus ECU ID, session ID and timestamp when present.
+std::size_t dlt_header_size(const Dlt_bytes& message)
+{
+    const unsigned char htyp = message[0];
+    return 4 + ((htyp & 0x04) != 0 ? 4 : 0) + ((htyp & 0x08) != 0 ? 4 : 0) + ((htyp & 0x10) != 0 ? 4 : 0);
+}
+
+// A log message (extended header present, message type 0), not a control message.
+bool is_dlt_log(const Dlt_bytes& message)
+{
+    const std::size_t at = dlt_header_size(message);
+    return (message[0] & 0x01) != 0 && message.size() > at && ((message[at] >> 1) & 0x07) == 0;
+}
+
+std::uint32_t dlt_session_id(const Dlt_bytes& message)
+{
+    const std::size_t at = 4 + ((message[0] & 0x04) != 0 ? 4 : 0);
+    return static_cast<std::uint32_t>(message[at]) << 24 | static_cast<std::uint32_t>(message[at + 1]) << 16 |
+           static_cast<std::uint32_t>(message[at + 2]) << 8 | message[at + 3];
+}
+
+std::vector<Dlt_bytes> dlt_logs(const std::vector<Dlt_bytes>& messages)
+{
+    std::vector<Dlt_bytes> logs;
+    for (const Dlt_bytes& message : messages) {
+        if (is_dlt_log(message)) {
+            logs.push_back(message);
+        }
+    }
+    return logs;
+}
+
+std::vector<Dlt_bytes> dlt_file_logs(const std::string& path, bool* complete = nullptr)
+{
+    return dlt_logs(logferry_test::split_dlt_file(logferry_test::read_file_bytes(path), complete));
+}
+
+// dlt-convert -a of a file, log messages only, with the line number, the reception time and
+// the time stamp masked.
+std::string dlt_convert(const std::string& path)
+{
+    const std::string printed = logferry_test::run_command(logferry_test::find_program("dlt-convert") + " -a " + path);
+    static const std::regex head(R"(^\d+ \d{4}/\d{2}/\d{2} \d{2}:\d{2}:\d{2}\.\d{6} +\d+ )");
+    std::string out;
+    for (const std::string& line : split_lines(printed)) {
+        if (line.find(" log ") != std::string::npos) {
+            out += std::regex_replace(line, head, "<n> <time> <ts> ") + "\n";
+        }
+    }
+    return out;
+}
+
+bool have_dlt_tools()
+{
+    return !logferry_test::find_program("dlt-receive").empty() && !logferry_test::find_program("dlt-convert").empty() &&
+           !logferry_test::find_program("dlt-control").empty();
+}
+
+#define REQUIRE_DLT_TOOLS()                                                                    \
+    if (!have_dlt_tools()) {                                                                   \
+        GTEST_SKIP() << "dlt-tools (dlt-receive, dlt-convert, dlt-control) is not installed; " \
+                        "scripts/install-deps.sh installs it";                                 \
+    }
+
+// A TCP connection to the monitor's DLT port.
+int connect_dlt(const std::string& port, int receive_buffer = 0)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (fd >= 0 && receive_buffer != 0) {
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(port)));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        return -1;
+    }
+    return fd;
+}
+
+// The example under the monitor with a DLT file and a DLT port, dlt-receive connected: both
+// files hold the same messages, byte for byte, and dlt-convert shows them as the expected
+// transcript (tests/data/example.dlt.txt; LOGFERRY_REGENERATE=1 rewrites it).
+TEST_F(Monitor, ExampleThroughDltFileAndPortMatchesTheTranscript)
+{
+    REQUIRE_DLT_TOOLS();
+    const std::string stored = file("stored.dlt");
+    const std::string received = file("received.dlt");
+    start_monitor({"--level", "MAIN=debug", "--dlt-file", stored, "--dlt-port", "0"});
+    const std::string port = dlt_port();
+    ASSERT_FALSE(port.empty()) << output();
+    const int receiver =
+        run_program(logferry_test::find_program("dlt-receive"), {"-o", received, "-p", port, "127.0.0.1"},
+                    file("receive.out"), file("receive.err"));
+    ASSERT_TRUE(wait_for("-- client ")) << output();
+    const int example = run_program(LOGFERRY_EXAMPLE_PATH, {}, file("example.out"), file("example.err"));
+    const int status = logferry_test::wait_child(example, milliseconds(20000));
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ASSERT_TRUE(wait_for("-- detach")) << output();
+    // The example logs four messages: three through ara::log, one through the free functions.
+    ASSERT_TRUE(wait_until([&] { return dlt_file_logs(received).size() == 4; })) << output();
+    ::kill(receiver, SIGTERM);
+    logferry_test::wait_child(receiver);
+    EXPECT_EQ(stop_monitor(), 0);
+
+    bool complete = false;
+    const std::vector<Dlt_bytes> file_messages = dlt_file_logs(stored, &complete);
+    EXPECT_TRUE(complete);
+    ASSERT_EQ(file_messages.size(), 4U);
+    EXPECT_EQ(dlt_file_logs(received), file_messages);
+    for (const Dlt_bytes& message : file_messages) {
+        EXPECT_EQ(dlt_session_id(message), static_cast<std::uint32_t>(example));  // the process id
+    }
+
+    const std::string transcript = dlt_convert(stored);
+    EXPECT_EQ(dlt_convert(received), transcript);
+    const std::string expected_path = std::string(LOGFERRY_TEST_DATA_DIR) + "/example.dlt.txt";
+    const char* regenerate = std::getenv("LOGFERRY_REGENERATE");
+    if (regenerate != nullptr && std::string(regenerate) == "1") {
+        std::ofstream(expected_path) << transcript;
+    }
+    EXPECT_EQ(transcript, read_file(expected_path));
+}
+
+// dlt-control sets a context's level; the application's is_log_level_enabled follows
+// within a second.
+TEST_F(Monitor, DltControlSetsTheLevelTheApplicationSees)
+{
+    REQUIRE_DLT_TOOLS();
+    start_monitor({"--dlt-port", "0"});
+    const std::string port = dlt_port();
+    ASSERT_FALSE(port.empty()) << output();
+    const std::string enabled_file = file("enabled");
+    const int application = logferry_test::fork_child([&] {
+        logferry::listener.lock_listener_name = lock_file_;
+        logferry::set_app_identifier("CTL");
+        logferry::init();
+        if (!logferry::register_app("CTL", "controlled") || !logferry::register_context(1, "LEV", "level", 4) ||
+            logferry::is_log_level_enabled(1, 6)) {
+            return 2;
+        }
+        const bool enabled = wait_until([] { return logferry::is_log_level_enabled(1, 6); }, milliseconds(20000));
+        if (enabled) {
+            std::ofstream(enabled_file) << "yes";
+        }
+        logferry::exit();
+        return enabled ? 0 : 3;
+    });
+    ASSERT_GT(application, 0);
+    ASSERT_TRUE(wait_for("-- context    CTL LEV handle=1 level=info")) << output();
+    const int control = run_program(logferry_test::find_program("dlt-control"),
+                                    {"-p", port, "-l", "6", "-a", "CTL", "-c", "LEV", "127.0.0.1"}, file("control.out"),
+                                    file("control.err"));
+    ASSERT_TRUE(wait_for("-- set-level  CTL LEV handle=1 level=verbose\n")) << output();
+    struct stat info {};
+    EXPECT_TRUE(wait_until([&] { return ::stat(enabled_file.c_str(), &info) == 0; }, milliseconds(1000)));
+    const int status = logferry_test::wait_child(application, milliseconds(20000));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    logferry_test::wait_child(control);
+    EXPECT_NE(output().find("-- client     set-log-level CTL LEV level=6: 1 context\n"), std::string::npos) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+}
+
+// Two applications at once, a viewer that connects mid-stream, a client that never reads
+// and one that sends garbage: the file gets everything, the viewer everything from when it
+// connected, and nothing stalls.
+TEST_F(Monitor, DltClientsComeGoStallAndMisbehaveWhileTwoApplicationsLog)
+{
+    REQUIRE_DLT_TOOLS();
+    const std::string stored = file("stored.dlt");
+    const std::string received = file("received.dlt");
+    start_monitor({"--dlt-file", stored, "--dlt-port", "0"});
+    const std::string port = dlt_port();
+    ASSERT_FALSE(port.empty()) << output();
+
+    // A client that never reads.
+    const int stalled = connect_dlt(port, 4096);
+    ASSERT_GE(stalled, 0);
+
+    Test_application one("DUA");
+    Test_application two("DUB");
+    attach_registered(one, "DUA");
+    attach_registered(two, "DUB");
+    one.release();
+    two.release();
+
+    // Messages of about 11 KB (eight texts of 1389 bytes), so that the stalled client's
+    // backlog overflows.
+    const std::string filler(1389, 'x');
+    const auto message = [&](std::uint32_t n) {
+        Bytes bytes = bytes_of(start(n, 4, 1), int32(n, static_cast<std::int32_t>(n)));
+        for (int i = 0; i < 8; ++i) {
+            const Bytes part = bytes_of(make_text(n, filler));
+            bytes.insert(bytes.end(), part.begin(), part.end());
+        }
+        const Bytes end = bytes_of(make_finish(n));
+        bytes.insert(bytes.end(), end.begin(), end.end());
+        return bytes;
+    };
+    // Paced by the DLT file: each message of both is in it before the next ones go out (all
+    // messages have the same size).
+    std::size_t entry_size = 0;
+    const auto stored_size = [&] {
+        struct stat info {};
+        return ::stat(stored.c_str(), &info) == 0 ? static_cast<std::size_t>(info.st_size) : std::size_t{0};
+    };
+    const auto log_both = [&](std::uint32_t first, std::uint32_t count) {
+        for (std::uint32_t n = first; n < first + count; ++n) {
+            for (Test_application* app : {&one, &two}) {
+                app->stamp();
+                EXPECT_TRUE(app->log(message(n)));
+            }
+            if (entry_size == 0) {
+                ASSERT_TRUE(wait_until([&] { return dlt_file_logs(stored).size() == 2; }));
+                entry_size = stored_size() / 2;
+            }
+            ASSERT_TRUE(wait_until([&] { return stored_size() >= 2 * (n + 1) * entry_size; })) << n;
+        }
+    };
+    log_both(0, 10);
+
+    // A viewer connects mid-stream; garbage arrives on another connection.
+    const int receiver =
+        run_program(logferry_test::find_program("dlt-receive"), {"-o", received, "-p", port, "127.0.0.1"},
+                    file("receive.out"), file("receive.err"));
+    const int garbage = connect_dlt(port);
+    ASSERT_GE(garbage, 0);
+    const char junk[] = "GET / HTTP/1.0\r\n\r\nthis is not DLT at all, not even close";
+    ASSERT_EQ(::write(garbage, junk, sizeof junk), static_cast<ssize_t>(sizeof junk));
+    // The garbage sender is disconnected: its reads end.
+    EXPECT_TRUE(wait_until([&] {
+        char buffer[4096];
+        const ssize_t n = ::recv(garbage, buffer, sizeof buffer, MSG_DONTWAIT);
+        return n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK);
+    }));
+    ::close(garbage);
+    // dlt-receive has connected when it got its first keep-alive.
+    ASSERT_TRUE(
+        wait_until([&] { return !logferry_test::split_dlt_file(logferry_test::read_file_bytes(received)).empty(); }));
+    log_both(10, 600);
+    ASSERT_TRUE(wait_until([&] { return dlt_file_logs(received).size() == 2 * 600; }))
+        << dlt_file_logs(received).size();
+    ::kill(receiver, SIGTERM);
+    logferry_test::wait_child(receiver);
+
+    const std::vector<Dlt_bytes> all = dlt_file_logs(stored);
+    ASSERT_EQ(all.size(), 2U * 610U);
+    // The viewer got exactly the messages from its connection on, in the same order.
+    EXPECT_EQ(dlt_file_logs(received), std::vector<Dlt_bytes>(all.begin() + 2 * 10, all.end()));
+    // Both applications, each in its own order.
+    std::map<std::string, std::uint32_t> next;
+    for (const Dlt_bytes& m : all) {
+        // Extended header: message info, argument count, application ID, context ID.
+        const std::string app(m.begin() + static_cast<long>(dlt_header_size(m)) + 2,
+                              m.begin() + static_cast<long>(dlt_header_size(m)) + 6);
+        ++next[app];
+    }
+    EXPECT_EQ(next[std::string("DUA", 4)], 610U);
+    EXPECT_EQ(next[std::string("DUB", 4)], 610U);
+    // The client that never read was disconnected once its backlog was full: what it can
+    // still read ends.
+    std::size_t stalled_bytes = 0;
+    EXPECT_TRUE(wait_until(
+        [&] {
+            for (;;) {
+                char buffer[65536];
+                const ssize_t n = ::recv(stalled, buffer, sizeof buffer, MSG_DONTWAIT);
+                if (n <= 0) {
+                    return n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+                }
+                stalled_bytes += static_cast<std::size_t>(n);
+            }
+        },
+        milliseconds(20000)))
+        << stalled_bytes;
+    EXPECT_LT(stalled_bytes, all.size() * entry_size);
+    ::close(stalled);
+    EXPECT_EQ(stop_monitor(), 0);
+}
+
+// Application requests: a file of a plain name inside --app-file-dir (or an absolute path
+// whose directory is exactly it) gets the application's messages; every other name is refused.
+TEST_F(Monitor, ApplicationFileRequestsStayInsideTheDirectory)
+{
+    const std::string app_dir = dir_ + "/files";
+    ASSERT_EQ(::mkdir(app_dir.c_str(), 0700), 0);
+    start_monitor({"--app-file-dir", app_dir});
+    Test_application app("FIL");
+    attach_registered(app, "FIL");
+    const auto ask = [&](const std::string& name) {
+        Logferry_init_file request;
+        std::copy(name.begin(), name.end(), request.file_name.begin());
+        return app.send_priority(bytes_of(request));
+    };
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {"", "empty file name"},
+        {"../escape.dlt", "file name with a slash"},
+        {"..", "file name with \"..\" or \".\""},
+        {"a..b", "file name with \"..\" or \".\""},
+        {"sub/dir.dlt", "file name with a slash"},
+        {"/tmp/elsewhere.dlt", "file name with a slash"},
+        {app_dir + "/../up.dlt", "file name with a slash"},
+        {std::string(65, 'n'), "file name longer than 64 characters"},
+        {"bell\a.dlt", "file name with a non-printable character"},
+        {"caf\xc3\xa9.dlt", "file name with a non-printable character"},
+    };
+    for (const auto& name : refused) {
+        ASSERT_TRUE(ask(name.first));
+        ASSERT_TRUE(wait_for(": " + name.second + "\n")) << name.first << "\n" << output();
+    }
+    ASSERT_TRUE(ask("plain.dlt"));
+    app.release();
+    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), int32(1, 41), make_finish(1))));
+    ASSERT_TRUE(wait_for("CTX  info    41\n")) << output();
+    ASSERT_TRUE(ask(app_dir + "/absolute.dlt"));
+    ASSERT_TRUE(app.log(bytes_of(start(2, 4, 1), int32(2, 42), make_finish(2))));
+    ASSERT_TRUE(wait_for("CTX  info    42\n")) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+
+    const std::string text = output();
+    std::size_t refusals = 0;
+    for (std::size_t at = text.find("-- refused    FIL init-file"); at != std::string::npos;
+         at = text.find("-- refused    FIL init-file", at + 1)) {
+        ++refusals;
+    }
+    EXPECT_EQ(refusals, refused.size()) << text;
+    EXPECT_EQ(dlt_file_logs(app_dir + "/plain.dlt").size(), 1U);
+    EXPECT_EQ(dlt_file_logs(app_dir + "/absolute.dlt").size(), 1U);
+    // Nothing else was created, inside the directory or next to it.
+    std::set<std::string> names;
+    for (const std::string& dir : {app_dir, dir_}) {
+        DIR* listing = ::opendir(dir.c_str());
+        ASSERT_NE(listing, nullptr);
+        for (dirent* entry = ::readdir(listing); entry != nullptr; entry = ::readdir(listing)) {
+            names.insert(dir + "/" + entry->d_name);
+        }
+        ::closedir(listing);
+    }
+    for (const std::string& name : names) {
+        EXPECT_EQ(name.find("escape"), std::string::npos) << name;
+        EXPECT_EQ(name.find("up.dlt"), std::string::npos) << name;
+    }
+    EXPECT_NE(::access("/tmp/elsewhere.dlt", F_OK), 0);
+}
+
+// Under --quiet only an application that asked for local printing shows up as text; one
+// that disabled remote output reaches the DLT file but no DLT client.
+TEST_F(Monitor, LocalPrintAndDisableRemoteTakeEffect)
+{
+    const std::string stored = file("stored.dlt");
+    start_monitor({"--quiet", "--dlt-file", stored, "--dlt-port", "0"}, "dlt-port ");
+    std::smatch match;
+    const std::string printed = output();
+    ASSERT_TRUE(std::regex_search(printed, match, std::regex("dlt-port ([0-9]+)\n"))) << printed;
+    const int client = connect_dlt(match.str(1));
+    ASSERT_GE(client, 0);
+    Bytes stream;
+    const auto read_client = [&] {
+        char buffer[65536];
+        for (ssize_t n = ::recv(client, buffer, sizeof buffer, MSG_DONTWAIT); n > 0;
+             n = ::recv(client, buffer, sizeof buffer, MSG_DONTWAIT)) {
+            stream.insert(stream.end(), buffer, buffer + n);
+        }
+        return dlt_logs(logferry_test::split_dlt_stream(stream));
+    };
+    // The first keep-alive: the monitor has taken the client on.
+    ASSERT_TRUE(wait_until([&] { return read_client(), !stream.empty(); }));
+
+    Test_application printing("LPA");
+    Test_application local("DRB");
+    attach_registered(printing, "LPA", bytes_of(Logferry_enable_local_print()));
+    attach_registered(local, "DRB", bytes_of(Logferry_disable_remote()));
+    printing.release();
+    local.release();
+    ASSERT_TRUE(local.log(bytes_of(start(1, 4, 1), int32(1, 42), make_finish(1))));
+    ASSERT_TRUE(printing.log(bytes_of(start(1, 4, 1), int32(1, 41), make_finish(1))));
+    ASSERT_TRUE(wait_until([&] { return dlt_file_logs(stored).size() == 2; }));
+    ASSERT_TRUE(wait_for("LPA  CTX  info    41\n")) << output();
+    ASSERT_TRUE(wait_until([&] { return read_client().size() == 1; }));
+    const std::vector<Dlt_bytes> file_messages = dlt_file_logs(stored);
+    const std::vector<Dlt_bytes> sent = read_client();
+    ASSERT_EQ(sent.size(), 1U);
+    const std::size_t app_at = dlt_header_size(sent[0]) + 2;
+    EXPECT_EQ(std::string(sent[0].begin() + static_cast<long>(app_at), sent[0].begin() + static_cast<long>(app_at) + 4),
+              std::string("LPA", 4));  // LPA's, not DRB's
+    EXPECT_NE(std::find(file_messages.begin(), file_messages.end(), sent[0]), file_messages.end());
+    ::close(client);
+    EXPECT_EQ(stop_monitor(), 0);
+    // Nothing else as text: no event lines, no message of DRB.
+    EXPECT_EQ(mask_timestamps(output()), "dlt-port " + match.str(1) + "\n<ts> LPA  CTX  info    41\n");
+}
+
+// With --dlt-file-limit the file rotates: every message is in exactly one of PATH, PATH.1, ...,
+// each file holds whole entries only and stays within the limit.
+TEST_F(Monitor, DltFileRotatesWithoutSplittingAMessage)
+{
+    const std::string stored = file("rotating.dlt");
+    for (int i = 1; i < 10; ++i) {
+        file("rotating.dlt." + std::to_string(i));
+    }
+    start_monitor({"--dlt-file", stored, "--dlt-file-limit", "1000"});
+    Test_application app("ROT");
+    attach_registered(app, "ROT");
+    app.release();
+    constexpr int COUNT = 60;
+    for (int n = 0; n < COUNT; ++n) {
+        ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), int32(1, n), make_text(1, "rotation"), make_finish(1))));
+        ASSERT_TRUE(wait_for("info    " + std::to_string(n) + " \"rotation\"\n")) << output();
+    }
+    EXPECT_EQ(stop_monitor(), 0);
+    // Oldest first: PATH.k ... PATH.1, PATH.
+    std::vector<Dlt_bytes> all;
+    int files = 0;
+    for (int i = 9; i >= 0; --i) {
+        const std::string path = i == 0 ? stored : stored + "." + std::to_string(i);
+        if (::access(path.c_str(), F_OK) != 0) {
+            continue;
+        }
+        ++files;
+        bool complete = false;
+        const std::vector<Dlt_bytes> messages = dlt_file_logs(path, &complete);
+        EXPECT_TRUE(complete) << path;
+        EXPECT_LE(logferry_test::read_file_bytes(path).size(), 1000U) << path;
+        all.insert(all.end(), messages.begin(), messages.end());
+    }
+    EXPECT_GT(files, 2);
+    ASSERT_EQ(all.size(), static_cast<std::size_t>(COUNT));
+    for (int n = 0; n < COUNT; ++n) {
+        // Payload: the int32 argument (type info 4 bytes, value 4 bytes, little-endian) first.
+        const Dlt_bytes& m = all[static_cast<std::size_t>(n)];
+        const std::size_t value = dlt_header_size(m) + 10 + 4;
+        EXPECT_EQ(m[value], static_cast<unsigned char>(n)) << n;
+    }
+}
+
+// The other control requests of DLT clients: get log info lists the applications and their
+// contexts, get software version names the monitor, set default log level reaches every
+// context, and a service the monitor does not offer is answered "not supported".
+TEST_F(Monitor, DltControlRequestsAreAnswered)
+{
+    REQUIRE_DLT_TOOLS();
+    start_monitor({"--dlt-port", "0"});
+    const std::string port = dlt_port();
+    ASSERT_FALSE(port.empty()) << output();
+    Test_application app("INF");
+    segments_.push_back(app.name());
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("INF", "informative"))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(3, 7, "CTXA", "first context"))));
+    const auto control = [&](const std::vector<std::string>& arguments) {
+        const std::string out = file("control.out");
+        std::vector<std::string> all = {"-p", port};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        all.push_back("127.0.0.1");
+        const int pid = run_program(logferry_test::find_program("dlt-control"), all, out, file("control.err"));
+        logferry_test::wait_child(pid, milliseconds(20000));
+        return read_file(out);
+    };
+    const std::string info = control({"-j"});
+    EXPECT_NE(info.find("APID:INF"), std::string::npos) << info;
+    EXPECT_NE(info.find("informative"), std::string::npos) << info;
+    EXPECT_NE(info.find("CTID:CTXA"), std::string::npos) << info;
+    EXPECT_NE(info.find("first context"), std::string::npos) << info;
+    const std::string version = control({"-k"});
+    EXPECT_NE(version.find("logferry-monitor " LOGFERRY_VERSION_TEXT), std::string::npos) << version;
+    control({"-d", "2"});
+    EXPECT_EQ(app.receive(), (Bytes{24, 2, 7, 0, 0, 0}));
+    ASSERT_TRUE(wait_for("-- client     set-default-log-level level=2: 1 context\n")) << output();
+
+    // Service 0x20 (not one the monitor offers), then a well-formed request the monitor answers.
+    const int client = connect_dlt(port);
+    ASSERT_GE(client, 0);
+    const Dlt_bytes request = logferry_test::client_request({0x20, 0x00, 0x00, 0x00});
+    ASSERT_EQ(::write(client, request.data(), request.size()), static_cast<ssize_t>(request.size()));
+    Bytes stream;
+    const Bytes expected_tail = {0x20, 0x00, 0x00, 0x00, 0x01};  // service, status "not supported"
+    EXPECT_TRUE(wait_until([&] {
+        char buffer[4096];
+        for (ssize_t n = ::recv(client, buffer, sizeof buffer, MSG_DONTWAIT); n > 0;
+             n = ::recv(client, buffer, sizeof buffer, MSG_DONTWAIT)) {
+            stream.insert(stream.end(), buffer, buffer + n);
+        }
+        for (const Dlt_bytes& message : logferry_test::split_dlt_stream(stream)) {
+            if (message.size() >= expected_tail.size() &&
+                std::equal(expected_tail.begin(), expected_tail.end(), message.end() - 5)) {
+                return true;
+            }
+        }
+        return false;
+    }));
+    ::close(client);
+    EXPECT_EQ(stop_monitor(), 0);
 }
 
 }  // namespace

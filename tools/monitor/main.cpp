@@ -22,8 +22,9 @@ const char usage[] =
     "\n"
     "Takes the log daemon's role for logferry applications: announced channels are\n"
     "attached, and every registration, control request and log message is printed as\n"
-    "one line on standard output. Stops on SIGINT or SIGTERM, removing the listener\n"
-    "segment and its lock file.\n"
+    "one line on standard output, and forwarded as a DLT (version 1, verbose) message\n"
+    "to a DLT file and to DLT clients on TCP when asked. Stops on SIGINT or SIGTERM,\n"
+    "removing the listener segment and its lock file.\n"
     "\n"
     "options:\n"
     "  --level CTX=LEVEL  send LEVEL (off, fatal, error, warn, info, debug, verbose or\n"
@@ -31,6 +32,23 @@ const char usage[] =
     "  --say TEXT         send TEXT and a line end to every application once attached\n"
     "  --count N          stop after N log messages\n"
     "  --duration S       stop after S seconds\n"
+    "  --quiet            no text output, except the messages of applications that\n"
+    "                     asked for local printing\n"
+    "  --dlt-file PATH    append every message to the DLT storage file PATH\n"
+    "  --dlt-file-limit BYTES\n"
+    "                     rotate the DLT file before it grows past BYTES: PATH is\n"
+    "                     renamed PATH.1 (PATH.1 to PATH.2, ...), keeping PATH and\n"
+    "                     PATH.1 to PATH.9; no message is split between two files\n"
+    "  --dlt-port PORT    serve DLT clients on TCP port PORT (conventionally 3490; 0\n"
+    "                     picks a free port, which is printed); each client receives\n"
+    "                     every message from when it connects, a keep-alive every\n"
+    "                     second, and answers to its control requests\n"
+    "  --dlt-bind ADDR    the address of the DLT port (default 127.0.0.1)\n"
+    "  --ecu ID           the ECU ID of the DLT messages, 1 to 4 characters (default LFER)\n"
+    "  --app-file-dir DIR an application's request to log to a file writes its\n"
+    "                     messages as DLT to that file inside DIR (a plain name of at\n"
+    "                     most 64 printable characters, or DIR/name); without DIR such\n"
+    "                     requests are refused\n"
     "  --help             show this text\n"
     "\n"
     "The lock file is $ADAPTIVE_RUNSTATE_DIR/ara_DLT/logferry-daemon-listener.lock, or\n"
@@ -69,6 +87,7 @@ bool parse_seconds(const std::string& text, double& value)
 int main(int argc, char** argv)
 {
     logferry_monitor::Options options;
+    options.dlt.version = "logferry-monitor " LOGFERRY_VERSION;
     for (int i = 1; i < argc; ++i) {
         std::string option = argv[i];
         std::string value;
@@ -82,7 +101,13 @@ int main(int argc, char** argv)
             std::cout << usage;
             return 0;
         }
-        if (option != "--level" && option != "--say" && option != "--count" && option != "--duration") {
+        if (option == "--quiet") {
+            options.quiet = true;
+            continue;
+        }
+        if (option != "--level" && option != "--say" && option != "--count" && option != "--duration" &&
+            option != "--dlt-file" && option != "--dlt-file-limit" && option != "--dlt-port" &&
+            option != "--dlt-bind" && option != "--ecu" && option != "--app-file-dir") {
             return usage_error("unknown option " + option);
         }
         if (!inline_value) {
@@ -91,7 +116,37 @@ int main(int argc, char** argv)
             }
             value = argv[++i];
         }
-        if (option == "--level") {
+        logferry_collector::Options& collector = options.collector;
+        logferry_monitor::Dlt_options& dlt = options.dlt;
+        std::uint64_t number = 0;
+        if (option == "--dlt-file") {
+            if (value.empty()) {
+                return usage_error("--dlt-file wants a path");
+            }
+            dlt.file = value;
+        } else if (option == "--dlt-file-limit") {
+            if (!parse_count(value, dlt.file_limit)) {
+                return usage_error("--dlt-file-limit wants a positive number of bytes, not " + value);
+            }
+        } else if (option == "--dlt-port") {
+            if (!(value == "0" || parse_count(value, number)) || number > 65535) {
+                return usage_error("--dlt-port wants a port number (0 to 65535), not " + value);
+            }
+            dlt.tcp = true;
+            dlt.port = static_cast<std::uint16_t>(number);
+        } else if (option == "--dlt-bind") {
+            dlt.bind = value;
+        } else if (option == "--ecu") {
+            if (value.empty() || value.size() > 4) {
+                return usage_error("--ecu wants an ID of 1 to 4 characters, not " + value);
+            }
+            dlt.ecu = value;
+        } else if (option == "--app-file-dir") {
+            if (value.empty()) {
+                return usage_error("--app-file-dir wants a directory");
+            }
+            dlt.app_file_dir = value.size() > 1 && value.back() == '/' ? value.substr(0, value.size() - 1) : value;
+        } else if (option == "--level") {
             const auto split = value.find('=');
             std::uint8_t level = 0;
             if (split == std::string::npos || split == 0 || split > 4 ||
@@ -99,14 +154,14 @@ int main(int argc, char** argv)
                 return usage_error(
                     "--level wants CTX=LEVEL (a context ID of 1 to 4 characters, a level name or 0-6), not " + value);
             }
-            options.levels.emplace_back(value.substr(0, split), level);
+            collector.levels.emplace_back(value.substr(0, split), level);
         } else if (option == "--say") {
-            options.texts.push_back(value);
+            collector.texts.push_back(value);
         } else if (option == "--count") {
-            if (!parse_count(value, options.max_messages)) {
+            if (!parse_count(value, collector.max_messages)) {
                 return usage_error("--count wants a positive number, not " + value);
             }
-        } else if (!parse_seconds(value, options.max_seconds)) {
+        } else if (!parse_seconds(value, collector.max_seconds)) {
             return usage_error("--duration wants a positive number of seconds, not " + value);
         }
     }

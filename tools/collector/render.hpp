@@ -1,7 +1,7 @@
-// Text forms of decoded records for logferry-monitor's output lines.
+// Text forms of decoded records for the daemon side's output lines.
 
-#ifndef LOGFERRY_TOOLS_MONITOR_RENDER_HPP
-#define LOGFERRY_TOOLS_MONITOR_RENDER_HPP
+#ifndef LOGFERRY_TOOLS_COLLECTOR_RENDER_HPP
+#define LOGFERRY_TOOLS_COLLECTOR_RENDER_HPP
 
 #include <cstdint>
 #include <string>
@@ -46,4 +46,4 @@ std::string render_log_line(const std::string& timestamp, const std::string& app
 
 }  // namespace logferry_monitor
 
-#endif  // LOGFERRY_TOOLS_MONITOR_RENDER_HPP
+#endif  // LOGFERRY_TOOLS_COLLECTOR_RENDER_HPP

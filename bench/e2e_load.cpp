@@ -1,0 +1,159 @@
+// Load generator of the end-to-end benchmark (bench/e2e_dlt.sh), and the counter of what
+// arrived in the DLT file.
+//
+//   e2e_load log ID SECONDS RATE   registers application ID, waits until the daemon side has
+//                                  attached, logs the message (int32, "hello world", hex
+//                                  uint32) for SECONDS, as fast as it can (RATE 0) or paced
+//                                  at RATE messages per second (never more than 1 ms of
+//                                  messages behind: what it could not send while it was kept
+//                                  off the processor is left out), waits until its ring is empty
+//                                  and prints "sent N cpu S" (S: its CPU seconds while
+//                                  logging); the library itself reports what it discarded
+//                                  ("... buffer full, D messages discarded.") on the way
+//   e2e_load count FILE...         prints the number of messages in the DLT storage files
+#include <sys/resource.h>
+#include <time.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "logferry/logferry.hpp"
+
+namespace {
+
+constexpr std::uint32_t CONTEXT = 1;
+constexpr std::uint8_t LEVEL_INFO = 4;
+constexpr std::size_t STORAGE_HEADER = 16;
+constexpr double MAX_LAG_SECONDS = 0.001;
+
+using Clock = std::chrono::steady_clock;
+
+bool wait_until(const std::chrono::milliseconds limit, bool (*condition)())
+{
+    const auto deadline = Clock::now() + limit;
+    while (!condition()) {
+        if (Clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+bool ring_open() { return __atomic_load_n(&logferry::client.segment->client_buffer_locked, __ATOMIC_SEQ_CST) == 0; }
+
+bool ring_empty()
+{
+    const auto* segment = logferry::client.segment;
+    return __atomic_load_n(&segment->client_read_index, __ATOMIC_SEQ_CST) ==
+               __atomic_load_n(&segment->client_write_index, __ATOMIC_SEQ_CST) &&
+           __atomic_load_n(&segment->client_buffer[__atomic_load_n(&segment->client_write_index, __ATOMIC_SEQ_CST)],
+                           __ATOMIC_SEQ_CST) == 0;
+}
+
+double cpu_seconds()
+{
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+void log_one(std::uint32_t key, std::int32_t value)
+{
+    if (logferry::log_start(CONTEXT, key, LEVEL_INFO)) {
+        logferry::log_int32(key, value);
+        logferry::log_utf8_string(key, "hello world");
+        logferry::log_uint32_formatted(key, 0xC0FFEEU, logferry::LogFormat::kHex);
+        logferry::log_finish(key);
+    }
+}
+
+int run_log(const std::string& id, double seconds, double rate)
+{
+    logferry::set_app_identifier(id);
+    logferry::init();
+    if (!logferry::register_app(id.c_str(), "end-to-end load") ||
+        !logferry::register_context(CONTEXT, "LOAD", "load context", LEVEL_INFO)) {
+        std::fprintf(stderr, "e2e_load: cannot register\n");
+        return 1;
+    }
+    if (!wait_until(std::chrono::milliseconds(10000), ring_open)) {
+        std::fprintf(stderr, "e2e_load: no daemon side attached\n");
+        return 1;
+    }
+    const double cpu_before = cpu_seconds();
+    std::uint64_t sent = 0;
+    double skipped = 0.0;  // messages of the schedule not sent (see below)
+    const auto began = Clock::now();
+    const auto end = began + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    for (auto now = began; now < end; now = Clock::now()) {
+        if (rate > 0.0) {
+            // A generator that was kept off the processor does not make up for it in one burst
+            // at full speed: it is at most 1 ms of messages behind its schedule.
+            double due = rate * std::chrono::duration<double>(now - began).count() - skipped;
+            if (due - static_cast<double>(sent) > rate * MAX_LAG_SECONDS) {
+                skipped += due - static_cast<double>(sent) - rate * MAX_LAG_SECONDS;
+                due = static_cast<double>(sent) + rate * MAX_LAG_SECONDS;
+            }
+            if (static_cast<double>(sent) >= due) {
+                const timespec pause{0, 20 * 1000};
+                ::nanosleep(&pause, nullptr);
+                continue;
+            }
+            while (static_cast<double>(sent) < due) {
+                log_one(1, static_cast<std::int32_t>(sent));
+                ++sent;
+            }
+            continue;
+        }
+        for (int i = 0; i < 64; ++i) {
+            log_one(1, static_cast<std::int32_t>(sent));
+            ++sent;
+        }
+    }
+    const double cpu = cpu_seconds() - cpu_before;
+    wait_until(std::chrono::milliseconds(5000), ring_empty);
+    logferry::exit();
+    std::printf("sent %llu cpu %.2f\n", static_cast<unsigned long long>(sent), cpu);
+    return 0;
+}
+
+int run_count(int count, char** files)
+{
+    std::uint64_t messages = 0;
+    for (int i = 0; i < count; ++i) {
+        std::ifstream in(files[i], std::ios::binary);
+        const std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        std::size_t pos = 0;
+        while (pos + STORAGE_HEADER + 4 <= bytes.size()) {
+            const std::size_t length =
+                static_cast<std::size_t>(bytes[pos + STORAGE_HEADER + 2]) << 8 | bytes[pos + STORAGE_HEADER + 3];
+            pos += STORAGE_HEADER + length;
+            ++messages;
+        }
+    }
+    std::printf("%llu\n", static_cast<unsigned long long>(messages));
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const std::string mode = argc > 1 ? argv[1] : "";
+    if (mode == "log" && argc == 5) {
+        return run_log(argv[2], std::atof(argv[3]), std::atof(argv[4]));
+    }
+    if (mode == "count") {
+        return run_count(argc - 2, argv + 2);
+    }
+    std::fprintf(stderr, "usage: e2e_load log ID SECONDS RATE | e2e_load count FILE...\n");
+    return 2;
+}

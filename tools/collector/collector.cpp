@@ -1,0 +1,580 @@
+// The collector's passes.
+//
+// Every 200 ms it runs the listener's proxy watchdogs, stamps its own end of every channel
+// and looks for applications that have gone quiet; on every pass it picks up newly
+// announced channels and drains the priority area and the ring of each attached one.
+
+#include "collector.hpp"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+#include "logferry/message.hpp"
+#include "logferry/system.hpp"
+#include "render.hpp"
+#include "wire/shared_fields.hpp"
+#include "wire/wire.hpp"
+
+namespace logferry_collector {
+namespace {
+
+using logferry_decoder::Record;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto HOUSEKEEPING_PERIOD = std::chrono::milliseconds(200);
+// An application whose watchdog is further behind the clock than this has gone.
+constexpr std::int64_t SILENCE_LIMIT_SECONDS = 5;
+// Bytes shown of a unit that cannot be decoded.
+constexpr std::size_t DUMP_LIMIT = 32;
+// Attempts to catch a ring's mutex free before waiting for it.
+constexpr int RING_LOCK_TRIES = 20000;
+// The process id in a channel name is cut to this many digits.
+constexpr std::size_t NAME_PID_DIGITS = 5;
+
+std::int64_t monotonic_seconds()
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::int64_t>(now.tv_sec);
+}
+
+// "1 application", "2 applications", "0 applications".
+std::string counted(std::uint64_t count, const std::string& noun)
+{
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+bool maps_segment(const std::string& pid, const std::string& name)
+{
+    std::ifstream maps("/proc/" + pid + "/maps");
+    const std::string path = "/dev/shm" + name;
+    std::string line;
+    while (std::getline(maps, line)) {
+        if (line.size() >= path.size() && line.compare(line.size() - path.size(), path.size(), path) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The process id of the application behind a channel name "/logferry-<ID>-<pid>-<stamp>".
+std::uint32_t application_pid(const std::string& name)
+{
+    const auto last = name.rfind('-');
+    const auto before = last == std::string::npos || last == 0 ? std::string::npos : name.rfind('-', last - 1);
+    if (before == std::string::npos) {
+        return 0;
+    }
+    const std::string digits = name.substr(before + 1, last - before - 1);
+    if (digits.empty() || digits.size() > NAME_PID_DIGITS ||
+        digits.find_first_not_of("0123456789") != std::string::npos) {
+        return 0;
+    }
+    const auto number = static_cast<std::uint32_t>(std::stoul(digits));
+    const std::string self = std::to_string(::getpid());
+    if (digits != self && maps_segment(digits, name)) {
+        return number;
+    }
+    // Process ids above 99999: the name carries the last five digits.
+    for (std::uint32_t prefix = 1; prefix < 100; ++prefix) {
+        const std::string pid = std::to_string(prefix) + std::string(NAME_PID_DIGITS - digits.size(), '0') + digits;
+        if (pid != self && ::access(("/proc/" + pid).c_str(), F_OK) == 0 && maps_segment(pid, name)) {
+            return static_cast<std::uint32_t>(std::stoul(pid));
+        }
+    }
+    return number;
+}
+
+// Takes a ring's mutex. The application relocks its ring's mutex for every record, so a
+// blocking lock that waits to be woken keeps losing the race to it while it logs without
+// pause; trying for a short while first catches the mutex between two of its records.
+// True when the lock is held (the caller releases it through a Mutex_lock_guard that
+// finds it locked); false when a blocking lock is left to the guard.
+bool try_lock_ring(pthread_mutex_t* mutex)
+{
+    for (int i = 0; i < RING_LOCK_TRIES; ++i) {
+        const int result = ::pthread_mutex_trylock(mutex);
+        if (result == 0) {
+            return true;
+        }
+        if (result == EOWNERDEAD) {
+            // The holder died inside its critical section: take the data as it was left.
+            ::pthread_mutex_consistent(mutex);
+            return true;
+        }
+        if (result != EBUSY) {
+            return false;
+        }
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#elif defined(__aarch64__)
+        asm volatile("yield");
+#endif
+    }
+    return false;
+}
+
+}  // namespace
+
+void to_dlt_id(const std::string& id, char out[4])
+{
+    for (std::size_t i = 0; i < 4; ++i) {
+        out[i] = i < id.size() ? id[i] : '\0';
+    }
+}
+
+std::string Application::context_label(std::uint32_t handle) const
+{
+    const auto it = contexts.find(handle);
+    return it != contexts.end() ? it->second.id : "#" + std::to_string(handle);
+}
+
+Collector::Collector(Options options) : options_(std::move(options)), listener_(true) {}
+
+Collector::~Collector() { shutdown("exit"); }
+
+void Collector::note(const std::string& word, const std::string& details)
+{
+    for (Output* output : outputs_) {
+        output->note(word, details);
+    }
+}
+
+bool Collector::start()
+{
+    // The listener's own init would wait for the lock of a daemon that is already
+    // running; refuse instead.
+    listener_.check_lock_listener_name();
+    const int probe = ::open(listener_.lock_listener_name.c_str(), O_RDONLY);
+    if (probe >= 0) {
+        const bool held = ::lockf(probe, F_TEST, 0) == -1 && (errno == EAGAIN || errno == EACCES);
+        ::close(probe);
+        if (held) {
+            std::cerr << "logferry-monitor: another daemon holds " << listener_.lock_listener_name << std::endl;
+            return false;
+        }
+    }
+    if (!listener_.init()) {
+        std::cerr << "logferry-monitor: cannot take the listener role (lock file " << listener_.lock_listener_name
+                  << ")" << std::endl;
+        return false;
+    }
+    started_ = true;
+    began_ = Clock::now();
+    next_housekeeping_ = began_;
+    note("listening", "lock=" + listener_.lock_listener_name);
+    return true;
+}
+
+void Collector::housekeeping()
+{
+    listener_.check_watchdogs();
+    const std::int64_t seconds = monotonic_seconds();
+    for (auto& attachment : attachments_) {
+        attachment->channel->is_connection_active();
+        const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
+        if (stamp != 0 && seconds - stamp > SILENCE_LIMIT_SECONDS) {
+            if (!read_remainder(*attachment)) {
+                break;
+            }
+            detach(*attachment, "no sign of life for " + std::to_string(seconds - stamp) + " s");
+        }
+    }
+}
+
+bool Collector::poll()
+{
+    if (!started_ || !stop_reason_.empty()) {
+        return false;
+    }
+    const std::uint64_t before = messages_;
+    const auto now = Clock::now();
+    if (now >= next_housekeeping_) {
+        next_housekeeping_ = now + HOUSEKEEPING_PERIOD;
+        housekeeping();
+    }
+    bool busy = false;
+    for (std::string name = listener_.get_next(); !name.empty(); name = listener_.get_next()) {
+        attach(name);
+        busy = true;
+    }
+    for (auto& attachment : attachments_) {
+        if (!stop_reason_.empty()) {
+            break;
+        }
+        if (!attachment->channel->is_initialized()) {
+            continue;
+        }
+        // Read the stamp first: whatever the application wrote before it cleared the
+        // stamp on its way out is drained below.
+        const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
+        if (!(stamp == 0 ? read_remainder(*attachment) : drain(*attachment, false))) {
+            break;
+        }
+        if (stamp == 0) {
+            detach(*attachment, "closed its channel");
+            busy = true;
+        }
+    }
+    for (auto it = attachments_.begin(); it != attachments_.end();) {
+        it = (*it)->channel->is_initialized() ? it + 1 : attachments_.erase(it);
+    }
+    if (options_.max_seconds > 0.0 &&
+        std::chrono::duration<double>(Clock::now() - began_).count() >= options_.max_seconds) {
+        stop_reason_ = "duration";
+    }
+    for (Output* output : outputs_) {
+        output->flush();
+    }
+    return busy || messages_ != before;
+}
+
+void Collector::shutdown(const std::string& reason)
+{
+    if (!started_) {
+        return;
+    }
+    started_ = false;
+    for (auto& attachment : attachments_) {
+        attachment->channel->uninit();
+    }
+    attachments_.clear();
+    listener_.uninit();
+    note("stopped", (stop_reason_.empty() ? reason : stop_reason_) + ": " + counted(messages_, "log message") +
+                        " from " + counted(applications_, "application"));
+    for (Output* output : outputs_) {
+        output->flush();
+    }
+}
+
+void Collector::attach(const std::string& name)
+{
+    for (const auto& attachment : attachments_) {
+        if (attachment->app.channel == name && attachment->channel->is_initialized()) {
+            return;  // announced again while attached: the attachment stands
+        }
+    }
+    auto attachment = std::make_unique<Attachment>();
+    attachment->channel = std::make_unique<logferry::Logferry_base>();
+    attachment->app.channel = name;
+    if (!attachment->channel->init(name)) {
+        note("error", name + ": cannot attach");
+        return;
+    }
+    attachment->app.pid = application_pid(name);
+    ++applications_;
+    note("attach", name);
+    for (const std::string& text : options_.texts) {
+        std::vector<unsigned char> bytes(text.begin(), text.end());
+        bytes.push_back('\n');
+        if (attachment->channel->push(bytes)) {
+            note("say", name + " " + logferry_monitor::quote(text));
+        } else {
+            note("error", name + ": cannot send " + logferry_monitor::quote(text));
+        }
+    }
+    attachments_.push_back(std::move(attachment));
+}
+
+void Collector::detach(Attachment& attachment, const std::string& why)
+{
+    note("detach", attachment.app.label() + " " + attachment.app.channel + " (" + why + ")");
+    for (Output* output : outputs_) {
+        output->detached(attachment.app);
+    }
+    attachment.channel->uninit();
+}
+
+void Collector::take_priority(Attachment& attachment)
+{
+    if (attachment.channel->is_priority_empty_unsynced()) {
+        return;
+    }
+    const std::vector<unsigned char> priority = attachment.channel->pop_priority();
+    if (!priority.empty()) {
+        const auto read = logferry_decoder::decode_priority_area(priority);
+        for (const Record& record : read.records) {
+            handle_control(attachment, record, "priority");
+        }
+        if (!read.error.ok()) {
+            report_error(attachment, "priority", read.error, priority.data(), priority.size());
+        }
+    }
+}
+
+bool Collector::drain(Attachment& attachment, bool everything)
+{
+    take_priority(attachment);
+    logferry::Logferry_base& channel = *attachment.channel;
+    do {
+        batch_.clear();
+        batch_ends_.clear();
+        {
+            // One hold for the whole ring; the units are copied end to end into one buffer
+            // (each unit's own copy is freed at once, so the allocator keeps reusing it).
+            // The application's records wait while its gate is shut.
+            pthread_mutex_t* mutex = &channel.segment->client_mutex.mutex;
+            logferry::Mutex_lock_guard lock(mutex, try_lock_ring(mutex));
+            if (logferry::atomic_load_u8(&channel.segment->client_buffer_locked) == 0) {
+                for (std::vector<unsigned char> unit = channel.pop_unsynced(false); !unit.empty();
+                     unit = channel.pop_unsynced(false)) {
+                    batch_.insert(batch_.end(), unit.begin(), unit.end());
+                    batch_ends_.push_back(batch_.size());
+                }
+            }
+        }
+        if (batch_ends_.empty()) {
+            break;
+        }
+        timespec now{};
+        ::clock_gettime(CLOCK_REALTIME, &now);
+        received_seconds_ = static_cast<std::uint32_t>(now.tv_sec);
+        received_microseconds_ = static_cast<std::int32_t>(now.tv_nsec / 1000);
+        // The application opens its ring only once what it registered stands in the priority
+        // area (or was read from it), so whatever the area holds now was written before these
+        // units could be read: it is handled first.
+        take_priority(attachment);
+        std::size_t begin = 0;
+        for (const std::size_t end : batch_ends_) {
+            if (!stop_reason_.empty() || !handle_ring_unit(attachment, batch_.data() + begin, end - begin)) {
+                return false;
+            }
+            begin = end;
+        }
+    } while (everything);
+    return stop_reason_.empty();
+}
+
+bool Collector::read_remainder(Attachment& attachment)
+{
+    if (!drain(attachment, true)) {
+        return false;
+    }
+    // An application that logged right after a registration or a control request may
+    // have ended before its receiver thread released the ring again. Its registrations
+    // have all been read by now, so nothing is left to wait for: lift the gate and read
+    // what it held back.
+    if (attachment.channel->is_client_buffer_locked() && !attachment.channel->is_empty()) {
+        attachment.channel->unlock_client_buffer();
+        return drain(attachment, true);
+    }
+    return true;
+}
+
+void Collector::handle_control(Attachment& attachment, const Record& record, const char* source)
+{
+    using namespace logferry;
+    using logferry_monitor::quote;
+    Application& app = attachment.app;
+    switch (record.kind) {
+    case KIND_REGISTER_APP:
+        app.app_id = record.id;
+        to_dlt_id(record.id, app.dlt_id);
+        app.description = record.text;
+        note("app", record.id + " " + quote(record.text) + " channel=" + app.channel);
+        break;
+    case KIND_REGISTER_CONTEXT: {
+        Context& context = app.contexts[record.context_handle];
+        context.id = record.id;
+        to_dlt_id(record.id, context.dlt_id);
+        context.level = record.log_level;
+        context.description = record.text;
+        note("context", app.label() + " " + record.id + " handle=" + std::to_string(record.context_handle) +
+                            " level=" + logferry_monitor::level_name(record.log_level) + " " + quote(record.text));
+        for (const auto& wanted : options_.levels) {
+            if (wanted.first == record.id) {
+                send_level(attachment, record.context_handle, context, wanted.second);
+            }
+        }
+        break;
+    }
+    case KIND_DISABLE_REMOTE:
+        handle_request(attachment, Request::disable_remote, "", "disable-remote");
+        break;
+    case KIND_ENABLE_LOCAL_PRINT:
+        handle_request(attachment, Request::enable_local_print, "", "enable-local-print");
+        break;
+    case KIND_INIT_FILE:
+        handle_request(attachment, Request::init_file, record.text, "init-file " + quote(record.text));
+        break;
+    case KIND_UNREGISTER_APP:
+        note("unregister", app.label());
+        break;
+    case KIND_UNREGISTER_CONTEXT:
+        note("unregister", app.label() + " " + app.context_label(record.context_handle) +
+                               " handle=" + std::to_string(record.context_handle));
+        break;
+    default:
+        note("error",
+             app.label() + " " + source + ": unexpected " + logferry_decoder::kind_name(record.kind) + " record");
+        break;
+    }
+}
+
+void Collector::handle_request(Attachment& attachment, Request request, const std::string& file,
+                               const std::string& text)
+{
+    Application& app = attachment.app;
+    if (request == Request::disable_remote) {
+        app.remote = false;
+    } else if (request == Request::enable_local_print) {
+        app.local_print = true;
+    }
+    note("control", app.label() + " " + text);
+    for (Output* output : outputs_) {
+        std::string why;
+        if (!output->request(app, request, file, why)) {
+            note("refused", app.label() + " " + text + ": " + why);
+        }
+    }
+}
+
+bool Collector::send_level(Attachment& attachment, std::uint32_t handle, Context& context, std::uint8_t level)
+{
+    std::vector<unsigned char> update(logferry::wire::LEVEL_UPDATE_SIZE);
+    logferry::wire::encode_level_update(update.data(), level, handle);
+    const std::string what = attachment.app.label() + " " + context.id + " handle=" + std::to_string(handle) +
+                             " level=" + logferry_monitor::level_name(level);
+    if (attachment.channel->push(update)) {
+        context.level = level;
+        note("set-level", what);
+        return true;
+    }
+    note("error", "cannot send set-level " + what);
+    return false;
+}
+
+std::size_t Collector::set_level(const char app[4], const char context[4], std::uint8_t level)
+{
+    std::size_t reached = 0;
+    for (auto& attachment : attachments_) {
+        if (!attachment->channel->is_initialized() || std::memcmp(attachment->app.dlt_id, app, 4) != 0 ||
+            attachment->app.app_id.empty()) {
+            continue;
+        }
+        for (auto& entry : attachment->app.contexts) {
+            if (std::memcmp(entry.second.dlt_id, context, 4) == 0 &&
+                send_level(*attachment, entry.first, entry.second, level)) {
+                ++reached;
+            }
+        }
+    }
+    return reached;
+}
+
+std::size_t Collector::set_default_level(std::uint8_t level)
+{
+    std::size_t reached = 0;
+    for (auto& attachment : attachments_) {
+        if (!attachment->channel->is_initialized()) {
+            continue;
+        }
+        for (auto& entry : attachment->app.contexts) {
+            reached += send_level(*attachment, entry.first, entry.second, level) ? 1 : 0;
+        }
+    }
+    return reached;
+}
+
+std::vector<const Application*> Collector::applications() const
+{
+    std::vector<const Application*> apps;
+    for (const auto& attachment : attachments_) {
+        if (attachment->channel->is_initialized() && !attachment->app.app_id.empty()) {
+            apps.push_back(&attachment->app);
+        }
+    }
+    return apps;
+}
+
+bool Collector::handle_ring_unit(Attachment& attachment, const unsigned char* unit, std::size_t size)
+{
+    if (view_.read(unit, size)) {
+        return deliver(attachment, unit, size);
+    }
+    if (!view_.single) {
+        report_error(attachment, "ring", view_.error, unit, size);
+        return true;
+    }
+    const auto record = logferry_decoder::decode_record(unit, size);
+    if (record.record.kind != logferry::KIND_WRITE_ENCODED_MESSAGE) {
+        handle_control(attachment, record.record, "ring");
+        return true;
+    }
+    // An already encoded message: one argument holding its bytes, with no context.
+    view_.has_start = false;
+    view_.level = 0;
+    view_.arg_count = 0;
+    if (view_.args.empty()) {
+        view_.args.emplace_back();
+    }
+    view_.args[0] = logferry_dlt::Argument();
+    view_.args[0].kind = logferry_dlt::Arg_kind::encoded_message;
+    view_.args[0].data = record.record.payload.data();
+    view_.args[0].size = record.record.payload.size();
+    view_.arg_count = 1;
+    return deliver(attachment, unit, size);
+}
+
+// Hands a log message (read into view_) to the outputs.
+bool Collector::deliver(Attachment& attachment, const unsigned char* unit, std::size_t size)
+{
+    Application& app = attachment.app;
+    logferry_dlt::Message& m = message_;
+    std::memcpy(m.app, app.dlt_id, 4);
+    const auto context = view_.has_start ? app.contexts.find(view_.context_handle) : app.contexts.end();
+    if (context != app.contexts.end()) {
+        std::memcpy(m.context, context->second.dlt_id, 4);
+        m.counter = context->second.counter++;
+    } else {
+        std::memset(m.context, 0, 4);
+        m.counter = app.unknown_counter++;
+    }
+    // Messages without a start record (or with level 0) carry no level: they count as info.
+    m.level = view_.level != 0 ? view_.level : 4;
+    m.timestamp = view_.timestamp;
+    m.session_id = app.pid;
+    m.args = view_.args.data();
+    m.arg_count = view_.arg_count;
+    Log_message message;
+    message.unit = unit;
+    message.size = size;
+    message.dlt = &m;
+    message.received_seconds = received_seconds_;
+    message.received_microseconds = received_microseconds_;
+    for (Output* output : outputs_) {
+        output->message(app, message);
+    }
+    return count_message();
+}
+
+void Collector::report_error(const Attachment& attachment, const char* source, const logferry_decoder::Error& error,
+                             const unsigned char* bytes, std::size_t size)
+{
+    const std::size_t shown = size < DUMP_LIMIT ? size : DUMP_LIMIT;
+    std::string dump = logferry_monitor::hex_bytes(std::vector<std::uint8_t>(bytes, bytes + shown));
+    if (shown < size) {
+        dump += " ...";
+    }
+    note("error", attachment.app.label() + " " + source + ": " + logferry_decoder::describe(error) + " [" +
+                      std::to_string(size) + " bytes: " + dump + "]");
+}
+
+bool Collector::count_message()
+{
+    ++messages_;
+    if (options_.max_messages != 0 && messages_ >= options_.max_messages) {
+        stop_reason_ = "count";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace logferry_collector

@@ -1,0 +1,55 @@
+// A log message unit read in place: the start record's level, context handle and time stamp,
+// and one DLT argument per argument record, whose texts and payloads point into the unit's
+// bytes. Nothing is allocated once the argument array has grown to the widest message seen.
+//
+// Regular units (start, arguments, finish under one stream key, every length field right,
+// every text terminated, every payload carried) are read directly. Any other unit is handed
+// to the record decoder (decoder.hpp), so odd records are read by exactly its rules; the
+// arguments then point into the decoder's copy, which lives until the next call:
+//
+//  * a text record without its text       -> an empty text
+//  * a payload record that carries none   -> an empty raw argument
+//  * a repeated start record              -> skipped (the first start decides)
+//  * a message without a start record     -> `has_start` false
+//
+// Single records (registrations, controls, an encoded message) are not log messages here:
+// the caller decodes them with the record decoder.
+
+#ifndef LOGFERRY_TOOLS_DECODER_MESSAGE_VIEW_HPP
+#define LOGFERRY_TOOLS_DECODER_MESSAGE_VIEW_HPP
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "decoder.hpp"
+#include "dlt_message.hpp"
+
+namespace logferry_decoder {
+
+class Message_view {
+public:
+    /// Reads the unit; false when it is not a log message (see `error` when it is invalid,
+    /// `single` when it is a single record).
+    bool read(const unsigned char* data, std::size_t size);
+
+    bool has_start = false;
+    std::uint8_t level = 0;
+    std::uint32_t context_handle = 0;
+    std::uint32_t timestamp = 0;
+    std::vector<logferry_dlt::Argument> args;  // args.size() of them are this message's
+    std::size_t arg_count = 0;
+    bool single = false;  // a single record, not a log message
+    Error error;          // why a unit was neither
+
+private:
+    bool read_regular(const unsigned char* data, std::size_t size);
+    bool read_decoded(const unsigned char* data, std::size_t size);
+    logferry_dlt::Argument& next_arg();
+
+    Ring_unit decoded_;  // the decoder's reading of the last odd unit
+};
+
+}  // namespace logferry_decoder
+
+#endif  // LOGFERRY_TOOLS_DECODER_MESSAGE_VIEW_HPP

@@ -1,0 +1,74 @@
+// DLT TCP server: any number of clients receive every message from the moment they connect,
+// as a plain stream of DLT messages, and may send control requests.
+
+#ifndef LOGFERRY_TOOLS_DLT_TCP_HPP
+#define LOGFERRY_TOOLS_DLT_TCP_HPP
+
+#include "dlt_control.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <poll.h>
+
+namespace logferry_dlt {
+
+class Tcp_server {  // non-blocking; clients get every message from when they connect
+public:
+    Tcp_server() = default;
+    Tcp_server(const Tcp_server&) = delete;
+    Tcp_server& operator=(const Tcp_server&) = delete;
+    ~Tcp_server();
+
+    bool listen(const std::string& address, std::uint16_t port);  // port 0 picks a free one
+    std::uint16_t port() const;
+    // Accepts, reads control requests, writes backlogs, sends the keep-alive once a second; at most
+    // `timeout_ms` of waiting when idle. Calls `on_request(client, request)` for each valid request.
+    void service(int timeout_ms, const std::function<void(int client, const Control_request&)>& on_request);
+    // Never blocks: the message joins every client's backlog, which is written by service(),
+    // flush(), or here once it holds WRITE_THRESHOLD bytes.
+    void broadcast(const unsigned char* message, std::size_t size);
+    void flush();  // writes what the clients' sockets take now, without waiting
+    void send_to(int client, const std::vector<unsigned char>& message);
+    std::size_t client_count() const;
+    std::size_t backlog_bytes(int client) const;  // queued for `client`, not yet taken by its socket
+    void close();
+
+    std::uint64_t dropped_clients = 0;     // disconnected for a full backlog or garbage
+    std::vector<std::string> events;       // one line per connect/disconnect/drop, taken by the caller
+    std::size_t backlog_limit = 4u << 20;  // bytes queued for one client before it is dropped
+    static constexpr std::size_t WRITE_THRESHOLD = 64 * 1024;
+    char ecu[4] = {};   // the ECU ID of the keep-alive and of the error answers; set by the owner
+    std::string error;  // the last failure of listen(), one line
+
+private:
+    struct Client {
+        int fd = -1;
+        int id = 0;
+        std::vector<unsigned char> out;  // backlog not yet written
+        std::size_t out_pos = 0;
+        std::vector<unsigned char> in;  // partial request
+        bool dead = false;
+    };
+    void accept_clients();
+    void read_client(Client& client, const std::function<void(int, const Control_request&)>& on_request);
+    void write_client(Client& client);
+    void queue(Client& client, const unsigned char* data, std::size_t size);
+    Client* find(int id);
+    void drop(Client& client, const char* why);
+    void reap();
+
+    int listen_fd_ = -1;
+    std::uint16_t port_ = 0;
+    int next_id_ = 1;
+    std::vector<Client> clients_;
+    std::vector<pollfd> poll_fds_;  // kept between calls: no allocation per service()
+    std::int64_t next_keep_alive_ms_ = 0;
+};
+
+}  // namespace logferry_dlt
+
+#endif

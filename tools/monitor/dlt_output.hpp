@@ -1,0 +1,81 @@
+// The DLT outputs: every log message encoded once as a DLT verbose message, then appended
+// to a DLT storage file, sent to the connected DLT clients (TCP), and appended to the file
+// an application asked for. Control requests of DLT clients go back to the collector.
+
+#ifndef LOGFERRY_TOOLS_MONITOR_DLT_OUTPUT_HPP
+#define LOGFERRY_TOOLS_MONITOR_DLT_OUTPUT_HPP
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "collector.hpp"
+#include "dlt_control.hpp"
+#include "dlt_file.hpp"
+#include "dlt_message.hpp"
+#include "dlt_tcp.hpp"
+#include "file_thread.hpp"
+
+namespace logferry_monitor {
+
+/// The ECU ID when none is given.
+constexpr const char* DEFAULT_ECU = "LFER";
+/// Files of a rotating DLT file: PATH, PATH.1 ... PATH.<count-1>.
+constexpr unsigned DLT_FILE_COUNT = 10;
+/// Longest file name an application may ask for.
+constexpr std::size_t MAX_APP_FILE_NAME = 64;
+
+/// Where an application's file request may write: `dir`/`name`, empty with `why` when the
+/// name is refused (empty, over-long, non-printable, "." or "..", containing "..", or
+/// a slash, unless it is an absolute path whose directory is exactly `dir`).
+std::string app_file_path(const std::string& dir, const std::string& name, std::string& why);
+
+struct Dlt_options {
+    std::string ecu = DEFAULT_ECU;
+    std::string file;                // --dlt-file
+    std::uint64_t file_limit = 0;    // --dlt-file-limit
+    bool tcp = false;                // --dlt-port given
+    std::uint16_t port = 0;          // --dlt-port
+    std::string bind = "127.0.0.1";  // --dlt-bind
+    std::string app_file_dir;        // --app-file-dir
+    std::string version;             // answered to get-software-version
+};
+
+class Dlt_output : public logferry_collector::Output {
+public:
+    Dlt_output(Dlt_options options, logferry_collector::Collector& collector);
+
+    /// Opens the file and the TCP port; false with a line on stderr.
+    bool open();
+    std::uint16_t port() const { return server_.port(); }
+
+    void note(const std::string& /*word*/, const std::string& /*details*/) override {}
+    void message(const logferry_collector::Application& application,
+                 const logferry_collector::Log_message& message) override;
+    bool request(const logferry_collector::Application& application, logferry_collector::Request request,
+                 const std::string& file, std::string& why) override;
+    void detached(const logferry_collector::Application& application) override;
+    void flush() override;
+
+    /// Serves the TCP clients, waiting at most `timeout_ms` when there is nothing to do.
+    void service(int timeout_ms);
+    void close();
+
+private:
+    void control(int client, const logferry_dlt::Control_request& request);
+
+    Dlt_options options_;
+    logferry_collector::Collector& collector_;
+    char ecu_[4] = {};
+    File_thread file_;
+    logferry_dlt::Tcp_server server_;
+    std::map<std::string, std::unique_ptr<logferry_dlt::File_writer>> app_files_;  // by channel
+    std::int8_t default_level_ = 4;
+    std::uint64_t too_large_ = 0;
+    unsigned char buffer_[1 << 17];  // one encoded message
+};
+
+}  // namespace logferry_monitor
+
+#endif  // LOGFERRY_TOOLS_MONITOR_DLT_OUTPUT_HPP
