@@ -3,7 +3,8 @@
 # the test suite is scripts/test.sh's business), installs it into the build directory,
 # and runs the example application under the installed logferry-monitor with a private
 # run-state directory: the monitor raises the example's MAIN context to debug and greets
-# it, and its decoded lines are shown at the end.
+# it, and its decoded lines are shown at the end, followed by the DLT storage file it wrote
+# as Debian's dlt-convert (a DLT client this project did not write) shows it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -37,7 +38,7 @@ wait_for() { wait_for_line "$run/monitor.out" "$1" "$2"; }
 
 echo
 echo "=== starting the monitor (installed: $prefix/bin/logferry-monitor) ==="
-"$prefix/bin/logferry-monitor" --level MAIN=debug --say "hello from logferry-monitor" \
+"$prefix/bin/logferry-monitor" --level MAIN=debug --say "hello from logferry-monitor" --dlt-file "$run/demo.dlt" \
     > "$run/monitor.out" 2> "$run/monitor.err" &
 monitor_pid=$!
 wait_for "^-- listening" 50
@@ -59,3 +60,7 @@ if [ -s "$run/monitor.err" ]; then
     echo "=== monitor diagnostics ==="
     cat "$run/monitor.err"
 fi
+
+echo
+echo "=== the DLT file, as dlt-convert -a shows it ==="
+dlt-convert -a "$run/demo.dlt"

@@ -365,14 +365,21 @@ ClientState remoteClientState() noexcept
 
 void RegisterConnectionStateHandler(std::function<void(ClientState)> handler) noexcept
 {
-    std::lock_guard<std::mutex> lock(detail::handler_mutex);
-    if (detail::connection_handler == nullptr) {
-        detail::connection_handler = new (std::nothrow) std::function<void(ClientState)>;
+    {
+        std::lock_guard<std::mutex> lock(detail::handler_mutex);
         if (detail::connection_handler == nullptr) {
-            return;
+            detail::connection_handler = new (std::nothrow) std::function<void(ClientState)>;
+            if (detail::connection_handler == nullptr) {
+                return;
+            }
         }
+        *detail::connection_handler = std::move(handler);
     }
-    *detail::connection_handler = std::move(handler);
+    // A daemon that attached before the handler was there is not missed: the handler learns
+    // it now (the receiver thread reports only changes from here on).
+    if (remoteClientState() == ClientState::kConnected) {
+        logferry_hook_connection_changed(true);
+    }
 }
 
 }  // namespace ara::log

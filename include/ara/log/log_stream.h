@@ -35,38 +35,44 @@ struct Message;
 struct Stream_access;
 }  // namespace detail
 
-/// An unsigned value shown in hexadecimal: 8, 16, 32 or 64 bits.
+/// An unsigned value of 8 bits shown in hexadecimal (made by `HexFormat`).
 struct LogHex8 {
-    std::uint8_t value;
+    std::uint8_t value;  ///< The value.
 };
+/// An unsigned value of 16 bits shown in hexadecimal (made by `HexFormat`).
 struct LogHex16 {
-    std::uint16_t value;
+    std::uint16_t value;  ///< The value.
 };
+/// An unsigned value of 32 bits shown in hexadecimal (made by `HexFormat`).
 struct LogHex32 {
-    std::uint32_t value;
+    std::uint32_t value;  ///< The value.
 };
+/// An unsigned value of 64 bits shown in hexadecimal (made by `HexFormat`).
 struct LogHex64 {
-    std::uint64_t value;
+    std::uint64_t value;  ///< The value.
 };
-/// An unsigned value shown in binary: 8, 16, 32 or 64 bits.
+/// An unsigned value of 8 bits shown in binary (made by `BinFormat`).
 struct LogBin8 {
-    std::uint8_t value;
+    std::uint8_t value;  ///< The value.
 };
+/// An unsigned value of 16 bits shown in binary (made by `BinFormat`).
 struct LogBin16 {
-    std::uint16_t value;
+    std::uint16_t value;  ///< The value.
 };
+/// An unsigned value of 32 bits shown in binary (made by `BinFormat`).
 struct LogBin32 {
-    std::uint32_t value;
+    std::uint32_t value;  ///< The value.
 };
+/// An unsigned value of 64 bits shown in binary (made by `BinFormat`).
 struct LogBin64 {
-    std::uint64_t value;
+    std::uint64_t value;  ///< The value.
 };
 
 /// Bytes sent as they lie in memory. At most 1389 bytes travel in one argument; a longer
 /// buffer is cut to its first 1389 bytes and followed by a text argument telling its size.
 struct LogRawBuffer {
-    const void* buffer;
-    std::size_t size;
+    const void* buffer;  ///< The first byte.
+    std::size_t size;    ///< How many bytes.
 };
 
 namespace detail {
@@ -107,6 +113,7 @@ constexpr typename Sized<sizeof(T)>::Unsigned as_unsigned(T value) noexcept
 }
 }  // namespace detail
 
+///@{
 /// `value` in hexadecimal, as wide as its type; negative values in two's complement.
 /// Overloaded for every integer type, so every fixed-width type of the platform is covered.
 constexpr detail::Hex_t<signed char> HexFormat(signed char value) noexcept { return {detail::as_unsigned(value)}; }
@@ -122,7 +129,9 @@ constexpr detail::Hex_t<unsigned long long> HexFormat(unsigned long long value) 
 {
     return {detail::as_unsigned(value)};
 }
+///@}
 
+///@{
 /// `value` in binary, as wide as its type; negative values in two's complement.
 constexpr detail::Bin_t<signed char> BinFormat(signed char value) noexcept { return {detail::as_unsigned(value)}; }
 constexpr detail::Bin_t<short> BinFormat(short value) noexcept { return {detail::as_unsigned(value)}; }
@@ -137,6 +146,7 @@ constexpr detail::Bin_t<unsigned long long> BinFormat(unsigned long long value) 
 {
     return {detail::as_unsigned(value)};
 }
+///@}
 
 /// The bytes of `value` (an object, not a pointer) as they lie in memory.
 template <typename T>
@@ -150,16 +160,21 @@ LogRawBuffer RawBuffer(const T& value) noexcept
 struct Format {
     /// The presentation code carried by the record (logferry::LogFormat).
     std::uint8_t code = static_cast<std::uint8_t>(logferry::LogFormat::kDec);
+    ///@{
+    /// Decimal, octal, hexadecimal or binary.
     static constexpr Format Dec() noexcept { return Format{static_cast<std::uint8_t>(logferry::LogFormat::kDec)}; }
     static constexpr Format Oct() noexcept { return Format{static_cast<std::uint8_t>(logferry::LogFormat::kOct)}; }
     static constexpr Format Hex() noexcept { return Format{static_cast<std::uint8_t>(logferry::LogFormat::kHex)}; }
     static constexpr Format Bin() noexcept { return Format{static_cast<std::uint8_t>(logferry::LogFormat::kBin)}; }
+    ///@}
 };
+///@{
 /// The four formats as free functions: `Arg(x, "x", "", Hex())`.
 constexpr Format Dec() noexcept { return Format::Dec(); }
 constexpr Format Oct() noexcept { return Format::Oct(); }
 constexpr Format Hex() noexcept { return Format::Hex(); }
 constexpr Format Bin() noexcept { return Format::Bin(); }
+///@}
 
 /// One log message under assembly. Move-constructible, not copyable, not assignable. The
 /// message is sent when the stream is destroyed; all operations are safe from any thread
@@ -206,18 +221,23 @@ public:
         }
         return *this;
     }
+    ///@{
     /// Signed integers, as signed numbers of their width.
     LogStream& operator<<(signed char value) noexcept { return Signed(value); }
     LogStream& operator<<(short value) noexcept { return Signed(value); }
     LogStream& operator<<(int value) noexcept { return Signed(value); }
     LogStream& operator<<(long value) noexcept { return Signed(value); }
     LogStream& operator<<(long long value) noexcept { return Signed(value); }
+    ///@}
+    ///@{
     /// Unsigned integers, as decimal unsigned numbers of their width.
     LogStream& operator<<(unsigned char value) noexcept { return Unsigned(value, kDecimal); }
     LogStream& operator<<(unsigned short value) noexcept { return Unsigned(value, kDecimal); }
     LogStream& operator<<(unsigned int value) noexcept { return Unsigned(value, kDecimal); }
     LogStream& operator<<(unsigned long value) noexcept { return Unsigned(value, kDecimal); }
     LogStream& operator<<(unsigned long long value) noexcept { return Unsigned(value, kDecimal); }
+    ///@}
+    ///@{
     /// Floating-point numbers, single and double precision.
     LogStream& operator<<(float value) noexcept
     {
@@ -233,6 +253,8 @@ public:
         }
         return *this;
     }
+    ///@}
+    ///@{
     /// Texts (UTF-8). A null pointer adds nothing. A text of more than 1388 bytes is cut at a
     /// character boundary to at most 1385 bytes followed by "...".
     LogStream& operator<<(const char* text) noexcept
@@ -246,8 +268,10 @@ public:
 #if __cplusplus >= 201703L
     LogStream& operator<<(std::string_view text) noexcept { return Chars(text.data(), text.size()); }
 #endif
+    ///@}
     /// Any other string-view type (`data()` and `size()`).
     LogStream& operator<<(detail::Text text) noexcept { return Chars(text.data(), text.size()); }
+    ///@{
     /// Hexadecimal and binary numbers.
     LogStream& operator<<(LogHex8 value) noexcept { return Unsigned(value.value, kHexadecimal); }
     LogStream& operator<<(LogHex16 value) noexcept { return Unsigned(value.value, kHexadecimal); }
@@ -257,6 +281,7 @@ public:
     LogStream& operator<<(LogBin16 value) noexcept { return Unsigned(value.value, kBinary); }
     LogStream& operator<<(LogBin32 value) noexcept { return Unsigned(value.value, kBinary); }
     LogStream& operator<<(LogBin64 value) noexcept { return Unsigned(value.value, kBinary); }
+    ///@}
     /// Raw bytes.
     LogStream& operator<<(const LogRawBuffer& value) noexcept
     {
@@ -400,10 +425,10 @@ LogStream& operator<<(LogStream& out, const std::chrono::duration<Rep, Period>& 
 /// A value with a name, a unit and, for integers, a format; made by `Arg`.
 template <typename T>
 struct Argument {
-    const T& value;
-    detail::Text name;
-    detail::Text unit;
-    Format format = Format::Dec();
+    const T& value;                 ///< The value (the statement's own).
+    detail::Text name;              ///< Its name; empty for none.
+    detail::Text unit;              ///< Its unit; empty for none.
+    Format format = Format::Dec();  ///< How an integer is shown.
 };
 
 /// A named value: on the wire the name (when not empty) is a text argument before the

@@ -28,6 +28,7 @@ struct Registry;
 /// The logger of one context.
 class Logger {
 public:
+    ///@{
     /// A message of level fatal, error, warn, info, debug or verbose. When the level is not
     /// enabled for this context, the stream is disabled: it costs the level test and nothing
     /// else (no clock read, no encoding, nothing sent).
@@ -37,6 +38,7 @@ public:
     LogStream LogInfo() const noexcept { return WithLevel(LogLevel::kInfo); }
     LogStream LogDebug() const noexcept { return WithLevel(LogLevel::kDebug); }
     LogStream LogVerbose() const noexcept { return WithLevel(LogLevel::kVerbose); }
+    ///@}
 
     /// A message of the level given at run time (as the six above).
     LogStream WithLevel(LogLevel level) const noexcept { return LogStream(IsEnabled(level) ? Open(level) : nullptr); }

@@ -44,8 +44,10 @@ LOGFERRY_API void InitLogging(detail::Text appId, detail::Text appDescription, L
 LOGFERRY_API ClientState remoteClientState() noexcept;
 
 /// Calls `handler` from the library's receiver thread each time the daemon attaches
-/// (`kConnected`) or is lost (`kNotConnected`). A later call replaces the handler; an empty
-/// function removes it. The handler must not block.
+/// (`kConnected`) or is lost (`kNotConnected`). When the daemon is already attached as the
+/// handler is registered, the handler is also called once at once, on the calling thread, with
+/// `kConnected`. A later call replaces the handler; an empty function removes it. The handler
+/// must not block.
 LOGFERRY_API void RegisterConnectionStateHandler(std::function<void(ClientState)> handler) noexcept;
 
 }  // namespace log
