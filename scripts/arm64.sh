@@ -59,10 +59,11 @@ if [[ " $stages " == *" user "* ]]; then
     # Left out here, run in the emulated machine only:
     # - Package.InstallAndConsume builds and runs a consumer on the build machine against the
     #   installed library: a check of the native build;
-    # - EndToEnd.* and Monitor.* start other target programs (the daemon peer, logferry-monitor)
-    #   with execve, which the build machine's kernel cannot run: qemu's user mode emulates
-    #   one process and does not follow execve, and no binfmt_misc handler is registered.
-    user_mode_excluded='^(Package\.InstallAndConsume.*|EndToEnd\..*|Monitor\..*)$'
+    # - EndToEnd.*, Monitor.* and Ara_compat.* start other target programs (the daemon peer,
+    #   logferry-monitor) with execve, which the build machine's kernel cannot run: qemu's user
+    #   mode emulates one process and does not follow execve, and no binfmt_misc handler is
+    #   registered.
+    user_mode_excluded='^(Package\.InstallAndConsume.*|EndToEnd\..*|Monitor\..*|Ara_compat\..*)$'
     echo "user mode: not run here (they start other target programs, or check the native package): $user_mode_excluded"
     log=$build.ctest.log
     timeout "$user_timeout" ctest --test-dir "$build" -j"$jobs" --output-on-failure --no-tests=error \

@@ -537,8 +537,10 @@ TEST_F(AraLog, ADaemonHoldingTheRingStallsNoCallBeyondTheBoundAndEveryDroppedMes
         }
     }
     EXPECT_EQ(counted, COUNTED);
+#ifndef LOGFERRY_EMULATED_TESTS
     EXPECT_LT(longest, std::chrono::milliseconds(2))
         << std::chrono::duration_cast<std::chrono::microseconds>(longest).count() << " us";
+#endif
     EXPECT_EQ(logferry::client.lost_messages.load(), static_cast<std::uint64_t>(calls));
     const int status = logferry_test::wait_child(peer);
     ::close(ready[0]);

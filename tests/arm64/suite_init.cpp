@@ -16,9 +16,12 @@
 //   end
 #include <dirent.h>
 #include <fcntl.h>
+#include <net/if.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/reboot.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/types.h>
@@ -320,6 +323,28 @@ std::string join_limited(const std::vector<std::string>& names, std::size_t limi
     return text;
 }
 
+// The loopback interface is down in a fresh machine; the DLT tests serve and connect on it.
+bool bring_up_loopback()
+{
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0) {
+        say(std::string("init: no socket for the loopback interface: ") + std::strerror(errno));
+        return false;
+    }
+    ifreq request{};
+    std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
+    bool up = ::ioctl(fd, SIOCGIFFLAGS, &request) == 0;
+    if (up) {
+        request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+        up = ::ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+    }
+    if (!up) {
+        say(std::string("init: cannot bring the loopback interface up: ") + std::strerror(errno));
+    }
+    ::close(fd);
+    return up;
+}
+
 }  // namespace
 
 int main()
@@ -336,8 +361,9 @@ int main()
     mounted = mount_tmpfs_unless_populated("/run", "mode=0755", 0755) && mounted;
     make_dirs("/run/adaptive");
     make_dirs(log_dir);
+    mounted = bring_up_loopback() && mounted;
     if (!mounted) {
-        say("ARM64 SUITE: FAIL (file systems could not be mounted)");
+        say("ARM64 SUITE: FAIL (file systems could not be mounted, or the loopback interface not brought up)");
         power_off();
     }
 
