@@ -21,7 +21,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -111,13 +113,28 @@ std::vector<std::string> split_lines(const std::string& text)
     return lines;
 }
 
+// The identifier a channel of `name` gets: the form the front end gives it (ID, "-", up to
+// five digits, "-", lowercase hex), derived from `name` alone so that a parent and the child
+// it forks agree, and distinct for distinct names.
+std::string channel_identifier(const std::string& name)
+{
+    std::uint64_t hash = 14695981039346656037ULL;  // FNV-1a
+    for (const char c : name) {
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+    }
+    char text[32];
+    std::snprintf(text, sizeof text, "TST-%u-%x", static_cast<unsigned>((hash >> 32) % 100000U),
+                  static_cast<unsigned>(hash & 0xFFFFFFFFU));
+    return text;
+}
+
 // An application's end of a channel, driven by hand. It stamps its watchdog whenever it
 // waits, as the front end's receiver thread does about once a second.
 class Test_application {
 public:
     explicit Test_application(const std::string& identifier) : listener_(false)
     {
-        channel_.set_app_identifier(identifier);
+        channel_.set_app_identifier(channel_identifier(identifier));
     }
 
     // Creates the channel and announces it in the monitor's listener list.
@@ -521,7 +538,7 @@ TEST_F(Monitor, KilledApplicationIsDetached)
 {
     start_monitor();
     const std::string identifier = unique_id("", 20);
-    const std::string channel = "/logferry-" + identifier;
+    const std::string channel = "/logferry-" + channel_identifier(identifier);
     segments_.push_back(channel);  // a killed application leaves its segment behind
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
@@ -1656,6 +1673,276 @@ TEST_F(Monitor, DltControlRequestsAreAnswered)
         return false;
     }));
     ::close(client);
+    EXPECT_EQ(stop_monitor(), 0);
+}
+
+// ---- Hostile and careless peers ---------------------------------------------------------
+
+// A shared-memory object of `size` bytes, each `fill`; false when it cannot be made.
+bool make_object(const std::string& name, std::size_t size, unsigned char fill)
+{
+    const int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0) {
+        return false;
+    }
+    bool made = ::ftruncate(fd, static_cast<off_t>(size)) == 0;
+    if (made && size > 0) {
+        void* map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        made = map != MAP_FAILED;
+        if (made) {
+            std::memset(map, fill, size);
+            ::munmap(map, size);
+        }
+    }
+    ::close(fd);
+    return made;
+}
+
+// Whether every byte of the object `name` is `fill`, and it has `size` bytes.
+bool object_is(const std::string& name, std::size_t size, unsigned char fill)
+{
+    const int fd = ::shm_open(name.c_str(), O_RDONLY, 0);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat status {};
+    bool same = ::fstat(fd, &status) == 0 && status.st_size == static_cast<off_t>(size);
+    if (same && size > 0) {
+        void* map = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+        same = map != MAP_FAILED;
+        if (same) {
+            const auto* bytes = static_cast<const unsigned char*>(map);
+            same = std::all_of(bytes, bytes + size, [fill](unsigned char b) { return b == fill; });
+            ::munmap(map, size);
+        }
+    }
+    ::close(fd);
+    return same;
+}
+
+// Announces `name` in the listener list as an application would; the announcer stays
+// alive (and its entry visible to check_list) while the object lives.
+class Announcer {
+public:
+    Announcer() : listener_(false) {}
+    bool announce(const std::string& name)
+    {
+        name_ = name;
+        return listener_.init() && listener_.push(name);
+    }
+    // True while the entry still holds the name (it was not withdrawn).
+    bool announced() { return listener_.check_list(name_); }
+
+private:
+    Logferry_listener listener_;
+    std::string name_;
+};
+
+std::size_t count_of(const std::string& text, const std::string& needle)
+{
+    std::size_t count = 0;
+    for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST_F(Monitor, NamesOutsideTheChannelSchemeAreRefusedWithdrawnAndLeftUntouched)
+{
+    start_monitor();
+    const std::string pid = std::to_string(::getpid());
+    const std::string victim = "/relprobe-victim-" + pid;
+    const std::string bare = "relprobe-victim-" + pid;
+    const std::string forged = "/logferry-\x1b[2J\n-- attach x-1-a";
+    segments_.push_back(victim);
+    // As large as a channel segment and full of 0x5a: only the name gives it away.
+    ASSERT_TRUE(make_object(victim, CHANNEL_SEGMENT_SIZE, 0x5a));
+
+    for (const std::string& name : {victim, bare, forged}) {
+        Announcer announcer;
+        ASSERT_TRUE(announcer.announce(name));
+        // The entry is emptied: the announcer's own check finds it gone.
+        EXPECT_TRUE(wait_until([&] { return !announcer.announced(); })) << output();
+    }
+    ASSERT_TRUE(wait_for("-- refused    /logferry-\\x1b[2J\\x0a-- attach x-1-a: not a channel name\n")) << output();
+    EXPECT_NE(output().find("-- refused    " + victim + ": not a channel name\n"), std::string::npos) << output();
+    EXPECT_NE(output().find("-- refused    " + bare + ": not a channel name\n"), std::string::npos) << output();
+    // Announced again: withdrawn again, without a second line.
+    {
+        Announcer again;
+        ASSERT_TRUE(again.announce(victim));
+        EXPECT_TRUE(wait_until([&] { return !again.announced(); })) << output();
+    }
+    EXPECT_EQ(count_of(output(), "-- refused    " + victim), 1U) << output();
+    // Nothing was written into the foreign object, nothing raw reached the output.
+    EXPECT_TRUE(object_is(victim, CHANNEL_SEGMENT_SIZE, 0x5a));
+    EXPECT_EQ(output().find('\x1b'), std::string::npos);
+    EXPECT_EQ(output().find("\n-- attach"), std::string::npos) << output();
+
+    // A real application is served as before.
+    Test_application app(unique_id("", 20));
+    attach_registered(app, "GOOD");
+    app.release();
+    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), make_text(1, "still here"), make_finish(1))));
+    EXPECT_TRUE(wait_for("GOOD CTX  info    \"still here\"\n")) << output();
+    app.close();
+    EXPECT_EQ(stop_monitor(), 0);
+    EXPECT_EQ(errors(), "");
+}
+
+TEST_F(Monitor, ObjectsThatAreNoChannelSegmentAreRefused)
+{
+    start_monitor();
+    // A channel name whose object has 100 bytes, and the listener segment's own name.
+    const std::string small = "/logferry-" + channel_identifier(unique_id("small", 20));
+    segments_.push_back(small);
+    ASSERT_TRUE(make_object(small, 100, 0x11));
+    const std::string missing = "/logferry-" + channel_identifier(unique_id("missing", 20));
+    for (const std::string& name : {small, std::string(LISTENER_SEGMENT), missing}) {
+        Announcer announcer;
+        ASSERT_TRUE(announcer.announce(name));
+        EXPECT_TRUE(wait_until([&] { return !announcer.announced(); })) << output();
+    }
+    ASSERT_TRUE(wait_for("-- refused    " + missing + ": cannot open: No such file or directory\n")) << output();
+    EXPECT_NE(output().find("-- refused    " + small + ": size 100 bytes, not 166072\n"), std::string::npos)
+        << output();
+    EXPECT_NE(output().find("-- refused    /logferry-daemon-listener: not a channel name\n"), std::string::npos)
+        << output();
+    EXPECT_TRUE(object_is(small, 100, 0x11));
+    EXPECT_EQ(output().find("-- attach"), std::string::npos) << output();
+
+    Test_application app(unique_id("", 20));
+    attach_registered(app, "GOOD");
+    app.close();
+    EXPECT_TRUE(wait_for("-- detach     GOOD")) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+    EXPECT_EQ(errors(), "");
+}
+
+// Under ASan the monitor's own fault handler must see SIGBUS first: the tests run with
+// ASAN_OPTIONS=handle_sigbus=0 (tests/CMakeLists.txt sets it for the sanitizer build).
+TEST_F(Monitor, SegmentShrunkAfterAttachIsDetachedAndTheOthersCarryOn)
+{
+    start_monitor();
+    Test_application shrinking(unique_id("shrinking", 20));
+    Test_application steady(unique_id("steady", 20));
+    attach_registered(shrinking, "SHRK");
+    attach_registered(steady, "STDY");
+    shrinking.release();
+    steady.release();
+    ASSERT_TRUE(shrinking.log(bytes_of(start(1, 4, 1), make_text(1, "before"), make_finish(1))));
+    ASSERT_TRUE(wait_for("SHRK CTX  info    \"before\"\n")) << output();
+
+    // The application cuts its segment to 100 bytes; from now on it leaves it alone.
+    const int fd = ::shm_open(shrinking.name().c_str(), O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::ftruncate(fd, 100), 0);
+    ::close(fd);
+    ASSERT_TRUE(
+        wait_for("-- detach     SHRK " + shrinking.name() + " (access fault: its segment shrank below 166072 bytes)\n"))
+        << output() << errors();
+
+    ASSERT_TRUE(steady.log(bytes_of(start(2, 4, 1), make_text(2, "after"), make_finish(2))));
+    EXPECT_TRUE(wait_for("STDY CTX  info    \"after\"\n")) << output();
+    // A new application is still attached and served.
+    Test_application next(unique_id("next", 20));
+    attach_registered(next, "NEXT");
+    next.close();
+    steady.close();
+    EXPECT_TRUE(wait_for("-- detach     NEXT")) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+    EXPECT_EQ(count_of(output(), "-- detach     SHRK"), 1U) << output();
+}
+
+TEST_F(Monitor, ControlCharactersFromApplicationsAreEscaped)
+{
+    start_monitor();
+    Test_application app(unique_id("", 20));
+    segments_.push_back(app.name());
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("A\n\x1b\\", "line\nbreak"))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1,
+                                                                     "\x07"
+                                                                     "C\r",
+                                                                     "ctx\x1b"))));
+    app.release();
+    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), make_text(1, "text\n-- forged\x1b[0m"), make_finish(1))));
+    const std::string app_id = "A\\x0a\\x1b\\x5c";
+    ASSERT_TRUE(wait_for(app_id + " \\x07C\\x0d info    \"text\\n-- forged\\x1b[0m\"\n")) << output();
+    app.close();
+    ASSERT_TRUE(wait_for("-- detach")) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+    const std::string text = output();
+    EXPECT_NE(text.find("-- app        " + app_id + " \"line\\nbreak\" channel=" + app.name() + "\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("-- context    " + app_id + " \\x07C\\x0d handle=1 level=info \"ctx\\x1b\"\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("-- detach     " + app_id + " " + app.name() + " (closed its channel)\n"), std::string::npos)
+        << text;
+    // Every line is one the monitor wrote: no raw control character but the line ends.
+    for (const char c : text) {
+        EXPECT_TRUE(c == '\n' || (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f)) << static_cast<int>(c);
+    }
+    EXPECT_EQ(count_of(text, "\n-- forged"), 0U);
+}
+
+TEST_F(Monitor, LockFileThatIsASymlinkOrNoRegularFileIsRefused)
+{
+    // The fallback under /tmp, where anyone may plant a link.
+    runstate_.reset();
+    runstate_.reset(new logferry_test::Runstate_dir(false));
+    dir_ = runstate_->root();
+    out_ = dir_ + "/monitor.out";
+    err_ = dir_ + "/monitor.err";
+    const std::string lock = logferry_test::FALLBACK_LOCK_FILE;
+    const std::string target = dir_ + "/planted-target";
+    struct stat status {};
+    ASSERT_NE(::lstat(lock.c_str(), &status), 0) << lock << " is left over from another run";
+    ASSERT_EQ(::symlink(target.c_str(), lock.c_str()), 0);
+    pid_ = launch({}, out_, err_);
+    const int status_code = logferry_test::wait_child(pid_, milliseconds(10000));
+    pid_ = -1;
+    ::unlink(lock.c_str());
+    ASSERT_TRUE(WIFEXITED(status_code));
+    EXPECT_EQ(WEXITSTATUS(status_code), 1);
+    EXPECT_EQ(errors(), "logferry-monitor: refusing the lock file " + lock + ": it is a symbolic link\n");
+    EXPECT_FALSE(logferry_test::path_exists(target));
+    EXPECT_FALSE(logferry_test::shm_exists(LISTENER_SEGMENT));
+
+    // A directory in the lock file's place in a run-state directory.
+    runstate_.reset();
+    runstate_.reset(new logferry_test::Runstate_dir());
+    dir_ = runstate_->root();
+    out_ = dir_ + "/monitor.out";
+    err_ = dir_ + "/monitor.err";
+    ASSERT_EQ(::mkdir(runstate_->lock_file().c_str(), 0700), 0);
+    pid_ = launch({}, out_, err_);
+    const int second = logferry_test::wait_child(pid_, milliseconds(10000));
+    pid_ = -1;
+    ASSERT_TRUE(WIFEXITED(second));
+    EXPECT_EQ(WEXITSTATUS(second), 1);
+    EXPECT_EQ(errors(),
+              "logferry-monitor: refusing the lock file " + runstate_->lock_file() + ": it is not a regular file\n");
+    EXPECT_FALSE(logferry_test::shm_exists(LISTENER_SEGMENT));
+}
+
+TEST_F(Monitor, WhatTheMonitorCreatesIsMode0660UnderUmask022)
+{
+    const mode_t previous = ::umask(022);
+    start_monitor({"--dlt-file", file("out.dlt")});
+    ::umask(previous);
+    struct stat lock {};
+    ASSERT_EQ(::stat(lock_file_.c_str(), &lock), 0);
+    EXPECT_EQ(lock.st_mode & 0777, 0660U);
+    struct stat segment {};
+    ASSERT_EQ(::stat((std::string("/dev/shm") + LISTENER_SEGMENT).c_str(), &segment), 0);
+    EXPECT_EQ(segment.st_mode & 0777, 0660U);
+    struct stat dlt {};
+    ASSERT_EQ(::stat(file("out.dlt").c_str(), &dlt), 0);
+    EXPECT_EQ(dlt.st_mode & 0777, 0660U);
     EXPECT_EQ(stop_monitor(), 0);
 }
 

@@ -8,10 +8,15 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <setjmp.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -37,6 +42,74 @@ constexpr std::size_t DUMP_LIMIT = 32;
 constexpr int RING_LOCK_TRIES = 20000;
 // The process id in a channel name is cut to this many digits.
 constexpr std::size_t NAME_PID_DIGITS = 5;
+// The time stamp in a channel name: a 32-bit number in lowercase hexadecimal.
+constexpr std::size_t NAME_STAMP_DIGITS = 8;
+constexpr char CHANNEL_PREFIX[] = "/logferry-";
+// Refused names remembered; the set starts afresh beyond this.
+constexpr std::size_t REFUSED_LIMIT = 1024;
+
+// The guard around accesses to an attached segment (see Collector::guarded). The collector
+// runs on one thread; the handler only reads these.
+sigjmp_buf fault_return;
+logferry::Logferry_base* volatile guarded_channel = nullptr;
+struct sigaction previous_bus_action {};
+bool bus_handler_installed = false;
+
+extern "C" void on_access_fault(int /*signal*/, siginfo_t* info, void* /*context*/)
+{
+    logferry::Logferry_base* channel = guarded_channel;
+    if (channel != nullptr && channel->segment != MAP_FAILED) {
+        const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
+        const auto begin = reinterpret_cast<std::uintptr_t>(channel->segment);
+        if (address >= begin && address < begin + logferry::CHANNEL_SEGMENT_SIZE) {
+            guarded_channel = nullptr;
+            siglongjmp(fault_return, 1);
+        }
+    }
+    // Not a channel's fault: the handler that was there before (or the default action,
+    // which ends the process) gets it when the access is retried.
+    ::sigaction(SIGBUS, &previous_bus_action, nullptr);
+}
+
+void install_fault_handler()
+{
+    if (bus_handler_installed) {
+        return;
+    }
+    struct sigaction action {};
+    action.sa_sigaction = on_access_fault;
+    action.sa_flags = SA_SIGINFO | SA_NODEFER;
+    sigemptyset(&action.sa_mask);
+    bus_handler_installed = ::sigaction(SIGBUS, &action, &previous_bus_action) == 0;
+}
+
+bool only_of(const std::string& text, const char* alphabet)
+{
+    return text.find_first_not_of(alphabet) == std::string::npos;
+}
+
+// Why the object `name` cannot be a channel segment; empty when it can.
+std::string check_segment_object(const std::string& name)
+{
+    const int fd = ::shm_open(name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC, 0);
+    if (fd < 0) {
+        return std::string("cannot open: ") + std::strerror(errno);
+    }
+    struct stat status {};
+    const int result = ::fstat(fd, &status);
+    ::close(fd);
+    if (result != 0) {
+        return std::string("cannot inspect: ") + std::strerror(errno);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return "not a shared-memory object";
+    }
+    if (status.st_size != static_cast<off_t>(logferry::CHANNEL_SEGMENT_SIZE)) {
+        return "size " + std::to_string(status.st_size) + " bytes, not " +
+               std::to_string(logferry::CHANNEL_SEGMENT_SIZE);
+    }
+    return "";
+}
 
 std::int64_t monotonic_seconds()
 {
@@ -123,6 +196,26 @@ bool try_lock_ring(pthread_mutex_t* mutex)
 
 }  // namespace
 
+bool is_channel_name(const std::string& name)
+{
+    const std::size_t prefix = sizeof CHANNEL_PREFIX - 1;
+    if (name.size() > logferry::LISTENER_NAME_SIZE || name.compare(0, prefix, CHANNEL_PREFIX) != 0) {
+        return false;
+    }
+    const auto last = name.rfind('-');
+    const auto before = last <= prefix ? std::string::npos : name.rfind('-', last - 1);
+    if (before == std::string::npos || before <= prefix) {
+        return false;
+    }
+    const std::string id = name.substr(prefix, before - prefix);
+    const std::string pid = name.substr(before + 1, last - before - 1);
+    const std::string stamp = name.substr(last + 1);
+    return !id.empty() && !pid.empty() && pid.size() <= NAME_PID_DIGITS && !stamp.empty() &&
+           stamp.size() <= NAME_STAMP_DIGITS &&
+           only_of(id, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-") &&
+           only_of(pid, "0123456789") && only_of(stamp, "0123456789abcdef");
+}
+
 void to_dlt_id(const std::string& id, char out[4])
 {
     for (std::size_t i = 0; i < 4; ++i) {
@@ -130,10 +223,12 @@ void to_dlt_id(const std::string& id, char out[4])
     }
 }
 
+std::string Application::label() const { return logferry_monitor::escape(app_id.empty() ? channel : app_id); }
+
 std::string Application::context_label(std::uint32_t handle) const
 {
     const auto it = contexts.find(handle);
-    return it != contexts.end() ? it->second.id : "#" + std::to_string(handle);
+    return it != contexts.end() ? logferry_monitor::escape(it->second.id) : "#" + std::to_string(handle);
 }
 
 Collector::Collector(Options options) : options_(std::move(options)), listener_(true) {}
@@ -150,27 +245,65 @@ void Collector::note(const std::string& word, const std::string& details)
 bool Collector::start()
 {
     // The listener's own init would wait for the lock of a daemon that is already
-    // running; refuse instead.
+    // running; refuse instead. It would also follow a link planted at the lock file's
+    // path (the fallback under /tmp is open to everyone) and create its target.
     listener_.check_lock_listener_name();
-    const int probe = ::open(listener_.lock_listener_name.c_str(), O_RDONLY);
+    const std::string& lock_path = listener_.lock_listener_name;
+    struct stat status {};
+    if (::lstat(lock_path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        std::cerr << "logferry-monitor: refusing the lock file " << lock_path << ": "
+                  << (S_ISLNK(status.st_mode) ? "it is a symbolic link" : "it is not a regular file") << std::endl;
+        return false;
+    }
+    const int probe = ::open(lock_path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (probe >= 0) {
         const bool held = ::lockf(probe, F_TEST, 0) == -1 && (errno == EAGAIN || errno == EACCES);
         ::close(probe);
         if (held) {
-            std::cerr << "logferry-monitor: another daemon holds " << listener_.lock_listener_name << std::endl;
+            std::cerr << "logferry-monitor: another daemon holds " << lock_path << std::endl;
             return false;
         }
     }
     if (!listener_.init()) {
-        std::cerr << "logferry-monitor: cannot take the listener role (lock file " << listener_.lock_listener_name
-                  << ")" << std::endl;
+        std::cerr << "logferry-monitor: cannot take the listener role (lock file " << lock_path << ")" << std::endl;
         return false;
     }
+    install_fault_handler();
     started_ = true;
     began_ = Clock::now();
     next_housekeeping_ = began_;
-    note("listening", "lock=" + listener_.lock_listener_name);
+    note("listening", "lock=" + lock_path);
     return true;
+}
+
+template <typename Work>
+bool Collector::guarded(Attachment& attachment, Work&& work)
+{
+    if (sigsetjmp(fault_return, 0) != 0) {
+        detach_faulted(attachment);
+        return false;
+    }
+    guarded_channel = attachment.channel.get();
+    work();
+    guarded_channel = nullptr;
+    return true;
+}
+
+void Collector::detach_faulted(Attachment& attachment)
+{
+    // Nothing of the segment is touched again: no watchdog is cleared, the mutex that may
+    // be held stays in the mapping that goes.
+    logferry::Logferry_base& channel = *attachment.channel;
+    note("detach", attachment.app.label() + " " + attachment.app.channel + " (access fault: its segment shrank below " +
+                       std::to_string(logferry::CHANNEL_SEGMENT_SIZE) + " bytes)");
+    for (Output* output : outputs_) {
+        output->detached(attachment.app);
+    }
+    if (channel.segment != MAP_FAILED) {
+        ::munmap(channel.segment, logferry::CHANNEL_SEGMENT_SIZE);
+        channel.segment = static_cast<logferry::Channel_segment*>(MAP_FAILED);
+    }
+    channel.initialized = false;
 }
 
 void Collector::housekeeping()
@@ -178,13 +311,22 @@ void Collector::housekeeping()
     listener_.check_watchdogs();
     const std::int64_t seconds = monotonic_seconds();
     for (auto& attachment : attachments_) {
-        attachment->channel->is_connection_active();
-        const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
-        if (stamp != 0 && seconds - stamp > SILENCE_LIMIT_SECONDS) {
-            if (!read_remainder(*attachment)) {
-                break;
+        if (!attachment->channel->is_initialized()) {
+            continue;
+        }
+        bool go_on = true;
+        guarded(*attachment, [&] {
+            attachment->channel->is_connection_active();
+            const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
+            if (stamp != 0 && seconds - stamp > SILENCE_LIMIT_SECONDS) {
+                go_on = read_remainder(*attachment);
+                if (go_on) {
+                    detach(*attachment, "no sign of life for " + std::to_string(seconds - stamp) + " s");
+                }
             }
-            detach(*attachment, "no sign of life for " + std::to_string(seconds - stamp) + " s");
+        });
+        if (!go_on) {
+            break;
         }
     }
 }
@@ -212,15 +354,21 @@ bool Collector::poll()
         if (!attachment->channel->is_initialized()) {
             continue;
         }
-        // Read the stamp first: whatever the application wrote before it cleared the
-        // stamp on its way out is drained below.
-        const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
-        if (!(stamp == 0 ? read_remainder(*attachment) : drain(*attachment, false))) {
-            break;
-        }
-        if (stamp == 0) {
-            detach(*attachment, "closed its channel");
+        bool go_on = true;
+        if (!guarded(*attachment, [&] {
+                // Read the stamp first: whatever the application wrote before it cleared
+                // the stamp on its way out is drained below.
+                const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
+                go_on = stamp == 0 ? read_remainder(*attachment) : drain(*attachment, false);
+                if (go_on && stamp == 0) {
+                    detach(*attachment, "closed its channel");
+                    busy = true;
+                }
+            })) {
             busy = true;
+        }
+        if (!go_on) {
+            break;
         }
     }
     for (auto it = attachments_.begin(); it != attachments_.end();) {
@@ -243,7 +391,7 @@ void Collector::shutdown(const std::string& reason)
     }
     started_ = false;
     for (auto& attachment : attachments_) {
-        attachment->channel->uninit();
+        guarded(*attachment, [&] { attachment->channel->uninit(); });
     }
     attachments_.clear();
     listener_.uninit();
@@ -256,31 +404,78 @@ void Collector::shutdown(const std::string& reason)
 
 void Collector::attach(const std::string& name)
 {
+    if (!is_channel_name(name)) {
+        refuse(name, "not a channel name");
+        return;
+    }
     for (const auto& attachment : attachments_) {
         if (attachment->app.channel == name && attachment->channel->is_initialized()) {
             return;  // announced again while attached: the attachment stands
         }
     }
+    const std::string why = check_segment_object(name);
+    if (!why.empty()) {
+        refuse(name, why);
+        return;
+    }
     auto attachment = std::make_unique<Attachment>();
     attachment->channel = std::make_unique<logferry::Logferry_base>();
     attachment->app.channel = name;
-    if (!attachment->channel->init(name)) {
+    bool attached = false;
+    if (!guarded(*attachment, [&] { attached = attachment->channel->init(name); })) {
+        return;
+    }
+    if (!attached) {
         note("error", name + ": cannot attach");
         return;
     }
     attachment->app.pid = application_pid(name);
     ++applications_;
     note("attach", name);
-    for (const std::string& text : options_.texts) {
-        std::vector<unsigned char> bytes(text.begin(), text.end());
-        bytes.push_back('\n');
-        if (attachment->channel->push(bytes)) {
-            note("say", name + " " + logferry_monitor::quote(text));
-        } else {
-            note("error", name + ": cannot send " + logferry_monitor::quote(text));
+    guarded(*attachment, [&] {
+        for (const std::string& text : options_.texts) {
+            std::vector<unsigned char> bytes(text.begin(), text.end());
+            bytes.push_back('\n');
+            if (attachment->channel->push(bytes)) {
+                note("say", name + " " + logferry_monitor::quote(text));
+            } else {
+                note("error", name + ": cannot send " + logferry_monitor::quote(text));
+            }
+        }
+    });
+    attachments_.push_back(std::move(attachment));
+}
+
+void Collector::refuse(const std::string& name, const std::string& why)
+{
+    withdraw(name);
+    if (refused_.count(name) != 0) {
+        return;
+    }
+    if (refused_.size() >= REFUSED_LIMIT) {
+        refused_.clear();
+    }
+    refused_.insert(name);
+    note("refused", logferry_monitor::escape(name) + ": " + why);
+}
+
+void Collector::withdraw(const std::string& name)
+{
+    // The entry is emptied as the application's own withdrawal would empty it; an
+    // application that announces the name again finds it refused again.
+    logferry::Listener_segment* list = listener_.segment;
+    if (!listener_.is_initialized() || name.size() > logferry::LISTENER_NAME_SIZE) {
+        return;
+    }
+    logferry::Mutex_lock_guard lock(&list->list_mutex.mutex, false);
+    for (logferry::Listener_entry& entry : list->entries) {
+        if (std::memcmp(entry.channel_name, name.data(), name.size()) == 0 &&
+            (name.size() == logferry::LISTENER_NAME_SIZE || entry.channel_name[name.size()] == '\0')) {
+            std::memset(entry.channel_name, 0, sizeof entry.channel_name);
+            entry.picked_up = 0;
+            entry.watchdog_reset = 1;
         }
     }
-    attachments_.push_back(std::move(attachment));
 }
 
 void Collector::detach(Attachment& attachment, const std::string& why)
@@ -378,7 +573,7 @@ void Collector::handle_control(Attachment& attachment, const Record& record, con
         app.app_id = record.id;
         to_dlt_id(record.id, app.dlt_id);
         app.description = record.text;
-        note("app", record.id + " " + quote(record.text) + " channel=" + app.channel);
+        note("app", app.label() + " " + quote(record.text) + " channel=" + app.channel);
         break;
     case KIND_REGISTER_CONTEXT: {
         Context& context = app.contexts[record.context_handle];
@@ -386,7 +581,8 @@ void Collector::handle_control(Attachment& attachment, const Record& record, con
         to_dlt_id(record.id, context.dlt_id);
         context.level = record.log_level;
         context.description = record.text;
-        note("context", app.label() + " " + record.id + " handle=" + std::to_string(record.context_handle) +
+        note("context", app.label() + " " + logferry_monitor::escape(record.id) +
+                            " handle=" + std::to_string(record.context_handle) +
                             " level=" + logferry_monitor::level_name(record.log_level) + " " + quote(record.text));
         for (const auto& wanted : options_.levels) {
             if (wanted.first == record.id) {
@@ -440,8 +636,8 @@ bool Collector::send_level(Attachment& attachment, std::uint32_t handle, Context
 {
     std::vector<unsigned char> update(logferry::wire::LEVEL_UPDATE_SIZE);
     logferry::wire::encode_level_update(update.data(), level, handle);
-    const std::string what = attachment.app.label() + " " + context.id + " handle=" + std::to_string(handle) +
-                             " level=" + logferry_monitor::level_name(level);
+    const std::string what = attachment.app.label() + " " + logferry_monitor::escape(context.id) +
+                             " handle=" + std::to_string(handle) + " level=" + logferry_monitor::level_name(level);
     if (attachment.channel->push(update)) {
         context.level = level;
         note("set-level", what);
@@ -459,12 +655,14 @@ std::size_t Collector::set_level(const char app[4], const char context[4], std::
             attachment->app.app_id.empty()) {
             continue;
         }
-        for (auto& entry : attachment->app.contexts) {
-            if (std::memcmp(entry.second.dlt_id, context, 4) == 0 &&
-                send_level(*attachment, entry.first, entry.second, level)) {
-                ++reached;
+        guarded(*attachment, [&] {
+            for (auto& entry : attachment->app.contexts) {
+                if (std::memcmp(entry.second.dlt_id, context, 4) == 0 &&
+                    send_level(*attachment, entry.first, entry.second, level)) {
+                    ++reached;
+                }
             }
-        }
+        });
     }
     return reached;
 }
@@ -476,9 +674,11 @@ std::size_t Collector::set_default_level(std::uint8_t level)
         if (!attachment->channel->is_initialized()) {
             continue;
         }
-        for (auto& entry : attachment->app.contexts) {
-            reached += send_level(*attachment, entry.first, entry.second, level) ? 1 : 0;
-        }
+        guarded(*attachment, [&] {
+            for (auto& entry : attachment->app.contexts) {
+                reached += send_level(*attachment, entry.first, entry.second, level) ? 1 : 0;
+            }
+        });
     }
     return reached;
 }

@@ -1,6 +1,7 @@
 // logferry-monitor: command line, signals and exit status.
 
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <csignal>
@@ -52,7 +53,8 @@ const char usage[] =
     "  --help             show this text\n"
     "\n"
     "The lock file is $ADAPTIVE_RUNSTATE_DIR/ara_DLT/logferry-daemon-listener.lock, or\n"
-    "/tmp/logferry-daemon-listener.lock when that directory does not exist.\n";
+    "/tmp/logferry-daemon-listener.lock when that directory does not exist; the monitor\n"
+    "refuses to start when that path is a symbolic link or not a regular file.\n";
 
 int usage_error(const std::string& text)
 {
@@ -165,6 +167,10 @@ int main(int argc, char** argv)
             return usage_error("--duration wants a positive number of seconds, not " + value);
         }
     }
+
+    // What the monitor creates (lock file, listener segment, DLT files) is for its group:
+    // mode 0660 whatever umask it was started with.
+    ::umask(0007);
 
     struct sigaction action {};
     action.sa_handler = request_stop;
