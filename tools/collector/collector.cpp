@@ -38,8 +38,12 @@ constexpr auto HOUSEKEEPING_PERIOD = std::chrono::milliseconds(200);
 constexpr std::int64_t SILENCE_LIMIT_SECONDS = 5;
 // Bytes shown of a unit that cannot be decoded.
 constexpr std::size_t DUMP_LIMIT = 32;
-// Attempts to catch a ring's mutex free before waiting for it.
+// Attempts to catch a ring's mutex free before going on to the next ring.
 constexpr int RING_LOCK_TRIES = 20000;
+// Passes in a row a ring may be passed over because its mutex was held; the next one waits
+// for the mutex. An application whose threads hold their mutex most of the time (or one
+// that was preempted holding it) does not keep the others waiting, and is not starved.
+constexpr unsigned int RING_SKIPS_BEFORE_WAITING = 4;
 // The process id in a channel name is cut to this many digits.
 constexpr std::size_t NAME_PID_DIGITS = 5;
 // The time stamp in a channel name: a 32-bit number in lowercase hexadecimal.
@@ -343,6 +347,7 @@ bool Collector::poll()
         housekeeping();
     }
     bool busy = false;
+    skipped_ring_ = false;
     for (std::string name = listener_.get_next(); !name.empty(); name = listener_.get_next()) {
         attach(name);
         busy = true;
@@ -381,7 +386,8 @@ bool Collector::poll()
     for (Output* output : outputs_) {
         output->flush();
     }
-    return busy || messages_ != before;
+    // A ring passed over still holds messages: no pause before the next pass.
+    return busy || skipped_ring_ || messages_ != before;
 }
 
 void Collector::shutdown(const std::string& reason)
@@ -516,7 +522,14 @@ bool Collector::drain(Attachment& attachment, bool everything)
             // (each unit's own copy is freed at once, so the allocator keeps reusing it).
             // The application's records wait while its gate is shut.
             pthread_mutex_t* mutex = &channel.segment->client_mutex.mutex;
-            logferry::Mutex_lock_guard lock(mutex, try_lock_ring(mutex));
+            const bool locked = try_lock_ring(mutex);
+            if (!locked && !everything && attachment.passes_skipped < RING_SKIPS_BEFORE_WAITING) {
+                ++attachment.passes_skipped;
+                skipped_ring_ = true;
+                break;
+            }
+            attachment.passes_skipped = 0;
+            logferry::Mutex_lock_guard lock(mutex, locked);
             if (logferry::atomic_load_u8(&channel.segment->client_buffer_locked) == 0) {
                 for (std::vector<unsigned char> unit = channel.pop_unsynced(false); !unit.empty();
                      unit = channel.pop_unsynced(false)) {

@@ -159,6 +159,8 @@ private:
     struct Attachment {
         std::unique_ptr<logferry::Logferry_base> channel;
         Application app;
+        // Passes in a row that found its ring's mutex held and went on to the next ring.
+        unsigned int passes_skipped = 0;
     };
 
     void housekeeping();
@@ -198,6 +200,7 @@ private:
     std::chrono::steady_clock::time_point next_housekeeping_;
     std::uint64_t messages_ = 0;
     std::uint64_t applications_ = 0;
+    bool skipped_ring_ = false;  // this pass passed a ring over
     std::string stop_reason_;
     bool started_ = false;
     // Names refused once: refused again without a line, so that an application that keeps
