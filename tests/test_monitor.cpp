@@ -5,9 +5,11 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <linux/futex.h>
 #include <netinet/in.h>
 #include <pthread.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -1946,6 +1948,110 @@ TEST_F(Monitor, WhatTheMonitorCreatesIsMode0660UnderUmask022)
     ASSERT_EQ(::stat(file("out.dlt").c_str(), &dlt), 0);
     EXPECT_EQ(dlt.st_mode & 0777, 0660U);
     EXPECT_EQ(stop_monitor(), 0);
+}
+
+// Two users for the test below, members of the daemon's group (gid 1051, named "logferry"
+// when this makes it); what was made here is removed again, what was there stays.
+class Group_users {
+public:
+    Group_users()
+    {
+        if (::getgrgid(LOGGING_GROUP_ID) == nullptr) {
+            made_group_ = run("groupadd -g " + std::to_string(LOGGING_GROUP_ID) + " logferry");
+        }
+        for (const char* name : {MONITOR_USER, APPLICATION_USER}) {
+            if (::getpwnam(name) == nullptr && run(std::string("useradd -M -N -r -s /usr/sbin/nologin -g ") +
+                                                   std::to_string(LOGGING_GROUP_ID) + " " + name)) {
+                made_users_.push_back(name);
+            }
+        }
+    }
+    ~Group_users()
+    {
+        for (const std::string& name : made_users_) {
+            run("userdel " + name);
+        }
+        if (made_group_) {
+            run("groupdel logferry");
+        }
+    }
+    Group_users(const Group_users&) = delete;
+    Group_users& operator=(const Group_users&) = delete;
+
+    // Why the users cannot be used, empty when they can.
+    static std::string unusable()
+    {
+        if (::getgrgid(LOGGING_GROUP_ID) == nullptr) {
+            return "no group " + std::to_string(LOGGING_GROUP_ID);
+        }
+        for (const char* name : {MONITOR_USER, APPLICATION_USER}) {
+            const passwd* user = ::getpwnam(name);
+            if (user == nullptr || user->pw_gid != LOGGING_GROUP_ID || user->pw_uid == 0) {
+                return std::string("no user ") + name + " in group " + std::to_string(LOGGING_GROUP_ID);
+            }
+        }
+        return "";
+    }
+
+    static constexpr const char* MONITOR_USER = "logferry-tmon";
+    static constexpr const char* APPLICATION_USER = "logferry-tapp";
+
+private:
+    static bool run(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()) == 0; }
+
+    bool made_group_ = false;
+    std::vector<std::string> made_users_;
+};
+
+TEST_F(Monitor, MonitorAndApplicationAsTwoUnprivilegedUsersOfTheGroup)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to create two users of group " << LOGGING_GROUP_ID;
+    }
+    Group_users users;
+    const std::string why = Group_users::unusable();
+    ASSERT_EQ(why, "");
+    // The run-state directory belongs to the group, as the platform's does.
+    for (const std::string& path : {dir_, runstate_->ara_dlt()}) {
+        ASSERT_EQ(::chown(path.c_str(), 0, LOGGING_GROUP_ID), 0);
+        ASSERT_EQ(::chmod(path.c_str(), 0770), 0);
+    }
+    const std::string regid = "--regid=" + std::to_string(LOGGING_GROUP_ID);
+    // The monitor as one user, under the usual umask: it sets its own.
+    ::unlink(out_.c_str());
+    pid_ = run_program("/usr/bin/setpriv",
+                       {std::string("--reuid=") + Group_users::MONITOR_USER, regid, "--clear-groups", "--",
+                        LOGFERRY_MONITOR_PATH, "--say", "hello across users"},
+                       out_, err_);
+    ASSERT_TRUE(wait_for("-- listening")) << output() << errors();
+    struct stat lock {};
+    ASSERT_EQ(::stat(lock_file_.c_str(), &lock), 0);
+    EXPECT_EQ(lock.st_uid, ::getpwnam(Group_users::MONITOR_USER)->pw_uid);
+    EXPECT_EQ(lock.st_gid, LOGGING_GROUP_ID);
+    EXPECT_EQ(lock.st_mode & 0777, 0660U);
+
+    // The example as the other user, with the umask applications need (0007).
+    const std::string example_out = dir_ + "/example.out";
+    const std::string example_err = dir_ + "/example.err";
+    const int example = run_program("/bin/sh",
+                                    {"-c",
+                                     std::string("umask 0007 && exec setpriv --reuid=") +
+                                         Group_users::APPLICATION_USER + " " + regid + " --clear-groups -- \"$0\"",
+                                     LOGFERRY_EXAMPLE_PATH},
+                                    example_out, example_err);
+    const int status = logferry_test::wait_child(example, milliseconds(20000));
+    const std::string printed = read_file(example_out);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0) << printed << read_file(example_err);
+    // Both ways: the monitor's text reached the application, its messages the monitor.
+    EXPECT_NE(printed.find("hello across users\n"), std::string::npos) << printed;
+    ASSERT_TRUE(wait_for("-- detach")) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+    const std::string text = output();
+    EXPECT_NE(text.find("-- app        EXA \"logferry example application\""), std::string::npos) << text;
+    EXPECT_NE(text.find(" EXA  MAIN info    "), std::string::npos) << text;
+    EXPECT_EQ(text.find("-- refused"), std::string::npos) << text;
+    EXPECT_EQ(errors(), "");
 }
 
 }  // namespace
