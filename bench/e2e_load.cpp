@@ -86,17 +86,27 @@ void log_one(std::uint32_t key, std::int32_t value)
     }
 }
 
-int run_log(const std::string& id, double seconds, double rate)
+// Brings logging up as application `id` with the context LOAD and waits until the daemon
+// side has attached and the ring is open; false with a line on stderr.
+bool bring_up(const std::string& id, const char* description, std::chrono::milliseconds attach_limit)
 {
     logferry::set_app_identifier(id);
     logferry::init();
-    if (!logferry::register_app(id.c_str(), "end-to-end load") ||
+    if (!logferry::register_app(id.c_str(), description) ||
         !logferry::register_context(CONTEXT, "LOAD", "load context", LEVEL_INFO)) {
         std::fprintf(stderr, "e2e_load: cannot register\n");
-        return 1;
+        return false;
     }
-    if (!wait_until(std::chrono::milliseconds(10000), ring_open)) {
+    if (!wait_until(attach_limit, ring_open)) {
         std::fprintf(stderr, "e2e_load: no daemon side attached\n");
+        return false;
+    }
+    return true;
+}
+
+int run_log(const std::string& id, double seconds, double rate)
+{
+    if (!bring_up(id, "end-to-end load", std::chrono::milliseconds(10000))) {
         return 1;
     }
     const double cpu_before = cpu_seconds();
@@ -138,15 +148,7 @@ int run_log(const std::string& id, double seconds, double rate)
 
 int run_flood(const std::string& id, double seconds, int threads)
 {
-    logferry::set_app_identifier(id);
-    logferry::init();
-    if (!logferry::register_app(id.c_str(), "end-to-end flood") ||
-        !logferry::register_context(CONTEXT, "LOAD", "load context", LEVEL_INFO)) {
-        std::fprintf(stderr, "e2e_load: cannot register\n");
-        return 1;
-    }
-    if (!wait_until(std::chrono::milliseconds(20000), ring_open)) {
-        std::fprintf(stderr, "e2e_load: no daemon side attached\n");
+    if (!bring_up(id, "end-to-end flood", std::chrono::milliseconds(20000))) {
         return 1;
     }
     const double cpu_before = cpu_seconds();
