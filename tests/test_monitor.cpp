@@ -1800,7 +1800,11 @@ TEST_F(Monitor, ObjectsThatAreNoChannelSegmentAreRefused)
     segments_.push_back(small);
     ASSERT_TRUE(make_object(small, 100, 0x11));
     const std::string missing = "/logferry-" + channel_identifier(unique_id("missing", 20));
-    for (const std::string& name : {small, std::string(LISTENER_SEGMENT), missing}) {
+    // A FIFO under a channel name: opening it for reading would wait for a writer.
+    const std::string fifo = "/logferry-" + channel_identifier(unique_id("fifo", 20));
+    segments_.push_back(fifo);
+    ASSERT_EQ(::mkfifo(("/dev/shm" + fifo).c_str(), 0600), 0);
+    for (const std::string& name : {small, std::string(LISTENER_SEGMENT), fifo, missing}) {
         Announcer announcer;
         ASSERT_TRUE(announcer.announce(name));
         EXPECT_TRUE(wait_until([&] { return !announcer.announced(); })) << output();
@@ -1810,6 +1814,7 @@ TEST_F(Monitor, ObjectsThatAreNoChannelSegmentAreRefused)
         << output();
     EXPECT_NE(output().find("-- refused    /logferry-daemon-listener: not a channel name\n"), std::string::npos)
         << output();
+    EXPECT_NE(output().find("-- refused    " + fifo + ": not a shared-memory object\n"), std::string::npos) << output();
     EXPECT_TRUE(object_is(small, 100, 0x11));
     EXPECT_EQ(output().find("-- attach"), std::string::npos) << output();
 

@@ -95,7 +95,8 @@ bool only_of(const std::string& text, const char* alphabet)
 // Why the object `name` cannot be a channel segment; empty when it can.
 std::string check_segment_object(const std::string& name)
 {
-    const int fd = ::shm_open(name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC, 0);
+    // Without waiting: a FIFO planted under the name must not hold the monitor up.
+    const int fd = ::shm_open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0);
     if (fd < 0) {
         return std::string("cannot open: ") + std::strerror(errno);
     }
