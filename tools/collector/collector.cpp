@@ -8,7 +8,6 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <setjmp.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -16,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -53,12 +53,18 @@ constexpr char CHANNEL_PREFIX[] = "/logferry-";
 constexpr std::size_t REFUSED_LIMIT = 1024;
 
 // The guard around accesses to an attached segment (see Collector::guarded). The collector
-// runs on one thread; the handler only reads these.
-sigjmp_buf fault_return;
+// runs on one thread, and the handler runs on it, inside the access that faulted.
 logferry::Logferry_base* volatile guarded_channel = nullptr;
+volatile std::sig_atomic_t guarded_fault = 0;
+std::uintptr_t page_size = 4096;
 struct sigaction previous_bus_action {};
 bool bus_handler_installed = false;
 
+// A fault inside the guarded segment (its object shrank under the mapping): the faulting page
+// is replaced by a private page of zeros, so that the access completes and the guarded work
+// comes to its end harmlessly, and the fault is noted for the guard. No jump out of the
+// handler: nothing is skipped, no lock or allocation is left behind, and sanitizers that
+// watch signal handlers see an ordinary return.
 extern "C" void on_access_fault(int /*signal*/, siginfo_t* info, void* /*context*/)
 {
     logferry::Logferry_base* channel = guarded_channel;
@@ -66,8 +72,12 @@ extern "C" void on_access_fault(int /*signal*/, siginfo_t* info, void* /*context
         const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
         const auto begin = reinterpret_cast<std::uintptr_t>(channel->segment);
         if (address >= begin && address < begin + logferry::CHANNEL_SEGMENT_SIZE) {
-            guarded_channel = nullptr;
-            siglongjmp(fault_return, 1);
+            void* page = reinterpret_cast<void*>(address & ~(page_size - 1));
+            if (::mmap(page, page_size, PROT_READ | PROT_WRITE, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) ==
+                page) {
+                guarded_fault = 1;
+                return;
+            }
         }
     }
     // Not a channel's fault: the handler that was there before (or the default action,
@@ -80,9 +90,13 @@ void install_fault_handler()
     if (bus_handler_installed) {
         return;
     }
+    const long size = ::sysconf(_SC_PAGESIZE);
+    if (size > 0) {
+        page_size = static_cast<std::uintptr_t>(size);
+    }
     struct sigaction action {};
     action.sa_sigaction = on_access_fault;
-    action.sa_flags = SA_SIGINFO | SA_NODEFER;
+    action.sa_flags = SA_SIGINFO;
     sigemptyset(&action.sa_mask);
     bus_handler_installed = ::sigaction(SIGBUS, &action, &previous_bus_action) == 0;
 }
@@ -284,20 +298,22 @@ bool Collector::start()
 template <typename Work>
 bool Collector::guarded(Attachment& attachment, Work&& work)
 {
-    if (sigsetjmp(fault_return, 0) != 0) {
-        detach_faulted(attachment);
-        return false;
-    }
+    guarded_fault = 0;
     guarded_channel = attachment.channel.get();
     work();
     guarded_channel = nullptr;
-    return true;
+    if (guarded_fault == 0) {
+        return true;
+    }
+    guarded_fault = 0;
+    detach_faulted(attachment);
+    return false;
 }
 
 void Collector::detach_faulted(Attachment& attachment)
 {
-    // Nothing of the segment is touched again: no watchdog is cleared, the mutex that may
-    // be held stays in the mapping that goes.
+    // Nothing of the segment is touched again: no watchdog is cleared, the mapping (with
+    // the pages of zeros that replaced the faulting ones) goes.
     logferry::Logferry_base& channel = *attachment.channel;
     note("detach", attachment.app.label() + " " + attachment.app.channel + " (access fault: its segment shrank below " +
                        std::to_string(logferry::CHANNEL_SEGMENT_SIZE) + " bytes)");
@@ -487,6 +503,9 @@ void Collector::withdraw(const std::string& name)
 
 void Collector::detach(Attachment& attachment, const std::string& why)
 {
+    if (guarded_fault != 0) {
+        return;  // the guard detaches it, for the fault
+    }
     note("detach", attachment.app.label() + " " + attachment.app.channel + " (" + why + ")");
     for (Output* output : outputs_) {
         output->detached(attachment.app);
@@ -539,8 +558,8 @@ bool Collector::drain(Attachment& attachment, bool everything)
                 }
             }
         }
-        if (batch_ends_.empty()) {
-            break;
+        if (batch_ends_.empty() || guarded_fault != 0) {
+            break;  // (what a faulting segment yielded is not passed on)
         }
         timespec now{};
         ::clock_gettime(CLOCK_REALTIME, &now);

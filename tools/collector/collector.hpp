@@ -19,9 +19,10 @@
 // gives channel names (`is_channel_name`) and names a shared-memory object of exactly a
 // channel segment's size; anything else is refused with one line and withdrawn from the
 // listener list. Every access to an attached segment runs under a guard: an access fault
-// inside the segment (the application shrank it after the attach) jumps back to the
-// guard, which detaches that channel with one line; a fault anywhere else still ends the
-// process. Whatever another process wrote is escaped before it is printed.
+// inside the segment (the application shrank it after the attach) has the faulting page
+// replaced by zeros and is noted, and the guard then detaches that channel with one line;
+// a fault anywhere else still ends the process. Whatever another process wrote is escaped
+// before it is printed.
 
 #ifndef LOGFERRY_TOOLS_COLLECTOR_COLLECTOR_HPP
 #define LOGFERRY_TOOLS_COLLECTOR_COLLECTOR_HPP
