@@ -1874,6 +1874,62 @@ TEST_F(Monitor, SegmentShrunkAfterAttachIsDetachedAndTheOthersCarryOn)
     EXPECT_EQ(count_of(output(), "-- detach     SHRK"), 1U) << output();
 }
 
+TEST_F(Monitor, SegmentCutToNothingWhileLoggingIsDetached)
+{
+#ifdef LOGFERRY_TEST_UNDER_TSAN
+    const char* options = std::getenv("TSAN_OPTIONS");
+    ::setenv("TSAN_OPTIONS", (std::string(options != nullptr ? options : "") + ":handle_sigbus=0").c_str(), 1);
+#endif
+    start_monitor();
+    const std::string identifier = unique_id("", 20);
+    const std::string channel = "/logferry-" + channel_identifier(identifier);
+    segments_.push_back(channel);
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    // The application logs without pause, also while and after its segment is cut to 0
+    // bytes (its own accesses then fault: it ends by the signal, as a hostile one may).
+    const int child = logferry_test::fork_child([&] {
+        ::close(ready[0]);
+        Test_application app(identifier);
+        if (!app.announce() || !app.wait_attached() ||
+            !app.send_priority(bytes_of(Logferry_register_app("ZERO", ""))) ||
+            !app.send_priority(bytes_of(Logferry_register_context(4, 1, "CTX", "")))) {
+            return 1;
+        }
+        app.release();
+        const char byte = 1;
+        if (::write(ready[1], &byte, 1) != 1) {
+            return 2;
+        }
+        for (std::uint32_t key = 0;; ++key) {
+            app.log(bytes_of(start(key, 4, 1), make_text(key, "flowing"), make_finish(key)));
+        }
+    });
+    ::close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+    ASSERT_TRUE(wait_for("ZERO CTX  info    \"flowing\"\n")) << errors();
+    const int fd = ::shm_open(channel.c_str(), O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::ftruncate(fd, 0), 0);
+    ::close(fd);
+    EXPECT_TRUE(wait_for("-- detach     ZERO " + channel + " (access fault: its segment shrank below 166072 bytes)\n"))
+        << errors();
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+
+    Test_application next(unique_id("next", 20));
+    attach_registered(next, "NEXT");
+    next.release();
+    ASSERT_TRUE(next.log(bytes_of(start(1, 4, 1), make_text(1, "served"), make_finish(1))));
+    EXPECT_TRUE(wait_for("NEXT CTX  info    \"served\"\n")) << errors();
+    next.close();
+    EXPECT_EQ(stop_monitor(), 0);
+    EXPECT_EQ(count_of(output(), "-- detach     ZERO"), 1U);
+    EXPECT_EQ(errors(), "");
+}
+
 TEST_F(Monitor, ControlCharactersFromApplicationsAreEscaped)
 {
     start_monitor();
