@@ -16,6 +16,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -99,6 +100,39 @@ void install_fault_handler()
     action.sa_flags = SA_SIGINFO;
     sigemptyset(&action.sa_mask);
     bus_handler_installed = ::sigaction(SIGBUS, &action, &previous_bus_action) == 0;
+}
+
+// Gives up the mapping of a segment that faulted. A robust mutex of the segment that this
+// thread held when its page went (the page of zeros in its place no longer says so) stays
+// linked into the thread's list of robust mutexes, and the next lock of any robust mutex
+// writes into the list's elements: the pages that hold the segment's three mutexes are
+// therefore kept, as private zeros, for the rest of the process (two pages per such
+// channel); everything else is unmapped.
+void release_faulted_segment(logferry::Channel_segment* segment)
+{
+    auto* base = reinterpret_cast<unsigned char*>(segment);
+    const std::size_t size = logferry::CHANNEL_SEGMENT_SIZE;
+    if (::mmap(base, size, PROT_READ | PROT_WRITE, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) != base) {
+        return;  // left mapped as it is: never unmapped under a held mutex
+    }
+    const std::size_t mutexes[] = {offsetof(logferry::Channel_segment, priority_mutex),
+                                   offsetof(logferry::Channel_segment, client_mutex),
+                                   offsetof(logferry::Channel_segment, server_mutex)};
+    const auto kept = [&](std::size_t page_begin) {
+        for (const std::size_t offset : mutexes) {
+            const std::size_t first = offset / page_size * page_size;
+            const std::size_t last = (offset + sizeof(logferry::Mutex_slot) - 1) / page_size * page_size;
+            if (page_begin >= first && page_begin <= last) {
+                return true;
+            }
+        }
+        return false;
+    };
+    for (std::size_t page = 0; page < size; page += page_size) {
+        if (!kept(page)) {
+            ::munmap(base + page, page_size);
+        }
+    }
 }
 
 bool only_of(const std::string& text, const char* alphabet)
@@ -312,8 +346,7 @@ bool Collector::guarded(Attachment& attachment, Work&& work)
 
 void Collector::detach_faulted(Attachment& attachment)
 {
-    // Nothing of the segment is touched again: no watchdog is cleared, the mapping (with
-    // the pages of zeros that replaced the faulting ones) goes.
+    // Nothing of the segment is touched again: no watchdog is cleared.
     logferry::Logferry_base& channel = *attachment.channel;
     note("detach", attachment.app.label() + " " + attachment.app.channel + " (access fault: its segment shrank below " +
                        std::to_string(logferry::CHANNEL_SEGMENT_SIZE) + " bytes)");
@@ -321,7 +354,7 @@ void Collector::detach_faulted(Attachment& attachment)
         output->detached(attachment.app);
     }
     if (channel.segment != MAP_FAILED) {
-        ::munmap(channel.segment, logferry::CHANNEL_SEGMENT_SIZE);
+        release_faulted_segment(channel.segment);
         channel.segment = static_cast<logferry::Channel_segment*>(MAP_FAILED);
     }
     channel.initialized = false;
