@@ -27,6 +27,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <regex>
@@ -315,6 +316,53 @@ protected:
         }
     }
 
+    // Forks an application that announces channel `identifier`, registers as `id` (context
+    // CTX, handle 1), opens its ring and runs `prepare`; once it says it is ready it runs
+    // `live` until it is killed. Returns its process id once it is ready, -1 on failure.
+    static int fork_application(const std::string& identifier, const char* id,
+                                const std::function<void(Test_application&)>& prepare,
+                                const std::function<void(Test_application&)>& live)
+    {
+        int ready[2];
+        if (::pipe(ready) != 0) {
+            return -1;
+        }
+        const int child = logferry_test::fork_child([&] {
+            ::close(ready[0]);
+            Test_application app(identifier);
+            if (!app.announce() || !app.wait_attached() ||
+                !app.send_priority(bytes_of(Logferry_register_app(id, ""))) ||
+                !app.send_priority(bytes_of(Logferry_register_context(4, 1, "CTX", "")))) {
+                return 1;
+            }
+            app.release();
+            prepare(app);
+            const char byte = 1;
+            if (::write(ready[1], &byte, 1) != 1) {
+                return 2;
+            }
+            for (;;) {
+                live(app);
+            }
+        });
+        ::close(ready[1]);
+        char byte = 0;
+        const bool is_ready = ::read(ready[0], &byte, 1) == 1;
+        ::close(ready[0]);
+        return is_ready ? child : -1;
+    }
+
+    // A new application registered as `id` is attached and its message shown; it closes.
+    void expect_served(const char* id)
+    {
+        Test_application app(unique_id(id, 20));
+        attach_registered(app, id);
+        app.release();
+        ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), make_text(1, "served"), make_finish(1))));
+        EXPECT_TRUE(wait_for(std::string(id) + " CTX  info    \"served\"\n")) << output() << errors();
+        app.close();
+    }
+
     // A file in the test's directory (removed with it).
     std::string file(const std::string& name) const { return dir_ + "/" + name; }
     // The port the monitor printed for --dlt-port 0.
@@ -542,31 +590,14 @@ TEST_F(Monitor, KilledApplicationIsDetached)
     const std::string identifier = unique_id("", 20);
     const std::string channel = "/logferry-" + channel_identifier(identifier);
     segments_.push_back(channel);  // a killed application leaves its segment behind
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const int child = logferry_test::fork_child([&] {
-        ::close(ready[0]);
-        Test_application app(identifier);
-        if (!app.announce() || !app.wait_attached() ||
-            !app.send_priority(bytes_of(Logferry_register_app("KILL", "to be killed"))) ||
-            !app.send_priority(bytes_of(Logferry_register_context(4, 1, "CTX", "")))) {
-            return 1;
-        }
-        app.release();
-        app.log(bytes_of(start(1, 4, 1), make_text(1, "before kill"), make_finish(1)));
-        const char byte = 1;
-        if (::write(ready[1], &byte, 1) != 1) {
-            return 2;
-        }
-        for (;;) {  // alive and stamping until killed
+    const int child = fork_application(
+        identifier, "KILL",
+        [](Test_application& app) { app.log(bytes_of(start(1, 4, 1), make_text(1, "before kill"), make_finish(1))); },
+        [](Test_application& app) {  // alive and stamping until killed
             app.stamp();
             ::usleep(100 * 1000);
-        }
-    });
-    ::close(ready[1]);
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    ::close(ready[0]);
+        });
+    ASSERT_GT(child, 0);
     ASSERT_TRUE(wait_for("KILL CTX  info    \"before kill\"")) << output();
 
     ::kill(child, SIGKILL);
@@ -1782,12 +1813,7 @@ TEST_F(Monitor, NamesOutsideTheChannelSchemeAreRefusedWithdrawnAndLeftUntouched)
     EXPECT_EQ(output().find("\n-- attach"), std::string::npos) << output();
 
     // A real application is served as before.
-    Test_application app(unique_id("", 20));
-    attach_registered(app, "GOOD");
-    app.release();
-    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), make_text(1, "still here"), make_finish(1))));
-    EXPECT_TRUE(wait_for("GOOD CTX  info    \"still here\"\n")) << output();
-    app.close();
+    expect_served("GOOD");
     EXPECT_EQ(stop_monitor(), 0);
     EXPECT_EQ(errors(), "");
 }
@@ -1837,12 +1863,18 @@ TEST_F(Monitor, ObjectsThatAreNoChannelSegmentAreRefused)
 #define LOGFERRY_TEST_UNDER_TSAN 1
 #endif
 #endif
-TEST_F(Monitor, SegmentShrunkAfterAttachIsDetachedAndTheOthersCarryOn)
+// The monitor this test starts answers SIGBUS itself (see above).
+void leave_sigbus_to_the_monitor()
 {
 #ifdef LOGFERRY_TEST_UNDER_TSAN
     const char* options = std::getenv("TSAN_OPTIONS");
     ::setenv("TSAN_OPTIONS", (std::string(options != nullptr ? options : "") + ":handle_sigbus=0").c_str(), 1);
 #endif
+}
+
+TEST_F(Monitor, SegmentShrunkAfterAttachIsDetachedAndTheOthersCarryOn)
+{
+    leave_sigbus_to_the_monitor();
     start_monitor();
     Test_application shrinking(unique_id("shrinking", 20));
     Test_application steady(unique_id("steady", 20));
@@ -1876,39 +1908,21 @@ TEST_F(Monitor, SegmentShrunkAfterAttachIsDetachedAndTheOthersCarryOn)
 
 TEST_F(Monitor, SegmentCutToNothingWhileLoggingIsDetached)
 {
-#ifdef LOGFERRY_TEST_UNDER_TSAN
-    const char* options = std::getenv("TSAN_OPTIONS");
-    ::setenv("TSAN_OPTIONS", (std::string(options != nullptr ? options : "") + ":handle_sigbus=0").c_str(), 1);
-#endif
+    leave_sigbus_to_the_monitor();
     start_monitor();
     const std::string identifier = unique_id("", 20);
     const std::string channel = "/logferry-" + channel_identifier(identifier);
     segments_.push_back(channel);
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
     // The application logs without pause, also while and after its segment is cut to 0
     // bytes (its own accesses then fault: it ends by the signal, as a hostile one may).
-    const int child = logferry_test::fork_child([&] {
-        ::close(ready[0]);
-        Test_application app(identifier);
-        if (!app.announce() || !app.wait_attached() ||
-            !app.send_priority(bytes_of(Logferry_register_app("ZERO", ""))) ||
-            !app.send_priority(bytes_of(Logferry_register_context(4, 1, "CTX", "")))) {
-            return 1;
-        }
-        app.release();
-        const char byte = 1;
-        if (::write(ready[1], &byte, 1) != 1) {
-            return 2;
-        }
-        for (std::uint32_t key = 0;; ++key) {
+    std::uint32_t key = 0;
+    const int child = fork_application(
+        identifier, "ZERO", [](Test_application&) {},
+        [&key](Test_application& app) {
             app.log(bytes_of(start(key, 4, 1), make_text(key, "flowing"), make_finish(key)));
-        }
-    });
-    ::close(ready[1]);
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    ::close(ready[0]);
+            ++key;
+        });
+    ASSERT_GT(child, 0);
     ASSERT_TRUE(wait_for("ZERO CTX  info    \"flowing\"\n")) << errors();
     const int fd = ::shm_open(channel.c_str(), O_RDWR, 0);
     ASSERT_GE(fd, 0);
@@ -1919,12 +1933,7 @@ TEST_F(Monitor, SegmentCutToNothingWhileLoggingIsDetached)
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
 
-    Test_application next(unique_id("next", 20));
-    attach_registered(next, "NEXT");
-    next.release();
-    ASSERT_TRUE(next.log(bytes_of(start(1, 4, 1), make_text(1, "served"), make_finish(1))));
-    EXPECT_TRUE(wait_for("NEXT CTX  info    \"served\"\n")) << errors();
-    next.close();
+    expect_served("NEXT");
     EXPECT_EQ(stop_monitor(), 0);
     EXPECT_EQ(count_of(output(), "-- detach     ZERO"), 1U);
     EXPECT_EQ(errors(), "");
