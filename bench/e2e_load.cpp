@@ -10,15 +10,26 @@
 //                                  and prints "sent N cpu S" (S: its CPU seconds while
 //                                  logging); the library itself reports what it discarded
 //                                  ("... buffer full, D messages discarded.") on the way
+//   e2e_load flood ID SECONDS THREADS
+//                                  registers application ID, waits until the daemon side has
+//                                  attached, logs the same message from THREADS threads flat
+//                                  out for SECONDS, each timing every message (log_start to
+//                                  log_finish), waits until its ring is empty, has the library
+//                                  report what it still holds as discarded and prints
+//                                  "sent N cpu S longest-us L"
 //   e2e_load count FILE...         prints the number of messages in the DLT storage files
+//   e2e_load per-app FILE...       prints "APID N" for every application ID in those files
 #include <sys/resource.h>
 #include <time.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -75,17 +86,27 @@ void log_one(std::uint32_t key, std::int32_t value)
     }
 }
 
-int run_log(const std::string& id, double seconds, double rate)
+// Brings logging up as application `id` with the context LOAD and waits until the daemon
+// side has attached and the ring is open; false with a line on stderr.
+bool bring_up(const std::string& id, const char* description, std::chrono::milliseconds attach_limit)
 {
     logferry::set_app_identifier(id);
     logferry::init();
-    if (!logferry::register_app(id.c_str(), "end-to-end load") ||
+    if (!logferry::register_app(id.c_str(), description) ||
         !logferry::register_context(CONTEXT, "LOAD", "load context", LEVEL_INFO)) {
         std::fprintf(stderr, "e2e_load: cannot register\n");
-        return 1;
+        return false;
     }
-    if (!wait_until(std::chrono::milliseconds(10000), ring_open)) {
+    if (!wait_until(attach_limit, ring_open)) {
         std::fprintf(stderr, "e2e_load: no daemon side attached\n");
+        return false;
+    }
+    return true;
+}
+
+int run_log(const std::string& id, double seconds, double rate)
+{
+    if (!bring_up(id, "end-to-end load", std::chrono::milliseconds(10000))) {
         return 1;
     }
     const double cpu_before = cpu_seconds();
@@ -125,9 +146,54 @@ int run_log(const std::string& id, double seconds, double rate)
     return 0;
 }
 
-int run_count(int count, char** files)
+int run_flood(const std::string& id, double seconds, int threads)
 {
-    std::uint64_t messages = 0;
+    if (!bring_up(id, "end-to-end flood", std::chrono::milliseconds(20000))) {
+        return 1;
+    }
+    const double cpu_before = cpu_seconds();
+    const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    std::vector<std::uint64_t> sent(static_cast<std::size_t>(threads));
+    std::vector<Clock::duration> longest(static_cast<std::size_t>(threads), Clock::duration::zero());
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            const auto key = static_cast<std::uint32_t>(t + 1);
+            const auto index = static_cast<std::size_t>(t);
+            for (auto now = Clock::now(); now < end;) {
+                log_one(key, static_cast<std::int32_t>(sent[index]));
+                const auto after = Clock::now();
+                if (after - now > longest[index]) {
+                    longest[index] = after - now;
+                }
+                ++sent[index];
+                now = after;
+            }
+        });
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    const double cpu = cpu_seconds() - cpu_before;
+    std::uint64_t total = 0;
+    Clock::duration worst = Clock::duration::zero();
+    for (int t = 0; t < threads; ++t) {
+        total += sent[static_cast<std::size_t>(t)];
+        worst = std::max(worst, longest[static_cast<std::size_t>(t)]);
+    }
+    wait_until(std::chrono::milliseconds(10000), ring_empty);
+    // Whatever the ring discarded since the receiver thread's last report.
+    logferry::client.check_lost_messages();
+    logferry::exit();
+    std::printf("sent %llu cpu %.2f longest-us %lld\n", static_cast<unsigned long long>(total), cpu,
+                static_cast<long long>(std::chrono::duration_cast<std::chrono::microseconds>(worst).count()));
+    return 0;
+}
+
+// Calls `each` with every DLT message (without its storage header) in the storage files.
+template <typename Each>
+void for_each_message(int count, char** files, Each each)
+{
     for (int i = 0; i < count; ++i) {
         std::ifstream in(files[i], std::ios::binary);
         const std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -135,11 +201,44 @@ int run_count(int count, char** files)
         while (pos + STORAGE_HEADER + 4 <= bytes.size()) {
             const std::size_t length =
                 static_cast<std::size_t>(bytes[pos + STORAGE_HEADER + 2]) << 8 | bytes[pos + STORAGE_HEADER + 3];
+            if (pos + STORAGE_HEADER + length <= bytes.size()) {
+                each(bytes.data() + pos + STORAGE_HEADER, length);
+            }
             pos += STORAGE_HEADER + length;
-            ++messages;
         }
     }
+}
+
+int run_count(int count, char** files)
+{
+    std::uint64_t messages = 0;
+    for_each_message(count, files, [&](const unsigned char*, std::size_t) { ++messages; });
     std::printf("%llu\n", static_cast<unsigned long long>(messages));
+    return 0;
+}
+
+// The application ID of a DLT message: behind the standard header's optional ECU ID,
+// session ID and timestamp, at offset 2 of the extended header.
+int run_per_app(int count, char** files)
+{
+    constexpr unsigned char WITH_EXTENDED = 0x01, WITH_ECU = 0x04, WITH_SESSION = 0x08, WITH_TIMESTAMP = 0x10;
+    std::map<std::string, std::uint64_t> messages;
+    for_each_message(count, files, [&](const unsigned char* message, std::size_t length) {
+        const unsigned char type = message[0];
+        std::size_t at = 4;
+        at += (type & WITH_ECU) != 0 ? 4 : 0;
+        at += (type & WITH_SESSION) != 0 ? 4 : 0;
+        at += (type & WITH_TIMESTAMP) != 0 ? 4 : 0;
+        if ((type & WITH_EXTENDED) == 0 || at + 6 > length) {
+            ++messages["-"];
+            return;
+        }
+        const char* id = reinterpret_cast<const char*>(message + at + 2);
+        ++messages[std::string(id, strnlen(id, 4))];
+    });
+    for (const auto& entry : messages) {
+        std::printf("%s %llu\n", entry.first.c_str(), static_cast<unsigned long long>(entry.second));
+    }
     return 0;
 }
 
@@ -151,9 +250,17 @@ int main(int argc, char** argv)
     if (mode == "log" && argc == 5) {
         return run_log(argv[2], std::atof(argv[3]), std::atof(argv[4]));
     }
+    if (mode == "flood" && argc == 5) {
+        return run_flood(argv[2], std::atof(argv[3]), std::atoi(argv[4]));
+    }
     if (mode == "count") {
         return run_count(argc - 2, argv + 2);
     }
-    std::fprintf(stderr, "usage: e2e_load log ID SECONDS RATE | e2e_load count FILE...\n");
+    if (mode == "per-app") {
+        return run_per_app(argc - 2, argv + 2);
+    }
+    std::fprintf(stderr,
+                 "usage: e2e_load log ID SECONDS RATE | e2e_load flood ID SECONDS THREADS | e2e_load count FILE... | "
+                 "e2e_load per-app FILE...\n");
     return 2;
 }

@@ -5,9 +5,11 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <linux/futex.h>
 #include <netinet/in.h>
 #include <pthread.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -21,8 +23,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <regex>
@@ -111,13 +116,28 @@ std::vector<std::string> split_lines(const std::string& text)
     return lines;
 }
 
+// The identifier a channel of `name` gets: the form the front end gives it (ID, "-", up to
+// five digits, "-", lowercase hex), derived from `name` alone so that a parent and the child
+// it forks agree, and distinct for distinct names.
+std::string channel_identifier(const std::string& name)
+{
+    std::uint64_t hash = 14695981039346656037ULL;  // FNV-1a
+    for (const char c : name) {
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+    }
+    char text[32];
+    std::snprintf(text, sizeof text, "TST-%u-%x", static_cast<unsigned>((hash >> 32) % 100000U),
+                  static_cast<unsigned>(hash & 0xFFFFFFFFU));
+    return text;
+}
+
 // An application's end of a channel, driven by hand. It stamps its watchdog whenever it
 // waits, as the front end's receiver thread does about once a second.
 class Test_application {
 public:
     explicit Test_application(const std::string& identifier) : listener_(false)
     {
-        channel_.set_app_identifier(identifier);
+        channel_.set_app_identifier(channel_identifier(identifier));
     }
 
     // Creates the channel and announces it in the monitor's listener list.
@@ -294,6 +314,53 @@ protected:
         if (!request.empty()) {
             ASSERT_TRUE(app.send_priority(request));
         }
+    }
+
+    // Forks an application that announces channel `identifier`, registers as `id` (context
+    // CTX, handle 1), opens its ring and runs `prepare`; once it says it is ready it runs
+    // `live` until it is killed. Returns its process id once it is ready, -1 on failure.
+    static int fork_application(const std::string& identifier, const char* id,
+                                const std::function<void(Test_application&)>& prepare,
+                                const std::function<void(Test_application&)>& live)
+    {
+        int ready[2];
+        if (::pipe(ready) != 0) {
+            return -1;
+        }
+        const int child = logferry_test::fork_child([&] {
+            ::close(ready[0]);
+            Test_application app(identifier);
+            if (!app.announce() || !app.wait_attached() ||
+                !app.send_priority(bytes_of(Logferry_register_app(id, ""))) ||
+                !app.send_priority(bytes_of(Logferry_register_context(4, 1, "CTX", "")))) {
+                return 1;
+            }
+            app.release();
+            prepare(app);
+            const char byte = 1;
+            if (::write(ready[1], &byte, 1) != 1) {
+                return 2;
+            }
+            for (;;) {
+                live(app);
+            }
+        });
+        ::close(ready[1]);
+        char byte = 0;
+        const bool is_ready = ::read(ready[0], &byte, 1) == 1;
+        ::close(ready[0]);
+        return is_ready ? child : -1;
+    }
+
+    // A new application registered as `id` is attached and its message shown; it closes.
+    void expect_served(const char* id)
+    {
+        Test_application app(unique_id(id, 20));
+        attach_registered(app, id);
+        app.release();
+        ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), make_text(1, "served"), make_finish(1))));
+        EXPECT_TRUE(wait_for(std::string(id) + " CTX  info    \"served\"\n")) << output() << errors();
+        app.close();
     }
 
     // A file in the test's directory (removed with it).
@@ -521,33 +588,16 @@ TEST_F(Monitor, KilledApplicationIsDetached)
 {
     start_monitor();
     const std::string identifier = unique_id("", 20);
-    const std::string channel = "/logferry-" + identifier;
+    const std::string channel = "/logferry-" + channel_identifier(identifier);
     segments_.push_back(channel);  // a killed application leaves its segment behind
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const int child = logferry_test::fork_child([&] {
-        ::close(ready[0]);
-        Test_application app(identifier);
-        if (!app.announce() || !app.wait_attached() ||
-            !app.send_priority(bytes_of(Logferry_register_app("KILL", "to be killed"))) ||
-            !app.send_priority(bytes_of(Logferry_register_context(4, 1, "CTX", "")))) {
-            return 1;
-        }
-        app.release();
-        app.log(bytes_of(start(1, 4, 1), make_text(1, "before kill"), make_finish(1)));
-        const char byte = 1;
-        if (::write(ready[1], &byte, 1) != 1) {
-            return 2;
-        }
-        for (;;) {  // alive and stamping until killed
+    const int child = fork_application(
+        identifier, "KILL",
+        [](Test_application& app) { app.log(bytes_of(start(1, 4, 1), make_text(1, "before kill"), make_finish(1))); },
+        [](Test_application& app) {  // alive and stamping until killed
             app.stamp();
             ::usleep(100 * 1000);
-        }
-    });
-    ::close(ready[1]);
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    ::close(ready[0]);
+        });
+    ASSERT_GT(child, 0);
     ASSERT_TRUE(wait_for("KILL CTX  info    \"before kill\"")) << output();
 
     ::kill(child, SIGKILL);
@@ -1666,6 +1716,433 @@ TEST_F(Monitor, DltControlRequestsAreAnswered)
     }));
     ::close(client);
     EXPECT_EQ(stop_monitor(), 0);
+}
+
+// ---- Hostile and careless peers ---------------------------------------------------------
+
+// A shared-memory object of `size` bytes, each `fill`; false when it cannot be made.
+bool make_object(const std::string& name, std::size_t size, unsigned char fill)
+{
+    const int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0) {
+        return false;
+    }
+    bool made = ::ftruncate(fd, static_cast<off_t>(size)) == 0;
+    if (made && size > 0) {
+        void* map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        made = map != MAP_FAILED;
+        if (made) {
+            std::memset(map, fill, size);
+            ::munmap(map, size);
+        }
+    }
+    ::close(fd);
+    return made;
+}
+
+// Whether every byte of the object `name` is `fill`, and it has `size` bytes.
+bool object_is(const std::string& name, std::size_t size, unsigned char fill)
+{
+    const int fd = ::shm_open(name.c_str(), O_RDONLY, 0);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat status {};
+    bool same = ::fstat(fd, &status) == 0 && status.st_size == static_cast<off_t>(size);
+    if (same && size > 0) {
+        void* map = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+        same = map != MAP_FAILED;
+        if (same) {
+            const auto* bytes = static_cast<const unsigned char*>(map);
+            same = std::all_of(bytes, bytes + size, [fill](unsigned char b) { return b == fill; });
+            ::munmap(map, size);
+        }
+    }
+    ::close(fd);
+    return same;
+}
+
+// Announces `name` in the listener list as an application would; the announcer stays
+// alive (and its entry visible to check_list) while the object lives.
+class Announcer {
+public:
+    Announcer() : listener_(false) {}
+    bool announce(const std::string& name)
+    {
+        name_ = name;
+        return listener_.init() && listener_.push(name);
+    }
+    // True while the entry still holds the name (it was not withdrawn).
+    bool announced() { return listener_.check_list(name_); }
+
+private:
+    Logferry_listener listener_;
+    std::string name_;
+};
+
+std::size_t count_of(const std::string& text, const std::string& needle)
+{
+    std::size_t count = 0;
+    for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST_F(Monitor, NamesOutsideTheChannelSchemeAreRefusedWithdrawnAndLeftUntouched)
+{
+    start_monitor();
+    const std::string pid = std::to_string(::getpid());
+    const std::string victim = "/relprobe-victim-" + pid;
+    const std::string bare = "relprobe-victim-" + pid;
+    const std::string forged = "/logferry-\x1b[2J\n-- attach x-1-a";
+    segments_.push_back(victim);
+    // As large as a channel segment and full of 0x5a: only the name gives it away.
+    ASSERT_TRUE(make_object(victim, CHANNEL_SEGMENT_SIZE, 0x5a));
+
+    for (const std::string& name : {victim, bare, forged}) {
+        Announcer announcer;
+        ASSERT_TRUE(announcer.announce(name));
+        // The entry is emptied: the announcer's own check finds it gone.
+        EXPECT_TRUE(wait_until([&] { return !announcer.announced(); })) << output();
+    }
+    ASSERT_TRUE(wait_for("-- refused    /logferry-\\x1b[2J\\x0a-- attach x-1-a: not a channel name\n")) << output();
+    EXPECT_NE(output().find("-- refused    " + victim + ": not a channel name\n"), std::string::npos) << output();
+    EXPECT_NE(output().find("-- refused    " + bare + ": not a channel name\n"), std::string::npos) << output();
+    // Announced again: withdrawn again, without a second line.
+    {
+        Announcer again;
+        ASSERT_TRUE(again.announce(victim));
+        EXPECT_TRUE(wait_until([&] { return !again.announced(); })) << output();
+    }
+    EXPECT_EQ(count_of(output(), "-- refused    " + victim), 1U) << output();
+    // Nothing was written into the foreign object, nothing raw reached the output.
+    EXPECT_TRUE(object_is(victim, CHANNEL_SEGMENT_SIZE, 0x5a));
+    EXPECT_EQ(output().find('\x1b'), std::string::npos);
+    EXPECT_EQ(output().find("\n-- attach"), std::string::npos) << output();
+
+    // A real application is served as before.
+    expect_served("GOOD");
+    EXPECT_EQ(stop_monitor(), 0);
+    EXPECT_EQ(errors(), "");
+}
+
+TEST_F(Monitor, ObjectsThatAreNoChannelSegmentAreRefused)
+{
+    start_monitor();
+    // A channel name whose object has 100 bytes, and the listener segment's own name.
+    const std::string small = "/logferry-" + channel_identifier(unique_id("small", 20));
+    segments_.push_back(small);
+    ASSERT_TRUE(make_object(small, 100, 0x11));
+    const std::string missing = "/logferry-" + channel_identifier(unique_id("missing", 20));
+    // A FIFO under a channel name: opening it for reading would wait for a writer.
+    const std::string fifo = "/logferry-" + channel_identifier(unique_id("fifo", 20));
+    segments_.push_back(fifo);
+    ASSERT_EQ(::mkfifo(("/dev/shm" + fifo).c_str(), 0600), 0);
+    for (const std::string& name : {small, std::string(LISTENER_SEGMENT), fifo, missing}) {
+        Announcer announcer;
+        ASSERT_TRUE(announcer.announce(name));
+        EXPECT_TRUE(wait_until([&] { return !announcer.announced(); })) << output();
+    }
+    ASSERT_TRUE(wait_for("-- refused    " + missing + ": cannot open: No such file or directory\n")) << output();
+    EXPECT_NE(output().find("-- refused    " + small + ": size 100 bytes, not 166072\n"), std::string::npos)
+        << output();
+    EXPECT_NE(output().find("-- refused    /logferry-daemon-listener: not a channel name\n"), std::string::npos)
+        << output();
+    EXPECT_NE(output().find("-- refused    " + fifo + ": not a shared-memory object\n"), std::string::npos) << output();
+    EXPECT_TRUE(object_is(small, 100, 0x11));
+    EXPECT_EQ(output().find("-- attach"), std::string::npos) << output();
+
+    Test_application app(unique_id("", 20));
+    attach_registered(app, "GOOD");
+    app.close();
+    EXPECT_TRUE(wait_for("-- detach     GOOD")) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+    EXPECT_EQ(errors(), "");
+}
+
+// The monitor's SIGBUS handler answers the fault inside the shrunk segment. Under ASan it
+// works with the suite's usual options (ASan lets a program install its own SIGBUS handler).
+// ThreadSanitizer's own SIGBUS handling takes the fault first and ends the monitor, so under
+// TSan this test runs the monitor with TSAN_OPTIONS handle_sigbus=0.
+#if defined(__SANITIZE_THREAD__)
+#define LOGFERRY_TEST_UNDER_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define LOGFERRY_TEST_UNDER_TSAN 1
+#endif
+#endif
+// The monitor this test starts answers SIGBUS itself (see above).
+void leave_sigbus_to_the_monitor()
+{
+#ifdef LOGFERRY_TEST_UNDER_TSAN
+    const char* options = std::getenv("TSAN_OPTIONS");
+    ::setenv("TSAN_OPTIONS", (std::string(options != nullptr ? options : "") + ":handle_sigbus=0").c_str(), 1);
+#endif
+}
+
+TEST_F(Monitor, SegmentShrunkAfterAttachIsDetachedAndTheOthersCarryOn)
+{
+    leave_sigbus_to_the_monitor();
+    start_monitor();
+    Test_application shrinking(unique_id("shrinking", 20));
+    Test_application steady(unique_id("steady", 20));
+    attach_registered(shrinking, "SHRK");
+    attach_registered(steady, "STDY");
+    shrinking.release();
+    steady.release();
+    ASSERT_TRUE(shrinking.log(bytes_of(start(1, 4, 1), make_text(1, "before"), make_finish(1))));
+    ASSERT_TRUE(wait_for("SHRK CTX  info    \"before\"\n")) << output();
+
+    // The application cuts its segment to 100 bytes; from now on it leaves it alone.
+    const int fd = ::shm_open(shrinking.name().c_str(), O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::ftruncate(fd, 100), 0);
+    ::close(fd);
+    ASSERT_TRUE(
+        wait_for("-- detach     SHRK " + shrinking.name() + " (access fault: its segment shrank below 166072 bytes)\n"))
+        << output() << errors();
+
+    ASSERT_TRUE(steady.log(bytes_of(start(2, 4, 1), make_text(2, "after"), make_finish(2))));
+    EXPECT_TRUE(wait_for("STDY CTX  info    \"after\"\n")) << output();
+    // A new application is still attached and served.
+    Test_application next(unique_id("next", 20));
+    attach_registered(next, "NEXT");
+    next.close();
+    steady.close();
+    EXPECT_TRUE(wait_for("-- detach     NEXT")) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+    EXPECT_EQ(count_of(output(), "-- detach     SHRK"), 1U) << output();
+}
+
+TEST_F(Monitor, SegmentCutToNothingWhileLoggingIsDetached)
+{
+    leave_sigbus_to_the_monitor();
+    start_monitor();
+    const std::string identifier = unique_id("", 20);
+    const std::string channel = "/logferry-" + channel_identifier(identifier);
+    segments_.push_back(channel);
+    // The application logs without pause, also while and after its segment is cut to 0
+    // bytes (its own accesses then fault: it ends by the signal, as a hostile one may).
+    std::uint32_t key = 0;
+    const int child = fork_application(
+        identifier, "ZERO", [](Test_application&) {},
+        [&key](Test_application& app) {
+            app.log(bytes_of(start(key, 4, 1), make_text(key, "flowing"), make_finish(key)));
+            ++key;
+        });
+    ASSERT_GT(child, 0);
+    ASSERT_TRUE(wait_for("ZERO CTX  info    \"flowing\"\n")) << errors();
+    const int fd = ::shm_open(channel.c_str(), O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::ftruncate(fd, 0), 0);
+    ::close(fd);
+    EXPECT_TRUE(wait_for("-- detach     ZERO " + channel + " (access fault: its segment shrank below 166072 bytes)\n"))
+        << errors();
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+
+    expect_served("NEXT");
+    EXPECT_EQ(stop_monitor(), 0);
+    EXPECT_EQ(count_of(output(), "-- detach     ZERO"), 1U);
+    EXPECT_EQ(errors(), "");
+}
+
+TEST_F(Monitor, ControlCharactersFromApplicationsAreEscaped)
+{
+    start_monitor();
+    Test_application app(unique_id("", 20));
+    segments_.push_back(app.name());
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached());
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_app("A\n\x1b\\", "line\nbreak"))));
+    ASSERT_TRUE(app.send_priority(bytes_of(Logferry_register_context(4, 1,
+                                                                     "\x07"
+                                                                     "C\r",
+                                                                     "ctx\x1b"))));
+    app.release();
+    ASSERT_TRUE(app.log(bytes_of(start(1, 4, 1), make_text(1, "text\n-- forged\x1b[0m"), make_finish(1))));
+    const std::string app_id = "A\\x0a\\x1b\\x5c";
+    ASSERT_TRUE(wait_for(app_id + " \\x07C\\x0d info    \"text\\n-- forged\\x1b[0m\"\n")) << output();
+    app.close();
+    ASSERT_TRUE(wait_for("-- detach")) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+    const std::string text = output();
+    EXPECT_NE(text.find("-- app        " + app_id + " \"line\\nbreak\" channel=" + app.name() + "\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("-- context    " + app_id + " \\x07C\\x0d handle=1 level=info \"ctx\\x1b\"\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("-- detach     " + app_id + " " + app.name() + " (closed its channel)\n"), std::string::npos)
+        << text;
+    // Every line is one the monitor wrote: no raw control character but the line ends.
+    for (const char c : text) {
+        EXPECT_TRUE(c == '\n' || (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f)) << static_cast<int>(c);
+    }
+    EXPECT_EQ(count_of(text, "\n-- forged"), 0U);
+}
+
+TEST_F(Monitor, LockFileThatIsASymlinkOrNoRegularFileIsRefused)
+{
+    // The fallback under /tmp, where anyone may plant a link.
+    runstate_.reset();
+    runstate_.reset(new logferry_test::Runstate_dir(false));
+    dir_ = runstate_->root();
+    out_ = dir_ + "/monitor.out";
+    err_ = dir_ + "/monitor.err";
+    const std::string lock = logferry_test::FALLBACK_LOCK_FILE;
+    const std::string target = dir_ + "/planted-target";
+    // Another monitor that used the fallback removes it as it stops.
+    struct stat status {};
+    ASSERT_TRUE(wait_until([&] { return ::lstat(lock.c_str(), &status) != 0; })) << lock << " stays in place";
+    ASSERT_EQ(::symlink(target.c_str(), lock.c_str()), 0);
+    pid_ = launch({}, out_, err_);
+    const int status_code = logferry_test::wait_child(pid_, milliseconds(10000));
+    pid_ = -1;
+    ::unlink(lock.c_str());
+    ASSERT_TRUE(WIFEXITED(status_code));
+    EXPECT_EQ(WEXITSTATUS(status_code), 1);
+    EXPECT_EQ(errors(), "logferry-monitor: refusing the lock file " + lock + ": it is a symbolic link\n");
+    EXPECT_FALSE(logferry_test::path_exists(target));
+    EXPECT_FALSE(logferry_test::shm_exists(LISTENER_SEGMENT));
+
+    // A directory in the lock file's place in a run-state directory.
+    runstate_.reset();
+    runstate_.reset(new logferry_test::Runstate_dir());
+    dir_ = runstate_->root();
+    out_ = dir_ + "/monitor.out";
+    err_ = dir_ + "/monitor.err";
+    ASSERT_EQ(::mkdir(runstate_->lock_file().c_str(), 0700), 0);
+    pid_ = launch({}, out_, err_);
+    const int second = logferry_test::wait_child(pid_, milliseconds(10000));
+    pid_ = -1;
+    ASSERT_TRUE(WIFEXITED(second));
+    EXPECT_EQ(WEXITSTATUS(second), 1);
+    EXPECT_EQ(errors(),
+              "logferry-monitor: refusing the lock file " + runstate_->lock_file() + ": it is not a regular file\n");
+    EXPECT_FALSE(logferry_test::shm_exists(LISTENER_SEGMENT));
+}
+
+TEST_F(Monitor, WhatTheMonitorCreatesIsMode0660UnderUmask022)
+{
+    const mode_t previous = ::umask(022);
+    start_monitor({"--dlt-file", file("out.dlt")});
+    ::umask(previous);
+    struct stat lock {};
+    ASSERT_EQ(::stat(lock_file_.c_str(), &lock), 0);
+    EXPECT_EQ(lock.st_mode & 0777, 0660U);
+    struct stat segment {};
+    ASSERT_EQ(::stat((std::string("/dev/shm") + LISTENER_SEGMENT).c_str(), &segment), 0);
+    EXPECT_EQ(segment.st_mode & 0777, 0660U);
+    struct stat dlt {};
+    ASSERT_EQ(::stat(file("out.dlt").c_str(), &dlt), 0);
+    EXPECT_EQ(dlt.st_mode & 0777, 0660U);
+    EXPECT_EQ(stop_monitor(), 0);
+}
+
+// Two users for the test below, members of the daemon's group (gid 1051, named "logferry"
+// when this makes it); what was made here is removed again, what was there stays.
+class Group_users {
+public:
+    Group_users()
+    {
+        if (::getgrgid(LOGGING_GROUP_ID) == nullptr) {
+            made_group_ = run("groupadd -g " + std::to_string(LOGGING_GROUP_ID) + " logferry");
+        }
+        for (const char* name : {MONITOR_USER, APPLICATION_USER}) {
+            if (::getpwnam(name) == nullptr && run(std::string("useradd -M -N -r -s /usr/sbin/nologin -g ") +
+                                                   std::to_string(LOGGING_GROUP_ID) + " " + name)) {
+                made_users_.push_back(name);
+            }
+        }
+    }
+    ~Group_users()
+    {
+        for (const std::string& name : made_users_) {
+            run("userdel " + name);
+        }
+        if (made_group_) {
+            run("groupdel logferry");
+        }
+    }
+    Group_users(const Group_users&) = delete;
+    Group_users& operator=(const Group_users&) = delete;
+
+    // Why the users cannot be used, empty when they can.
+    static std::string unusable()
+    {
+        if (::getgrgid(LOGGING_GROUP_ID) == nullptr) {
+            return "no group " + std::to_string(LOGGING_GROUP_ID);
+        }
+        for (const char* name : {MONITOR_USER, APPLICATION_USER}) {
+            const passwd* user = ::getpwnam(name);
+            if (user == nullptr || user->pw_gid != LOGGING_GROUP_ID || user->pw_uid == 0) {
+                return std::string("no user ") + name + " in group " + std::to_string(LOGGING_GROUP_ID);
+            }
+        }
+        return "";
+    }
+
+    static constexpr const char* MONITOR_USER = "logferry-tmon";
+    static constexpr const char* APPLICATION_USER = "logferry-tapp";
+
+private:
+    static bool run(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()) == 0; }
+
+    bool made_group_ = false;
+    std::vector<std::string> made_users_;
+};
+
+TEST_F(Monitor, MonitorAndApplicationAsTwoUnprivilegedUsersOfTheGroup)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to create two users of group " << LOGGING_GROUP_ID;
+    }
+    Group_users users;
+    const std::string why = Group_users::unusable();
+    ASSERT_EQ(why, "");
+    // The run-state directory belongs to the group, as the platform's does.
+    for (const std::string& path : {dir_, runstate_->ara_dlt()}) {
+        ASSERT_EQ(::chown(path.c_str(), 0, LOGGING_GROUP_ID), 0);
+        ASSERT_EQ(::chmod(path.c_str(), 0770), 0);
+    }
+    const std::string regid = "--regid=" + std::to_string(LOGGING_GROUP_ID);
+    // The monitor as one user, under the usual umask: it sets its own.
+    ::unlink(out_.c_str());
+    pid_ = run_program("/usr/bin/setpriv",
+                       {std::string("--reuid=") + Group_users::MONITOR_USER, regid, "--clear-groups", "--",
+                        LOGFERRY_MONITOR_PATH, "--say", "hello across users"},
+                       out_, err_);
+    ASSERT_TRUE(wait_for("-- listening")) << output() << errors();
+    struct stat lock {};
+    ASSERT_EQ(::stat(lock_file_.c_str(), &lock), 0);
+    EXPECT_EQ(lock.st_uid, ::getpwnam(Group_users::MONITOR_USER)->pw_uid);
+    EXPECT_EQ(lock.st_gid, LOGGING_GROUP_ID);
+    EXPECT_EQ(lock.st_mode & 0777, 0660U);
+
+    // The example as the other user, with the umask applications need (0007).
+    const std::string example_out = dir_ + "/example.out";
+    const std::string example_err = dir_ + "/example.err";
+    const int example = run_program("/bin/sh",
+                                    {"-c",
+                                     std::string("umask 0007 && exec setpriv --reuid=") +
+                                         Group_users::APPLICATION_USER + " " + regid + " --clear-groups -- \"$0\"",
+                                     LOGFERRY_EXAMPLE_PATH},
+                                    example_out, example_err);
+    const int status = logferry_test::wait_child(example, milliseconds(20000));
+    const std::string printed = read_file(example_out);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0) << printed << read_file(example_err);
+    // Both ways: the monitor's text reached the application, its messages the monitor.
+    EXPECT_NE(printed.find("hello across users\n"), std::string::npos) << printed;
+    ASSERT_TRUE(wait_for("-- detach")) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+    const std::string text = output();
+    EXPECT_NE(text.find("-- app        EXA \"logferry example application\""), std::string::npos) << text;
+    EXPECT_NE(text.find(" EXA  MAIN info    "), std::string::npos) << text;
+    EXPECT_EQ(text.find("-- refused"), std::string::npos) << text;
+    EXPECT_EQ(errors(), "");
 }
 
 }  // namespace

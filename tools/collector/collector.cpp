@@ -8,10 +8,16 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -33,10 +39,130 @@ constexpr auto HOUSEKEEPING_PERIOD = std::chrono::milliseconds(200);
 constexpr std::int64_t SILENCE_LIMIT_SECONDS = 5;
 // Bytes shown of a unit that cannot be decoded.
 constexpr std::size_t DUMP_LIMIT = 32;
-// Attempts to catch a ring's mutex free before waiting for it.
+// Attempts to catch a ring's mutex free before going on to the next ring.
 constexpr int RING_LOCK_TRIES = 20000;
+// Passes in a row a ring may be passed over because its mutex was held; the next one waits
+// for the mutex. An application whose threads hold their mutex most of the time (or one
+// that was preempted holding it) does not keep the others waiting, and is not starved.
+constexpr unsigned int RING_SKIPS_BEFORE_WAITING = 4;
 // The process id in a channel name is cut to this many digits.
 constexpr std::size_t NAME_PID_DIGITS = 5;
+// The time stamp in a channel name: a 32-bit number in lowercase hexadecimal.
+constexpr std::size_t NAME_STAMP_DIGITS = 8;
+constexpr char CHANNEL_PREFIX[] = "/logferry-";
+// Refused names remembered; the set starts afresh beyond this.
+constexpr std::size_t REFUSED_LIMIT = 1024;
+
+// The guard around accesses to an attached segment (see Collector::guarded). The collector
+// runs on one thread, and the handler runs on it, inside the access that faulted.
+logferry::Logferry_base* volatile guarded_channel = nullptr;
+volatile std::sig_atomic_t guarded_fault = 0;
+std::uintptr_t page_size = 4096;
+struct sigaction previous_bus_action {};
+bool bus_handler_installed = false;
+
+// A fault inside the guarded segment (its object shrank under the mapping): the faulting page
+// is replaced by a private page of zeros, so that the access completes and the guarded work
+// comes to its end harmlessly, and the fault is noted for the guard. No jump out of the
+// handler: nothing is skipped, no lock or allocation is left behind, and sanitizers that
+// watch signal handlers see an ordinary return.
+extern "C" void on_access_fault(int /*signal*/, siginfo_t* info, void* /*context*/)
+{
+    logferry::Logferry_base* channel = guarded_channel;
+    if (channel != nullptr && channel->segment != MAP_FAILED) {
+        const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
+        const auto begin = reinterpret_cast<std::uintptr_t>(channel->segment);
+        if (address >= begin && address < begin + logferry::CHANNEL_SEGMENT_SIZE) {
+            void* page = reinterpret_cast<void*>(address & ~(page_size - 1));
+            if (::mmap(page, page_size, PROT_READ | PROT_WRITE, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) ==
+                page) {
+                guarded_fault = 1;
+                return;
+            }
+        }
+    }
+    // Not a channel's fault: the handler that was there before (or the default action,
+    // which ends the process) gets it when the access is retried.
+    ::sigaction(SIGBUS, &previous_bus_action, nullptr);
+}
+
+void install_fault_handler()
+{
+    if (bus_handler_installed) {
+        return;
+    }
+    const long size = ::sysconf(_SC_PAGESIZE);
+    if (size > 0) {
+        page_size = static_cast<std::uintptr_t>(size);
+    }
+    struct sigaction action {};
+    action.sa_sigaction = on_access_fault;
+    action.sa_flags = SA_SIGINFO;
+    sigemptyset(&action.sa_mask);
+    bus_handler_installed = ::sigaction(SIGBUS, &action, &previous_bus_action) == 0;
+}
+
+// Gives up the mapping of a segment that faulted. A robust mutex of the segment that this
+// thread held when its page went (the page of zeros in its place no longer says so) stays
+// linked into the thread's list of robust mutexes, and the next lock of any robust mutex
+// writes into the list's elements: the pages that hold the segment's three mutexes are
+// therefore kept, as private zeros, for the rest of the process (two pages per such
+// channel); everything else is unmapped.
+void release_faulted_segment(logferry::Channel_segment* segment)
+{
+    auto* base = reinterpret_cast<unsigned char*>(segment);
+    const std::size_t size = logferry::CHANNEL_SEGMENT_SIZE;
+    if (::mmap(base, size, PROT_READ | PROT_WRITE, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) != base) {
+        return;  // left mapped as it is: never unmapped under a held mutex
+    }
+    const std::size_t mutexes[] = {offsetof(logferry::Channel_segment, priority_mutex),
+                                   offsetof(logferry::Channel_segment, client_mutex),
+                                   offsetof(logferry::Channel_segment, server_mutex)};
+    const auto kept = [&](std::size_t page_begin) {
+        for (const std::size_t offset : mutexes) {
+            const std::size_t first = offset / page_size * page_size;
+            const std::size_t last = (offset + sizeof(logferry::Mutex_slot) - 1) / page_size * page_size;
+            if (page_begin >= first && page_begin <= last) {
+                return true;
+            }
+        }
+        return false;
+    };
+    for (std::size_t page = 0; page < size; page += page_size) {
+        if (!kept(page)) {
+            ::munmap(base + page, page_size);
+        }
+    }
+}
+
+bool only_of(const std::string& text, const char* alphabet)
+{
+    return text.find_first_not_of(alphabet) == std::string::npos;
+}
+
+// Why the object `name` cannot be a channel segment; empty when it can.
+std::string check_segment_object(const std::string& name)
+{
+    // Without waiting: a FIFO planted under the name must not hold the monitor up.
+    const int fd = ::shm_open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0);
+    if (fd < 0) {
+        return std::string("cannot open: ") + std::strerror(errno);
+    }
+    struct stat status {};
+    const int result = ::fstat(fd, &status);
+    ::close(fd);
+    if (result != 0) {
+        return std::string("cannot inspect: ") + std::strerror(errno);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return "not a shared-memory object";
+    }
+    if (status.st_size != static_cast<off_t>(logferry::CHANNEL_SEGMENT_SIZE)) {
+        return "size " + std::to_string(status.st_size) + " bytes, not " +
+               std::to_string(logferry::CHANNEL_SEGMENT_SIZE);
+    }
+    return "";
+}
 
 std::int64_t monotonic_seconds()
 {
@@ -123,6 +249,26 @@ bool try_lock_ring(pthread_mutex_t* mutex)
 
 }  // namespace
 
+bool is_channel_name(const std::string& name)
+{
+    const std::size_t prefix = sizeof CHANNEL_PREFIX - 1;
+    if (name.size() > logferry::LISTENER_NAME_SIZE || name.compare(0, prefix, CHANNEL_PREFIX) != 0) {
+        return false;
+    }
+    const auto last = name.rfind('-');
+    const auto before = last <= prefix ? std::string::npos : name.rfind('-', last - 1);
+    if (before == std::string::npos || before <= prefix) {
+        return false;
+    }
+    const std::string id = name.substr(prefix, before - prefix);
+    const std::string pid = name.substr(before + 1, last - before - 1);
+    const std::string stamp = name.substr(last + 1);
+    return !id.empty() && !pid.empty() && pid.size() <= NAME_PID_DIGITS && !stamp.empty() &&
+           stamp.size() <= NAME_STAMP_DIGITS &&
+           only_of(id, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-") &&
+           only_of(pid, "0123456789") && only_of(stamp, "0123456789abcdef");
+}
+
 void to_dlt_id(const std::string& id, char out[4])
 {
     for (std::size_t i = 0; i < 4; ++i) {
@@ -130,10 +276,12 @@ void to_dlt_id(const std::string& id, char out[4])
     }
 }
 
+std::string Application::label() const { return logferry_monitor::escape(app_id.empty() ? channel : app_id); }
+
 std::string Application::context_label(std::uint32_t handle) const
 {
     const auto it = contexts.find(handle);
-    return it != contexts.end() ? it->second.id : "#" + std::to_string(handle);
+    return it != contexts.end() ? logferry_monitor::escape(it->second.id) : "#" + std::to_string(handle);
 }
 
 Collector::Collector(Options options) : options_(std::move(options)), listener_(true) {}
@@ -150,27 +298,66 @@ void Collector::note(const std::string& word, const std::string& details)
 bool Collector::start()
 {
     // The listener's own init would wait for the lock of a daemon that is already
-    // running; refuse instead.
+    // running; refuse instead. It would also follow a link planted at the lock file's
+    // path (the fallback under /tmp is open to everyone) and create its target.
     listener_.check_lock_listener_name();
-    const int probe = ::open(listener_.lock_listener_name.c_str(), O_RDONLY);
+    const std::string& lock_path = listener_.lock_listener_name;
+    struct stat status {};
+    if (::lstat(lock_path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        std::cerr << "logferry-monitor: refusing the lock file " << lock_path << ": "
+                  << (S_ISLNK(status.st_mode) ? "it is a symbolic link" : "it is not a regular file") << std::endl;
+        return false;
+    }
+    const int probe = ::open(lock_path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (probe >= 0) {
         const bool held = ::lockf(probe, F_TEST, 0) == -1 && (errno == EAGAIN || errno == EACCES);
         ::close(probe);
         if (held) {
-            std::cerr << "logferry-monitor: another daemon holds " << listener_.lock_listener_name << std::endl;
+            std::cerr << "logferry-monitor: another daemon holds " << lock_path << std::endl;
             return false;
         }
     }
     if (!listener_.init()) {
-        std::cerr << "logferry-monitor: cannot take the listener role (lock file " << listener_.lock_listener_name
-                  << ")" << std::endl;
+        std::cerr << "logferry-monitor: cannot take the listener role (lock file " << lock_path << ")" << std::endl;
         return false;
     }
+    install_fault_handler();
     started_ = true;
     began_ = Clock::now();
     next_housekeeping_ = began_;
-    note("listening", "lock=" + listener_.lock_listener_name);
+    note("listening", "lock=" + lock_path);
     return true;
+}
+
+template <typename Work>
+bool Collector::guarded(Attachment& attachment, Work&& work)
+{
+    guarded_fault = 0;
+    guarded_channel = attachment.channel.get();
+    work();
+    guarded_channel = nullptr;
+    if (guarded_fault == 0) {
+        return true;
+    }
+    guarded_fault = 0;
+    detach_faulted(attachment);
+    return false;
+}
+
+void Collector::detach_faulted(Attachment& attachment)
+{
+    // Nothing of the segment is touched again: no watchdog is cleared.
+    logferry::Logferry_base& channel = *attachment.channel;
+    note("detach", attachment.app.label() + " " + attachment.app.channel + " (access fault: its segment shrank below " +
+                       std::to_string(logferry::CHANNEL_SEGMENT_SIZE) + " bytes)");
+    for (Output* output : outputs_) {
+        output->detached(attachment.app);
+    }
+    if (channel.segment != MAP_FAILED) {
+        release_faulted_segment(channel.segment);
+        channel.segment = static_cast<logferry::Channel_segment*>(MAP_FAILED);
+    }
+    channel.initialized = false;
 }
 
 void Collector::housekeeping()
@@ -178,13 +365,22 @@ void Collector::housekeeping()
     listener_.check_watchdogs();
     const std::int64_t seconds = monotonic_seconds();
     for (auto& attachment : attachments_) {
-        attachment->channel->is_connection_active();
-        const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
-        if (stamp != 0 && seconds - stamp > SILENCE_LIMIT_SECONDS) {
-            if (!read_remainder(*attachment)) {
-                break;
+        if (!attachment->channel->is_initialized()) {
+            continue;
+        }
+        bool go_on = true;
+        guarded(*attachment, [&] {
+            attachment->channel->is_connection_active();
+            const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
+            if (stamp != 0 && seconds - stamp > SILENCE_LIMIT_SECONDS) {
+                go_on = read_remainder(*attachment);
+                if (go_on) {
+                    detach(*attachment, "no sign of life for " + std::to_string(seconds - stamp) + " s");
+                }
             }
-            detach(*attachment, "no sign of life for " + std::to_string(seconds - stamp) + " s");
+        });
+        if (!go_on) {
+            break;
         }
     }
 }
@@ -201,6 +397,7 @@ bool Collector::poll()
         housekeeping();
     }
     bool busy = false;
+    skipped_ring_ = false;
     for (std::string name = listener_.get_next(); !name.empty(); name = listener_.get_next()) {
         attach(name);
         busy = true;
@@ -212,15 +409,21 @@ bool Collector::poll()
         if (!attachment->channel->is_initialized()) {
             continue;
         }
-        // Read the stamp first: whatever the application wrote before it cleared the
-        // stamp on its way out is drained below.
-        const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
-        if (!(stamp == 0 ? read_remainder(*attachment) : drain(*attachment, false))) {
-            break;
-        }
-        if (stamp == 0) {
-            detach(*attachment, "closed its channel");
+        bool go_on = true;
+        if (!guarded(*attachment, [&] {
+                // Read the stamp first: whatever the application wrote before it cleared
+                // the stamp on its way out is drained below.
+                const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
+                go_on = stamp == 0 ? read_remainder(*attachment) : drain(*attachment, false);
+                if (go_on && stamp == 0) {
+                    detach(*attachment, "closed its channel");
+                    busy = true;
+                }
+            })) {
             busy = true;
+        }
+        if (!go_on) {
+            break;
         }
     }
     for (auto it = attachments_.begin(); it != attachments_.end();) {
@@ -233,7 +436,8 @@ bool Collector::poll()
     for (Output* output : outputs_) {
         output->flush();
     }
-    return busy || messages_ != before;
+    // A ring passed over still holds messages: no pause before the next pass.
+    return busy || skipped_ring_ || messages_ != before;
 }
 
 void Collector::shutdown(const std::string& reason)
@@ -243,7 +447,7 @@ void Collector::shutdown(const std::string& reason)
     }
     started_ = false;
     for (auto& attachment : attachments_) {
-        attachment->channel->uninit();
+        guarded(*attachment, [&] { attachment->channel->uninit(); });
     }
     attachments_.clear();
     listener_.uninit();
@@ -256,35 +460,85 @@ void Collector::shutdown(const std::string& reason)
 
 void Collector::attach(const std::string& name)
 {
+    if (!is_channel_name(name)) {
+        refuse(name, "not a channel name");
+        return;
+    }
     for (const auto& attachment : attachments_) {
         if (attachment->app.channel == name && attachment->channel->is_initialized()) {
             return;  // announced again while attached: the attachment stands
         }
     }
+    const std::string why = check_segment_object(name);
+    if (!why.empty()) {
+        refuse(name, why);
+        return;
+    }
     auto attachment = std::make_unique<Attachment>();
     attachment->channel = std::make_unique<logferry::Logferry_base>();
     attachment->app.channel = name;
-    if (!attachment->channel->init(name)) {
+    bool attached = false;
+    if (!guarded(*attachment, [&] { attached = attachment->channel->init(name); })) {
+        return;
+    }
+    if (!attached) {
         note("error", name + ": cannot attach");
         return;
     }
     attachment->app.pid = application_pid(name);
     ++applications_;
     note("attach", name);
-    for (const std::string& text : options_.texts) {
-        std::vector<unsigned char> bytes(text.begin(), text.end());
-        bytes.push_back('\n');
-        if (attachment->channel->push(bytes)) {
-            note("say", name + " " + logferry_monitor::quote(text));
-        } else {
-            note("error", name + ": cannot send " + logferry_monitor::quote(text));
+    guarded(*attachment, [&] {
+        for (const std::string& text : options_.texts) {
+            std::vector<unsigned char> bytes(text.begin(), text.end());
+            bytes.push_back('\n');
+            if (attachment->channel->push(bytes)) {
+                note("say", name + " " + logferry_monitor::quote(text));
+            } else {
+                note("error", name + ": cannot send " + logferry_monitor::quote(text));
+            }
+        }
+    });
+    attachments_.push_back(std::move(attachment));
+}
+
+void Collector::refuse(const std::string& name, const std::string& why)
+{
+    withdraw(name);
+    if (refused_.count(name) != 0) {
+        return;
+    }
+    if (refused_.size() >= REFUSED_LIMIT) {
+        refused_.clear();
+    }
+    refused_.insert(name);
+    note("refused", logferry_monitor::escape(name) + ": " + why);
+}
+
+void Collector::withdraw(const std::string& name)
+{
+    // The entry is emptied as the application's own withdrawal would empty it; an
+    // application that announces the name again finds it refused again.
+    logferry::Listener_segment* list = listener_.segment;
+    if (!listener_.is_initialized() || name.size() > logferry::LISTENER_NAME_SIZE) {
+        return;
+    }
+    logferry::Mutex_lock_guard lock(&list->list_mutex.mutex, false);
+    for (logferry::Listener_entry& entry : list->entries) {
+        if (std::memcmp(entry.channel_name, name.data(), name.size()) == 0 &&
+            (name.size() == logferry::LISTENER_NAME_SIZE || entry.channel_name[name.size()] == '\0')) {
+            std::memset(entry.channel_name, 0, sizeof entry.channel_name);
+            entry.picked_up = 0;
+            entry.watchdog_reset = 1;
         }
     }
-    attachments_.push_back(std::move(attachment));
 }
 
 void Collector::detach(Attachment& attachment, const std::string& why)
 {
+    if (guarded_fault != 0) {
+        return;  // the guard detaches it, for the fault
+    }
     note("detach", attachment.app.label() + " " + attachment.app.channel + " (" + why + ")");
     for (Output* output : outputs_) {
         output->detached(attachment.app);
@@ -321,7 +575,14 @@ bool Collector::drain(Attachment& attachment, bool everything)
             // (each unit's own copy is freed at once, so the allocator keeps reusing it).
             // The application's records wait while its gate is shut.
             pthread_mutex_t* mutex = &channel.segment->client_mutex.mutex;
-            logferry::Mutex_lock_guard lock(mutex, try_lock_ring(mutex));
+            const bool locked = try_lock_ring(mutex);
+            if (!locked && !everything && attachment.passes_skipped < RING_SKIPS_BEFORE_WAITING) {
+                ++attachment.passes_skipped;
+                skipped_ring_ = true;
+                break;
+            }
+            attachment.passes_skipped = 0;
+            logferry::Mutex_lock_guard lock(mutex, locked);
             if (logferry::atomic_load_u8(&channel.segment->client_buffer_locked) == 0) {
                 for (std::vector<unsigned char> unit = channel.pop_unsynced(false); !unit.empty();
                      unit = channel.pop_unsynced(false)) {
@@ -330,8 +591,8 @@ bool Collector::drain(Attachment& attachment, bool everything)
                 }
             }
         }
-        if (batch_ends_.empty()) {
-            break;
+        if (batch_ends_.empty() || guarded_fault != 0) {
+            break;  // (what a faulting segment yielded is not passed on)
         }
         timespec now{};
         ::clock_gettime(CLOCK_REALTIME, &now);
@@ -378,7 +639,7 @@ void Collector::handle_control(Attachment& attachment, const Record& record, con
         app.app_id = record.id;
         to_dlt_id(record.id, app.dlt_id);
         app.description = record.text;
-        note("app", record.id + " " + quote(record.text) + " channel=" + app.channel);
+        note("app", app.label() + " " + quote(record.text) + " channel=" + app.channel);
         break;
     case KIND_REGISTER_CONTEXT: {
         Context& context = app.contexts[record.context_handle];
@@ -386,7 +647,8 @@ void Collector::handle_control(Attachment& attachment, const Record& record, con
         to_dlt_id(record.id, context.dlt_id);
         context.level = record.log_level;
         context.description = record.text;
-        note("context", app.label() + " " + record.id + " handle=" + std::to_string(record.context_handle) +
+        note("context", app.label() + " " + logferry_monitor::escape(record.id) +
+                            " handle=" + std::to_string(record.context_handle) +
                             " level=" + logferry_monitor::level_name(record.log_level) + " " + quote(record.text));
         for (const auto& wanted : options_.levels) {
             if (wanted.first == record.id) {
@@ -440,8 +702,8 @@ bool Collector::send_level(Attachment& attachment, std::uint32_t handle, Context
 {
     std::vector<unsigned char> update(logferry::wire::LEVEL_UPDATE_SIZE);
     logferry::wire::encode_level_update(update.data(), level, handle);
-    const std::string what = attachment.app.label() + " " + context.id + " handle=" + std::to_string(handle) +
-                             " level=" + logferry_monitor::level_name(level);
+    const std::string what = attachment.app.label() + " " + logferry_monitor::escape(context.id) +
+                             " handle=" + std::to_string(handle) + " level=" + logferry_monitor::level_name(level);
     if (attachment.channel->push(update)) {
         context.level = level;
         note("set-level", what);
@@ -459,12 +721,14 @@ std::size_t Collector::set_level(const char app[4], const char context[4], std::
             attachment->app.app_id.empty()) {
             continue;
         }
-        for (auto& entry : attachment->app.contexts) {
-            if (std::memcmp(entry.second.dlt_id, context, 4) == 0 &&
-                send_level(*attachment, entry.first, entry.second, level)) {
-                ++reached;
+        guarded(*attachment, [&] {
+            for (auto& entry : attachment->app.contexts) {
+                if (std::memcmp(entry.second.dlt_id, context, 4) == 0 &&
+                    send_level(*attachment, entry.first, entry.second, level)) {
+                    ++reached;
+                }
             }
-        }
+        });
     }
     return reached;
 }
@@ -476,9 +740,11 @@ std::size_t Collector::set_default_level(std::uint8_t level)
         if (!attachment->channel->is_initialized()) {
             continue;
         }
-        for (auto& entry : attachment->app.contexts) {
-            reached += send_level(*attachment, entry.first, entry.second, level) ? 1 : 0;
-        }
+        guarded(*attachment, [&] {
+            for (auto& entry : attachment->app.contexts) {
+                reached += send_level(*attachment, entry.first, entry.second, level) ? 1 : 0;
+            }
+        });
     }
     return reached;
 }

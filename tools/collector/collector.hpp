@@ -14,6 +14,15 @@
 // message whose texts and payloads point into the unit: nothing is allocated for it
 // here. `poll` reports whether there was anything to do, so that the caller sleeps only
 // when every ring was empty.
+//
+// Hostile peers. An announced name is attached only when it has the form the front end
+// gives channel names (`is_channel_name`) and names a shared-memory object of exactly a
+// channel segment's size; anything else is refused with one line and withdrawn from the
+// listener list. Every access to an attached segment runs under a guard: an access fault
+// inside the segment (the application shrank it after the attach) has the faulting page
+// replaced by zeros and is noted, and the guard then detaches that channel with one line;
+// a fault anywhere else still ends the process. Whatever another process wrote is escaped
+// before it is printed.
 
 #ifndef LOGFERRY_TOOLS_COLLECTOR_COLLECTOR_HPP
 #define LOGFERRY_TOOLS_COLLECTOR_COLLECTOR_HPP
@@ -21,6 +30,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -57,9 +67,9 @@ struct Application {
     std::unordered_map<std::uint32_t, Context> contexts;  // by handle
     std::uint8_t unknown_counter = 0;                     // counter of messages without a known context
 
-    /// The application ID, or the channel name before registration.
-    std::string label() const { return app_id.empty() ? channel : app_id; }
-    /// The context ID of a handle, or "#<handle>".
+    /// The application ID, or the channel name before registration, escaped for printing.
+    std::string label() const;
+    /// The context ID of a handle (escaped for printing), or "#<handle>".
     std::string context_label(std::uint32_t handle) const;
 };
 
@@ -150,10 +160,19 @@ private:
     struct Attachment {
         std::unique_ptr<logferry::Logferry_base> channel;
         Application app;
+        // Passes in a row that found its ring's mutex held and went on to the next ring.
+        unsigned int passes_skipped = 0;
     };
 
     void housekeeping();
     void attach(const std::string& name);
+    void refuse(const std::string& name, const std::string& why);
+    void withdraw(const std::string& name);
+    // Runs `work` on the attachment's segment; an access fault inside the segment detaches
+    // the attachment instead. False after such a fault.
+    template <typename Work>
+    bool guarded(Attachment& attachment, Work&& work);
+    void detach_faulted(Attachment& attachment);
     void detach(Attachment& attachment, const std::string& why);
     bool drain(Attachment& attachment, bool everything);
     void take_priority(Attachment& attachment);
@@ -182,9 +201,19 @@ private:
     std::chrono::steady_clock::time_point next_housekeeping_;
     std::uint64_t messages_ = 0;
     std::uint64_t applications_ = 0;
+    bool skipped_ring_ = false;  // this pass passed a ring over
     std::string stop_reason_;
     bool started_ = false;
+    // Names refused once: refused again without a line, so that an application that keeps
+    // announcing one cannot flood the output.
+    std::set<std::string> refused_;
 };
+
+/// Whether `name` has the form of a channel name as the front end forms it: "/logferry-",
+/// an application ID of letters, digits, '_', '.' and '-', "-", 1 to 5 decimal digits (the
+/// process id), "-", 1 to 8 lowercase hexadecimal digits (the time stamp); at most
+/// LISTENER_NAME_SIZE bytes in all, the longest name the listener list carries.
+bool is_channel_name(const std::string& name);
 
 /// A DLT ID of up to four characters, padded with zeros.
 void to_dlt_id(const std::string& id, char out[4]);

@@ -10,6 +10,15 @@
 namespace logferry_monitor {
 namespace {
 
+bool is_control(unsigned char u) { return u < 0x20 || u == 0x7F; }
+
+void append_hex_escape(std::string& out, unsigned char u)
+{
+    char escaped[8];
+    std::snprintf(escaped, sizeof escaped, "\\x%02x", u);
+    out += escaped;
+}
+
 const char* const level_names[] = {"off", "fatal", "error", "warn", "info", "debug", "verbose"};
 static_assert(sizeof level_names / sizeof level_names[0] == logferry::wire::MAX_LOG_LEVEL + 1, "one name a level");
 
@@ -132,6 +141,21 @@ std::string render_timestamp(std::uint32_t units)
     return buffer;
 }
 
+std::string escape(const std::string& text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        const auto u = static_cast<unsigned char>(c);
+        if (is_control(u) || c == '\\') {
+            append_hex_escape(out, u);
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 std::string quote(const std::string& text)
 {
     std::string out = "\"";
@@ -154,10 +178,8 @@ std::string quote(const std::string& text)
             out += "\\t";
             break;
         default:
-            if (u < 0x20 || u == 0x7F) {
-                char escape[8];
-                std::snprintf(escape, sizeof escape, "\\x%02x", u);
-                out += escape;
+            if (is_control(u)) {
+                append_hex_escape(out, u);
             } else {
                 out += c;
             }

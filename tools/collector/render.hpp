@@ -20,6 +20,11 @@ bool parse_level(const std::string& text, std::uint8_t& level);
 /// A start record's timestamp (0.1 ms units) as seconds with four decimals: "12.3456".
 std::string render_timestamp(std::uint32_t units);
 
+/// A text that came from another process, fit for one output line: bytes below 0x20, 0x7f
+/// and the backslash itself become "\xNN" (two lowercase hexadecimal digits); the rest
+/// stays as it is.
+std::string escape(const std::string& text);
+
 /// A text in double quotes; quote, backslash and control characters escaped.
 std::string quote(const std::string& text);
 

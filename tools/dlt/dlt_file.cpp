@@ -32,7 +32,7 @@ bool File_writer::open(const std::string& path, std::uint64_t limit_bytes, unsig
     path_ = path;
     limit_ = limit_bytes;
     max_files_ = max_files == 0 ? 1 : max_files;
-    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0660);
     if (fd_ < 0) {
         error = "cannot open " + path + ": " + std::strerror(errno);
         return false;
@@ -115,7 +115,7 @@ bool File_writer::rotate()
             }
         }
     }
-    fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0660);
     if (fd_ < 0) {
         error = "cannot open " + path_ + ": " + std::strerror(errno);
         return false;
