@@ -2108,6 +2108,9 @@ TEST_F(Monitor, MonitorAndApplicationAsTwoUnprivilegedUsersOfTheGroup)
         ASSERT_EQ(::chmod(path.c_str(), 0770), 0);
     }
     const std::string regid = "--regid=" + std::to_string(LOGGING_GROUP_ID);
+    // In a coverage build the programs write their counts at exit: under these users, into the
+    // group's directory instead of the build tree they may not write (other builds ignore it).
+    const logferry_test::Scoped_environment gcov_prefix("GCOV_PREFIX", dir_ + "/gcov");
     // The monitor as one user, under the usual umask: it sets its own.
     ::unlink(out_.c_str());
     pid_ = run_program("/usr/bin/setpriv",

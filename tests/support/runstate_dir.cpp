@@ -40,6 +40,23 @@ void collect(const std::string& base, const std::string& relative, std::vector<s
 
 }  // namespace
 
+Scoped_environment::Scoped_environment(std::string name, const std::string& value) : name_(std::move(name))
+{
+    const char* previous = ::getenv(name_.c_str());
+    had_previous_ = previous != nullptr;
+    previous_ = had_previous_ ? previous : "";
+    ::setenv(name_.c_str(), value.c_str(), 1);
+}
+
+Scoped_environment::~Scoped_environment()
+{
+    if (had_previous_) {
+        ::setenv(name_.c_str(), previous_.c_str(), 1);
+    } else {
+        ::unsetenv(name_.c_str());
+    }
+}
+
 Runstate_dir::Runstate_dir(bool with_ara_dlt)
 {
     char pattern[] = "/tmp/lf-run-XXXXXX";
@@ -49,19 +66,12 @@ Runstate_dir::Runstate_dir(bool with_ara_dlt)
     if (with_ara_dlt) {
         EXPECT_EQ(::mkdir(ara_dlt().c_str(), 0700), 0) << ara_dlt();
     }
-    const char* previous = ::getenv("ADAPTIVE_RUNSTATE_DIR");
-    had_previous_ = previous != nullptr;
-    previous_ = had_previous_ ? previous : "";
-    ::setenv("ADAPTIVE_RUNSTATE_DIR", root_.c_str(), 1);
+    announced_ = std::make_unique<Scoped_environment>("ADAPTIVE_RUNSTATE_DIR", root_);
 }
 
 Runstate_dir::~Runstate_dir()
 {
-    if (had_previous_) {
-        ::setenv("ADAPTIVE_RUNSTATE_DIR", previous_.c_str(), 1);
-    } else {
-        ::unsetenv("ADAPTIVE_RUNSTATE_DIR");
-    }
+    announced_.reset();
     std::vector<std::string> paths;
     collect(root_, "", paths);
     for (const std::string& path : paths) {

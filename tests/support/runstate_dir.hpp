@@ -5,6 +5,7 @@
 // ADAPTIVE_RUNSTATE_DIR for the object's lifetime, then removed with everything in it and the
 // variable put back as it was.
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +16,21 @@ namespace logferry_test {
 // no "ara_DLT" (the lock file's name in a run-state directory is Runstate_dir::lock_file).
 constexpr const char* LISTENER_SEGMENT = "/logferry-daemon-listener";
 constexpr const char* FALLBACK_LOCK_FILE = "/tmp/logferry-daemon-listener.lock";
+
+// Sets the environment variable `name` to `value` for the object's lifetime, then puts back
+// what was there (or removes it).
+class Scoped_environment {
+public:
+    Scoped_environment(std::string name, const std::string& value);
+    ~Scoped_environment();
+    Scoped_environment(const Scoped_environment&) = delete;
+    Scoped_environment& operator=(const Scoped_environment&) = delete;
+
+private:
+    std::string name_;
+    bool had_previous_ = false;
+    std::string previous_;
+};
 
 class Runstate_dir {
 public:
@@ -34,8 +50,7 @@ public:
 
 private:
     std::string root_;
-    bool had_previous_ = false;
-    std::string previous_;
+    std::unique_ptr<Scoped_environment> announced_;
 };
 
 // Sets `target` to `value` for the object's lifetime, then puts the old value back.
