@@ -37,13 +37,19 @@ bool wait_for_debug(const ara::log::Logger& logger, std::chrono::milliseconds li
 
 const char* yes_no(bool value) { return value ? "enabled" : "disabled"; }
 
-// The low-level interface: a context with a handle of the application's choosing and one
-// message written call by call, with an already encoded argument.
-void free_function_part()
+// The low-level interface: a context with a handle of the application's choosing (registered
+// up front, before any message, like the loggers' contexts) and one message written call by
+// call, with an already encoded argument.
+constexpr std::uint32_t LOW_LEVEL_CONTEXT = 1;
+constexpr std::uint8_t INFO = static_cast<std::uint8_t>(LogLevel::kInfo);
+
+void register_free_function_context()
 {
-    constexpr std::uint32_t LOW_LEVEL_CONTEXT = 1;
-    constexpr std::uint8_t INFO = static_cast<std::uint8_t>(LogLevel::kInfo);
     logferry::register_context(LOW_LEVEL_CONTEXT, "LOWL", "Free-function context", INFO);
+}
+
+void free_function_message()
+{
     const std::uint32_t key = 100;
     if (logferry::is_log_level_enabled(LOW_LEVEL_CONTEXT, INFO) && logferry::log_start(LOW_LEVEL_CONTEXT, key, INFO)) {
         logferry::log_utf8_string(key, "from the free functions:");
@@ -65,6 +71,7 @@ int main()
     // Registered at info: debug is off until the daemon says otherwise.
     const bool before = main_logger.IsEnabled(LogLevel::kDebug);
     const ara::log::Logger& net_logger = ara::log::CreateLogger("NET", "Network context", LogLevel::kWarn);
+    register_free_function_context();
 
     std::printf("example: debug for MAIN before the level update: %s\n", yes_no(before));
     const bool after = wait_for_debug(main_logger, std::chrono::milliseconds(5000));
@@ -88,7 +95,7 @@ int main()
     net_logger.LogInfo() << "never sent";
     net_logger.LogWarn() << "link down, retrying" << static_cast<std::uint16_t>(3);
 
-    free_function_part();
+    free_function_message();
 
     std::printf("example: done\n");
     return 0;
