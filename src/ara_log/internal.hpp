@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "ara/log/logger.h"
+#include "frontend/front_end_hooks.hpp"
 
 namespace ara::log::detail {
 
@@ -46,23 +47,44 @@ struct Context {
 
 inline Logger Registry::logger_for(Context* context) noexcept { return {&context->threshold, context}; }
 
-// One message under assembly: its records so far, the first being the start record. The
-// vector is used as a plain buffer: its size is the room there is, `used` the bytes written.
+struct Thread_queue;
+
+// One message under assembly: its records so far, the first being the start record. It lies
+// either in a queue block of the thread that opened it (`queue` set; see staging.hpp) or in
+// `storage` of its own; `data` is its first byte either way, `capacity` the room there is.
 struct Message {
-    std::vector<unsigned char> bytes;
+    unsigned char* data = nullptr;
+    std::size_t capacity = 0;
     std::size_t used = 0;
+    Thread_queue* queue = nullptr;
+    std::vector<unsigned char> storage;
     std::uint32_t key = 0;
     std::uint32_t handle = 0;
     std::uint8_t level = 0;
     // Arguments left out because the message would no longer fit one ring unit.
     std::uint32_t dropped = 0;
+    // No memory was left for it (or staging's bound was reached): the whole message is
+    // dropped and counted when it is sent.
+    bool lost = false;
     Message* next = nullptr;  // link in the thread's pool
 };
 
-// Hands one complete message to the channel in one push; registers the application first
-// when nothing has registered it yet. False when logging has been taken down, or when the
-// message was dropped (and counted) because the daemon held the ring too long.
+// Registers the application (and every context made so far) when nothing has registered it
+// yet, bringing logging up first if need be; false when logging has been taken down or the
+// registration cannot be made.
+bool ensure_registered() noexcept;
+
+// Hands one complete message to the channel in one push, without staging; false when
+// logging has been taken down, or when the message was dropped (and counted) because the
+// daemon held the ring too long.
 bool deliver(const unsigned char* bytes, std::size_t size) noexcept;
+
+// The ring writers liblogferry offered at load time (null when it did not).
+const logferry::Ring_access* ring_access() noexcept;
+
+// Counts `count` messages dropped on the application's side with the channel's discarded
+// records, so that the regular report includes them.
+void count_lost(std::uint64_t count) noexcept;
 
 }  // namespace ara::log::detail
 

@@ -1,10 +1,6 @@
-// The ara::log hot path: a message is built in storage of the calling thread, encoded with
-// the same encoders as the free functions, and handed to the channel in one push.
-//
-// Storage. Each thread keeps a small pool of message buffers (a vector used as a plain buffer);
-// a stream takes one when its level test passes and gives it back when it is sent, so in
-// steady state a message costs no heap allocation and holds no library mutex while it is
-// encoded. A buffer given back on another thread joins that thread's pool.
+// The ara::log hot path: a message is encoded with the same encoders as the free functions,
+// straight into the calling thread's staging queue (staging.hpp), and handed to the flusher
+// when it is complete; a fatal message reaches the ring before its statement ends.
 //
 // Size. A message must fit one unit of the ring (wire::MAX_FRAMED_RECORD_SIZE bytes). An argument
 // that would no longer fit is left out and counted; the finished message then ends with one
@@ -12,8 +8,6 @@
 // A text longer than a text record can carry is cut at a character boundary and ends in
 // "..."; raw data longer than a raw record can carry is cut and followed by the text
 // "[raw data cut from N bytes]".
-#include <time.h>  // NOLINT(modernize-deprecated-headers): POSIX clock_gettime and CLOCK_MONOTONIC
-
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -21,8 +15,9 @@
 #include <new>
 
 #include "ara_log/internal.hpp"
+#include "ara_log/stamp_clock.hpp"
+#include "ara_log/staging.hpp"
 #include "logferry/channel.hpp"
-#include "logferry/system.hpp"
 #include "wire/ring_framing.hpp"
 #include "wire/wire.hpp"
 
@@ -45,93 +40,6 @@ constexpr std::size_t MAX_PAYLOAD_LENGTH = 1389;
 constexpr std::size_t NOTE_ROOM = encoding::TEXT_HEAD_SIZE + 64;
 constexpr std::size_t ARGUMENT_LIMIT = logferry::wire::MAX_FRAMED_RECORD_SIZE - encoding::FINISH_SIZE - NOTE_ROOM;
 
-// A fresh buffer holds a typical message without growing; a buffer that grew beyond
-// KEEP_CAPACITY is freed rather than kept. At most POOL_SIZE buffers wait per thread (more
-// are needed only while several streams of one thread are open at once).
-constexpr std::size_t INITIAL_CAPACITY = 512;
-constexpr std::size_t KEEP_CAPACITY = 16384;
-constexpr unsigned int POOL_SIZE = 8;
-
-// Stream keys: each thread numbers its messages from a base of its own, so that messages of
-// different threads never share a key.
-constexpr std::uint32_t KEYS_PER_THREAD = 0x10000;
-std::atomic<std::uint32_t> next_key_base{0};
-
-// The thread's pool. Trivially destructible and constant-initialised, so reaching it costs
-// no guard; the closer below frees the buffers when the thread ends, after which buffers
-// are made and freed per message.
-struct Pool {
-    Message* free = nullptr;
-    unsigned int count = 0;
-    bool closer_armed = false;
-    bool closed = false;
-    std::uint32_t key_base = 0;
-    std::uint32_t key_sequence = 0;
-};
-thread_local Pool pool;
-
-struct Pool_closer {
-    Pool_closer() = default;
-    Pool_closer(const Pool_closer&) = delete;
-    Pool_closer& operator=(const Pool_closer&) = delete;
-    ~Pool_closer()
-    {
-        Pool& own = pool;
-        own.closed = true;
-        while (own.free != nullptr) {
-            Message* message = own.free;
-            own.free = message->next;
-            delete message;
-        }
-        own.count = 0;
-    }
-};
-
-Message* take_message() noexcept
-{
-    Pool& own = pool;
-    if (own.free != nullptr) {
-        Message* message = own.free;
-        own.free = message->next;
-        --own.count;
-        return message;
-    }
-    if (!own.closer_armed && !own.closed) {
-        own.closer_armed = true;
-        own.key_base = next_key_base.fetch_add(KEYS_PER_THREAD, std::memory_order_relaxed);
-        static thread_local Pool_closer closer;
-        (void)closer;
-    }
-    auto* message = new (std::nothrow) Message;
-    if (message != nullptr) {
-        try {
-            message->bytes.resize(INITIAL_CAPACITY);
-        } catch (...) {
-            delete message;
-            return nullptr;
-        }
-    }
-    return message;
-}
-
-void give_back(Message* message) noexcept
-{
-    Pool& own = pool;
-    if (own.closed || own.count >= POOL_SIZE || message->bytes.size() > KEEP_CAPACITY) {
-        delete message;
-        return;
-    }
-    message->next = own.free;
-    own.free = message;
-    ++own.count;
-}
-
-std::uint32_t next_key() noexcept
-{
-    Pool& own = pool;
-    return own.key_base + (own.key_sequence++ % KEYS_PER_THREAD);
-}
-
 // Room for `size` more bytes of arguments: the place to write them, or null when the message
 // has no more room for them (or no memory is left), which counts the argument as dropped.
 unsigned char* room(Message& message, std::size_t size, std::size_t limit = ARGUMENT_LIMIT) noexcept
@@ -141,15 +49,10 @@ unsigned char* room(Message& message, std::size_t size, std::size_t limit = ARGU
         ++message.dropped;
         return nullptr;
     }
-    if (needed > message.bytes.size()) {
-        try {
-            message.bytes.resize(std::max(needed, 2 * message.bytes.size()));
-        } catch (...) {
-            ++message.dropped;
-            return nullptr;
-        }
+    if (needed > message.capacity && !detail::grow(message, needed)) {
+        return nullptr;  // no memory: the whole message is lost (and counted when sent)
     }
-    return message.bytes.data() + message.used;
+    return message.data + message.used;
 }
 
 // A text record: head, `copied` characters, the terminating zero; `length` counts as the
@@ -169,19 +72,15 @@ void add_text(Message& message, const char* text, std::size_t copied, std::size_
     message.used += size;
 }
 
-// Starts a message in `message`: the start record with a fresh stream key and timestamp.
+// Starts a message in `message` (its key given): the start record with the time stamp.
 void start(Message& message) noexcept
 {
-    // Monotonic clock in 0.1 ms units, modulo 2^32; 0 when the clock cannot be read.
-    std::uint32_t timestamp = 0;
-    timespec now{};
-    if (logferry::sys->clock_gettime(CLOCK_MONOTONIC, &now) == 0) {
-        timestamp = static_cast<std::uint32_t>(now.tv_sec) * 10000U + static_cast<std::uint32_t>(now.tv_nsec / 100000);
-    }
-    message.key = next_key();
-    message.used = encoding::encode_start(message.bytes.data(), logferry::KIND_WRITE_START, message.level,
-                                          message.handle, message.key, timestamp);
+    message.used = 0;
     message.dropped = 0;
+    if (unsigned char* out = room(message, encoding::START_SIZE)) {
+        message.used = encoding::encode_start(out, logferry::KIND_WRITE_START, message.level, message.handle,
+                                              message.key, detail::stamp_now());
+    }
 }
 
 // Closes the message (note on dropped arguments, finish record) and hands it over.
@@ -198,17 +97,18 @@ void send(Message& message) noexcept
     }
     unsigned char* out = room(message, encoding::FINISH_SIZE, logferry::wire::MAX_FRAMED_RECORD_SIZE);
     if (out == nullptr) {
-        return;  // no memory for five bytes: the message is lost
+        detail::stage(message, false);  // no memory for five bytes: the message is lost (and counted)
+        return;
     }
     message.used += encoding::encode_finish(out, logferry::KIND_WRITE_FINISH, message.key);
-    detail::deliver(message.bytes.data(), message.used);
+    detail::stage(message, message.level == static_cast<std::uint8_t>(LogLevel::kFatal));
 }
 
 }  // namespace
 
 detail::Message* Logger::Open(LogLevel level) const noexcept
 {
-    Message* message = take_message();
+    Message* message = detail::take_message();
     if (message == nullptr) {
         return nullptr;
     }
@@ -221,14 +121,23 @@ detail::Message* Logger::Open(LogLevel level) const noexcept
 void LogStream::Finish() noexcept
 {
     send(*message_);
-    give_back(message_);
+    detail::give_back(message_);
     message_ = nullptr;
 }
 
 void LogStream::Restart() noexcept
 {
+    // The same logger and level, in new storage of this thread.
+    const std::uint32_t handle = message_->handle;
+    const std::uint8_t level = message_->level;
     send(*message_);
-    start(*message_);
+    detail::give_back(message_);
+    message_ = detail::take_message();
+    if (message_ != nullptr) {
+        message_->handle = handle;
+        message_->level = level;
+        start(*message_);
+    }
 }
 
 void LogStream::PutLocation(detail::Text file, int line) noexcept

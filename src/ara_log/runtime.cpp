@@ -7,6 +7,17 @@
 // the application never calls InitLogging) -> Taken down (at process end). Every change
 // happens under `registry_mutex`; the hot path only reads `phase`.
 //
+// Staging. Once the channel is up, messages are staged per thread and handed to the ring by
+// the flusher (staging.hpp); LOGFERRY_STAGING_LIMIT bounds the memory that holds them.
+//
+// Take-down. At the process's end, what is staged is handed over while a daemon makes
+// progress: when a daemon holds the listener's lock file, the take-down waits for it to
+// attach (at most a second), then for it to read everything (at most a second after it last
+// made progress); with no daemon it does not wait at all. Waiting for the receiver thread is
+// cut short too: this library runs the system seam's sleeps on a seam of its own
+// (Waking_system) whose sleeps the take-down can end, so that a tick comes at once when the
+// daemon has attached, and the receiver thread ends at once when asked to.
+//
 // Context handles. The free functions let the application choose handles; this front end
 // counts down from 0xFFFFFFFF and skips every handle the library already knows (registered
 // or with a level filter), so its handles never collide with the small numbers applications
@@ -15,16 +26,26 @@
 #include <errno.h>  // NOLINT(modernize-deprecated-headers): program_invocation_short_name
 #include <pthread.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cctype>
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <typeinfo>
 #include <vector>
 
 #include "ara/log/logging.h"
 #include "ara_log/internal.hpp"
+#include "ara_log/staging.hpp"
+#include "ara_log/stamp_clock.hpp"
 #include "frontend/front_end_hooks.hpp"
 #include "logferry/client.hpp"
+#include "wire/shared_fields.hpp"
 
 namespace ara::log::detail {
 
@@ -49,8 +70,8 @@ std::atomic<Context*> newest_context{nullptr};
 Application* application = nullptr;
 std::uint32_t next_handle = 0xFFFFFFFFU;
 
-// The channel's push with a bounded wait, when liblogferry offered it at load time.
-std::atomic<logferry::Bounded_push> bounded_push{nullptr};
+// The ring writers, when liblogferry offered them at load time.
+std::atomic<const logferry::Ring_access*> offered_ring_access{nullptr};
 // The longest a message waits for the ring's mutex (a daemon holding it); then it is dropped
 // and counted among the channel's discarded records.
 constexpr std::uint32_t RING_WAIT_US = 1000;
@@ -128,11 +149,123 @@ Application& application_record()
     return *application;
 }
 
+// The library's system seam with sleeps that the take-down can end early: the receiver
+// thread's ticks and reconnect pauses are sleeps of this seam. Everything else is the
+// library's own seam, unchanged. Installed only where the library's own seam is in use.
+class Waking_system final : public logferry::System_lib {
+public:
+    void sleep_for_milliseconds(unsigned int ms) override { sleep(std::chrono::milliseconds(ms)); }
+    void sleep_for_seconds(unsigned int s) override { sleep(std::chrono::seconds(s)); }
+
+    // Ends every sleep under way; with `for_good`, every later sleep returns at once.
+    void wake(bool for_good)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            ++wakes_;
+            ending_ = ending_ || for_good;
+        }
+        woken_.notify_all();
+    }
+
+private:
+    template <typename Duration>
+    void sleep(Duration period)
+    {
+        if (period.count() == 0) {
+            return;
+        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        const std::uint64_t wakes = wakes_;
+        woken_.wait_for(lock, period, [&] { return ending_ || wakes_ != wakes; });
+    }
+
+    std::mutex mutex_;
+    std::condition_variable woken_;
+    std::uint64_t wakes_ = 0;
+    bool ending_ = false;
+};
+Waking_system* waking_seam = nullptr;
+
+// How long the take-down waits for a daemon that holds the lock to attach, and for an
+// attached daemon that makes no progress; how often it looks.
+constexpr std::chrono::milliseconds ATTACH_WAIT{1000};
+constexpr std::chrono::milliseconds PROGRESS_WAIT{1000};
+constexpr std::chrono::milliseconds TAKE_DOWN_POLL{1};
+
+// Whether a daemon holds the listener's lock file now (it runs, whether or not it has
+// attached to this channel yet).
+bool daemon_holds_lock()
+{
+    const int fd = logferry::sys->open(logferry::listener.lock_listener_name.c_str(), O_RDONLY, 0);
+    if (fd < 0) {
+        return false;
+    }
+    const logferry::File_descriptor_guard guard(fd);
+    return logferry::sys->lockf(fd, F_TEST, 0) != 0;
+}
+
+bool daemon_attached()
+{
+    return logferry::client.initialized &&
+           logferry::atomic_load_i64(&logferry::client.segment->server_watchdog) != 0;
+}
+
+bool gate_closed()
+{
+    return logferry::client.initialized &&
+           logferry::atomic_load_u8(&logferry::client.segment->client_buffer_locked) != 0;
+}
+
+// Hands what is staged to the daemon before the channel closes, within the bounds above; what
+// cannot be handed over in time is forced into the ring.
+void hand_over_staged()
+{
+    stop_flusher();
+    const logferry::Ring_access* access = ring_access();
+    const auto unread = [access] { return access->unread_bytes(logferry::client); };
+    std::size_t staged = staged_messages();
+    std::size_t in_ring = unread();
+    if (staged == 0 && in_ring == 0) {
+        return;  // nothing logged, or everything read: no wait at all
+    }
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    Clock::time_point last_progress = start;
+    const bool daemon_running = daemon_attached() || daemon_holds_lock();
+    while (daemon_running) {
+        const std::size_t moved = hand_over_pass();
+        const std::size_t staged_now = staged_messages();
+        const std::size_t in_ring_now = unread();
+        if (staged_now == 0 && in_ring_now == 0) {
+            break;
+        }
+        const Clock::time_point now = Clock::now();
+        if (moved != 0 || staged_now < staged || in_ring_now < in_ring) {
+            last_progress = now;
+        }
+        staged = staged_now;
+        in_ring = in_ring_now;
+        if (!daemon_attached()) {
+            if (now - start >= ATTACH_WAIT) {
+                break;
+            }
+        } else if (now - last_progress >= PROGRESS_WAIT) {
+            break;
+        } else if (gate_closed() && waking_seam != nullptr) {
+            waking_seam->wake(false);  // a tick now: the receiver thread sees the daemon and opens the gate
+        }
+        std::this_thread::sleep_for(TAKE_DOWN_POLL);  // not the seam's: the seam's sleeps end early now
+    }
+    force_rest();
+}
+
 // Logging ends with the process. The take-down is registered with the exit handlers when
 // logging comes up, so it runs after the destructors of every static object constructed
 // after that point (and of everything made in main), and before liblogferry's own objects
-// are destroyed. Every context is switched off, then the library is closed. Should the
-// library be unloaded without exit, its finalisation does the same.
+// are destroyed. Every context is switched off, what is staged is handed over, then the
+// library is closed. Should the library be unloaded without exit, its finalisation does the
+// same.
 void take_down()
 {
     if (phase.load() == kTakenDown) {
@@ -148,6 +281,13 @@ void take_down()
     }
     // Outside the registry's mutex, so that the receiver thread is never waited for under it.
     if (was != kDown && was != kTakenDown) {
+        if (staging_on()) {
+            hand_over_staged();
+        }
+        logferry::terminate_receiver_thread = true;
+        if (waking_seam != nullptr) {
+            waking_seam->wake(true);  // the receiver thread ends at once instead of after its sleep
+        }
         logferry::exit();
     }
 }
@@ -168,13 +308,56 @@ void after_fork_in_child()
     if (logferry::message_receiver_thread.joinable()) {
         logferry::message_receiver_thread.detach();
     }
+    forget_staging_after_fork();
+}
+
+// The bound of staging's memory: LOGFERRY_STAGING_LIMIT in bytes, with an optional k, M or G
+// (1024, 1024^2, 1024^3); 0 stages nothing (every message goes straight to the ring).
+std::size_t staging_limit()
+{
+    const char* text = environment("LOGFERRY_STAGING_LIMIT");
+    if (text == nullptr) {
+        return DEFAULT_STAGING_LIMIT;
+    }
+    char* end = nullptr;
+    const unsigned long long value = std::strtoull(text, &end, 10);
+    if (end == text) {
+        return DEFAULT_STAGING_LIMIT;
+    }
+    unsigned int shift = 0;
+    switch (*end) {
+    case 'k':
+    case 'K':
+        shift = 10;
+        break;
+    case 'm':
+    case 'M':
+        shift = 20;
+        break;
+    case 'g':
+    case 'G':
+        shift = 30;
+        break;
+    default:
+        break;
+    }
+    return static_cast<std::size_t>(value) << shift;
 }
 
 // Initialises the library under the application's identifier (registry_mutex held).
 void bring_channel_up()
 {
     logferry::set_app_identifier(application_record().id);
+    if (typeid(*logferry::sys) == typeid(logferry::System_lib)) {
+        // Before the receiver thread starts: it sleeps on this seam from its first tick.
+        waking_seam = new (std::nothrow) Waking_system;
+        if (waking_seam != nullptr) {
+            logferry::sys = waking_seam;
+        }
+    }
+    stamp_clock_start(waking_seam);
     logferry::init();
+    (void)start_staging(staging_limit());
     phase.store(kChannelUp, std::memory_order_release);
     std::atexit(take_down);  // a failure leaves the take-down to the library's finalisation
     ::pthread_atfork(nullptr, nullptr, after_fork_in_child);
@@ -281,34 +464,40 @@ Logger& create_logger(Text id, Text description, std::uint8_t level, bool explic
 
 }  // namespace
 
-bool deliver(const unsigned char* bytes, std::size_t size) noexcept
+bool ensure_registered() noexcept
 {
     int now = phase.load(std::memory_order_acquire);
-    if (now != kRegistered) {
-        if (now == kTakenDown) {
-            return false;
-        }
-        try {
-            std::lock_guard<std::mutex> lock(registry_mutex);
-            if (phase.load() == kDown) {
-                bring_channel_up();
-            }
-            if (phase.load() == kChannelUp) {
-                register_application();
-            }
-            now = phase.load();
-        } catch (...) {
-            return false;
-        }
-        if (now != kRegistered) {
-            return false;
-        }
+    if (now == kRegistered) {
+        return true;
     }
-    const logferry::Bounded_push push = bounded_push.load(std::memory_order_acquire);
-    if (push != nullptr) {
-        return push(logferry::client, bytes, size, RING_WAIT_US);
+    if (now == kTakenDown) {
+        return false;
     }
-    // liblogferry did not offer the bounded push (this library was loaded after it, with
+    try {
+        std::lock_guard<std::mutex> lock(registry_mutex);
+        if (phase.load() == kDown) {
+            bring_channel_up();
+        }
+        if (phase.load() == kChannelUp) {
+            register_application();
+        }
+        now = phase.load();
+    } catch (...) {
+        return false;
+    }
+    return now == kRegistered;
+}
+
+bool deliver(const unsigned char* bytes, std::size_t size) noexcept
+{
+    if (phase.load(std::memory_order_acquire) == kTakenDown) {
+        return false;
+    }
+    const logferry::Ring_access* access = ring_access();
+    if (access != nullptr) {
+        return access->push_within(logferry::client, bytes, size, RING_WAIT_US);
+    }
+    // liblogferry did not offer its ring writers (this library was loaded after it, with
     // dlopen): the ordinary push, which takes a vector of its own.
     try {
         return logferry::client.push(std::vector<unsigned char>(bytes, bytes + size));
@@ -316,6 +505,10 @@ bool deliver(const unsigned char* bytes, std::size_t size) noexcept
         return false;
     }
 }
+
+const logferry::Ring_access* ring_access() noexcept { return offered_ring_access.load(std::memory_order_acquire); }
+
+void count_lost(std::uint64_t count) noexcept { logferry::client.lost_messages.fetch_add(count); }
 
 }  // namespace ara::log::detail
 
@@ -398,9 +591,9 @@ void logferry_hook_filter_updated(std::uint32_t context_handle, std::uint8_t lev
     }
 }
 
-void logferry_hook_bounded_push(logferry::Bounded_push push) noexcept
+void logferry_hook_ring_access(const logferry::Ring_access* access) noexcept
 {
-    ara::log::detail::bounded_push.store(push, std::memory_order_release);
+    ara::log::detail::offered_ring_access.store(access, std::memory_order_release);
 }
 
 void logferry_hook_connection_changed(bool connected) noexcept

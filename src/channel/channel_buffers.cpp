@@ -251,12 +251,16 @@ bool lock_within(pthread_mutex_t* mutex, std::uint32_t wait_us)
     return settle_robust_lock(mutex, result) == 0;
 }
 
+// Whether the application's end may write its ring: a channel end that is open, of the
+// application's side.
+bool writable(const Logferry_base& end) { return end.initialized && end.client_side; }
+
 // The application's push with a bounded wait for the ring's mutex, offered to a front end
 // built on this library through its hook (below): liblogferry exports no name for it. A
 // message that cannot be placed within the wait is dropped and counted as lost.
 bool push_client_within(Logferry_base& end, const unsigned char* bytes, std::size_t size, std::uint32_t wait_us)
 {
-    if (!end.initialized || !end.client_side || !placeable(size, CLIENT_BUFFER_SIZE) || !wire::is_ring_kind(bytes[0])) {
+    if (!writable(end) || !placeable(size, CLIENT_BUFFER_SIZE) || !wire::is_ring_kind(bytes[0])) {
         // Refused (and reported) exactly as the ordinary push does.
         return end.push(std::vector<unsigned char>(bytes, bytes + size));
     }
@@ -270,10 +274,92 @@ bool push_client_within(Logferry_base& end, const unsigned char* bytes, std::siz
     return true;
 }
 
+// Whether a record of `size` bytes can be written now without a discard step, by the
+// writing step's own rules (caller holds the ring's mutex).
+bool fits_without_discard(const Ring& ring, std::uint32_t size)
+{
+    std::uint32_t read = 0;
+    std::uint32_t write = 0;
+    load_indices(ring, read, write);
+    const std::uint32_t frame = wire::frame_size(size);
+    if (write + frame > ring.capacity) {
+        // It would go to 0: only in front of a reader that is behind the writer and far enough.
+        return read < write && frame <= read;
+    }
+    if (read < write || (read == write && prefix_at(ring, write) == 0)) {
+        return true;  // free from W to the end
+    }
+    return write + frame <= read;  // the reader is ahead: the gap up to it
+}
+
+// Messages of a batch into the application's ring in one hold of its mutex.
+Batch_result push_client_batch(Logferry_base& end, const Ring_batch& batch, bool forced, std::uint32_t wait_us,
+                               std::size_t max_bytes)
+{
+    Batch_result result;
+    if (!writable(end)) {
+        result.end = Batch_end::kRefused;
+        return result;
+    }
+    const Ring ring = client_ring(end.segment);
+    if (!forced && atomic_load_u8(&end.segment->client_buffer_locked) != 0) {
+        result.end = Batch_end::kGated;
+        return result;
+    }
+    if (!lock_within(ring.mutex, wait_us)) {
+        result.end = Batch_end::kBusy;
+        return result;
+    }
+    const Mutex_lock_guard lock(ring.mutex, true);
+    std::size_t written = 0;
+    std::size_t size = 0;
+    while (const unsigned char* bytes = batch.next(batch.source, &size)) {
+        if (written >= max_bytes) {
+            result.end = Batch_end::kBound;
+            return result;
+        }
+        if (!placeable(size, CLIENT_BUFFER_SIZE) || !wire::is_ring_kind(bytes[0])) {
+            result.end = Batch_end::kRefused;
+            return result;
+        }
+        const auto record_size = static_cast<std::uint32_t>(size);
+        if (!forced && !fits_without_discard(ring, record_size)) {
+            result.end = Batch_end::kFull;
+            return result;
+        }
+        write_record_held(ring, bytes, record_size, end.lost_messages, lock);
+        batch.taken(batch.source);
+        ++result.placed;
+        written += size;
+    }
+    result.end = Batch_end::kDone;
+    return result;
+}
+
+// Unread bytes of the application's ring, from one unlocked read of its indices.
+std::size_t client_unread_bytes(const Logferry_base& end)
+{
+    if (!end.initialized) {
+        return 0;
+    }
+    const Ring ring = client_ring(end.segment);
+    const std::uint32_t read = load_once(ring.read_index);
+    const std::uint32_t write = load_once(ring.write_index);
+    if (read > last_index(ring) || write > last_index(ring)) {
+        return 0;
+    }
+    if (read == write) {
+        return prefix_at(ring, write) == 0 ? 0 : ring.capacity;
+    }
+    return read < write ? write - read : ring.capacity - read + write;
+}
+
+const Ring_access RING_ACCESS{&push_client_within, &push_client_batch, &client_unread_bytes};
+
 // Offered once, when the library is loaded.
-const bool bounded_push_offered = [] {
-    if (logferry_hook_bounded_push != nullptr) {
-        logferry_hook_bounded_push(&push_client_within);
+const bool ring_access_offered = [] {
+    if (logferry_hook_ring_access != nullptr) {
+        logferry_hook_ring_access(&RING_ACCESS);
     }
     return true;
 }();
