@@ -1,8 +1,8 @@
 // A small application on the ara::log front end: it brings logging up with InitLogging,
 // creates two loggers, asks for a level before and after the daemon's level update, writes
 // one message of every argument type and a few more, and ends; logging is taken down by
-// itself at exit. Its last part shows the library's own free functions, the low-level
-// interface underneath (one stream key per message, records added call by call).
+// itself at exit. It also shows the library's own free functions, the low-level interface
+// underneath (one stream key per message, records added call by call).
 //
 // Run it under logferry-monitor (see scripts/demo.sh), for example with
 //     logferry-monitor --level MAIN=debug --say "hello"

@@ -956,11 +956,11 @@ TEST_F(Monitor, ExampleApplicationUnderTheMonitor)
         "-- set-level  EXA MAIN handle=4294967295 level=debug\n"
         "-- context    EXA NET handle=4294967294 level=warn \"Network context\"\n"
         "-- context    EXA LOWL handle=1 level=info \"Free-function context\"\n"
+        "<ts> EXA  LOWL info    \"from the free functions:\" encoded[01 02 03]\n"
         "<ts> EXA  MAIN info    \"every argument type:\" true -8 -1600 -320000 -6400000000 200 0xbeef 0755 "
         "0b1011010 1.5 3.141592653589793 \"a view of\" [de ad be ef]\n"
         "<ts> EXA  MAIN debug   \"debug is on\"\n"
         "<ts> EXA  NET  warn    \"link down, retrying\" 3\n"
-        "<ts> EXA  LOWL info    \"from the free functions:\" encoded[01 02 03]\n"
         "-- detach     EXA " +
         channel +
         " (closed its channel)\n"
@@ -1010,11 +1010,11 @@ TEST_F(Monitor, TwoExampleApplicationsAtOnce)
         "-- set-level  EXA MAIN handle=4294967295 level=debug",
         "-- context    EXA NET handle=4294967294 level=warn \"Network context\"",
         "-- context    EXA LOWL handle=1 level=info \"Free-function context\"",
+        "<ts> EXA  LOWL info    \"from the free functions:\" encoded[01 02 03]",
         "<ts> EXA  MAIN info    \"every argument type:\" true -8 -1600 -320000 -6400000000 200 0xbeef 0755 "
         "0b1011010 1.5 3.141592653589793 \"a view of\" [de ad be ef]",
         "<ts> EXA  MAIN debug   \"debug is on\"",
         "<ts> EXA  NET  warn    \"link down, retrying\" 3",
-        "<ts> EXA  LOWL info    \"from the free functions:\" encoded[01 02 03]",
         "-- detach     EXA <channel> (closed its channel)"};
     std::multiset<std::string> expected = {"-- listening  lock=" + lock_file_,
                                            "-- stopped    signal: 8 log messages from 2 applications"};

@@ -15,8 +15,8 @@
 #include <new>
 
 #include "ara_log/internal.hpp"
-#include "ara_log/stamp_clock.hpp"
 #include "ara_log/staging.hpp"
+#include "ara_log/stamp_clock.hpp"
 #include "logferry/channel.hpp"
 #include "wire/ring_framing.hpp"
 #include "wire/wire.hpp"

@@ -36,7 +36,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <typeinfo>
 #include <vector>
 
 #include "ara/log/logging.h"
@@ -151,7 +150,8 @@ Application& application_record()
 
 // The library's system seam with sleeps that the take-down can end early: the receiver
 // thread's ticks and reconnect pauses are sleeps of this seam. Everything else is the
-// library's own seam, unchanged. Installed only where the library's own seam is in use.
+// library's own seam, unchanged (every operation of the base is the plain system call).
+// Installed only where the seam is still the one the program was loaded with.
 class Waking_system final : public logferry::System_lib {
 public:
     void sleep_for_milliseconds(unsigned int ms) override { sleep(std::chrono::milliseconds(ms)); }
@@ -207,8 +207,7 @@ bool daemon_holds_lock()
 
 bool daemon_attached()
 {
-    return logferry::client.initialized &&
-           logferry::atomic_load_i64(&logferry::client.segment->server_watchdog) != 0;
+    return logferry::client.initialized && logferry::atomic_load_i64(&logferry::client.segment->server_watchdog) != 0;
 }
 
 bool gate_closed()
@@ -348,7 +347,7 @@ std::size_t staging_limit()
 void bring_channel_up()
 {
     logferry::set_app_identifier(application_record().id);
-    if (typeid(*logferry::sys) == typeid(logferry::System_lib)) {
+    if (logferry::sys == seam_at_load) {
         // Before the receiver thread starts: it sleeps on this seam from its first tick.
         waking_seam = new (std::nothrow) Waking_system;
         if (waking_seam != nullptr) {

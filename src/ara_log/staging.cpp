@@ -125,6 +125,10 @@ struct Thread_state {
 };
 thread_local Thread_state thread_state;
 std::atomic<std::uint32_t> next_key_base{0};
+// The thread that loaded the library (the program's main thread). Its queue is never closed:
+// its thread-local objects are destroyed at exit before the static objects and exit handlers
+// that may still log, and the take-down hands its queue over after them.
+const std::thread::id loading_thread = std::this_thread::get_id();
 
 struct Thread_closer {
     Thread_closer() = default;
@@ -152,8 +156,10 @@ void arm(Thread_state& own)
     if (!own.armed && !own.closed) {
         own.armed = true;
         own.key_base = next_key_base.fetch_add(KEYS_PER_THREAD, std::memory_order_relaxed);
-        static thread_local Thread_closer closer;
-        (void)closer;
+        if (std::this_thread::get_id() != loading_thread) {
+            static thread_local Thread_closer closer;
+            (void)closer;
+        }
     }
 }
 
@@ -259,7 +265,9 @@ void wake_flusher()
 {
     Staging& state = staging();
     if (state.asleep.load(std::memory_order_relaxed) && state.asleep.exchange(false)) {
-        { std::lock_guard<std::mutex> lock(state.wake_mutex); }
+        {
+            std::lock_guard<std::mutex> lock(state.wake_mutex);
+        }
         state.wake.notify_one();
     }
 }
@@ -608,8 +616,7 @@ bool grow(Message& message, std::size_t needed) noexcept
     }
     message.data = queue.tail->data() + FRAME_HEAD;
     std::memcpy(message.data, old_data, message.used);
-    message.capacity =
-        std::min<std::size_t>(queue.tail->capacity - FRAME_HEAD, logferry::wire::MAX_FRAMED_RECORD_SIZE);
+    message.capacity = std::min<std::size_t>(queue.tail->capacity - FRAME_HEAD, logferry::wire::MAX_FRAMED_RECORD_SIZE);
     return true;
 }
 

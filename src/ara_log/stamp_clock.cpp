@@ -7,11 +7,10 @@
 #include <cpuid.h>
 #endif
 
-#include <typeinfo>
-
 namespace ara::log::detail {
 
 Stamp_clock_state stamp_clock;
+logferry::System_lib* const seam_at_load = logferry::sys;
 __thread Stamp_cache stamp_cache;
 
 namespace {
@@ -98,7 +97,7 @@ std::uint32_t stamp_from_clock() noexcept
 void stamp_clock_start(const logferry::System_lib* own_seam) noexcept
 {
     logferry::System_lib* const seam = logferry::sys;
-    const bool library_seam = seam == own_seam || typeid(*seam) == typeid(logferry::System_lib);
+    const bool library_seam = seam == own_seam || seam == seam_at_load;
     if (!library_seam || !processor_has_counter()) {
         return;
     }

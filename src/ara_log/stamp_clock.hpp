@@ -98,9 +98,12 @@ inline std::uint32_t stamp_now() noexcept
     return stamp_from_clock();
 }
 
-/// Uses the processor's counter from now on, when it has a usable one and `sys` is the
-/// library's own seam (or `own_seam`, a seam of this library with the same clock); starts
-/// the calibration.
+/// The seam `sys` pointed at when this library was loaded: the library's own, unless the
+/// program replaced it before.
+extern logferry::System_lib* const seam_at_load;
+/// Uses the processor's counter from now on, when it has a usable one and `sys` is the seam
+/// it had at load (or `own_seam`, a seam of this library with the same clock); starts the
+/// calibration.
 void stamp_clock_start(const logferry::System_lib* own_seam) noexcept;
 /// Calibrates the counter's rate 10 ms after the start and re-checks it when a second has
 /// passed since the last check; cheap otherwise. Called by one thread at a time.

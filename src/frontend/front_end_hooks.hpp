@@ -34,7 +34,7 @@ enum class Batch_end : std::uint8_t {
 
 /// What `Ring_access::push_batch` did.
 struct Batch_result {
-    std::size_t placed = 0;          ///< messages placed
+    std::size_t placed = 0;            ///< messages placed
     Batch_end end = Batch_end::kDone;  ///< why it stopped
 };
 
