@@ -10,6 +10,7 @@
 //   raw <hex>                send these bytes to every attached channel
 //   text <text>              send <text> and a line feed to every attached channel
 //   hold / release           stop / resume emptying the priority areas
+//   stop-reading / read      stop / resume taking units from the rings
 //   leave                    detach cleanly from every channel (the listener stays)
 //   quit                     detach, give up the listener, exit
 #include <poll.h>
@@ -82,6 +83,7 @@ int main()
     unsigned int tick = 0;
     bool quit = false;
     bool hold_priority = false;
+    bool hold_ring = false;  // a daemon that stopped reading: the rings are left as they are
     while (!quit && !stop_requested) {
         ++tick;
         if (tick % 20 == 0) {
@@ -115,7 +117,8 @@ int main()
                 }
             };
             take_priority();
-            for (std::vector<unsigned char> unit = end.pop(); !unit.empty(); unit = end.pop()) {
+            for (std::vector<unsigned char> unit = hold_ring ? std::vector<unsigned char>() : end.pop(); !unit.empty();
+                 unit = end.pop()) {
                 take_priority();
                 emit("ring " + logferry_test::hex_of(unit));
             }
@@ -160,6 +163,8 @@ int main()
                 message.assign(text.begin(), text.end());
             } else if (command == "hold" || command == "release") {
                 hold_priority = command == "hold";
+            } else if (command == "stop-reading" || command == "read") {
+                hold_ring = command == "stop-reading";
             } else if (command == "leave" || command == "quit") {
                 for (Attachment& channel : channels) {
                     if (!channel.gone) {
