@@ -24,19 +24,25 @@
 // Heap allocations are counted per thread by replacing the global operator new in this
 // binary (the library's allocations resolve to it as well); the count per message is
 // reported as the counter allocs_per_msg. A summary table is printed at the end.
+#include <dirent.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <time.h>
 #include <unistd.h>
+#if defined(__x86_64__)
+#include <x86intrin.h>
+#endif
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <new>
 #include <string>
@@ -104,16 +110,34 @@ std::uint64_t reader_batch()
 }
 const std::uint64_t READER_BATCH = reader_batch();
 
+// Messages of the standard front end read by the daemon side (their context is not the free
+// functions' CONTEXT).
+std::atomic<std::uint64_t> ara_read{0};
+
+bool is_ara_message(const std::vector<unsigned char>& record)
+{
+    constexpr std::size_t HANDLE_AT = offsetof(logferry::Logferry_write_start, context_handle);
+    if (record.size() < sizeof(logferry::Logferry_write_start) || record[0] != logferry::KIND_WRITE_START) {
+        return false;
+    }
+    std::uint32_t handle = 0;
+    std::memcpy(&handle, record.data() + HANDLE_AT, sizeof handle);
+    return handle != CONTEXT;
+}
+
 // What a reader does with the records it took in one hold of a ring's mutex, after releasing
 // it: a daemon forwards them outside the application's lock; here they are counted and freed.
 std::uint64_t forward_taken(std::vector<std::vector<unsigned char>>& taken, std::atomic<std::uint64_t>& read)
 {
     const std::uint64_t count = taken.size();
+    std::uint64_t ara = 0;
     for (const std::vector<unsigned char>& record : taken) {
         benchmark::DoNotOptimize(record.data());
+        ara += is_ara_message(record) ? 1 : 0;
     }
     taken.clear();
     read.fetch_add(count, std::memory_order_relaxed);
+    ara_read.fetch_add(ara, std::memory_order_relaxed);
     return count;
 }
 
@@ -340,22 +364,189 @@ inline void write_ara_message(const ara::log::Logger& logger, std::uint32_t valu
     logger.LogInfo() << static_cast<std::int32_t>(value) << "hello world" << ara::log::HexFormat(value);
 }
 
-void BM_ara_message(benchmark::State& state)
+// The processor's counter, for timing single calls (a clock read costs more than the call).
+inline std::uint64_t counter()
+{
+#if defined(__x86_64__)
+    return __rdtsc();
+#elif defined(__aarch64__)
+    std::uint64_t ticks = 0;
+    asm volatile("isb; mrs %0, cntvct_el0" : "=r"(ticks));
+    return ticks;
+#else
+    return static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+#endif
+}
+
+// Counter ticks per nanosecond, measured once against the steady clock over 50 ms, and the
+// least ticks an empty timed pair takes (subtracted from every sample).
+struct Counter_scale {
+    double ticks_per_ns = 1;
+    std::uint64_t empty_pair = 0;
+};
+const Counter_scale& counter_scale()
+{
+    static const Counter_scale scale = [] {
+        Counter_scale result;
+        const auto start = std::chrono::steady_clock::now();
+        const std::uint64_t first = counter();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const std::uint64_t last = counter();
+        const double ns = std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count();
+        result.ticks_per_ns = static_cast<double>(last - first) / ns;
+        result.empty_pair = ~std::uint64_t{0};
+        for (int i = 0; i < 100000; ++i) {
+            const std::uint64_t before = counter();
+            const std::uint64_t after = counter();
+            result.empty_pair = std::min(result.empty_pair, after - before);
+        }
+        return result;
+    }();
+    return scale;
+}
+
+// The p-th fraction of `samples` (counter ticks, the empty pair taken off) in nanoseconds.
+double percentile_ns(std::vector<std::uint64_t>& samples, double p)
+{
+    if (samples.empty()) {
+        return -1;
+    }
+    const auto at = static_cast<std::size_t>(static_cast<double>(samples.size() - 1) * p);
+    std::nth_element(samples.begin(), samples.begin() + static_cast<long>(at), samples.end());
+    const Counter_scale& scale = counter_scale();
+    const std::uint64_t ticks = samples[at] > scale.empty_pair ? samples[at] - scale.empty_pair : 0;
+    return static_cast<double>(ticks) / scale.ticks_per_ns;
+}
+
+void set_percentiles(benchmark::State& state, std::vector<std::uint64_t>& samples)
+{
+    state.counters["p50_ns"] = benchmark::Counter(percentile_ns(samples, 0.50), benchmark::Counter::kAvgThreads);
+    state.counters["p99_ns"] = benchmark::Counter(percentile_ns(samples, 0.99), benchmark::Counter::kAvgThreads);
+    state.counters["p999_ns"] = benchmark::Counter(percentile_ns(samples, 0.999), benchmark::Counter::kAvgThreads);
+}
+
+// The front end's messages written so far, by every benchmark.
+std::atomic<std::uint64_t> ara_written{0};
+
+// Waits, sleeping, until the daemon side has read every front-end message written so far
+// (the flusher keeps up with a burst), 2 s at the most; false when it did not.
+bool wait_until_read()
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (ara_read.load() < ara_written.load()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            ara_read = ara_written.load();  // lost ones would keep every later wait waiting
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    return true;
+}
+
+// The front end in bursts that the flusher keeps up with ("daemon draining"): each thread
+// logs BURST messages, each call timed with the processor's counter, then waits untimed
+// until the daemon side has read them. Reports the calls' p50, p99 and p99.9, the time per
+// message while logging, the callers' rate and heap allocations.
+constexpr int BURST = 1000;
+
+void BM_ara_burst(benchmark::State& state)
 {
     const ara::log::Logger& logger = session.ara_logger();
-    run_messages(state, [&logger](std::uint32_t value) { write_ara_message(logger, value); });
+    std::vector<std::uint64_t> samples;
+    samples.reserve(1 << 22);
+    std::uint32_t value = 0;
+    write_ara_message(logger, value);  // steady state
+    ara_written.fetch_add(1);
+    std::uint64_t allocations = 0;
+    int late = 0;
+    for (auto _ : state) {
+        const std::uint64_t before = thread_allocations;
+        for (int i = 0; i < BURST; ++i) {
+            const std::uint64_t start = counter();
+            write_ara_message(logger, ++value);
+            const std::uint64_t took = counter() - start;
+            if (samples.size() < samples.capacity()) {
+                samples.push_back(took);
+            }
+        }
+        allocations += thread_allocations - before;
+        state.PauseTiming();
+        ara_written.fetch_add(BURST);
+        late += wait_until_read() ? 0 : 1;
+        state.ResumeTiming();
+    }
+    set_percentiles(state, samples);
+    state.counters["allocs_per_msg"] =
+        benchmark::Counter(static_cast<double>(allocations) / static_cast<double>(state.iterations() * BURST),
+                           benchmark::Counter::kAvgThreads);
+    state.counters["late_bursts"] = benchmark::Counter(late, benchmark::Counter::kAvgThreads);
+    state.SetItemsProcessed(state.iterations() * BURST);
 }
-BENCHMARK(BM_ara_message)->UseRealTime();
-BENCHMARK(BM_ara_message)->Threads(2)->UseRealTime();
-BENCHMARK(BM_ara_message)->Threads(4)->UseRealTime();
+BENCHMARK(BM_ara_burst)->UseRealTime()->Iterations(2000);
+BENCHMARK(BM_ara_burst)->Threads(2)->UseRealTime()->Iterations(2000);
+BENCHMARK(BM_ara_burst)->Threads(4)->UseRealTime()->Iterations(1000);
 
-void BM_ara_message_no_concurrent_reader(benchmark::State& state)
+// This thread's processor time, and the flusher thread's (found by its name), in ns.
+std::uint64_t thread_cpu_ns()
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1000000000U + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+std::uint64_t flusher_cpu_ns()
+{
+    DIR* tasks = ::opendir("/proc/self/task");
+    if (tasks == nullptr) {
+        return 0;
+    }
+    std::uint64_t result = 0;
+    while (const dirent* entry = ::readdir(tasks)) {
+        const std::string task = std::string("/proc/self/task/") + entry->d_name;
+        std::ifstream comm(task + "/comm");
+        std::string name;
+        std::getline(comm, name);
+        if (name == "logferry-flush") {
+            std::ifstream schedstat(task + "/schedstat");
+            schedstat >> result;  // ns on the processor
+        }
+    }
+    ::closedir(tasks);
+    return result;
+}
+
+// The whole process's processor time per delivered message, callers and flusher together:
+// bursts from one thread, the caller's time while logging, the flusher's over the whole run.
+void BM_ara_process_cpu(benchmark::State& state)
 {
     const ara::log::Logger& logger = session.ara_logger();
     std::uint32_t value = 0;
-    run_without_concurrent_reader(state, [&] { write_ara_message(logger, ++value); });
+    if (!wait_until_read()) {
+        state.SkipWithError("earlier messages were not read");
+        return;
+    }
+    const std::uint64_t read_before = ara_read.load();
+    const std::uint64_t flusher_before = flusher_cpu_ns();
+    std::uint64_t callers = 0;
+    for (auto _ : state) {
+        const std::uint64_t start = thread_cpu_ns();
+        for (int i = 0; i < BURST; ++i) {
+            write_ara_message(logger, ++value);
+        }
+        callers += thread_cpu_ns() - start;
+        state.PauseTiming();
+        ara_written.fetch_add(BURST);
+        wait_until_read();
+        state.ResumeTiming();
+    }
+    const double delivered = static_cast<double>(ara_read.load() - read_before);
+    const double flusher = static_cast<double>(flusher_cpu_ns() - flusher_before);
+    state.counters["caller_cpu_ns"] = benchmark::Counter(static_cast<double>(callers) / delivered);
+    state.counters["flusher_cpu_ns"] = benchmark::Counter(flusher / delivered);
+    state.counters["process_cpu_ns"] = benchmark::Counter((static_cast<double>(callers) + flusher) / delivered);
+    state.SetItemsProcessed(state.iterations() * BURST);
 }
-BENCHMARK(BM_ara_message_no_concurrent_reader)->UseRealTime();
+BENCHMARK(BM_ara_process_cpu)->UseRealTime()->Iterations(3000);
 
 // A message whose level is filtered out (debug on an info context), and the same loop with
 // nothing in it: the difference is the filtered message's cost.
@@ -407,14 +598,6 @@ void measure_calls(benchmark::State& state, Message message)
     state.SetItemsProcessed(state.iterations());
     messages_written.fetch_add(state.iterations() + 1);
 }
-
-void BM_ara_calls(benchmark::State& state)
-{
-    const ara::log::Logger& logger = session.ara_logger();
-    measure_calls(state, [&logger](std::uint32_t value) { write_ara_message(logger, value); });
-}
-BENCHMARK(BM_ara_calls)->UseRealTime();
-BENCHMARK(BM_ara_calls)->Threads(2)->UseRealTime();
 
 void BM_message_calls(benchmark::State& state)
 {
@@ -678,6 +861,26 @@ void BM_floor_with_reader(benchmark::State& state)
 }
 BENCHMARK(BM_floor_with_reader)->UseRealTime();
 
+// The floor's calls timed one by one in the same way (no reader: its ring wraps).
+void BM_floor_calls(benchmark::State& state)
+{
+    static Floor_ring* const ring = make_floor_ring();
+    std::vector<std::uint64_t> samples;
+    samples.reserve(1 << 22);
+    std::uint32_t value = 0;
+    for (auto _ : state) {
+        const std::uint64_t start = counter();
+        floor_message(ring, 1000, ++value);
+        const std::uint64_t took = counter() - start;
+        if (samples.size() < samples.capacity()) {
+            samples.push_back(took);
+        }
+    }
+    set_percentiles(state, samples);
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_floor_calls)->UseRealTime()->Iterations(2000000);
+
 // ---------------------------------------------------------------------------------------
 // Summary
 
@@ -687,6 +890,13 @@ struct Result {
     double items_per_second = 0;
     double allocs_per_msg = -1;
     double p99_ns = -1;
+    std::map<std::string, double> counters;  // every counter of the run
+
+    double counter(const char* name) const
+    {
+        const auto found = counters.find(name);
+        return found == counters.end() ? -1 : found->second;
+    }
 };
 
 class Summary_reporter : public benchmark::ConsoleReporter {
@@ -719,6 +929,9 @@ public:
             const auto allocations = run.counters.find("allocs_per_msg");
             if (allocations != run.counters.end()) {
                 result.allocs_per_msg = allocations->second.value;
+            }
+            for (const auto& [counter_name, counter] : run.counters) {
+                result.counters[counter_name] = counter.value;
             }
             const auto p99 = run.counters.find("p99_ns");
             if (p99 != run.counters.end()) {
@@ -776,39 +989,58 @@ void print_calls(const char* measure, const Result* calls)
     }
 }
 
-void print_ara_summary(const Summary_reporter& reporter, const Result* message, const Result* floor,
-                       const Result* floor_read)
+void print_percentiles(const char* measure, const Result* result)
 {
-    const Result* ara = reporter.find("BM_ara_message/real_time");
-    const Result* ara2 = reporter.find("BM_ara_message/real_time/threads:2");
-    const Result* ara4 = reporter.find("BM_ara_message/real_time/threads:4");
-    const Result* quiet = reporter.find("BM_ara_message_no_concurrent_reader/real_time");
+    if (result != nullptr) {
+        std::printf("  %-46s %9.1f %9.1f %9.1f\n", measure, result->counter("p50_ns"), result->counter("p99_ns"),
+                    result->counter("p999_ns"));
+    }
+}
+
+void print_ara_summary(const Summary_reporter& reporter, const Result* floor)
+{
+    const Result* ara1 = reporter.find("BM_ara_burst/iterations:2000/real_time");
+    const Result* ara2 = reporter.find("BM_ara_burst/iterations:2000/real_time/threads:2");
+    const Result* ara4 = reporter.find("BM_ara_burst/iterations:1000/real_time/threads:4");
+    const Result* floor_calls = reporter.find("BM_floor_calls/iterations:2000000/real_time");
+    const Result* process = reporter.find("BM_ara_process_cpu/iterations:3000/real_time");
     const Result* filtered = reporter.find("BM_ara_filtered/real_time");
     const Result* empty = reporter.find("BM_empty_loop/real_time");
-    std::printf("  the standard front end (ara::log), same message:\n");
-    print_row("LogInfo() message, 1 thread: ns", ara);
-    print_ratio("ratio LogInfo() / floor", ara, floor, "(goal <= 1.3, wall)");
-    print_ratio("ratio LogInfo() / floor, both with a reader", ara, floor_read);
-    print_row("LogInfo() message, no concurrent reader: ns", quiet);
-    print_ratio("ratio LogInfo() / floor, neither with a reader", quiet, floor);
-    print_ratio("ratio LogInfo() / free functions' message", ara, message);
-    print_row("LogInfo() message, 2 threads: ns per message", ara2);
-    print_row("LogInfo() message, 4 threads: ns per message", ara4);
+    std::printf("  the standard front end (ara::log), same message, staged; bursts of %d messages per thread\n", BURST);
+    std::printf("  with the daemon side draining\n");
+    std::printf("  %-46s %9s %9s %9s\n", "per call (processor's counter), ns", "p50", "p99", "p99.9");
+    print_percentiles("LogInfo(), 1 thread", ara1);
+    print_percentiles("LogInfo(), 2 threads (each)", ara2);
+    print_percentiles("LogInfo(), 4 threads (each)", ara4);
+    print_percentiles("floor, 1 thread", floor_calls);
+    if (ara1 != nullptr && floor != nullptr && floor_calls != nullptr) {
+        std::printf("  %-46s %9.2f             (goal <= 0.35)\n", "ratio LogInfo() p50 / floor (processor time)",
+                    ara1->counter("p50_ns") / floor->cpu_ns);
+        std::printf("  %-46s %9.2f\n", "ratio LogInfo() p50 / floor p50",
+                    ara1->counter("p50_ns") / floor_calls->counter("p50_ns"));
+    }
+    if (process != nullptr && floor != nullptr) {
+        std::printf("  %-46s %9.1f   (callers %.1f + flusher %.1f)\n", "processor time per delivered message: ns",
+                    process->counter("process_cpu_ns"), process->counter("caller_cpu_ns"),
+                    process->counter("flusher_cpu_ns"));
+        std::printf("  %-46s %9.2f             (goal <= 1.0)\n", "ratio processor time per message / floor",
+                    process->counter("process_cpu_ns") / floor->cpu_ns);
+    }
+    if (ara1 != nullptr && ara2 != nullptr && ara4 != nullptr) {
+        std::printf("  %-46s %9.1f %9.1f %9.1f\n", "callers' rate while logging, M msgs/s (1, 2, 4)",
+                    ara1->items_per_second / 1e6, ara2->items_per_second / 1e6, ara4->items_per_second / 1e6);
+        std::printf("  %-46s %9.2f             (goal >= 1.8)\n", "ratio 2 threads / 1 thread",
+                    ara2->items_per_second / ara1->items_per_second);
+        std::printf("  %-46s %9.3f %9.3f %9.3f   (goal 0)\n", "heap allocations per message (1, 2, 4)",
+                    ara1->allocs_per_msg, ara2->allocs_per_msg, ara4->allocs_per_msg);
+        std::printf("  %-46s %9.0f %9.0f %9.0f\n", "bursts not read within 2 s (1, 2, 4)", ara1->counter("late_bursts"),
+                    ara2->counter("late_bursts"), ara4->counter("late_bursts"));
+    }
     if (filtered != nullptr && empty != nullptr) {
         std::printf("  %-46s %9.2f %9.2f   (goal <= 3)\n", "filtered-out message, net of the loop: ns",
                     filtered->real_ns - empty->real_ns, filtered->cpu_ns - empty->cpu_ns);
     }
-    for (const auto& [name, label] :
-         {std::pair<const char*, const char*>{"BM_ara_message/real_time", "heap allocations per message, 1 thread"},
-          {"BM_ara_message/real_time/threads:4", "heap allocations per message, 4 threads"}}) {
-        const Result* result = reporter.find(name);
-        if (result != nullptr) {
-            std::printf("  %-46s %9.3f             (goal 0)\n", label, result->allocs_per_msg);
-        }
-    }
-    std::printf("  %-46s %9s %9s\n", "calls timed one by one", "msgs/s", "p99 ns");
-    print_calls("LogInfo(), 1 thread", reporter.find("BM_ara_calls/real_time"));
-    print_calls("LogInfo(), 2 threads (all threads / each)", reporter.find("BM_ara_calls/real_time/threads:2"));
+    std::printf("  %-46s %9s %9s\n", "free functions, calls timed one by one", "msgs/s", "p99 ns");
     print_calls("free functions, 1 thread", reporter.find("BM_message_calls/real_time"));
     print_calls("free functions, 2 threads", reporter.find("BM_message_calls/real_time/threads:2"));
 }
@@ -842,7 +1074,7 @@ void print_summary(const Summary_reporter& reporter, std::uint64_t written, std:
     print_comparison("and with no concurrent reader:", quiet, floor, quiet_prescribed);
     print_row("the six mutex sections alone: ns", sections);
     print_ratio("ratio six mutex sections / floor", sections, floor);
-    print_ara_summary(reporter, message, floor, floor_read);
+    print_ara_summary(reporter, floor);
     std::printf("  %-46s %9llu\n", "messages written", static_cast<unsigned long long>(written));
     std::printf("  %-46s %9llu\n", "messages read by the daemon side", static_cast<unsigned long long>(read));
     std::printf("  %-46s %9llu\n", "messages not read (discarded: ring full)",
@@ -861,7 +1093,7 @@ int main(int argc, char** argv)
     Summary_reporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     session.stop();
-    print_summary(reporter, messages_written.load(), session.messages_read());
+    print_summary(reporter, messages_written.load() + ara_written.load(), session.messages_read());
     benchmark::Shutdown();
     return 0;
 }

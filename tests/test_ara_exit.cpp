@@ -12,31 +12,13 @@
 
 #include <gtest/gtest.h>
 
-#include "ara/log/logging.h"
 #include "logferry/listener.hpp"
 #include "support/e2e_fixture.hpp"
 #include "support/test_util.hpp"
 
-using ara::log::LogLevel;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-// A short-lived application in a child process: brings logging up, logs `messages` messages
-// right away, tells the parent on `told` and ends through exit; its standard output goes to
-// `output`.
-int short_life(int told, int output, int messages)
-{
-    ::dup2(output, STDOUT_FILENO);
-    ara::log::InitLogging("SHRT", "short life", LogLevel::kInfo, ara::log::LogMode::kRemote);
-    const ara::log::Logger& logger = ara::log::CreateLogger("CTXA", "context A", LogLevel::kInfo);
-    for (int i = 0; i < messages; ++i) {
-        logger.LogInfo() << "short" << i;
-    }
-    const char done = 'd';
-    (void)::write(told, &done, 1);
-    std::exit(0);  // NOLINT(concurrency-mt-unsafe): the child's normal end
-}
 
 struct Ending {
     int status = -1;
@@ -44,8 +26,9 @@ struct Ending {
     std::string output;
 };
 
-// Runs short_life in a child and times its end.
-Ending run_short_life(int messages)
+// Runs the short-lived application (with the test's run-state directory, where the peer holds
+// the lock) and times its end from its last message.
+Ending run_short_life(int messages, const std::string& runstate)
 {
     int told[2];
     int output[2];
@@ -53,7 +36,14 @@ Ending run_short_life(int messages)
     if (::pipe(told) != 0 || ::pipe(output) != 0) {
         return ending;
     }
-    const int pid = logferry_test::fork_child([&] { return short_life(told[1], output[1], messages); });
+    const std::string count = std::to_string(messages);
+    const std::string descriptor = std::to_string(told[1]);
+    const int pid = logferry_test::fork_child([&] {
+        ::dup2(output[1], STDOUT_FILENO);
+        ::setenv("ADAPTIVE_RUNSTATE_DIR", runstate.c_str(), 1);
+        ::execl(LOGFERRY_SHORT_LIFE_APP, LOGFERRY_SHORT_LIFE_APP, count.c_str(), descriptor.c_str(), nullptr);
+        return 127;
+    });
     ::close(told[1]);
     ::close(output[1]);
     char done = 0;
@@ -65,7 +55,8 @@ Ending run_short_life(int messages)
         ending.status = logferry_test::wait_child(pid);
     }
     char buffer[4096];
-    for (ssize_t got = ::read(output[0], buffer, sizeof buffer); got > 0; got = ::read(output[0], buffer, sizeof buffer)) {
+    for (ssize_t got = ::read(output[0], buffer, sizeof buffer); got > 0;
+         got = ::read(output[0], buffer, sizeof buffer)) {
         ending.output.append(buffer, static_cast<std::size_t>(got));
     }
     ::close(told[0]);
@@ -86,7 +77,7 @@ TEST_F(AraExit, AShortLifeHandsEveryMessageToAReadingDaemonAndWithdrawsItsAnnoun
 {
     logferry_test::Daemon_peer& peer = start_peer();
     constexpr int MESSAGES = 5000;  // about 200 KB: more than the ring holds
-    const Ending ending = run_short_life(MESSAGES);
+    const Ending ending = run_short_life(MESSAGES, runstate_->root());
     ASSERT_TRUE(logferry_test::exited_cleanly(ending.status)) << ending.status;
     EXPECT_EQ(ending.output, "");
     ASSERT_GE(peer.wait_for("detach "), 0);
@@ -107,7 +98,7 @@ TEST_F(AraExit, ADaemonThatStopsReadingHoldsTheEndUpAboutASecondAndTheRestIsCoun
     peer.send("stop-reading");
     ASSERT_GE(peer.wait_for("done stop-reading"), 0);
     constexpr int MESSAGES = 10000;  // four rings' worth
-    const Ending ending = run_short_life(MESSAGES);
+    const Ending ending = run_short_life(MESSAGES, runstate_->root());
     ASSERT_TRUE(logferry_test::exited_cleanly(ending.status)) << ending.status;
 #ifndef LOGFERRY_EMULATED_TESTS
     EXPECT_GE(milliseconds(ending.took), 900);
@@ -129,7 +120,7 @@ TEST_F(AraExit, ADaemonThatStopsReadingHoldsTheEndUpAboutASecondAndTheRestIsCoun
 
 TEST_F(AraExit, WithoutADaemonTheEndDoesNotWait)
 {
-    const Ending ending = run_short_life(100);
+    const Ending ending = run_short_life(100, runstate_->root());
     ASSERT_TRUE(logferry_test::exited_cleanly(ending.status)) << ending.status;
 #ifndef LOGFERRY_EMULATED_TESTS
     EXPECT_LT(milliseconds(ending.took), 500);  // the receiver thread's reconnect pause is 1 s

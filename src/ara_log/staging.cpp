@@ -2,6 +2,8 @@
 // staging.hpp).
 #include "ara_log/staging.hpp"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -369,12 +371,12 @@ void snapshot(std::vector<Thread_queue*>& queues)
     }
 }
 
-// Frees a queue whose thread has ended and whose messages are all handed over.
-void remove_if_done(Thread_queue* queue)
+// Frees a queue whose thread has ended and whose messages are all handed over; whether it did.
+bool remove_if_done(Thread_queue* queue)
 {
     if (!queue->closed.load(std::memory_order_acquire) || queue->primary_open.load(std::memory_order_acquire) ||
         waiting_in(*queue) != 0) {
-        return;
+        return false;
     }
     Staging& state = staging();
     {
@@ -393,6 +395,7 @@ void remove_if_done(Thread_queue* queue)
         block = next;
     }
     delete queue;
+    return true;
 }
 
 // One pass over every queue.
@@ -401,11 +404,12 @@ struct Pass {
     bool blocked = false;  // messages wait for the gate, room in the ring or its mutex
 };
 
+// `queues` is left holding the queues that are still there.
 Pass flush_pass(std::vector<Thread_queue*>& queues, bool forced)
 {
     Pass pass;
     snapshot(queues);
-    for (Thread_queue* queue : queues) {
+    for (Thread_queue*& queue : queues) {
         if (!pass.blocked && waiting_in(*queue) != 0) {
             std::unique_lock<std::mutex> lock(queue->consumer, std::try_to_lock);
             if (!lock.owns_lock()) {
@@ -415,8 +419,11 @@ Pass flush_pass(std::vector<Thread_queue*>& queues, bool forced)
             pass.moved += result.placed;
             pass.blocked = result.end != logferry::Batch_end::kDone && result.end != logferry::Batch_end::kBound;
         }
-        remove_if_done(queue);
+        if (remove_if_done(queue)) {
+            queue = nullptr;
+        }
     }
+    queues.erase(std::remove(queues.begin(), queues.end(), nullptr), queues.end());
     return pass;
 }
 
@@ -443,6 +450,8 @@ bool sleep_for(milliseconds period, bool until_woken)
 
 void flusher_main()
 {
+    // Named for whoever looks at the process's threads (top -H, ps -L).
+    ::pthread_setname_np(::pthread_self(), "logferry-flush");
     std::vector<Thread_queue*> queues;
     Clock::time_point blocked_since{};
     Clock::time_point last_message = Clock::now();

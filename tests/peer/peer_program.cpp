@@ -83,7 +83,7 @@ int main()
     unsigned int tick = 0;
     bool quit = false;
     bool hold_priority = false;
-    bool hold_ring = false;  // a daemon that stopped reading: the rings are left as they are
+    bool hold_ring = false;  // a daemon that stopped reading: rings left as they are, nobody detached
     while (!quit && !stop_requested) {
         ++tick;
         if (tick % 20 == 0) {
@@ -122,7 +122,7 @@ int main()
                 take_priority();
                 emit("ring " + logferry_test::hex_of(unit));
             }
-            if (logferry::atomic_load_i64(&end.segment->client_watchdog) == 0) {
+            if (!hold_ring && logferry::atomic_load_i64(&end.segment->client_watchdog) == 0) {
                 emit("detach " + end.get_filename());
                 end.uninit();
                 channel.gone = true;

@@ -49,6 +49,7 @@ protected:
     void TearDown() override
     {
         daemon_.reset();
+        ara::log::detail::stop_flusher();  // as the take-down does, before the channel closes
         Client_test::TearDown();
         scoped_.reset();
     }

@@ -36,12 +36,38 @@ const char* op_name(Op op)
     return index >= 0 && index < OP_COUNT ? names[index] : "?";
 }
 
+namespace {
+// A child made by fork while another thread was inside the installed fake would find the
+// fake's lock held for ever: fork waits until no thread is inside it.
+Fake_system* fake_held_across_fork = nullptr;
+void hold_fake_for_fork()
+{
+    fake_held_across_fork = dynamic_cast<Fake_system*>(logferry::sys);
+    if (fake_held_across_fork != nullptr) {
+        fake_held_across_fork->lock_for_fork();
+    }
+}
+void release_fake_after_fork()
+{
+    if (fake_held_across_fork != nullptr) {
+        fake_held_across_fork->unlock_after_fork();
+        fake_held_across_fork = nullptr;
+    }
+}
+}  // namespace
+
 Fake_system::Fake_system()
 {
     for (auto& counter : counters_) {
         counter = 0;
     }
+    static const bool guarded =
+        ::pthread_atfork(hold_fake_for_fork, release_fake_after_fork, release_fake_after_fork) == 0;
+    (void)guarded;
 }
+
+void Fake_system::lock_for_fork() { mutex_.lock(); }  // NOLINT: released by unlock_after_fork
+void Fake_system::unlock_after_fork() { mutex_.unlock(); }
 
 Fake_system::~Fake_system() = default;
 

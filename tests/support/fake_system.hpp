@@ -98,6 +98,10 @@ public:
     void sleep_for_milliseconds(unsigned int ms) override;
     void sleep_for_seconds(unsigned int s) override;
 
+    // Around fork (installed through pthread_atfork for the fake that `sys` points at).
+    void lock_for_fork();
+    void unlock_after_fork();
+
 private:
     struct Fault {
         bool armed = false;
