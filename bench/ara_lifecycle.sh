@@ -41,7 +41,8 @@ holder="$build/bench/ring_holder"
 # Messages in the monitor's DLT file(s).
 arrived() { "$load" count "$work"/out.dlt* 2>/dev/null || echo 0; }
 
-# Waits until the DLT file holds $1 messages or has not grown for 1 s (30 s at most).
+# Waits until the DLT file holds $1 messages or has not grown for 1 s (5 s while it is still
+# empty: the monitor may not have attached yet; 30 s at most).
 wait_drained() {
     local want=$1 last=-1 same=0 now
     for _ in $(seq 150); do
@@ -49,7 +50,8 @@ wait_drained() {
         [ "$now" -ge "$want" ] && return
         if [ "$now" -eq "$last" ]; then
             same=$((same + 1))
-            [ "$same" -ge 5 ] && return
+            [ "$same" -ge 5 ] && [ "$now" -gt 0 ] && return
+            [ "$same" -ge 25 ] && return
         else
             same=0
         fi
