@@ -159,6 +159,47 @@ public:
         return attached;
     }
 
+    // Waits for the monitor to attach and leaves the announcement standing, as a program
+    // does that ends before its library has seen the attachment.
+    bool wait_attached_announced(milliseconds timeout = milliseconds(10000))
+    {
+        return wait_until(
+            [&] {
+                stamp();
+                return __atomic_load_n(&channel_.segment->server_watchdog, __ATOMIC_SEQ_CST) != 0;
+            },
+            timeout);
+    }
+
+    // Announces the channel in listener entry `slot`, which must be free: the list's next
+    // entry to fill is set to it first, as earlier announcements could have left it.
+    bool announce_in(std::uint8_t slot)
+    {
+        if (!channel_.init() || !listener_.init()) {
+            return false;
+        }
+        {
+            Mutex_lock_guard lock(&listener_.segment->list_mutex.mutex, false);
+            listener_.segment->write_index = slot;
+        }
+        return listener_.push(channel_.get_filename()) && listener_.own_entry == slot;
+    }
+
+    // Withdraws the announcement, as the library does once it has seen the attachment.
+    bool withdraw() { return listener_.pop(); }
+
+    // The listener entry it announced in (or last announced in), as it stands now.
+    Listener_entry entry()
+    {
+        Listener_entry copy{};
+        if (listener_.own_entry >= 0) {
+            Mutex_lock_guard lock(&listener_.segment->list_mutex.mutex, false);
+            copy = listener_.segment->entries[listener_.own_entry];
+        }
+        return copy;
+    }
+    int entry_index() const { return listener_.own_entry; }
+
     // Places one registration or control record and waits until the monitor took it.
     bool send_priority(const Bytes& bytes)
     {
@@ -1718,6 +1759,122 @@ TEST_F(Monitor, DltControlRequestsAreAnswered)
     EXPECT_EQ(stop_monitor(), 0);
 }
 
+// ---- Applications that end before they see the attachment -------------------------------
+
+// An application's library withdraws its announcement once it sees the monitor attached; one
+// that ends before that leaves it standing. The monitor frees such an entry as soon as it
+// sees the application gone, well before its proxy watchdog (5 s) would.
+constexpr milliseconds ENTRY_FREED_LIMIT(3000);
+// Longer than the proxy watchdog takes to free an entry it first saw filled.
+constexpr milliseconds PROXY_WATCHDOG_SPAN(6500);
+
+// The channel name an entry holds, at most its 32 bytes.
+std::string entry_name(const Listener_entry& entry)
+{
+    return std::string(entry.channel_name, strnlen(entry.channel_name, sizeof entry.channel_name));
+}
+
+// How often `needle` occurs in `text`.
+std::size_t count_of(const std::string& text, const std::string& needle)
+{
+    std::size_t count = 0;
+    for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+// Whether the entry is free as a withdrawal leaves it: every name byte 0, not picked up.
+bool entry_freed(const Listener_entry& entry)
+{
+    return logferry_test::all_zero(entry.channel_name, sizeof entry.channel_name) && entry.picked_up == 0;
+}
+
+TEST_F(Monitor, ApplicationEndingBeforeItSawTheAttachmentHasItsEntryFreedAtOnce)
+{
+    start_monitor();
+    Test_application app(unique_id("", 20));
+    segments_.push_back(app.name());
+    ASSERT_TRUE(app.announce());
+    ASSERT_TRUE(app.wait_attached_announced());
+    const Listener_entry taken = app.entry();
+    EXPECT_EQ(entry_name(taken), app.name());
+    EXPECT_EQ(taken.picked_up, 1);
+
+    app.close();
+    ASSERT_TRUE(wait_for("-- detach     " + app.name() + " " + app.name() + " (closed its channel)\n")) << output();
+    EXPECT_TRUE(wait_until([&] { return entry_freed(app.entry()); }, ENTRY_FREED_LIMIT)) << errors();
+    // Nothing was left for the proxy watchdog.
+    EXPECT_FALSE(wait_until([&] { return !errors().empty(); }, PROXY_WATCHDOG_SPAN)) << errors();
+    EXPECT_EQ(stop_monitor(), 0);
+    EXPECT_EQ(errors(), "");
+}
+
+TEST_F(Monitor, FortyApplicationsEndingOneAfterTheOtherAllAnnounce)
+{
+    start_monitor();
+    // More than the list's 32 entries. Every other one ends before the monitor has even
+    // picked its name up (its object is gone when the monitor looks), the others once the
+    // monitor has attached.
+    constexpr int applications = 40;
+    static_assert(applications > static_cast<int>(LISTENER_ENTRY_COUNT), "more than the list holds");
+    for (int i = 0; i < applications; ++i) {
+        Test_application app(unique_id("end" + std::to_string(i), 24));
+        segments_.push_back(app.name());
+        ASSERT_TRUE(app.announce()) << "application " << i << "\n" << output() << errors();
+        if (i % 2 == 1) {
+            ASSERT_TRUE(app.wait_attached_announced()) << "application " << i;
+        }
+        app.close();
+        ASSERT_TRUE(wait_until([&] { return entry_freed(app.entry()); }, ENTRY_FREED_LIMIT))
+            << "application " << i << "\n"
+            << output() << errors();
+    }
+    EXPECT_FALSE(wait_until([&] { return errors().find("proxy watchdog") != std::string::npos; }, PROXY_WATCHDOG_SPAN))
+        << errors();
+    EXPECT_EQ(stop_monitor(), 0);
+    // The only error: an object that vanished between the monitor's look at it and its
+    // attach (the library's line), once for each such application.
+    const std::string vanished = "logferry: error while opening the shared memory: No such file or directory";
+    for (const std::string& line : split_lines(errors())) {
+        EXPECT_EQ(line, vanished);
+    }
+    EXPECT_EQ(count_of(output(), ": cannot attach\n"), split_lines(errors()).size()) << output();
+}
+
+TEST_F(Monitor, EntryTakenByAnotherApplicationMeanwhileIsLeftAlone)
+{
+    start_monitor();
+    Test_application first(unique_id("first", 24));
+    segments_.push_back(first.name());
+    ASSERT_TRUE(first.announce());
+    ASSERT_TRUE(first.wait_attached_announced());
+    const int slot = first.entry_index();
+    ASSERT_GE(slot, 0);
+    // The first withdraws as its library does, and a second application announces in the
+    // very entry it left.
+    ASSERT_TRUE(first.withdraw());
+    Test_application second(unique_id("second", 24));
+    segments_.push_back(second.name());
+    ASSERT_TRUE(second.announce_in(static_cast<std::uint8_t>(slot)));
+    ASSERT_TRUE(second.wait_attached_announced());
+
+    // The first goes: its name is nowhere in the list any more, and the second's
+    // announcement stands as it was.
+    first.close();
+    ASSERT_TRUE(wait_for("-- detach     " + first.name() + " " + first.name() + " (closed its channel)\n")) << output();
+    const Listener_entry kept = second.entry();
+    EXPECT_EQ(entry_name(kept), second.name());
+    EXPECT_EQ(kept.picked_up, 1);
+    EXPECT_EQ(second.entry_index(), slot);
+
+    // Once the second goes too, its entry is freed.
+    second.close();
+    EXPECT_TRUE(wait_until([&] { return entry_freed(second.entry()); }, ENTRY_FREED_LIMIT)) << output();
+    EXPECT_EQ(stop_monitor(), 0);
+    EXPECT_EQ(errors(), "");
+}
+
 // ---- Hostile and careless peers ---------------------------------------------------------
 
 // A shared-memory object of `size` bytes, each `fill`; false when it cannot be made.
@@ -1779,15 +1936,6 @@ private:
     Logferry_listener listener_;
     std::string name_;
 };
-
-std::size_t count_of(const std::string& text, const std::string& needle)
-{
-    std::size_t count = 0;
-    for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
-        ++count;
-    }
-    return count;
-}
 
 TEST_F(Monitor, NamesOutsideTheChannelSchemeAreRefusedWithdrawnAndLeftUntouched)
 {

@@ -483,6 +483,7 @@ void Collector::attach(const std::string& name)
     }
     if (!attached) {
         note("error", name + ": cannot attach");
+        withdraw(name);  // (its application may have gone since the object was checked)
         return;
     }
     attachment->app.pid = application_pid(name);
@@ -517,8 +518,10 @@ void Collector::refuse(const std::string& name, const std::string& why)
 
 void Collector::withdraw(const std::string& name)
 {
-    // The entry is emptied as the application's own withdrawal would empty it; an
-    // application that announces the name again finds it refused again.
+    // The entry is emptied as the application's own withdrawal would empty it (which also
+    // restarts its proxy watchdog), but only while it still holds `name`: another application
+    // may have taken the slot since. An application that announces a refused name again finds
+    // it refused again.
     logferry::Listener_segment* list = listener_.segment;
     if (!listener_.is_initialized() || name.size() > logferry::LISTENER_NAME_SIZE) {
         return;
@@ -544,6 +547,11 @@ void Collector::detach(Attachment& attachment, const std::string& why)
         output->detached(attachment.app);
     }
     attachment.channel->uninit();
+    // Its application has gone (closed its channel, or silent past the limit). One that
+    // ended before it saw the attachment never withdrew its announcement, which would hold
+    // its listener entry until the proxy watchdog frees it: a burst of short-lived programs
+    // would fill the list. The entry is freed now.
+    withdraw(attachment.app.channel);
 }
 
 void Collector::take_priority(Attachment& attachment)

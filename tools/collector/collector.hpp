@@ -23,6 +23,12 @@
 // replaced by zeros and is noted, and the guard then detaches that channel with one line;
 // a fault anywhere else still ends the process. Whatever another process wrote is escaped
 // before it is printed.
+//
+// Applications that go. An application that ended before it saw the attachment never
+// withdrew its announcement. When an application has gone (it closed its channel, stayed
+// silent past the limit, or its object vanished before the attach), its listener entry is
+// freed at once as its own withdrawal would free it, if the entry still holds its name, so
+// that short-lived programs do not keep the list full until the proxy watchdogs expire.
 
 #ifndef LOGFERRY_TOOLS_COLLECTOR_COLLECTOR_HPP
 #define LOGFERRY_TOOLS_COLLECTOR_COLLECTOR_HPP
