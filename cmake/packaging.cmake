@@ -1,5 +1,8 @@
-# Debian packages made by "cpack -G DEB" from a build configured with
-# -DCMAKE_INSTALL_PREFIX=/usr (scripts/package.sh). One package per install component:
+# Debian packages made by "cpack -G DEB" (scripts/package.sh). They are laid out under /usr
+# whatever CMAKE_INSTALL_PREFIX the build was configured with (the default /usr/local included):
+# every install destination is relative to the prefix, the library directory is lib/<multiarch>
+# for any prefix (top-level CMakeLists.txt), and the CMake package and the pkg-config files find
+# their prefix from where they lie. One package per install component:
 #
 #   runtime      liblogferry2      the shared libraries (liblogferry.so.2 and what ships beside it)
 #   development  liblogferry-dev   headers, CMake package, pkg-config files, the .so links
@@ -54,7 +57,7 @@ set(CPACK_PACKAGE_NAME logferry)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "${LOGFERRY_MAINTAINER}")
 set(CPACK_PACKAGE_VENDOR "The logferry developers")
-set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_COMPONENTS_ALL runtime development tools)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_STRIP_FILES ON)

@@ -4,7 +4,9 @@
 # (Xvfb) and is connected through its ECU dialog (driven with xdotool), the example
 # application runs a few times under the monitor, and the screen is saved as a PNG:
 # docs/dlt-viewer.png, or the path given as argument. Installs dlt-viewer, xvfb, xdotool and
-# imagemagick when missing.
+# imagemagick when missing. The picture carries, as its PNG comment, the checksum of the
+# example's expected DLT transcript (tests/data/example.dlt.txt), which follows the example: the
+# suite's test Docs.DltViewerPictureShowsTheCurrentExample fails once they no longer match.
 # Uses the system-wide listener name: run it under `flock /tmp/lf-listener.flock`.
 set -euo pipefail
 
@@ -87,5 +89,6 @@ click 109 364                          # the project's Config tab: the ECU, its 
 xdotool key ctrl+plus                  # expand all ECUs
 sleep 1
 mkdir -p "$(dirname "$shot")"
-import -window root png:- | convert png:- -trim +repage png:"$shot"
+sum=$(sha256sum "$root/tests/data/example.dlt.txt" | cut -d' ' -f1)
+import -window root png:- | convert png:- -trim +repage -set comment "logferry-example $sum" png:"$shot"
 echo "screenshot: $shot"

@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
 # Builds the Debian packages and uses them as a user would. In order: installs what it needs;
-# builds a Release tree for /usr with Debian's hardening flags; checks the manual page renders
-# without warnings; "cpack -G DEB" makes liblogferry2, liblogferry-dev and logferry-tools,
-# whose contents, versions and dependencies are checked; lintian must report no error;
-# "apt-get install ./*.deb"; "systemd-analyze verify" on the installed unit; the application in
+# builds a Release tree with Debian's hardening flags, configured without an install prefix (the
+# packages are laid out under /usr all the same); checks the manual page renders without
+# warnings; "cpack -G DEB" makes liblogferry2, liblogferry-dev and logferry-tools, whose
+# contents, versions and dependencies are checked; lintian must report no error; the tree
+# configured again with the prefix /usr makes the same packages; "apt-get install ./*.deb";
+# "systemd-analyze verify" on the installed unit, judging only what concerns it (the machine's
+# other units, such as Debian's dlt-daemon.service, may report their own findings); the
+# installed monitor ends with the status on which its unit is not restarted when another DLT
+# daemon (Debian's dlt-daemon) serves the DLT port; the application in
 # tests/package/log_consumer.cpp (free functions) and the ara::log application in
 # tests/package/ara_consumer.cpp are built against the installed files with CMake and with
 # pkg-config and all four run under the installed logferry-monitor (private run-state
@@ -11,7 +16,8 @@
 # anything the run added to the system (user, group, run-state directory) is removed again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh dpkg-dev fakeroot file lintian groff-base man-db systemd
+# dlt-daemon: another DLT daemon on the machine, as users have it (its unit and its port).
+scripts/install-deps.sh dpkg-dev fakeroot file lintian groff-base man-db systemd dlt-daemon iproute2
 
 jobs=${LOGFERRY_JOBS:-2}
 build="build-package"
@@ -32,11 +38,13 @@ fail() {
 . scripts/wait-for-line.sh
 
 # ---------------------------------------------------------------------------------------
-echo "=== building ($build, Release, prefix /usr) ==="
+echo "=== building ($build, Release, no install prefix given) ==="
 eval "$(DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --export=sh)"
 rm -rf "$build"
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DLOGFERRY_BUILD_TESTS=OFF \
+# No CMAKE_INSTALL_PREFIX: the default /usr/local must give the same packages as /usr (below).
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DLOGFERRY_BUILD_TESTS=OFF \
     -DLOGFERRY_WERROR=ON > "$build.configure.log" 2>&1 || { cat "$build.configure.log"; exit 1; }
+grep -qx 'CMAKE_INSTALL_PREFIX:PATH=/usr/local' "$build/CMakeCache.txt" || fail "the build's prefix is not the default"
 cmake --build "$build" -j"$jobs"
 
 echo "=== manual page ==="
@@ -110,14 +118,40 @@ lintian --fail-on error "${debs[@]}" 2>&1 | tee "$build/lintian.log" ||
     fail "lintian reports errors"
 echo "no errors (warnings above are listed in the README)"
 
+echo "=== the same packages from a build for the prefix /usr ==="
+# What the README once asked for: only the prefix differs, nothing is rebuilt, and every
+# package must come out with the same control fields and the same files (modes, owners, sizes).
+# CMake writes its export files for /usr with an extra block for links such as /lib -> /usr/lib
+# (logferryConfig.cmake includes the targets through their real directory instead, checked
+# below), so the sizes of those two files, and the installed size they add up to, are left out.
+cmake -S . -B "$build" -DCMAKE_INSTALL_PREFIX=/usr > "$build.usr.configure.log" 2>&1 ||
+    { cat "$build.usr.configure.log"; exit 1; }
+(cd "$build" && cpack -G DEB -B "$PWD/usr-prefix" > cpack-usr.log 2>&1) || { cat "$build/cpack-usr.log"; exit 1; }
+contents() {
+    dpkg-deb -f "$1" | grep -v '^Installed-Size: '
+    dpkg-deb -c "$1" | awk '{ if ($6 ~ /cmake\/logferry\/logferry(Config|Targets)\.cmake$/) $3 = "-"; print $1, $2, $3, $6, $7, $8 }'
+}
+for deb in "${debs[@]}"; do
+    other=$build/usr-prefix/$(basename "$deb")
+    [ -f "$other" ] || fail "$other was not made"
+    difference=$(diff <(contents "$deb") <(contents "$other")) ||
+        fail "$(basename "$deb") differs between the default prefix and /usr: $difference"
+done
+echo "same control fields and files as from the default prefix"
+
 # ---------------------------------------------------------------------------------------
 # From here on the system is changed: undo it on every way out.
 had_group=$(getent group logferry || true)
 had_user=$(getent passwd logferry || true)
 had_runstate=; [ ! -d /run/adaptive ] || had_runstate=yes
 monitor_pid=
+dlt_pid=
 cleanup() {
     local status=$?
+    if [ -n "$dlt_pid" ] && kill -0 "$dlt_pid" 2> /dev/null; then
+        kill -TERM "$dlt_pid" 2> /dev/null || true
+        wait "$dlt_pid" 2> /dev/null || true
+    fi
     if [ -n "$monitor_pid" ] && kill -0 "$monitor_pid" 2> /dev/null; then
         kill -TERM "$monitor_pid" 2> /dev/null || true
         wait "$monitor_pid" 2> /dev/null || true
@@ -161,12 +195,35 @@ getent passwd logferry > /dev/null || fail "the user logferry was not created"
 
 echo "=== systemd-analyze verify ==="
 unit=/usr/lib/systemd/system/logferry-monitor.service
-verify=$(systemd-analyze verify --man=no "$unit" 2>&1) || fail "systemd-analyze verify: $verify"
-[ -z "$verify" ] || fail "systemd-analyze verify: $verify"
-# The check must be able to fail offline: a unit with an unknown key is reported.
-sed 's/^UMask=/NoSuchKey=1\nUMask=/' "$unit" > "$work/logferry-broken.service"
-systemd-analyze verify --man=no "$work/logferry-broken.service" 2>&1 | grep -q "Unknown key 'NoSuchKey'" ||
-    fail "systemd-analyze verify does not report an unknown key"
+# verify also loads other units of the machine and prints their findings (Debian's
+# dlt-daemon.service: "Special user nobody configured"). A line that starts with another unit's
+# name or file is about that unit. findings_of UNIT_FILE OUTPUT: the lines of OUTPUT about that
+# unit, and every line that names no unit.
+unit_pattern='^(/[^:]*/)?[^/: ]+\.(service|socket|target|mount|automount|swap|path|timer|slice|scope|device)(:[0-9]+)?: '
+findings_of() {
+    local name
+    name=$(basename "$1")
+    grep -vE "$unit_pattern" <<< "$2" | grep . || true
+    grep -E "$unit_pattern" <<< "$2" | grep -E "^(/[^:]*/)?${name//./\\.}(:[0-9]+)?: " || true
+}
+# Its exit status also counts other units' errors (--recursive-errors=no would pass over a
+# dependency that does not exist): only the lines decide.
+verify=$(systemd-analyze verify --man=no "$unit" 2>&1 || true)
+others=$(grep -E "$unit_pattern" <<< "$verify" | grep -vE "^(/[^:]*/)?logferry-monitor\.service(:[0-9]+)?: " || true)
+[ -z "$others" ] || echo "findings about other units, not judged here: $others"
+ours=$(findings_of "$unit" "$verify")
+[ -z "$ours" ] || fail "systemd-analyze verify: $ours"
+# The check must be able to fail offline: a unit with an unknown key and a missing dependency is
+# reported, and a finding about another unit verified beside it is not counted against ours.
+sed 's/^UMask=/NoSuchKey=1\nUMask=/; s/^\[Unit\]$/[Unit]\nRequires=logferry-no-such.service/' "$unit" \
+    > "$work/logferry-broken.service"
+sed 's/^UMask=/OtherKey=1\nUMask=/' "$unit" > "$work/logferry-other.service"
+verify=$(systemd-analyze verify --man=no "$work/logferry-broken.service" "$work/logferry-other.service" 2>&1 || true)
+ours=$(findings_of "$work/logferry-broken.service" "$verify")
+grep -q "Unknown key 'NoSuchKey'" <<< "$ours" || fail "systemd-analyze verify does not report an unknown key: $verify"
+grep -q "Unit logferry-no-such.service not found" <<< "$ours" ||
+    fail "systemd-analyze verify does not report a missing dependency: $verify"
+! grep -q "OtherKey" <<< "$ours" || fail "a finding about another unit counts against ours: $ours"
 echo "$unit: no findings (directives, the programs it runs, its dependencies)"
 
 echo "=== the monitor as the service runs it ==="
@@ -189,6 +246,42 @@ if [ -e "$lock" ] || [ -e /dev/shm/logferry-daemon-listener ]; then
     fail "lock file or listener segment left behind"
 fi
 
+echo "=== another DLT daemon serves the DLT port ==="
+# Debian's dlt-daemon on a free port (its own directory for its pipes): the installed monitor,
+# started with that port as the unit starts it, must end at once with the status on which the
+# unit does not restart it, and say why.
+prevent=$(sed -n 's/^RestartPreventExitStatus=//p' "$unit")
+[ -n "$prevent" ] || fail "the unit names no exit status that prevents a restart"
+mkdir "$work/dlt"
+for _ in 1 2 3 4 5; do
+    port=$((20000 + RANDOM % 20000))
+    ! ss -Htln "sport = :$port" | grep -q . || continue
+    dlt-daemon -t "$work/dlt" -p "$port" > "$work/dlt-daemon.out" 2>&1 9>&- &
+    dlt_pid=$!
+    for ((i = 0; i < 50; i++)); do
+        ss -Htlnp "sport = :$port" | grep -q "pid=$dlt_pid," && break
+        kill -0 "$dlt_pid" 2> /dev/null || break
+        sleep 0.1
+    done
+    ss -Htlnp "sport = :$port" | grep -q "pid=$dlt_pid," && break
+    kill -TERM "$dlt_pid" 2> /dev/null || true
+    wait "$dlt_pid" 2> /dev/null || true
+    dlt_pid=
+done
+[ -n "$dlt_pid" ] || fail "dlt-daemon did not come up: $(cat "$work/dlt-daemon.out")"
+status=0
+setpriv --reuid=logferry --regid=logferry --init-groups env ADAPTIVE_RUNSTATE_DIR=/run/adaptive \
+    timeout 10 /usr/bin/logferry-monitor --quiet --dlt-port "$port" > "$work/taken.out" 2> "$work/taken.err" 9>&- ||
+    status=$?
+kill -TERM "$dlt_pid"
+wait "$dlt_pid" 2> /dev/null || true
+dlt_pid=
+[ "$status" = "$prevent" ] || fail "the monitor ended with status $status, not $prevent: $(cat "$work/taken.err")"
+grep -qx "logferry-monitor: the DLT port $port on 127.0.0.1 is taken, by another DLT daemon (such as dlt-daemon) or another program; stop it or give this one another --dlt-port" \
+    "$work/taken.err" || fail "the monitor's message: $(cat "$work/taken.err")"
+[ ! -e "$lock" ] || fail "the monitor left its lock file behind"
+echo "dlt-daemon on port $port: the monitor ended with status $status (no restart): $(cat "$work/taken.err")"
+
 # ---------------------------------------------------------------------------------------
 echo "=== applications against the installed files, under the installed monitor ==="
 cmake -S tests/package/cmake_consumer -B "$work/cmake" \
@@ -196,6 +289,12 @@ cmake -S tests/package/cmake_consumer -B "$work/cmake" \
 cmake --build "$work/cmake" > "$work/cmake-build.log" 2>&1 || { cat "$work/cmake-build.log"; exit 1; }
 grep -q "logferry_DIR:PATH=$libdir/cmake/logferry" "$work/cmake/CMakeCache.txt" ||
     fail "CMake did not find the installed package"
+# Found through the link /lib -> /usr/lib of a merged /usr, the package still names /usr/include
+# (with the prefix one level off it would name /include, which CMake refuses as missing).
+if [ "$(realpath /lib)" = /usr/lib ]; then
+    cmake -S tests/package/cmake_consumer -B "$work/cmake-lib" -Dlogferry_DIR="/lib/$multiarch/cmake/logferry" \
+        > "$work/cmake-lib.log" 2>&1 || fail "the package found through /lib: $(cat "$work/cmake-lib.log")"
+fi
 [ "$(pkg-config --modversion logferry)" = "$version" ] || fail "pkg-config version $(pkg-config --modversion logferry)"
 # shellcheck disable=SC2046
 g++ -std=c++14 -Wall -Wextra -Werror tests/package/log_consumer.cpp $(pkg-config --cflags --libs logferry) \

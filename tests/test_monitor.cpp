@@ -928,6 +928,35 @@ TEST_F(Monitor, SecondMonitorIsRefusedWhileOneRuns)
     EXPECT_EQ(stop_monitor(), 0);
 }
 
+// Another program (another DLT daemon, typically) listens on the DLT port: the monitor says so
+// and ends with status 3, on which the service is not restarted, before it takes the listener
+// role.
+TEST_F(Monitor, TakenDltPortEndsTheMonitorWithItsOwnStatus)
+{
+    const int taken = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(taken, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(taken, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(taken, 1), 0);
+    ASSERT_EQ(::getsockname(taken, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    const std::string port = std::to_string(ntohs(address.sin_port));
+
+    const int pid = launch({"--dlt-port", port}, out_, err_);
+    const int status = logferry_test::wait_child(pid, milliseconds(10000));
+    ::close(taken);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_EQ(errors(), "logferry-monitor: the DLT port " + port +
+                            " on 127.0.0.1 is taken, by another DLT daemon (such as dlt-daemon) or another "
+                            "program; stop it or give this one another --dlt-port\n");
+    EXPECT_EQ(output(), "");
+    EXPECT_NE(::access(lock_file_.c_str(), F_OK), 0);
+    EXPECT_FALSE(logferry_test::shm_exists(LISTENER_SEGMENT));
+}
+
 TEST_F(Monitor, UndecodableUnitsAreReportedAndServiceGoesOn)
 {
     start_monitor();

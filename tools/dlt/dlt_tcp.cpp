@@ -31,6 +31,7 @@ Tcp_server::~Tcp_server() { close(); }
 bool Tcp_server::listen(const std::string& address, std::uint16_t port)
 {
     close();
+    address_in_use = false;
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(port);
@@ -47,6 +48,7 @@ bool Tcp_server::listen(const std::string& address, std::uint16_t port)
     (void)::setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     if (::bind(listen_fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 ||
         ::listen(listen_fd_, SOMAXCONN) != 0) {
+        address_in_use = errno == EADDRINUSE;
         error = "cannot listen on " + address + ":" + std::to_string(port) + ": " + std::strerror(errno);
         ::close(listen_fd_);
         listen_fd_ = -1;

@@ -41,8 +41,9 @@ public:
     std::vector<std::string> events;       // one line per connect/disconnect/drop, taken by the caller
     std::size_t backlog_limit = 4u << 20;  // bytes queued for one client before it is dropped
     static constexpr std::size_t WRITE_THRESHOLD = 64 * 1024;
-    char ecu[4] = {};   // the ECU ID of the keep-alive and of the error answers; set by the owner
-    std::string error;  // the last failure of listen(), one line
+    char ecu[4] = {};             // the ECU ID of the keep-alive and of the error answers; set by the owner
+    std::string error;            // the last failure of listen(), one line
+    bool address_in_use = false;  // whether it failed because the port is taken
 
 private:
     struct Client {

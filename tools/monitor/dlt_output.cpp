@@ -68,6 +68,14 @@ bool Dlt_output::open()
     }
     if (options_.tcp) {
         if (!server_.listen(options_.bind, options_.port)) {
+            port_failed_ = true;
+            if (server_.address_in_use) {
+                std::cerr << "logferry-monitor: the DLT port " << options_.port << " on " << options_.bind
+                          << " is taken, by another DLT daemon (such as dlt-daemon) or another program; stop it "
+                             "or give this one another --dlt-port"
+                          << std::endl;
+                return false;
+            }
             std::cerr << "logferry-monitor: cannot listen on " << options_.bind << " port " << options_.port << ": "
                       << server_.error << std::endl;
             return false;

@@ -48,6 +48,8 @@ public:
 
     /// Opens the file and the TCP port; false with a line on stderr.
     bool open();
+    /// Whether open() failed on the TCP port (taken, or not to be had at all).
+    bool port_failed() const { return port_failed_; }
     std::uint16_t port() const { return server_.port(); }
 
     void note(const std::string& /*word*/, const std::string& /*details*/) override {}
@@ -72,6 +74,7 @@ private:
     logferry_dlt::Tcp_server server_;
     std::map<std::string, std::unique_ptr<logferry_dlt::File_writer>> app_files_;  // by channel
     std::int8_t default_level_ = 4;
+    bool port_failed_ = false;
     std::uint64_t too_large_ = 0;
     unsigned char buffer_[1 << 17];  // one encoded message
 };

@@ -22,6 +22,10 @@ volatile std::sig_atomic_t stop_requested = 0;
 // weight one monitor thread among a hundred loggers gets about one hundredth of a core.
 constexpr int MONITOR_NICE = -10;
 
+// The exit status when the DLT port cannot be had (another DLT daemon serves it, for example):
+// the service does not restart on it (RestartPreventExitStatus in logferry-monitor.service).
+constexpr int EXIT_DLT_PORT = 3;
+
 extern "C" void request_stop(int) { stop_requested = 1; }
 
 const char usage[] =
@@ -194,7 +198,7 @@ int main(int argc, char** argv)
 
     logferry_monitor::Monitor monitor(options);
     if (!monitor.start()) {
-        return 1;
+        return monitor.dlt_port_failed() ? EXIT_DLT_PORT : 1;
     }
     monitor.run(stop_requested);
     monitor.shutdown("signal");

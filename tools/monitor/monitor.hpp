@@ -29,6 +29,8 @@ public:
 
     /// Takes the daemon's role and opens the outputs; false with a line on stderr.
     bool start();
+    /// After start() failed: whether it was for the DLT port.
+    bool dlt_port_failed() const { return dlt_ && dlt_->port_failed(); }
 
     /// Serves the applications until `stop` becomes non-zero or a limit is reached.
     void run(const volatile std::sig_atomic_t& stop);

@@ -58,4 +58,10 @@ private:
 }  // namespace log
 }  // namespace ara
 
+// Any ara::log header gives the whole interface (see logging.h); the others include this one
+// first for its names alone.
+#if !defined(ARA_LOG_LOG_STREAM_H) && !defined(ARA_LOG_LOGGER_H) && !defined(ARA_LOG_LOGGING_H)
+#include "ara/log/logging.h"
+#endif
+
 #endif  // ARA_LOG_COMMON_H

@@ -484,4 +484,10 @@ LogStream& operator<<(LogStream&& out, const T& value)
 }  // namespace log
 }  // namespace ara
 
+// Any ara::log header gives the whole interface (see logging.h); logger.h and logging.h
+// include this one first for the stream alone.
+#if !defined(ARA_LOG_LOGGER_H) && !defined(ARA_LOG_LOGGING_H)
+#include "ara/log/logging.h"
+#endif
+
 #endif  // ARA_LOG_LOG_STREAM_H

@@ -79,4 +79,10 @@ LOGFERRY_API Logger& CreateLogger(detail::Text ctxId, detail::Text ctxDescriptio
 }  // namespace log
 }  // namespace ara
 
+// Any ara::log header gives the whole interface (see logging.h), which includes this one first
+// for the loggers alone.
+#ifndef ARA_LOG_LOGGING_H
+#include "ara/log/logging.h"
+#endif
+
 #endif  // ARA_LOG_LOGGER_H

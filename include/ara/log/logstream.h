@@ -3,6 +3,6 @@
 #ifndef ARA_LOG_LOGSTREAM_H
 #define ARA_LOG_LOGSTREAM_H
 
-#include "ara/log/log_stream.h"
+#include "ara/log/log_stream.h"  // which gives the whole interface
 
 #endif  // ARA_LOG_LOGSTREAM_H
