@@ -274,22 +274,28 @@ bool push_client_within(Logferry_base& end, const unsigned char* bytes, std::siz
     return true;
 }
 
-// Whether a record of `size` bytes can be written now without a discard step, by the
-// writing step's own rules (caller holds the ring's mutex).
-bool fits_without_discard(const Ring& ring, std::uint32_t size)
+// Places a record where the writing step would, when that needs no discard step; false (and
+// nothing written) when it would need one. The caller holds the ring's mutex and carries the
+// indices from one record to the next: the reader cannot move meanwhile, and W is stored once
+// after the last record.
+bool place_without_discard(const Ring& ring, std::uint32_t read, std::uint32_t& write, const unsigned char* data,
+                           std::uint32_t size)
 {
-    std::uint32_t read = 0;
-    std::uint32_t write = 0;
-    load_indices(ring, read, write);
     const std::uint32_t frame = wire::frame_size(size);
-    if (write + frame > ring.capacity) {
-        // It would go to 0: only in front of a reader that is behind the writer and far enough.
-        return read < write && frame <= read;
+    std::uint32_t at = write;
+    if (at + frame > ring.capacity) {
+        if (read >= at || frame > read) {
+            return false;  // to 0 only in front of a reader that is behind the writer, far enough
+        }
+        at = 0;
+    } else if (!(read < at || (read == at && prefix_at(ring, at) == 0)) && at + frame > read) {
+        return false;  // the reader is ahead (or the ring full): only the gap up to it
     }
-    if (read < write || (read == write && prefix_at(ring, write) == 0)) {
-        return true;  // free from W to the end
-    }
-    return write + frame <= read;  // the reader is ahead: the gap up to it
+    wire::store_prefix(ring.bytes + at, size);
+    std::memcpy(ring.bytes + at + LENGTH_PREFIX_SIZE, data, size);
+    at += frame;
+    write = at > last_index(ring) ? 0 : at;
+    return true;
 }
 
 // Messages of a batch into the application's ring in one hold of its mutex.
@@ -311,28 +317,35 @@ Batch_result push_client_batch(Logferry_base& end, const Ring_batch& batch, bool
         return result;
     }
     const Mutex_lock_guard lock(ring.mutex, true);
+    std::uint32_t read = 0;
+    std::uint32_t write = 0;
+    load_indices(ring, read, write);
     std::size_t written = 0;
     std::size_t size = 0;
+    result.end = Batch_end::kDone;
     while (const unsigned char* bytes = batch.next(batch.source, &size)) {
         if (written >= max_bytes) {
             result.end = Batch_end::kBound;
-            return result;
+            break;
         }
         if (!placeable(size, CLIENT_BUFFER_SIZE) || !wire::is_ring_kind(bytes[0])) {
             result.end = Batch_end::kRefused;
-            return result;
+            break;
         }
         const auto record_size = static_cast<std::uint32_t>(size);
-        if (!forced && !fits_without_discard(ring, record_size)) {
+        if (forced) {
+            store_once(ring.write_index, write);
+            write_record_held(ring, bytes, record_size, end.lost_messages, lock);
+            load_indices(ring, read, write);
+        } else if (!place_without_discard(ring, read, write, bytes, record_size)) {
             result.end = Batch_end::kFull;
-            return result;
+            break;
         }
-        write_record_held(ring, bytes, record_size, end.lost_messages, lock);
         batch.taken(batch.source);
         ++result.placed;
         written += size;
     }
-    result.end = Batch_end::kDone;
+    store_once(ring.write_index, write);
     return result;
 }
 
@@ -367,6 +380,8 @@ const bool ring_access_offered = [] {
 const char* const NOT_INITIALIZED = "shared memory not initialized.";
 
 }  // namespace
+
+const Ring_access& client_ring_access() { return RING_ACCESS; }
 
 bool Logferry_base::push(const std::vector<unsigned char>& bytes)
 {

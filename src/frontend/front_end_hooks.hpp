@@ -55,6 +55,9 @@ struct Ring_access {
     /// without the ring's mutex: a hint of the daemon's progress, never exact.
     std::size_t (*unread_bytes)(const Logferry_base& end);
 };
+
+/// The ring writers, as offered (for the library's own tests).
+const Ring_access& client_ring_access();
 }  // namespace logferry
 
 #ifdef LOGFERRY_DEFINE_HOOKS
