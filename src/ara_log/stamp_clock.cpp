@@ -22,10 +22,12 @@ constexpr std::uint64_t NS_PER_UNIT = 100000;
 /// ahead or behind.
 constexpr std::uint64_t MARGIN_NS = 2000;
 /// The first calibration interval, and the interval between re-checks.
-constexpr std::uint64_t FIRST_CALIBRATION_NS = 10000000;
+constexpr std::uint64_t FIRST_CALIBRATION_NS = 20000000;
 constexpr std::uint64_t RECHECK_NS = NS_PER_SECOND;
 /// The bound kept below the measured rate, in 1/1000.
-constexpr std::uint64_t RATE_KEPT_PER_MILLE = 990;
+constexpr std::uint64_t RATE_KEPT_PER_MILLE = 980;
+/// A calibration point is the tightest of this many counter-clock-counter readings.
+constexpr int POINT_TRIES = 5;
 /// Rates outside these (ticks per nanosecond) are no working counter.
 constexpr double SLOWEST_RATE = 0.001;
 constexpr double FASTEST_RATE = 100.0;
@@ -46,6 +48,31 @@ bool read_monotonic(std::uint64_t& ns)
         return false;
     }
     ns = static_cast<std::uint64_t>(now.tv_sec) * NS_PER_SECOND + static_cast<std::uint64_t>(now.tv_nsec);
+    return true;
+}
+
+// One point of the calibration: the clock read between two counter reads, the counter taken
+// half-way; of several tries the one whose counter reads lie closest together, so that a
+// thread preempted between the reads does not skew the rate.
+bool read_point(int mode, std::uint64_t& ticks, std::uint64_t& ns)
+{
+    std::uint64_t tightest = ~std::uint64_t{0};
+    for (int i = 0; i < POINT_TRIES; ++i) {
+        const std::uint64_t before = read_counter(mode);
+        std::uint64_t clock = 0;
+        if (!read_monotonic(clock)) {
+            return false;
+        }
+        const std::uint64_t after = read_counter(mode);
+        if (after < before) {
+            return false;
+        }
+        if (after - before < tightest) {
+            tightest = after - before;
+            ticks = before + (after - before) / 2;
+            ns = clock;
+        }
+    }
     return true;
 }
 
@@ -128,9 +155,9 @@ void stamp_clock_recheck() noexcept
     if (mode == kNoCounter || logferry::sys != stamp_clock.seam.load(std::memory_order_relaxed)) {
         return;
     }
-    const std::uint64_t ticks = read_counter(mode);
+    std::uint64_t ticks = 0;
     std::uint64_t ns = 0;
-    if (!read_monotonic(ns)) {
+    if (!read_point(mode, ticks, ns)) {
         return;
     }
     if (!last_point.taken) {
