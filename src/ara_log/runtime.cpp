@@ -152,6 +152,7 @@ Application& application_record()
 // thread's ticks and reconnect pauses are sleeps of this seam. Everything else is the
 // library's own seam, unchanged (every operation of the base is the plain system call).
 // Installed only where the seam is still the one the program was loaded with.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and the seam has no virtual destructor by design
 class Waking_system final : public logferry::System_lib {
 public:
     void sleep_for_milliseconds(unsigned int ms) override { sleep(std::chrono::milliseconds(ms)); }

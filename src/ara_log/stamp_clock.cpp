@@ -10,6 +10,7 @@
 namespace ara::log::detail {
 
 Stamp_clock_state stamp_clock;
+// NOLINTNEXTLINE(cppcoreguidelines-interfaces-global-init): `sys` is constant-initialised
 logferry::System_lib* const seam_at_load = logferry::sys;
 __thread Stamp_cache stamp_cache;
 
