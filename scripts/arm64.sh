@@ -59,14 +59,14 @@ if [[ " $stages " == *" user "* ]]; then
     # Left out here, run in the emulated machine only:
     # - Package.InstallAndConsume builds and runs a consumer on the build machine against the
     #   installed library: a check of the native build;
-    # - EndToEnd.*, Monitor.* and Ara_compat.* start other target programs (the daemon peer,
+    # - EndToEnd.*, AraExit.*, Monitor.* and Ara_compat.* start other target programs (the daemon peer,
     #   logferry-monitor) with execve, which the build machine's kernel cannot run: qemu's user
     #   mode emulates one process and does not follow execve, and no binfmt_misc handler is
     #   registered;
     # - AraLog.AChildForkedWhileThreadsLog* forks while other threads run, and a child forked
     #   while another emulated thread holds one of qemu's own locks (code translation, memory
     #   map) waits for it forever in user mode; the emulated machine runs it.
-    user_mode_excluded='^(Package\.InstallAndConsume.*|EndToEnd\..*|Monitor\..*|Ara_compat\..*|AraLog\.AChildForkedWhileThreadsLog.*)$'
+    user_mode_excluded='^(Package\.InstallAndConsume.*|EndToEnd\..*|AraExit\..*|Monitor\..*|Ara_compat\..*|AraLog\.AChildForkedWhileThreadsLog.*)$'
     echo "user mode: not run here (they start other target programs, check the native package, or fork while threads run): $user_mode_excluded"
     log=$build.ctest.log
     timeout "$user_timeout" ctest --test-dir "$build" -j"$jobs" --output-on-failure --no-tests=error \
