@@ -29,9 +29,6 @@
 #include <sys/mman.h>
 #include <time.h>
 #include <unistd.h>
-#if defined(__x86_64__)
-#include <x86intrin.h>
-#endif
 
 #include <algorithm>
 #include <atomic>
@@ -52,6 +49,7 @@
 #include <benchmark/benchmark.h>
 
 #include "ara/log/logging.h"
+#include "ara_log/stamp_clock.hpp"
 #include "logferry/logferry.hpp"
 
 // ---------------------------------------------------------------------------------------
@@ -364,19 +362,9 @@ inline void write_ara_message(const ara::log::Logger& logger, std::uint32_t valu
     logger.LogInfo() << static_cast<std::int32_t>(value) << "hello world" << ara::log::HexFormat(value);
 }
 
-// The processor's counter, for timing single calls (a clock read costs more than the call).
-inline std::uint64_t counter()
-{
-#if defined(__x86_64__)
-    return __rdtsc();
-#elif defined(__aarch64__)
-    std::uint64_t ticks = 0;
-    asm volatile("isb; mrs %0, cntvct_el0" : "=r"(ticks));
-    return ticks;
-#else
-    return static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
-#endif
-}
+// The processor's counter, for timing single calls (a clock read costs more than the call):
+// the one the front end's time stamp reads.
+inline std::uint64_t counter() { return ara::log::detail::processor_counter(); }
 
 // Counter ticks per nanosecond, measured once against the steady clock over 50 ms, and the
 // least ticks an empty timed pair takes (subtracted from every sample).

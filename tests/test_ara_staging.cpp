@@ -106,6 +106,35 @@ TEST_F(AraLog, EachThreadsMessagesKeepTheirOrderAcrossBlocksAndHandOvers)
     }
 }
 
+TEST_F(AraLog, MessagesThatOutgrowTheirBlockWhileTheFlusherReadsArriveWhole)
+{
+    init_logging();
+    const ara::log::Logger& logger = ara::log::CreateLogger("CTXA", "context A", LogLevel::kInfo);
+    attach();
+    logferry::client.unlock_client_buffer();
+    constexpr std::uint32_t MESSAGES = 2000;  // about 4 KB each: most blocks end inside a message
+    const std::string text(500, 't');
+    std::vector<Bytes> all;
+    std::thread reader([&] { all = read_until(*daemon_, MESSAGES); });
+    for (std::uint32_t i = 0; i < MESSAGES; ++i) {
+        auto stream = logger.LogInfo();
+        stream << "grown" << i;
+        for (int t = 0; t < 8; ++t) {
+            stream << text;
+        }
+    }
+    reader.join();
+    ASSERT_EQ(all.size(), MESSAGES);
+    for (std::uint32_t i = 0; i < MESSAGES; ++i) {
+        const auto records = split_records(all[i]);
+        ASSERT_EQ(records.size(), 12u);
+        ASSERT_EQ(number_of(all[i]), i);
+        for (std::size_t t = 3; t < 11; ++t) {
+            ASSERT_EQ(text_of(records[t]), text);
+        }
+    }
+}
+
 TEST_F(AraLog, AFatalMessageAndWhatItsThreadLoggedBeforeAreInTheRingWhenItsStatementEnds)
 {
     init_logging();

@@ -229,17 +229,26 @@ Thread_queue* own_queue(Thread_state& own)
     return queue;
 }
 
-// Finishes the queue's last block and continues in a new one of at least `room` bytes.
-bool next_block(Thread_queue& queue, std::size_t room)
+// A block for a queue that needs `room` more bytes (at least an ordinary block).
+Block* block_for(std::size_t room) { return new_block(std::max(BLOCK_SIZE, (room + 4095) & ~std::size_t{4095})); }
+
+// Finishes the queue's last block and continues in `block`. From here on the consumer may
+// free the old block once it has read it: nothing of it may be read afterwards.
+void continue_in(Thread_queue& queue, Block* block)
 {
-    const std::size_t capacity = std::max(BLOCK_SIZE, (room + 4095) & ~std::size_t{4095});
-    Block* block = new_block(capacity);
-    if (block == nullptr) {
-        return false;
-    }
     queue.tail->next.store(block, std::memory_order_release);
     queue.tail = block;
     queue.write_pos = 0;
+}
+
+// The same with a new block of at least `room` bytes; false when there is no memory for it.
+bool next_block(Thread_queue& queue, std::size_t room)
+{
+    Block* block = block_for(room);
+    if (block == nullptr) {
+        return false;
+    }
+    continue_in(queue, block);
     return true;
 }
 
@@ -617,15 +626,17 @@ bool grow(Message& message, std::size_t needed) noexcept
         message.capacity = message.storage.size();
         return true;
     }
-    // In this thread's queue: on to a new block, with what was written so far.
+    // In this thread's queue: on to a new block, with what was written so far (copied before
+    // the old block is finished, after which the consumer may free it).
     Thread_queue& queue = *message.queue;
-    const unsigned char* const old_data = message.data;
-    if (!next_block(queue, FRAME_HEAD + needed)) {
+    Block* block = block_for(FRAME_HEAD + needed);
+    if (block == nullptr) {
         lose(message);
         return false;
     }
+    std::memcpy(block->data() + FRAME_HEAD, message.data, message.used);
+    continue_in(queue, block);
     message.data = queue.tail->data() + FRAME_HEAD;
-    std::memcpy(message.data, old_data, message.used);
     message.capacity = std::min<std::size_t>(queue.tail->capacity - FRAME_HEAD, logferry::wire::MAX_FRAMED_RECORD_SIZE);
     return true;
 }
