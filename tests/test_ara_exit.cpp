@@ -64,7 +64,7 @@ Ending run_short_life(int messages, const std::string& runstate)
     return ending;
 }
 
-long long milliseconds(Clock::duration duration)
+[[maybe_unused]] long long milliseconds(Clock::duration duration)
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
 }
