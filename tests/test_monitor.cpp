@@ -2114,23 +2114,15 @@ std::string private_network()
     return why;
 }
 
-// In a child: a mount namespace of its own with a /dev/shm of its own, so that a monitor there
-// keeps a listener list of its own (its name is fixed).
-bool private_shared_memory()
+// In a child: a mount namespace of its own in which the directory `shm` is /dev/shm. Every
+// process of one ECU (its monitor and its application) does this with the same directory, so
+// they share their shared-memory objects, and the ECU keeps a listener list of its own (its name
+// is fixed). (Joining another process's namespace instead is refused to a process with more
+// than one thread, which a child forked under ThreadSanitizer is.)
+bool ecu_shared_memory(const std::string& shm)
 {
     return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           ::mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") == 0;
-}
-
-// In a child: joins the mount namespace of process `pid`.
-bool join_mounts_of(int pid)
-{
-    const int fd = ::open(("/proc/" + std::to_string(pid) + "/ns/mnt").c_str(), O_RDONLY | O_CLOEXEC);
-    const bool joined = fd >= 0 && ::setns(fd, CLONE_NEWNS) == 0;
-    if (fd >= 0) {
-        ::close(fd);
-    }
-    return joined;
+           ::mount(shm.c_str(), "/dev/shm", nullptr, MS_BIND, nullptr) == 0;
 }
 
 // The gateway's configuration for two passive nodes, as the README shows it.
@@ -2162,10 +2154,10 @@ std::vector<Dlt_bytes> control_responses(const std::string& path, const std::str
     return found;
 }
 
-// Two monitors as two ECUs (each in a mount namespace of its own, with a private /dev/shm and
-// run-state directory, so each keeps its own listener list) with an application each, behind
-// Debian's dlt-daemon as a DLT gateway (multi-node mode) with both as passive nodes; all of it
-// in a network namespace of its own. Both ECUs' messages reach dlt-receive on the gateway with
+// Two monitors as two ECUs (each with a /dev/shm of its own, in mount namespaces, and a
+// run-state directory of its own, so each keeps its own listener list) with an application
+// each, behind Debian's dlt-daemon as a DLT gateway (multi-node mode) with both as passive
+// nodes; all of it in a network namespace of its own. Both ECUs' messages reach dlt-receive on the gateway with
 // their ECU IDs, the gateway parses both answers to its get log info while no application is
 // registered, dlt-control -e ECUA sets a context's level in ECUA's application and only there,
 // and get log info through the gateway is answered by both.
@@ -2177,9 +2169,11 @@ TEST_F(Monitor, TwoMonitorsAsEcusBehindADltGateway)
         GTEST_SKIP() << "Debian's dlt-daemon is not installed (package dlt-daemon; scripts/install-deps.sh "
                         "installs it)";
     }
-    const int probe = logferry_test::fork_child([] { return private_shared_memory() ? 0 : 1; });
+    const std::string probe_dir = file("probe");
+    ASSERT_EQ(::mkdir(probe_dir.c_str(), 0700), 0);
+    const int probe = logferry_test::fork_child([&] { return ecu_shared_memory(probe_dir) ? 0 : 1; });
     if (!logferry_test::exited_cleanly(logferry_test::wait_child(probe))) {
-        GTEST_SKIP() << "cannot give each monitor a mount namespace with a /dev/shm of its own (needs root)";
+        GTEST_SKIP() << "cannot give each ECU a mount namespace with a /dev/shm of its own (needs root)";
     }
     const std::string network = private_network();
     if (!network.empty()) {
@@ -2193,6 +2187,7 @@ TEST_F(Monitor, TwoMonitorsAsEcusBehindADltGateway)
         std::string out;  // its monitor's output
         int monitor = -1;
         int application = -1;
+        std::string shm() const { return dir + "/shm"; }  // its /dev/shm
     };
     std::vector<Ecu> ecus = {{"ECUA", 3491, file("ECUA"), file("monitor-ECUA.out")},
                              {"ECUB", 3492, file("ECUB"), file("monitor-ECUB.out")}};
@@ -2200,10 +2195,13 @@ TEST_F(Monitor, TwoMonitorsAsEcusBehindADltGateway)
     for (Ecu& ecu : ecus) {
         ASSERT_EQ(::mkdir(ecu.dir.c_str(), 0700), 0);
         ASSERT_EQ(::mkdir((ecu.dir + "/ara_DLT").c_str(), 0700), 0);
+        ASSERT_EQ(::mkdir(ecu.shm().c_str(), 0700), 0);
+        ASSERT_EQ(::chmod(ecu.shm().c_str(), 01777), 0);  // as /dev/shm is
         const std::string dir = ecu.dir;
+        const std::string shm = ecu.shm();
         ecu.monitor = children.add(launch(
             {"--ecu", ecu.id, "--dlt-port", std::to_string(ecu.port)}, ecu.out, file("monitor-" + ecu.id + ".err"),
-            [dir] { return private_shared_memory() && ::setenv("ADAPTIVE_RUNSTATE_DIR", dir.c_str(), 1) == 0; }));
+            [dir, shm] { return ecu_shared_memory(shm) && ::setenv("ADAPTIVE_RUNSTATE_DIR", dir.c_str(), 1) == 0; }));
         ASSERT_TRUE(wait_until([&] { return read_file(ecu.out).find("-- dlt-port   ") != std::string::npos; }))
             << read_file(ecu.out) << read_file(file("monitor-" + ecu.id + ".err"));
     }
@@ -2261,9 +2259,9 @@ TEST_F(Monitor, TwoMonitorsAsEcusBehindADltGateway)
     for (Ecu& ecu : ecus) {
         const std::string dir = ecu.dir;
         const std::string description = "application on " + ecu.id;
-        const int monitor = ecu.monitor;
-        ecu.application = children.add(logferry_test::fork_child([dir, description, monitor, stop] {
-            if (!join_mounts_of(monitor)) {
+        const std::string shm = ecu.shm();
+        ecu.application = children.add(logferry_test::fork_child([dir, shm, description, stop] {
+            if (!ecu_shared_memory(shm)) {
                 return 20;
             }
             ::setenv("ADAPTIVE_RUNSTATE_DIR", dir.c_str(), 1);
@@ -2304,7 +2302,13 @@ TEST_F(Monitor, TwoMonitorsAsEcusBehindADltGateway)
         ASSERT_TRUE(wait_until([&] {
             return read_file(ecu.out).find("-- context    GWT LEV handle=1 level=info \"level context\"\n") !=
                    std::string::npos;
-        })) << read_file(ecu.out);
+        })) << read_file(ecu.out)
+            << "application: " << [&] {
+                   int status = 0;
+                   return ::waitpid(ecu.application, &status, WNOHANG) == ecu.application
+                              ? "ended with status " + std::to_string(status)
+                              : std::string("running");
+               }();
     }
     const auto logs_from = [&](const std::string& ecu) {
         std::vector<std::string> lines;
