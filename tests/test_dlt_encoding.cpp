@@ -227,7 +227,25 @@ TEST(DltControl, LogInfoResponseListsApplicationsContextsLevelsAndDescriptions)
                            'r',  'e',  'm', 'o'};
     EXPECT_EQ(logferry_dlt::get_log_info_response(ECU, {app}),
               with(control_headers(26 + payload.size(), 0x26), payload));
-    EXPECT_EQ(logferry_dlt::get_log_info_response(ECU, {}), with(control_headers(31, 0x26), {0x03, 0, 0, 0, 0x08}));
+}
+
+// Answers shorter than 32 bytes of payload are padded with zeros after the interface, and no
+// application is status 7 with a count of 0: the form a DLT gateway (Debian's dlt-daemon in its
+// multi-node mode) accepts; it refuses status 8 and shorter answers.
+TEST(DltControl, LogInfoResponseIsPaddedToTheSizeAGatewayAccepts)
+{
+    const Bytes none = {0x03, 0, 0, 0, 0x07, 0x00, 0x00, 'r', 'e', 'm', 'o', 0, 0, 0, 0, 0,
+                        0,    0, 0, 0, 0,    0,    0,    0,   0,   0,   0,   0, 0, 0, 0, 0};
+    ASSERT_EQ(none.size(), 32u);
+    EXPECT_EQ(logferry_dlt::get_log_info_response(ECU, {}), with(control_headers(58, 0x26), none));
+    logferry_dlt::App_info app{{'A', 0, 0, 0}, "", {}};
+    app.contexts.push_back(logferry_dlt::Context_info{{'C', 0, 0, 0}, 4, ""});
+    const Bytes small = {0x03, 0,    0,   0,   0x07, 0x01, 0x00,                  // service, status, one application
+                         'A',  0,    0,   0,   0x01, 0x00,                        // its ID, one context
+                         'C',  0,    0,   0,   0x04, 0x00, 0x00, 0x00,            // level, trace status, no description
+                         0x00, 0x00, 'r', 'e', 'm',  'o',  0,    0,    0, 0, 0};  // no description, interface, padding
+    ASSERT_EQ(small.size(), 32u);
+    EXPECT_EQ(logferry_dlt::get_log_info_response(ECU, {app}), with(control_headers(58, 0x26), small));
 }
 
 Control_request parse(const Bytes& bytes) { return logferry_dlt::parse_control(bytes.data(), bytes.size()); }

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -23,6 +24,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -68,6 +70,13 @@ bool read_available(int fd, Dlt_bytes& into)
         }
         into.insert(into.end(), chunk, chunk + n);
     }
+}
+
+std::uint16_t local_port(int fd)
+{
+    sockaddr_in local{};
+    socklen_t length = sizeof local;
+    return ::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) == 0 ? ntohs(local.sin_port) : 0;
 }
 
 bool is_keep_alive(const Dlt_bytes& m) { return m.size() >= 17 && m[16] == 0x36; }
@@ -361,6 +370,212 @@ TEST_F(DltTcp, ControlRequestsReachTheCallerAndAnswersReachTheClient)
     EXPECT_EQ(log_messages(got), (std::vector<Dlt_bytes>{logferry_dlt::control_response(ECU, 1, 0),
                                                          logferry_dlt::control_response(ECU, 1, 2)}));
     EXPECT_EQ(server_.client_count(), 1u);
+}
+
+// Connections beyond the client limit are accepted and closed at once, counted, and reported in
+// one line per second; a slot that frees is taken by the next connection.
+TEST_F(DltTcp, ConnectionsBeyondTheLimitAreClosedAtOnce)
+{
+    server_.max_clients = 3;
+    ASSERT_TRUE(server_.listen("127.0.0.1", 0)) << server_.error;
+    ASSERT_EQ(server_.client_limit(), 3u);
+    std::vector<int> fds;
+    for (int i = 0; i < 5; ++i) {
+        fds.push_back(client());
+        ASSERT_GE(fds.back(), 0);
+    }
+    ASSERT_TRUE(pump_until([&] { return server_.client_count() == 3 && server_.refused_clients == 2; }));
+    // The last two were closed without a byte; the first three get the keep-alive.
+    for (int i = 0; i < 5; ++i) {
+        Dlt_bytes got;
+        if (i < 3) {
+            ASSERT_TRUE(pump_until([&] { return read_available(fds[i], got) && !got.empty(); })) << i;
+            EXPECT_EQ(logferry_test::split_dlt_stream(got)[0], logferry_dlt::keep_alive_message(ECU)) << i;
+        } else {
+            ASSERT_TRUE(pump_until([&] { return !read_available(fds[i], got); })) << i;
+            EXPECT_TRUE(got.empty()) << i;
+        }
+    }
+    EXPECT_TRUE(has_event("refused 2 DLT connections: 3 clients connected, the most allowed"));
+    // A slot frees: the next connection is served.
+    ::close(fds[0]);
+    fds_.erase(std::find(fds_.begin(), fds_.end(), fds[0]));
+    ASSERT_TRUE(pump_until([&] { return server_.client_count() == 2; }));
+    const int next = client();
+    ASSERT_GE(next, 0);
+    ASSERT_TRUE(pump_until([&] { return server_.client_count() == 3; }));
+    Dlt_bytes got;
+    ASSERT_TRUE(pump_until([&] { return read_available(next, got) && !got.empty(); }));
+    EXPECT_EQ(server_.refused_clients, 2u);
+    EXPECT_TRUE(has_event("DLT client 4 connected from 127.0.0.1:" + std::to_string(local_port(next))));
+}
+
+// Lowers this process's limit of open files to `limit` and fills every free descriptor below
+// it (with /dev/null) but `left`; closes them and puts the limit back when it goes.
+class Descriptor_filler {
+public:
+    Descriptor_filler(rlim_t limit, int left)
+    {
+        ::getrlimit(RLIMIT_NOFILE, &saved_);
+        rlimit lower = saved_;
+        lower.rlim_cur = limit;
+        lowered_ = ::setrlimit(RLIMIT_NOFILE, &lower) == 0;
+        for (int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC); fd >= 0;
+             fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) {
+            fds_.push_back(fd);
+        }
+        release(left);
+    }
+    ~Descriptor_filler()
+    {
+        release(fds_.size());
+        ::setrlimit(RLIMIT_NOFILE, &saved_);
+    }
+    Descriptor_filler(const Descriptor_filler&) = delete;
+    Descriptor_filler& operator=(const Descriptor_filler&) = delete;
+
+    // Whether no descriptor is left.
+    bool full() const
+    {
+        const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (fd >= 0) {
+            ::close(fd);
+            return false;
+        }
+        return lowered_ && errno == EMFILE;
+    }
+    void release(std::size_t count)
+    {
+        for (; count > 0 && !fds_.empty(); --count) {
+            ::close(fds_.back());
+            fds_.pop_back();
+        }
+    }
+
+private:
+    rlimit saved_{};
+    bool lowered_ = false;
+    std::vector<int> fds_;
+};
+
+// How many times service(10) returns within `span`: about span / 10 ms when it waits, far more
+// when it spins.
+int services_within(logferry_dlt::Tcp_server& server, std::chrono::milliseconds span)
+{
+    int calls = 0;
+    const auto end = std::chrono::steady_clock::now() + span;
+    while (std::chrono::steady_clock::now() < end) {
+        server.service(10, [](int, const Control_request&) {});
+        ++calls;
+    }
+    return calls;
+}
+
+// The tests without descriptors leave the fixture alone: with every descriptor taken,
+// UndefinedBehaviorSanitizer cannot check a polymorphic object's type (it probes memory through
+// a pipe) and reports a false invalid vptr. Their server and clients are plain objects.
+struct Bare_server {
+    logferry_dlt::Tcp_server server;
+    std::vector<int> fds;
+    Bare_server() { std::memcpy(server.ecu, ECU, 4); }
+    ~Bare_server()
+    {
+        for (const int fd : fds) {
+            ::close(fd);
+        }
+    }
+    Bare_server(const Bare_server&) = delete;
+    Bare_server& operator=(const Bare_server&) = delete;
+    int client()
+    {
+        const int fd = connect_to(server.port());
+        if (fd >= 0) {
+            fds.push_back(fd);
+        }
+        return fd;
+    }
+    bool pump_until(const std::function<bool()>& condition)
+    {
+        const auto end = std::chrono::steady_clock::now() + 5000ms;
+        while (!condition()) {
+            if (std::chrono::steady_clock::now() > end) {
+                return false;
+            }
+            server.service(1, [](int, const Control_request&) {});
+        }
+        return true;
+    }
+    bool has_event(const std::string& line) const
+    {
+        return std::find(server.events.begin(), server.events.end(), line) != server.events.end();
+    }
+};
+
+// With no descriptor left, queued connections are accepted and closed through the spare
+// descriptor, reported, and the server waits instead of spinning; a new client is served once
+// descriptors free up.
+TEST(DltTcpWithoutDescriptors, QueuedConnectionsAreClosedThroughTheSpareWithoutSpinning)
+{
+    Bare_server bare;
+    bare.server.max_clients = 1000;
+    ASSERT_TRUE(bare.server.listen("127.0.0.1", 0)) << bare.server.error;
+    std::vector<int> queued;
+    for (int i = 0; i < 10; ++i) {
+        queued.push_back(bare.client());
+        ASSERT_GE(queued.back(), 0);
+    }
+    Descriptor_filler filler(static_cast<rlim_t>(logferry_test::count_open_fds() + 64), 0);
+    ASSERT_TRUE(filler.full());
+    const int calls = services_within(bare.server, 300ms);
+    EXPECT_LE(calls, 60);
+    EXPECT_EQ(bare.server.client_count(), 0u);
+    EXPECT_EQ(bare.server.refused_clients, 10u);
+    ASSERT_TRUE(bare.pump_until([&] { return bare.has_event("refused 10 DLT connections: no descriptor left"); }));
+    for (const int fd : queued) {
+        Dlt_bytes got;
+        EXPECT_FALSE(read_available(fd, got));
+        EXPECT_TRUE(got.empty());
+    }
+    // Two descriptors free (this end and the server's): a new client is served.
+    filler.release(2);
+    const int fresh = bare.client();
+    ASSERT_GE(fresh, 0);
+    ASSERT_TRUE(bare.pump_until([&] { return bare.server.client_count() == 1; }));
+    Dlt_bytes got;
+    ASSERT_TRUE(bare.pump_until([&] { return read_available(fresh, got) && !got.empty(); }));
+    EXPECT_EQ(bare.server.refused_clients, 10u);
+}
+
+// Without a spare descriptor (none was left when the server started), the listening socket
+// rests instead of being polled again at once; its connections wait in the queue and are
+// taken as descriptors free up.
+TEST(DltTcpWithoutDescriptors, WithoutASpareTheListeningSocketRestsWithoutSpinning)
+{
+    Bare_server bare;
+    Descriptor_filler filler(static_cast<rlim_t>(logferry_test::count_open_fds() + 64), 1);
+    bare.server.max_clients = 1000;
+    ASSERT_TRUE(bare.server.listen("127.0.0.1", 0)) << bare.server.error;  // its socket takes the last one
+    filler.release(5);
+    std::vector<int> queued;
+    for (int i = 0; i < 5; ++i) {
+        queued.push_back(bare.client());
+        ASSERT_GE(queued.back(), 0);
+    }
+    ASSERT_TRUE(filler.full());
+    const int calls = services_within(bare.server, 300ms);
+    EXPECT_LE(calls, 60);
+    EXPECT_EQ(bare.server.client_count(), 0u);
+    EXPECT_EQ(bare.server.refused_clients, 0u);
+    // Three descriptors free: the first three queued connections become clients.
+    filler.release(3);
+    ASSERT_TRUE(bare.pump_until([&] { return bare.server.client_count() == 3; }));
+    for (int i = 0; i < 3; ++i) {
+        Dlt_bytes got;
+        ASSERT_TRUE(bare.pump_until([&] { return read_available(queued[i], got) && !got.empty(); })) << i;
+    }
+    EXPECT_LE(services_within(bare.server, 300ms), 60);
+    EXPECT_EQ(bare.server.client_count(), 3u);
+    EXPECT_EQ(bare.server.refused_clients, 0u);
 }
 
 // dlt-receive (an external client) connects and stores what the server sends.

@@ -7,11 +7,16 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/futex.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <pthread.h>
 #include <pwd.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -36,6 +41,8 @@
 #include <string>
 #include <vector>
 
+#include "dlt_control.hpp"
+#include "dlt_tcp.hpp"
 #include "logferry/channel.hpp"
 #include "logferry/client.hpp"
 #include "logferry/listener.hpp"
@@ -270,17 +277,24 @@ protected:
         runstate_.reset();  // the monitor's output files with it
     }
 
-    // Runs the monitor with `arguments`, its output going to `out` and `err`.
-    static int launch(const std::vector<std::string>& arguments, const std::string& out, const std::string& err)
+    // Runs the monitor with `arguments`, its output going to `out` and `err`; `in_child` (if
+    // any) runs in the child before the program starts.
+    static int launch(const std::vector<std::string>& arguments, const std::string& out, const std::string& err,
+                      const std::function<bool()>& in_child = nullptr)
     {
-        return run_program(LOGFERRY_MONITOR_PATH, arguments, out, err);
+        return run_program(LOGFERRY_MONITOR_PATH, arguments, out, err, in_child);
     }
 
+    // The child exits with 126 when `in_child` returns false, with 127 when the program cannot
+    // be started.
     static int run_program(const std::string& path, const std::vector<std::string>& arguments, const std::string& out,
-                           const std::string& err)
+                           const std::string& err, const std::function<bool()>& in_child = nullptr)
     {
         const pid_t pid = ::fork();
         if (pid == 0) {
+            if (in_child && !in_child()) {
+                ::_exit(126);
+            }
             const int out_fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             const int err_fd = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             if (out_fd < 0 || err_fd < 0 || ::dup2(out_fd, 1) < 0 || ::dup2(err_fd, 2) < 0) {
@@ -301,10 +315,11 @@ protected:
     }
 
     // Starts the monitor and waits until it holds the listener.
-    void start_monitor(const std::vector<std::string>& arguments = {}, const std::string& ready = "-- listening")
+    void start_monitor(const std::vector<std::string>& arguments = {}, const std::string& ready = "-- listening",
+                       const std::function<bool()>& in_child = nullptr)
     {
         ::unlink(out_.c_str());  // no readiness line of an earlier run
-        pid_ = launch(arguments, out_, err_);
+        pid_ = launch(arguments, out_, err_, in_child);
         ASSERT_GT(pid_, 0);
         ASSERT_TRUE(wait_for(ready)) << output() << errors();
     }
@@ -1276,9 +1291,12 @@ TEST_F(Monitor, UsageErrorsAndHelp)
     EXPECT_EQ(run({"--ecu", ""}), 2);
     EXPECT_EQ(run({"--dlt-file", ""}), 2);
     EXPECT_EQ(run({"--app-file-dir", ""}), 2);
+    EXPECT_EQ(run({"--dlt-max-clients", "0"}), 2);
+    EXPECT_NE(errors().find("--dlt-max-clients wants a number from 1 to 65536, not 0"), std::string::npos);
+    EXPECT_EQ(run({"--dlt-max-clients", "65537"}), 2);
     EXPECT_EQ(run({"--help"}), 0);
     for (const char* option : {"--quiet", "--dlt-file PATH", "--dlt-file-limit BYTES", "--dlt-port PORT",
-                               "--dlt-bind ADDR", "--ecu ID", "--app-file-dir DIR"}) {
+                               "--dlt-bind ADDR", "--dlt-max-clients N", "--ecu ID", "--app-file-dir DIR"}) {
         EXPECT_NE(output().find(option), std::string::npos) << option;
     }
     EXPECT_NE(::access(lock_file_.c_str(), F_OK), 0);  // none of them took the listener role
@@ -1902,6 +1920,465 @@ TEST_F(Monitor, EntryTakenByAnotherApplicationMeanwhileIsLeftAlone)
     EXPECT_TRUE(wait_until([&] { return entry_freed(second.entry()); }, ENTRY_FREED_LIMIT)) << output();
     EXPECT_EQ(stop_monitor(), 0);
     EXPECT_EQ(errors(), "");
+}
+
+// ---- Deployments: several ECUs behind a DLT gateway; a flood of connections ---------------
+
+// Children of a test that must not outlive it: killed and reaped when it ends, however it ends.
+struct Child_guard {
+    std::vector<int> pids;
+    ~Child_guard()
+    {
+        for (const int pid : pids) {
+            if (pid > 0 && ::kill(pid, SIGKILL) == 0) {
+                ::waitpid(pid, nullptr, 0);
+            }
+        }
+    }
+    int add(int pid)
+    {
+        pids.push_back(pid);
+        return pid;
+    }
+};
+
+// Descriptors of a test, closed when it ends.
+struct Descriptor_guard {
+    std::vector<int> fds;
+    ~Descriptor_guard()
+    {
+        for (const int fd : fds) {
+            if (fd >= 0) {
+                ::close(fd);
+            }
+        }
+    }
+};
+
+// The processor time (user and system) process `pid` has used so far, in seconds; -1 when it
+// cannot be read.
+double cpu_seconds(int pid)
+{
+    std::ifstream stat_file("/proc/" + std::to_string(pid) + "/stat");
+    std::stringstream content;
+    content << stat_file.rdbuf();
+    const std::string text = content.str();
+    // The command (field 2) may hold spaces: the fields are counted after its parenthesis.
+    const std::size_t close = text.rfind(')');
+    if (close == std::string::npos) {
+        return -1;
+    }
+    std::istringstream fields(text.substr(close + 1));
+    std::string field;
+    unsigned long long ticks = 0;
+    for (int number = 3; number <= 15 && (fields >> field); ++number) {
+        if (number == 14 || number == 15) {  // utime, stime
+            ticks += std::stoull(field);
+        }
+    }
+    return static_cast<double>(ticks) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+// The share of one processor process `pid` uses over `span` (measured, not a wait for
+// anything: the caller wants the monitor's rate when it has nothing to do).
+double cpu_share_over(int pid, milliseconds span)
+{
+    const double before = cpu_seconds(pid);
+    const auto start = std::chrono::steady_clock::now();
+    wait_until([&] { return std::chrono::steady_clock::now() - start >= span; }, span + milliseconds(1000));
+    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return (cpu_seconds(pid) - before) / wall;
+}
+
+// Everything readable on `fd` now, appended to `into`; false once the peer closed.
+bool read_now(int fd, Bytes& into)
+{
+    for (;;) {
+        unsigned char buffer[65536];
+        const ssize_t n = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (n > 0) {
+            into.insert(into.end(), buffer, buffer + n);
+            continue;
+        }
+        return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+    }
+}
+
+// 200 idle connections to the DLT port of a monitor whose limit of open files is 64, as a flood
+// would leave them: the monitor serves at most 32 clients (32 descriptors stay for the rest of
+// its work), closes every other connection at once and says so, does not spin (while the
+// connections stand it uses less than a quarter of a processor more than it uses idle),
+// attaches an application and writes its messages to the DLT file meanwhile, and serves a new
+// client as soon as a slot frees.
+TEST_F(Monitor, DltPortFloodNeitherSpinsNorStarvesApplicationsOrANewClient)
+{
+    constexpr rlim_t FILES = 64;
+    constexpr int CONNECTIONS = 200;
+    const std::size_t served = FILES - logferry_dlt::Tcp_server::DESCRIPTORS_KEPT;
+    const std::string stored = file("stored.dlt");
+    start_monitor({"--dlt-file", stored, "--dlt-port", "0"}, "-- listening", [] {
+        const rlimit limit{FILES, FILES};
+        return ::setrlimit(RLIMIT_NOFILE, &limit) == 0;
+    });
+    ASSERT_TRUE(wait_for("-- client     at most " + std::to_string(served) +
+                         " DLT clients at once: the descriptor limit leaves no more\n"))
+        << output() << errors();
+    const std::string port = dlt_port();
+    ASSERT_FALSE(port.empty()) << output();
+
+    ASSERT_GE(cpu_seconds(pid_), 0.0);
+    // What the monitor uses with nothing to do (more on an emulated machine than here).
+    const double idle_share = cpu_share_over(pid_, milliseconds(500));
+    Descriptor_guard flood;
+    for (int i = 0; i < CONNECTIONS; ++i) {
+        flood.fds.push_back(connect_dlt(port));
+        ASSERT_GE(flood.fds.back(), 0) << i;
+    }
+    // An application comes and logs while the connections stand.
+    Test_application app("FLD");
+    attach_registered(app, "FLD");
+    app.release();
+    constexpr std::size_t MESSAGES = 100;
+    for (std::uint32_t n = 0; n < MESSAGES; ++n) {
+        ASSERT_TRUE(app.log(bytes_of(start(n, 4, 1), int32(n, static_cast<std::int32_t>(n)), make_finish(n))));
+    }
+    ASSERT_TRUE(wait_until([&] { return dlt_file_logs(stored).size() == MESSAGES; })) << dlt_file_logs(stored).size();
+
+    // Each connection is either served (the keep-alive arrives) or closed without a byte.
+    std::vector<int> verdicts(CONNECTIONS, 0);  // 1 served, 2 closed
+    ASSERT_TRUE(wait_until(
+        [&] {
+            bool all = true;
+            for (int i = 0; i < CONNECTIONS; ++i) {
+                Bytes got;
+                if (verdicts[i] == 0) {
+                    const bool open = read_now(flood.fds[i], got);
+                    verdicts[i] = !got.empty() ? 1 : open ? 0 : 2;
+                    all = all && verdicts[i] != 0;
+                }
+            }
+            return all;
+        },
+        milliseconds(10000)));
+    EXPECT_EQ(std::count(verdicts.begin(), verdicts.end(), 1), static_cast<long>(served));
+    EXPECT_EQ(std::count(verdicts.begin(), verdicts.end(), 2), static_cast<long>(CONNECTIONS - served));
+    // The refusals are said in lines of their count, at most one a second.
+    const std::regex refused("-- client     refused ([0-9]+) DLT connections?: " + std::to_string(served) +
+                             " clients connected, the most allowed\n");
+    std::size_t said = 0;
+    EXPECT_TRUE(wait_until([&] {
+        said = 0;
+        const std::string text = output();
+        for (std::sregex_iterator it(text.begin(), text.end(), refused), end; it != end; ++it) {
+            said += std::stoul((*it)[1].str());
+        }
+        return said == CONNECTIONS - served;
+    })) << said;
+
+    // No spinning while the connections stand (a monitor that cannot take them off the queue
+    // polls the listening socket again and again): it uses about what it uses idle.
+    const double flood_share = cpu_share_over(pid_, milliseconds(1000));
+    RecordProperty("idle_monitor_cpu_share", std::to_string(idle_share));
+    RecordProperty("flood_monitor_cpu_share", std::to_string(flood_share));
+    EXPECT_LT(flood_share, idle_share + 0.25) << "idle: " << idle_share;
+
+    // A slot frees: a new client is served, keep-alive and answers.
+    const auto first_served = std::find(verdicts.begin(), verdicts.end(), 1) - verdicts.begin();
+    ::close(flood.fds[first_served]);
+    flood.fds[first_served] = -1;
+    ASSERT_TRUE(wait_for(" disconnected\n")) << output();
+    const int fresh = connect_dlt(port);
+    ASSERT_GE(fresh, 0);
+    flood.fds.push_back(fresh);
+    const Dlt_bytes request = logferry_test::client_request({0x13, 0x00, 0x00, 0x00});
+    ASSERT_EQ(::write(fresh, request.data(), request.size()), static_cast<ssize_t>(request.size()));
+    const Dlt_bytes answer = logferry_dlt::software_version_response("LFER", "logferry-monitor " LOGFERRY_VERSION_TEXT);
+    Bytes stream;
+    EXPECT_TRUE(wait_until([&] {
+        read_now(fresh, stream);
+        const std::vector<Dlt_bytes> messages = logferry_test::split_dlt_stream(stream);
+        return std::find(messages.begin(), messages.end(), answer) != messages.end();
+    }));
+    // The application still gets through.
+    ASSERT_TRUE(app.log(bytes_of(start(MESSAGES, 4, 1), int32(MESSAGES, 7), make_finish(MESSAGES))));
+    EXPECT_TRUE(wait_until([&] { return dlt_file_logs(stored).size() == MESSAGES + 1; }));
+    app.close();
+    EXPECT_EQ(stop_monitor(), 0);
+}
+
+// Puts this process into a network namespace of its own with its loopback interface up: its
+// ports and those of its children collide with nothing. "" on success, else why not.
+std::string private_network()
+{
+    if (::unshare(CLONE_NEWNET) != 0) {
+        return std::string("cannot make a network namespace of its own (needs root): ") + std::strerror(errno);
+    }
+    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq request{};
+    std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
+    bool up = fd >= 0 && ::ioctl(fd, SIOCGIFFLAGS, &request) == 0;
+    request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+    up = up && ::ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+    const std::string why = up ? "" : std::string("cannot bring the loopback interface up: ") + std::strerror(errno);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    return why;
+}
+
+// In a child: a mount namespace of its own in which the directory `shm` is /dev/shm. Every
+// process of one ECU (its monitor and its application) does this with the same directory, so
+// they share their shared-memory objects, and the ECU keeps a listener list of its own (its name
+// is fixed). (Joining another process's namespace instead is refused to a process with more
+// than one thread, which a child forked under ThreadSanitizer is.)
+bool ecu_shared_memory(const std::string& shm)
+{
+    return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           ::mount(shm.c_str(), "/dev/shm", nullptr, MS_BIND, nullptr) == 0;
+}
+
+// The gateway's configuration for two passive nodes, as the README shows it.
+std::string gateway_configuration(const std::vector<std::pair<std::string, int>>& nodes)
+{
+    std::string text = "[General]\nInterval=1\n";
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        text += "\n[PassiveNode" + std::to_string(i + 1) +
+                "]\nIPaddress=127.0.0.1\nPort=" + std::to_string(nodes[i].second) + "\nEcuID=" + nodes[i].first +
+                "\nConnect=OnStartup\nTimeout=0\nSendControl=0x03,0x04,0x13\n";
+    }
+    return text;
+}
+
+// Messages of a DLT file (as dlt-receive stores them) from `ecu` that are control responses of
+// service `service`.
+std::vector<Dlt_bytes> control_responses(const std::string& path, const std::string& ecu, unsigned char service)
+{
+    std::vector<Dlt_bytes> found;
+    for (const Dlt_bytes& m : logferry_test::split_dlt_file(logferry_test::read_file_bytes(path))) {
+        const std::size_t at = dlt_header_size(m);
+        // Standard header with ECU ID; extended header MSIN 0x26 (control response), payload
+        // starting with the service ID (little-endian).
+        if ((m[0] & 0x04) != 0 && std::string(m.begin() + 4, m.begin() + 8) == ecu && m.size() > at + 14 &&
+            m[at] == 0x26 && m[at + 10] == service && m[at + 11] == 0 && m[at + 12] == 0 && m[at + 13] == 0) {
+            found.push_back(m);
+        }
+    }
+    return found;
+}
+
+// Two monitors as two ECUs (each with a /dev/shm of its own, in mount namespaces, and a
+// run-state directory of its own, so each keeps its own listener list) with an application
+// each, behind Debian's dlt-daemon as a DLT gateway (multi-node mode) with both as passive
+// nodes; all of it in a network namespace of its own. Both ECUs' messages reach dlt-receive on the gateway with
+// their ECU IDs, the gateway parses both answers to its get log info while no application is
+// registered, dlt-control -e ECUA sets a context's level in ECUA's application and only there,
+// and get log info through the gateway is answered by both.
+TEST_F(Monitor, TwoMonitorsAsEcusBehindADltGateway)
+{
+    REQUIRE_DLT_TOOLS();
+    const std::string daemon = logferry_test::find_program("dlt-daemon");
+    if (daemon.empty()) {
+        GTEST_SKIP() << "Debian's dlt-daemon is not installed (package dlt-daemon; scripts/install-deps.sh "
+                        "installs it)";
+    }
+    const std::string probe_dir = file("probe");
+    ASSERT_EQ(::mkdir(probe_dir.c_str(), 0700), 0);
+    const int probe = logferry_test::fork_child([&] { return ecu_shared_memory(probe_dir) ? 0 : 1; });
+    if (!logferry_test::exited_cleanly(logferry_test::wait_child(probe))) {
+        GTEST_SKIP() << "cannot give each ECU a mount namespace with a /dev/shm of its own (needs root)";
+    }
+    const std::string network = private_network();
+    if (!network.empty()) {
+        GTEST_SKIP() << network;
+    }
+
+    struct Ecu {
+        std::string id;
+        int port;
+        std::string dir;  // its run-state directory
+        std::string out;  // its monitor's output
+        int monitor = -1;
+        int application = -1;
+        std::string shm() const { return dir + "/shm"; }  // its /dev/shm
+    };
+    std::vector<Ecu> ecus = {{"ECUA", 3491, file("ECUA"), file("monitor-ECUA.out")},
+                             {"ECUB", 3492, file("ECUB"), file("monitor-ECUB.out")}};
+    Child_guard children;
+    for (Ecu& ecu : ecus) {
+        ASSERT_EQ(::mkdir(ecu.dir.c_str(), 0700), 0);
+        ASSERT_EQ(::mkdir((ecu.dir + "/ara_DLT").c_str(), 0700), 0);
+        ASSERT_EQ(::mkdir(ecu.shm().c_str(), 0700), 0);
+        ASSERT_EQ(::chmod(ecu.shm().c_str(), 01777), 0);  // as /dev/shm is
+        const std::string dir = ecu.dir;
+        const std::string shm = ecu.shm();
+        ecu.monitor = children.add(launch(
+            {"--ecu", ecu.id, "--dlt-port", std::to_string(ecu.port)}, ecu.out, file("monitor-" + ecu.id + ".err"),
+            [dir, shm] { return ecu_shared_memory(shm) && ::setenv("ADAPTIVE_RUNSTATE_DIR", dir.c_str(), 1) == 0; }));
+        ASSERT_TRUE(wait_until([&] { return read_file(ecu.out).find("-- dlt-port   ") != std::string::npos; }))
+            << read_file(ecu.out) << read_file(file("monitor-" + ecu.id + ".err"));
+    }
+
+    // The gateway: its configuration files and everything it writes in a directory of the test.
+    const std::string gateway_dir = file("gateway");
+    ASSERT_EQ(::mkdir(gateway_dir.c_str(), 0700), 0);
+    std::ofstream(gateway_dir + "/dlt.conf")
+        << "ECUId = GATE\nLoggingMode = 3\nLoggingLevel = 6\n"
+           "SendContextRegistration = 0\nUDPConnectionSetup = 0\n"
+           "PersistanceStoragePath = "
+        << gateway_dir << "\nControlSocketPath = " << gateway_dir
+        << "/ctrl.sock\nGatewayMode = 1\nGatewayConfigFile = " << gateway_dir << "/dlt_gateway.conf\n";
+    std::ofstream(gateway_dir + "/dlt_gateway.conf") << gateway_configuration({{"ECUA", 3491}, {"ECUB", 3492}});
+    const std::string gateway_log = gateway_dir + "/gateway.log";
+    const int gateway = children.add(run_program(
+        daemon, {"-c", gateway_dir + "/dlt.conf", "-t", gateway_dir, "-p", "3490"}, gateway_log, gateway_log));
+    // Connected to both ECUs, or gone.
+    int gateway_status = 0;
+    const bool connected = wait_until([&] {
+        if (::waitpid(gateway, &gateway_status, WNOHANG) == gateway) {
+            return true;
+        }
+        for (const Ecu& ecu : ecus) {
+            if (read_file(ecu.out).find("-- client     DLT client 1 connected from 127.0.0.1:") == std::string::npos) {
+                return false;
+            }
+        }
+        return true;
+    });
+    if (::kill(gateway, 0) != 0) {
+        children.pids.erase(std::find(children.pids.begin(), children.pids.end(), gateway));
+        GTEST_SKIP() << "dlt-daemon did not start (status " << gateway_status << "): " << read_file(gateway_log);
+    }
+    ASSERT_TRUE(connected) << read_file(gateway_log);
+    const std::string received = file("received.dlt");
+    children.add(run_program(logferry_test::find_program("dlt-receive"), {"-o", received, "-p", "3490", "127.0.0.1"},
+                             file("receive.out"), file("receive.err")));
+
+    // The gateway asked each ECU for its log info as it connected, before any application:
+    // both answers arrive, unchanged, and the gateway parsed them.
+    for (const Ecu& ecu : ecus) {
+        std::vector<Dlt_bytes> answers;
+        ASSERT_TRUE(wait_until([&] { return !(answers = control_responses(received, ecu.id, 0x03)).empty(); }))
+            << ecu.id << "\n"
+            << read_file(gateway_log);
+        EXPECT_EQ(answers[0], logferry_dlt::get_log_info_response(ecu.id.c_str(), {})) << ecu.id;
+    }
+    EXPECT_EQ(read_file(gateway_log).find("Parsing GET_LOG_INFO"), std::string::npos) << read_file(gateway_log);
+    EXPECT_EQ(read_file(gateway_log).find("not complete"), std::string::npos) << read_file(gateway_log);
+
+    // The same application in both ECUs: it logs "hello", then "verbose is on" once its context
+    // LEV is raised to verbose, and ends when told; its exit status says whether it was raised.
+    const std::string stop = file("stop");
+    for (Ecu& ecu : ecus) {
+        const std::string dir = ecu.dir;
+        const std::string description = "application on " + ecu.id;
+        const std::string shm = ecu.shm();
+        ecu.application = children.add(logferry_test::fork_child([dir, shm, description, stop] {
+            if (!ecu_shared_memory(shm)) {
+                return 20;
+            }
+            ::setenv("ADAPTIVE_RUNSTATE_DIR", dir.c_str(), 1);
+            logferry::listener.lock_listener_name = dir + "/ara_DLT/logferry-daemon-listener.lock";
+            logferry::set_app_identifier("GWT");
+            logferry::init();
+            if (!logferry::register_app("GWT", description.c_str()) ||
+                !logferry::register_context(1, "LEV", "level context", 4)) {
+                return 21;
+            }
+            const auto say = [](std::uint32_t key, std::uint8_t level, const char* text) {
+                if (!logferry::log_start(1, key, level)) {
+                    return false;
+                }
+                logferry::log_utf8_string(key, text);
+                logferry::log_finish(key);
+                return true;
+            };
+            if (!say(1, 4, "hello")) {
+                return 22;
+            }
+            bool raised = false;
+            wait_until(
+                [&] {
+                    raised = logferry::is_log_level_enabled(1, 6);
+                    return raised || logferry_test::path_exists(stop);
+                },
+                milliseconds(30000));
+            if (raised && !say(2, 6, "verbose is on")) {
+                return 23;
+            }
+            wait_until([&] { return logferry_test::path_exists(stop); }, milliseconds(30000));
+            logferry::exit();
+            return raised ? 10 : 11;
+        }));
+    }
+    for (const Ecu& ecu : ecus) {
+        ASSERT_TRUE(wait_until([&] {
+            return read_file(ecu.out).find("-- context    GWT LEV handle=1 level=info \"level context\"\n") !=
+                   std::string::npos;
+        })) << read_file(ecu.out)
+            << "application: " << [&] {
+                   int status = 0;
+                   return ::waitpid(ecu.application, &status, WNOHANG) == ecu.application
+                              ? "ended with status " + std::to_string(status)
+                              : std::string("running");
+               }();
+    }
+    const auto logs_from = [&](const std::string& ecu) {
+        std::vector<std::string> lines;
+        for (const std::string& line : split_lines(dlt_convert(received))) {
+            if (line.find(" " + ecu + " ") != std::string::npos) {
+                lines.push_back(line);
+            }
+        }
+        return lines;
+    };
+    const auto hello = [](const std::string& ecu) {
+        return "<n> <time> <ts> 000 " + ecu + " GWT- LEV- log info V 1 [hello]";
+    };
+    ASSERT_TRUE(wait_until([&] { return logs_from("ECUA").size() == 1 && logs_from("ECUB").size() == 1; }))
+        << dlt_convert(received);
+
+    // dlt-control through the gateway, to ECUA only.
+    const std::string control = logferry_test::find_program("dlt-control");
+    const auto control_run = [&](const std::vector<std::string>& arguments) {
+        std::vector<std::string> all = {"-p", "3490"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        all.push_back("127.0.0.1");
+        const int pid = run_program(control, all, file("control.out"), file("control.err"));
+        EXPECT_TRUE(logferry_test::exited_cleanly(logferry_test::wait_child(pid, milliseconds(20000))));
+        return read_file(file("control.out"));
+    };
+    control_run({"-e", "ECUA", "-a", "GWT", "-c", "LEV", "-l", "6"});
+    ASSERT_TRUE(wait_until([&] { return logs_from("ECUA").size() == 2; })) << dlt_convert(received);
+    EXPECT_EQ(logs_from("ECUA"),
+              (std::vector<std::string>{hello("ECUA"),
+                                        "<n> <time> <ts> 001 ECUA GWT- LEV- log verbose V 1 [verbose is on]"}));
+    EXPECT_EQ(logs_from("ECUB"), std::vector<std::string>{hello("ECUB")});
+    EXPECT_NE(read_file(ecus[0].out).find("-- set-level  GWT LEV handle=1 level=verbose\n"), std::string::npos);
+    EXPECT_NE(read_file(ecus[0].out).find("-- client     set-log-level GWT LEV level=6: 1 context\n"),
+              std::string::npos);
+
+    // Get log info through the gateway: each ECU answers with its application and levels.
+    const std::string info_a = control_run({"-e", "ECUA", "-j"});
+    EXPECT_NE(info_a.find("APID:GWT- application on ECUA\nCTID:LEV-  6  0 level context\n"), std::string::npos)
+        << info_a;
+    const std::string info_b = control_run({"-e", "ECUB", "-j"});
+    EXPECT_NE(info_b.find("APID:GWT- application on ECUB\nCTID:LEV-  4  0 level context\n"), std::string::npos)
+        << info_b;
+
+    std::ofstream(stop) << "stop";
+    for (const Ecu& ecu : ecus) {
+        const int status = logferry_test::wait_child(ecu.application, milliseconds(20000));
+        EXPECT_TRUE(WIFEXITED(status)) << status;
+        EXPECT_EQ(WEXITSTATUS(status), ecu.id == "ECUA" ? 10 : 11) << ecu.id;  // raised in ECUA only
+    }
+    EXPECT_EQ(read_file(ecus[1].out).find("set-level"), std::string::npos) << read_file(ecus[1].out);
+    EXPECT_EQ(read_file(ecus[1].out).find("set-log-level"), std::string::npos) << read_file(ecus[1].out);
+    EXPECT_EQ(read_file(gateway_log).find("Parsing GET_LOG_INFO"), std::string::npos) << read_file(gateway_log);
+    for (const Ecu& ecu : ecus) {
+        ::kill(ecu.monitor, SIGTERM);
+        const int status = logferry_test::wait_child(ecu.monitor, milliseconds(10000));
+        EXPECT_TRUE(logferry_test::exited_cleanly(status)) << ecu.id << " " << status;
+    }
 }
 
 // ---- Hostile and careless peers ---------------------------------------------------------

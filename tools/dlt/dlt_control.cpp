@@ -157,10 +157,6 @@ std::vector<unsigned char> get_log_info_response(const char ecu[4], const std::v
 {
     std::vector<unsigned char> payload;
     append_le(payload, static_cast<std::uint32_t>(Service::get_log_info), SERVICE_ID_SIZE);
-    if (apps.empty()) {
-        payload.push_back(LOG_INFO_NO_MATCH);
-        return control_message(ecu, MTIN_CONTROL_RESPONSE, payload);
-    }
     payload.push_back(LOG_INFO_WITH_DESCRIPTIONS);
     const std::size_t app_count = apps.size() > 0xFFFF ? 0xFFFF : apps.size();
     append_le(payload, app_count, 2);
@@ -179,6 +175,9 @@ std::vector<unsigned char> get_log_info_response(const char ecu[4], const std::v
         append_description(payload, app.description);
     }
     append_bytes(payload, INTERFACE_REMOTE, sizeof INTERFACE_REMOTE);
+    if (payload.size() < LOG_INFO_MIN_PAYLOAD) {
+        payload.resize(LOG_INFO_MIN_PAYLOAD, 0);
+    }
     return control_message(ecu, MTIN_CONTROL_RESPONSE, payload);
 }
 

@@ -56,6 +56,9 @@
 //                                        |            | description length LE16 | description
 //                                        |   app description length LE16 | app description
 //                                        | interface(4) "remo"
+//                                        | zero bytes up to a payload of 32 bytes
+//     (always status 7, also with no application: a DLT gateway (Debian's dlt-daemon in
+//     its multi-node mode) refuses status 8 and any answer shorter than 32 bytes)
 //   get default log level response (0x04): service | status | level(u8)
 //   set default log level request (0x11):  service | level(i8) | interface(4)
 //   get software version response (0x13):  service | status | length LE32 | text (no zero)
@@ -152,7 +155,7 @@ constexpr std::size_t SET_LOG_LEVEL_SIZE = 4 + 4 + 4 + 1 + 4;  // 17
 constexpr std::size_t GET_LOG_INFO_SIZE = 4 + 1 + 4 + 4 + 4;   // 17
 constexpr std::size_t SET_DEFAULT_LEVEL_SIZE = 4 + 1 + 4;      // 9
 constexpr std::uint8_t LOG_INFO_WITH_DESCRIPTIONS = 7;
-constexpr std::uint8_t LOG_INFO_NO_MATCH = 8;
+constexpr std::size_t LOG_INFO_MIN_PAYLOAD = 32;  // shorter answers are padded with zeros
 constexpr unsigned char INTERFACE_REMOTE[4] = {'r', 'e', 'm', 'o'};
 constexpr std::int8_t TRACE_STATUS_OFF = 0;
 

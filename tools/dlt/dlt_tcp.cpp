@@ -5,8 +5,10 @@
 #include <ctime>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,6 +18,30 @@ namespace {
 
 constexpr int KEEP_ALIVE_MS = 1000;
 constexpr std::size_t READ_CHUNK = 16 * 1024;
+// Connections taken from the listening socket's queue per service(), so that a flood of them
+// never keeps the caller from its other work for long.
+constexpr int ACCEPTS_PER_SERVICE = 64;
+// How long the listening socket rests when a connection cannot be taken for want of descriptors
+// (and no spare one helps) or for another failure.
+constexpr int LISTEN_REST_MS = 100;
+
+int open_spare() { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }
+
+// The most clients the descriptor limit allows besides DESCRIPTORS_KEPT (at least 1).
+std::size_t descriptor_bound(std::size_t wanted, std::size_t kept)
+{
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+        return wanted;
+    }
+    const std::size_t allowed = limit.rlim_cur > kept ? static_cast<std::size_t>(limit.rlim_cur) - kept : 1;
+    return wanted < allowed ? wanted : allowed;
+}
+
+std::string connections(std::uint64_t count)
+{
+    return std::to_string(count) + " DLT connection" + (count == 1 ? "" : "s");
+}
 
 std::int64_t now_ms()
 {
@@ -63,6 +89,9 @@ bool Tcp_server::listen(const std::string& address, std::uint16_t port)
     }
     port_ = ntohs(addr.sin_port);
     next_keep_alive_ms_ = now_ms() + KEEP_ALIVE_MS;
+    listen_rests_until_ms_ = 0;
+    client_limit_ = descriptor_bound(max_clients > 0 ? max_clients : 1, DESCRIPTORS_KEPT);
+    spare_fd_ = open_spare();  // none now: accept_clients() tries again when it needs one
     return true;
 }
 
@@ -110,7 +139,8 @@ void Tcp_server::service(int timeout_ms, const std::function<void(int client, co
     }
     std::vector<pollfd>& fds = poll_fds_;
     fds.clear();
-    fds.push_back(pollfd{listen_fd_, POLLIN, 0});
+    // A negative descriptor is left out by poll(): the listening socket rests.
+    fds.push_back(pollfd{now < listen_rests_until_ms_ ? -1 : listen_fd_, POLLIN, 0});
     for (const Client& client : clients_) {
         const bool pending = client.out.size() > client.out_pos;
         fds.push_back(pollfd{client.fd, static_cast<short>(POLLIN | (pending ? POLLOUT : 0)), 0});
@@ -137,18 +167,37 @@ void Tcp_server::service(int timeout_ms, const std::function<void(int client, co
         const std::vector<unsigned char> keep_alive = keep_alive_message(ecu);
         broadcast(keep_alive.data(), keep_alive.size());
         flush();
+        report_refusals();
     }
     reap();
 }
 
 void Tcp_server::accept_clients()
 {
-    for (;;) {
+    for (int taken = 0; taken < ACCEPTS_PER_SERVICE; ++taken) {
         sockaddr_in addr{};
         socklen_t len = sizeof addr;
         const int fd = ::accept4(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
-            return;  // EAGAIN: none left; other failures: the next service() tries again
+            if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                return;  // none left
+            }
+            if (errno == EINTR || errno == ECONNABORTED) {
+                continue;
+            }
+            if ((errno == EMFILE || errno == ENFILE) && refuse_with_spare()) {
+                continue;
+            }
+            // Polling the socket again at once would only fail again (the caller would spin):
+            // it rests for a while, its connections wait in the queue.
+            listen_rests_until_ms_ = now_ms() + LISTEN_REST_MS;
+            return;
+        }
+        if (client_count() >= client_limit_) {
+            ::close(fd);
+            ++refused_full_;
+            ++refused_clients;
+            continue;
         }
         Client client;
         client.fd = fd;
@@ -158,6 +207,38 @@ void Tcp_server::accept_clients()
         events.push_back("DLT client " + std::to_string(client.id) + " connected from " + text + ":" +
                          std::to_string(ntohs(addr.sin_port)));
         clients_.push_back(std::move(client));
+    }
+}
+
+bool Tcp_server::refuse_with_spare()
+{
+    if (spare_fd_ < 0) {
+        spare_fd_ = open_spare();  // lost before: perhaps a descriptor has come free since
+        if (spare_fd_ < 0) {
+            return false;
+        }
+    }
+    ::close(spare_fd_);
+    const int fd = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd >= 0) {
+        ::close(fd);
+        ++refused_no_descriptor_;
+        ++refused_clients;
+    }
+    spare_fd_ = open_spare();  // fails when another thread took the descriptor meanwhile
+    return fd >= 0 && spare_fd_ >= 0;
+}
+
+void Tcp_server::report_refusals()
+{
+    if (refused_full_ != 0) {
+        events.push_back("refused " + connections(refused_full_) + ": " + std::to_string(client_limit_) +
+                         " clients connected, the most allowed");
+        refused_full_ = 0;
+    }
+    if (refused_no_descriptor_ != 0) {
+        events.push_back("refused " + connections(refused_no_descriptor_) + ": no descriptor left");
+        refused_no_descriptor_ = 0;
     }
 }
 
@@ -313,6 +394,10 @@ void Tcp_server::close()
     if (listen_fd_ >= 0) {
         ::close(listen_fd_);
         listen_fd_ = -1;
+    }
+    if (spare_fd_ >= 0) {
+        ::close(spare_fd_);
+        spare_fd_ = -1;
     }
     port_ = 0;
 }

@@ -67,6 +67,7 @@ bool Dlt_output::open()
         return false;
     }
     if (options_.tcp) {
+        server_.max_clients = options_.max_clients;
         if (!server_.listen(options_.bind, options_.port)) {
             port_failed_ = true;
             if (server_.address_in_use) {

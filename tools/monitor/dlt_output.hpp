@@ -33,13 +33,14 @@ std::string app_file_path(const std::string& dir, const std::string& name, std::
 
 struct Dlt_options {
     std::string ecu = DEFAULT_ECU;
-    std::string file;                // --dlt-file
-    std::uint64_t file_limit = 0;    // --dlt-file-limit
-    bool tcp = false;                // --dlt-port given
-    std::uint16_t port = 0;          // --dlt-port
-    std::string bind = "127.0.0.1";  // --dlt-bind
-    std::string app_file_dir;        // --app-file-dir
-    std::string version;             // answered to get-software-version
+    std::string file;                                                         // --dlt-file
+    std::uint64_t file_limit = 0;                                             // --dlt-file-limit
+    bool tcp = false;                                                         // --dlt-port given
+    std::uint16_t port = 0;                                                   // --dlt-port
+    std::string bind = "127.0.0.1";                                           // --dlt-bind
+    std::size_t max_clients = logferry_dlt::Tcp_server::DEFAULT_MAX_CLIENTS;  // --dlt-max-clients
+    std::string app_file_dir;                                                 // --app-file-dir
+    std::string version;                                                      // answered to get-software-version
 };
 
 class Dlt_output : public logferry_collector::Output {
@@ -51,6 +52,8 @@ public:
     /// Whether open() failed on the TCP port (taken, or not to be had at all).
     bool port_failed() const { return port_failed_; }
     std::uint16_t port() const { return server_.port(); }
+    /// The most DLT clients at once: --dlt-max-clients, lowered to what the descriptor limit allows.
+    std::size_t client_limit() const { return server_.client_limit(); }
 
     void note(const std::string& /*word*/, const std::string& /*details*/) override {}
     void message(const logferry_collector::Application& application,

@@ -26,49 +26,64 @@ constexpr int MONITOR_NICE = -10;
 // the service does not restart on it (RestartPreventExitStatus in logferry-monitor.service).
 constexpr int EXIT_DLT_PORT = 3;
 
+// The most DLT clients --dlt-max-clients accepts (the descriptor limit may lower it further).
+constexpr std::uint64_t MAX_DLT_CLIENTS = 65536;
+
 extern "C" void request_stop(int) { stop_requested = 1; }
 
-const char usage[] =
-    "usage: logferry-monitor [options]\n"
-    "\n"
-    "Takes the log daemon's role for logferry applications: announced channels are\n"
-    "attached, and every registration, control request and log message is printed as\n"
-    "one line on standard output, and forwarded as a DLT (version 1, verbose) message\n"
-    "to a DLT file and to DLT clients on TCP when asked. Stops on SIGINT or SIGTERM,\n"
-    "removing the listener segment and its lock file.\n"
-    "\n"
-    "options:\n"
-    "  --level CTX=LEVEL  send LEVEL (off, fatal, error, warn, info, debug, verbose or\n"
-    "                     0-6) to every context registered with the ID CTX\n"
-    "  --say TEXT         send TEXT and a line end to every application once attached\n"
-    "  --count N          stop after N log messages\n"
-    "  --duration S       stop after S seconds\n"
-    "  --quiet            no text output, except the messages of applications that\n"
-    "                     asked for local printing\n"
-    "  --dlt-file PATH    append every message to the DLT storage file PATH\n"
-    "  --dlt-file-limit BYTES\n"
-    "                     rotate the DLT file before it grows past BYTES: PATH is\n"
-    "                     renamed PATH.1 (PATH.1 to PATH.2, ...), keeping PATH and\n"
-    "                     PATH.1 to PATH.9; no message is split between two files\n"
-    "  --dlt-port PORT    serve DLT clients on TCP port PORT (conventionally 3490; 0\n"
-    "                     picks a free port, which is printed); each client receives\n"
-    "                     every message from when it connects, a keep-alive every\n"
-    "                     second, and answers to its control requests\n"
-    "  --dlt-bind ADDR    the address of the DLT port (default 127.0.0.1)\n"
-    "  --ecu ID           the ECU ID of the DLT messages, 1 to 4 characters (default LFER)\n"
-    "  --app-file-dir DIR an application's request to log to a file writes its\n"
-    "                     messages as DLT to that file inside DIR (a plain name of at\n"
-    "                     most 64 printable characters, or DIR/name); without DIR such\n"
-    "                     requests are refused\n"
-    "  --help             show this text\n"
-    "\n"
-    "The lock file is $ADAPTIVE_RUNSTATE_DIR/ara_DLT/logferry-daemon-listener.lock, or\n"
-    "/tmp/logferry-daemon-listener.lock when that directory does not exist; the monitor\n"
-    "refuses to start when that path is a symbolic link or not a regular file.\n";
+// The usage text, with the numbers of the DLT client limit drawn from the server's constants.
+std::string usage_text()
+{
+    using logferry_dlt::Tcp_server;
+    return "usage: logferry-monitor [options]\n"
+           "\n"
+           "Takes the log daemon's role for logferry applications: announced channels are\n"
+           "attached, and every registration, control request and log message is printed as\n"
+           "one line on standard output, and forwarded as a DLT (version 1, verbose) message\n"
+           "to a DLT file and to DLT clients on TCP when asked. Stops on SIGINT or SIGTERM,\n"
+           "removing the listener segment and its lock file.\n"
+           "\n"
+           "options:\n"
+           "  --level CTX=LEVEL  send LEVEL (off, fatal, error, warn, info, debug, verbose or\n"
+           "                     0-6) to every context registered with the ID CTX\n"
+           "  --say TEXT         send TEXT and a line end to every application once attached\n"
+           "  --count N          stop after N log messages\n"
+           "  --duration S       stop after S seconds\n"
+           "  --quiet            no text output, except the messages of applications that\n"
+           "                     asked for local printing\n"
+           "  --dlt-file PATH    append every message to the DLT storage file PATH\n"
+           "  --dlt-file-limit BYTES\n"
+           "                     rotate the DLT file before it grows past BYTES: PATH is\n"
+           "                     renamed PATH.1 (PATH.1 to PATH.2, ...), keeping PATH and\n"
+           "                     PATH.1 to PATH.9; no message is split between two files\n"
+           "  --dlt-port PORT    serve DLT clients on TCP port PORT (conventionally 3490; 0\n"
+           "                     picks a free port, which is printed); each client receives\n"
+           "                     every message from when it connects, a keep-alive every\n"
+           "                     second, and answers to its control requests\n"
+           "  --dlt-bind ADDR    the address of the DLT port (default 127.0.0.1)\n"
+           "  --dlt-max-clients N\n"
+           "                     serve at most N DLT clients at once (default " +
+           std::to_string(Tcp_server::DEFAULT_MAX_CLIENTS) +
+           "; fewer when\n"
+           "                     the limit of open files leaves less than " +
+           std::to_string(Tcp_server::DESCRIPTORS_KEPT) +
+           " descriptors\n"
+           "                     besides them); further connections are closed at once\n"
+           "  --ecu ID           the ECU ID of the DLT messages, 1 to 4 characters (default LFER)\n"
+           "  --app-file-dir DIR an application's request to log to a file writes its\n"
+           "                     messages as DLT to that file inside DIR (a plain name of at\n"
+           "                     most 64 printable characters, or DIR/name); without DIR such\n"
+           "                     requests are refused\n"
+           "  --help             show this text\n"
+           "\n"
+           "The lock file is $ADAPTIVE_RUNSTATE_DIR/ara_DLT/logferry-daemon-listener.lock, or\n"
+           "/tmp/logferry-daemon-listener.lock when that directory does not exist; the monitor\n"
+           "refuses to start when that path is a symbolic link or not a regular file.\n";
+}
 
 int usage_error(const std::string& text)
 {
-    std::cerr << "logferry-monitor: " << text << "\n" << usage;
+    std::cerr << "logferry-monitor: " << text << "\n" << usage_text();
     return 2;
 }
 
@@ -110,7 +125,7 @@ int main(int argc, char** argv)
             option = option.substr(0, equals);
         }
         if (option == "--help" || option == "-h") {
-            std::cout << usage;
+            std::cout << usage_text();
             return 0;
         }
         if (option == "--quiet") {
@@ -119,7 +134,8 @@ int main(int argc, char** argv)
         }
         if (option != "--level" && option != "--say" && option != "--count" && option != "--duration" &&
             option != "--dlt-file" && option != "--dlt-file-limit" && option != "--dlt-port" &&
-            option != "--dlt-bind" && option != "--ecu" && option != "--app-file-dir") {
+            option != "--dlt-bind" && option != "--dlt-max-clients" && option != "--ecu" &&
+            option != "--app-file-dir") {
             return usage_error("unknown option " + option);
         }
         if (!inline_value) {
@@ -148,6 +164,12 @@ int main(int argc, char** argv)
             dlt.port = static_cast<std::uint16_t>(number);
         } else if (option == "--dlt-bind") {
             dlt.bind = value;
+        } else if (option == "--dlt-max-clients") {
+            if (!parse_count(value, number) || number > MAX_DLT_CLIENTS) {
+                return usage_error("--dlt-max-clients wants a number from 1 to " + std::to_string(MAX_DLT_CLIENTS) +
+                                   ", not " + value);
+            }
+            dlt.max_clients = static_cast<std::size_t>(number);
         } else if (option == "--ecu") {
             if (value.empty() || value.size() > 4) {
                 return usage_error("--ecu wants an ID of 1 to 4 characters, not " + value);

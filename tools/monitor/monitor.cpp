@@ -40,6 +40,10 @@ bool Monitor::start()
     }
     if (options_.dlt.tcp) {
         collector_.note("dlt-port", std::to_string(dlt_->port()));
+        if (dlt_->client_limit() < options_.dlt.max_clients) {
+            collector_.note("client", "at most " + std::to_string(dlt_->client_limit()) +
+                                          " DLT clients at once: the descriptor limit leaves no more");
+        }
         text_.flush();
         if (options_.quiet) {
             std::cout << "dlt-port " << dlt_->port() << std::endl;
