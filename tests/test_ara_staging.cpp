@@ -57,9 +57,7 @@ std::vector<Bytes> read_until(logferry_test::Daemon_end& daemon, std::size_t cou
 
 TEST_F(AraLog, ABurstLargerThanTheRingWaitsForTheGateAndArrivesWholeInOrder)
 {
-    init_logging();
-    const ara::log::Logger& logger = ara::log::CreateLogger("CTXA", "context A", LogLevel::kInfo);
-    attach();
+    const ara::log::Logger& logger = attached_logger();
     logferry::client.lock_client_buffer();     // as a fresh channel: the daemon has not been let in yet
     constexpr std::uint32_t MESSAGES = 10000;  // about 400 KB: three rings' worth
     for (std::uint32_t i = 0; i < MESSAGES; ++i) {
@@ -80,9 +78,7 @@ TEST_F(AraLog, ABurstLargerThanTheRingWaitsForTheGateAndArrivesWholeInOrder)
 
 TEST_F(AraLog, EachThreadsMessagesKeepTheirOrderAcrossBlocksAndHandOvers)
 {
-    init_logging();
-    const ara::log::Logger& logger = ara::log::CreateLogger("CTXA", "context A", LogLevel::kInfo);
-    attach();
+    const ara::log::Logger& logger = attached_logger();
     constexpr int THREADS = 3;
     constexpr std::uint32_t MESSAGES = 6000;  // each thread fills several blocks
     std::vector<std::thread> threads;
@@ -108,9 +104,7 @@ TEST_F(AraLog, EachThreadsMessagesKeepTheirOrderAcrossBlocksAndHandOvers)
 
 TEST_F(AraLog, MessagesThatOutgrowTheirBlockWhileTheFlusherReadsArriveWhole)
 {
-    init_logging();
-    const ara::log::Logger& logger = ara::log::CreateLogger("CTXA", "context A", LogLevel::kInfo);
-    attach();
+    const ara::log::Logger& logger = attached_logger();
     logferry::client.unlock_client_buffer();
     constexpr std::uint32_t MESSAGES = 2000;  // about 4 KB each: most blocks end inside a message
     const std::string text(500, 't');
@@ -137,9 +131,7 @@ TEST_F(AraLog, MessagesThatOutgrowTheirBlockWhileTheFlusherReadsArriveWhole)
 
 TEST_F(AraLog, AFatalMessageAndWhatItsThreadLoggedBeforeAreInTheRingWhenItsStatementEnds)
 {
-    init_logging();
-    const ara::log::Logger& logger = ara::log::CreateLogger("CTXA", "context A", LogLevel::kInfo);
-    attach();
+    const ara::log::Logger& logger = attached_logger();
     logferry::client.lock_client_buffer();  // the flusher hands nothing over meanwhile
     for (std::uint32_t i = 0; i < 5; ++i) {
         logger.LogInfo() << "before" << i;
@@ -158,9 +150,7 @@ TEST_F(AraLog, AFatalMessageAndWhatItsThreadLoggedBeforeAreInTheRingWhenItsState
 
 TEST_F(AraLog, AStreamFinishedInsideAnotherOnItsThreadComesAfterWhatTheThreadStagedBefore)
 {
-    init_logging();
-    const ara::log::Logger& logger = ara::log::CreateLogger("CTXA", "context A", LogLevel::kInfo);
-    attach();
+    const ara::log::Logger& logger = attached_logger();
     logferry::client.unlock_client_buffer();
     logger.LogInfo() << "first" << 0U;
     {
@@ -181,9 +171,7 @@ TEST_F(AraLog, AStreamFinishedInsideAnotherOnItsThreadComesAfterWhatTheThreadSta
 
 TEST_F(AraLog, AStreamMovedToAnotherThreadIsSentWholeAndItsFirstThreadGoesOn)
 {
-    init_logging();
-    const ara::log::Logger& logger = ara::log::CreateLogger("CTXA", "context A", LogLevel::kInfo);
-    attach();
+    const ara::log::Logger& logger = attached_logger();
     ara::log::LogStream stream = logger.LogInfo();
     stream << "moved";
     std::thread([moved = std::move(stream)]() mutable {
@@ -230,9 +218,7 @@ protected:
 
 TEST_F(AraLogBound, PastTheBoundMessagesAreDroppedCountedAndReportedAndTheMemoryComesBack)
 {
-    init_logging();
-    const ara::log::Logger& logger = ara::log::CreateLogger("CTXA", "context A", LogLevel::kInfo);
-    attach();
+    const ara::log::Logger& logger = attached_logger();
     logferry::client.lock_client_buffer();
     constexpr std::uint32_t MESSAGES = 10000;  // about 400 KB
     for (std::uint32_t i = 0; i < MESSAGES; ++i) {
@@ -400,9 +386,7 @@ TEST_F(FakeStampClock, AnotherSeamThanTheOneCheckedIsAskedEveryTime)
 
 TEST_F(AraLog, TheStartRecordCarriesTheStampOfTheClock)
 {
-    init_logging();
-    const ara::log::Logger& logger = ara::log::CreateLogger("CTXA", "context A", LogLevel::kInfo);
-    attach();
+    const ara::log::Logger& logger = attached_logger();
     fake_.set_time(5, 123456789);
     logger.LogInfo() << "stamped" << 0U;
     const auto all = messages();

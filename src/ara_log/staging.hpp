@@ -78,7 +78,7 @@ std::size_t staged_messages() noexcept;
 /// Bytes of queue blocks held now (counted against the bound).
 std::size_t staged_block_bytes() noexcept;
 /// Waits up to `wait_ms` for the flusher to have handed over everything staged; whether it
-/// did (tests and take-down).
+/// did (for tests).
 bool wait_until_handed_over(unsigned int wait_ms) noexcept;
 
 }  // namespace ara::log::detail

@@ -59,6 +59,15 @@ protected:
         ara::log::InitLogging("APP1", "ara application", ara::log::LogLevel::kWarn, mode);
     }
 
+    // The application brought up, its context CTXA at info, and the daemon's end attached.
+    const ara::log::Logger& attached_logger()
+    {
+        init_logging();
+        const ara::log::Logger& logger = ara::log::CreateLogger("CTXA", "context A", ara::log::LogLevel::kInfo);
+        attach();
+        return logger;
+    }
+
     void attach()
     {
         daemon_ = std::make_unique<Daemon_end>();
