@@ -10,7 +10,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=${BUILD:-"$root/build-bench"}
 [ -e "$build/CMakeCache.txt" ] || cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DLOGFERRY_BUILD_BENCH=ON -DLOGFERRY_BUILD_TESTS=OFF >/dev/null
 cmake --build "$build" --target logferry-monitor e2e_load -j"${JOBS:-2}" >/dev/null
-monitor="$build/tools/logferry-monitor"
+monitor="$build/daemon/logferry-monitor"
 load="$build/bench/e2e_load"
 
 work=$(mktemp -d /tmp/logferry-e2e.XXXXXX)

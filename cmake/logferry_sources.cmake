@@ -18,16 +18,16 @@ set(LOGFERRY_LISTENER_SOURCES
   ${LOGFERRY_SOURCE_ROOT}/src/listener/listener_list.cpp
   ${LOGFERRY_SOURCE_ROOT}/src/listener/listener_segment.cpp)
 set(LOGFERRY_FRONTEND_SOURCES
-  ${LOGFERRY_SOURCE_ROOT}/src/frontend/control_requests.cpp
-  ${LOGFERRY_SOURCE_ROOT}/src/frontend/lifecycle.cpp
-  ${LOGFERRY_SOURCE_ROOT}/src/frontend/log_filters.cpp
-  ${LOGFERRY_SOURCE_ROOT}/src/frontend/log_stream.cpp
-  ${LOGFERRY_SOURCE_ROOT}/src/frontend/receiver_thread.cpp
-  ${LOGFERRY_SOURCE_ROOT}/src/frontend/registration.cpp
-  ${LOGFERRY_SOURCE_ROOT}/src/frontend/state.cpp)
+  ${LOGFERRY_SOURCE_ROOT}/src/runtime/control_requests.cpp
+  ${LOGFERRY_SOURCE_ROOT}/src/runtime/lifecycle.cpp
+  ${LOGFERRY_SOURCE_ROOT}/src/runtime/log_filters.cpp
+  ${LOGFERRY_SOURCE_ROOT}/src/streams/log_stream.cpp
+  ${LOGFERRY_SOURCE_ROOT}/src/runtime/receiver_thread.cpp
+  ${LOGFERRY_SOURCE_ROOT}/src/runtime/registration.cpp
+  ${LOGFERRY_SOURCE_ROOT}/src/runtime/state.cpp)
 
 set(LOGFERRY_JX_OSAL_SOURCES ${LOGFERRY_SOURCE_ROOT}/platform/jx_osal/jx_osal.cpp)
-set(LOGFERRY_DECODER_SOURCES ${LOGFERRY_SOURCE_ROOT}/tools/decoder/decoder.cpp
-  ${LOGFERRY_SOURCE_ROOT}/tools/decoder/message_view.cpp)
-set(LOGFERRY_DLT_SOURCES ${LOGFERRY_SOURCE_ROOT}/tools/dlt/dlt_message.cpp ${LOGFERRY_SOURCE_ROOT}/tools/dlt/dlt_control.cpp
-  ${LOGFERRY_SOURCE_ROOT}/tools/dlt/dlt_file.cpp ${LOGFERRY_SOURCE_ROOT}/tools/dlt/dlt_tcp.cpp)
+set(LOGFERRY_DECODER_SOURCES ${LOGFERRY_SOURCE_ROOT}/src/wire/decoder.cpp
+  ${LOGFERRY_SOURCE_ROOT}/daemon/collector/message_view.cpp)
+set(LOGFERRY_DLT_SOURCES ${LOGFERRY_SOURCE_ROOT}/daemon/dlt/dlt_message.cpp ${LOGFERRY_SOURCE_ROOT}/daemon/dlt/dlt_control.cpp
+  ${LOGFERRY_SOURCE_ROOT}/daemon/dlt/dlt_file.cpp ${LOGFERRY_SOURCE_ROOT}/daemon/dlt/dlt_tcp.cpp)

@@ -1,4 +1,4 @@
-// Fuzz harness: the daemon-side record decoder (tools/decoder) on arbitrary bytes, as one
+// Fuzz harness: the daemon-side record decoder (src/wire/decoder.cpp) on arbitrary bytes, as one
 // record, as a read of the priority area and as one unit of the application's ring.
 //
 // Checked besides memory safety: a successful decode accounts for its input exactly

@@ -1,4 +1,4 @@
-// Fuzz harness: the DLT control request parser (tools/dlt) on arbitrary bytes as a client
+// Fuzz harness: the DLT control request parser (daemon/dlt) on arbitrary bytes as a client
 // sends them, walked message by message as the TCP server does, and the log-info response
 // built from IDs and descriptions taken from the input.
 //

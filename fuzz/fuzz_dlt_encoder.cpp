@@ -1,4 +1,4 @@
-// Fuzz harness: the DLT log message encoder (tools/dlt) on messages built from the input.
+// Fuzz harness: the DLT log message encoder (daemon/dlt) on messages built from the input.
 //
 // Input: capacity (u16, the output buffer's size), level, counter, timestamp (u32), session
 // ID (u32), the three IDs (4 bytes each), the argument count (u8, at most 40 used), then per

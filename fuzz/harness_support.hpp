@@ -3,7 +3,7 @@
 // and the checks of expectations.
 //
 // The harnesses are compiled twice: as libFuzzer programs (fuzz/CMakeLists.txt) and into the
-// regression test of the normal suite (tests/test_fuzz_regressions.cpp), where their entry
+// regression test of the normal suite (tests/whole/test_fuzz_regressions.cpp), where their entry
 // point is renamed by a macro. Everything here is header-only and inline.
 #ifndef LOGFERRY_FUZZ_HARNESS_SUPPORT_HPP
 #define LOGFERRY_FUZZ_HARNESS_SUPPORT_HPP

@@ -49,7 +49,7 @@ poll() {
     return 1
 }
 
-"$build/tools/logferry-monitor" --quiet --dlt-port 0 --level MAIN=debug >"$work/monitor.txt" 2>&1 &
+"$build/daemon/logferry-monitor" --quiet --dlt-port 0 --level MAIN=debug >"$work/monitor.txt" 2>&1 &
 pids+=($!)
 poll 100 grep -q '^dlt-port ' "$work/monitor.txt"
 port=$(awk '/^dlt-port / {print $2}' "$work/monitor.txt")

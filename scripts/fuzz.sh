@@ -7,7 +7,7 @@
 #      in the build directory, never into the checked-in one.
 # Exits non-zero on any finding (crash, sanitizer report, broken expectation, leak, time-out
 # or memory limit). A finding is copied into fuzz/regressions/<harness>/, where it belongs
-# from then on (commit it with the fix); tests/test_fuzz_regressions.cpp replays the same
+# from then on (commit it with the fix); tests/whole/test_fuzz_regressions.cpp replays the same
 # inputs in the normal test suites.
 #
 # Usage: scripts/fuzz.sh [seconds]

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Static checks. Installs what it needs first; exits non-zero on any finding.
-# 1. Formatting: every C++ file under src/, include/, tools/, examples/, tests/, fuzz/ and
+# 1. Formatting: every C++ file under src/, include/, daemon/, examples/, tests/, fuzz/ and
 #    bench/ (build directories left out) must be as clang-format 14 formats it (.clang-format).
 # 2. clang-tidy (.clang-tidy, every finding an error) over every src/**/*.cpp and the library's
 #    headers they include (include/logferry/, src/), with the compile commands of a
@@ -19,7 +19,7 @@ for tool in clang-format clang-tidy; do
 done
 
 echo "=== clang-format ==="
-mapfile -t sources < <(find src include tools examples tests fuzz bench -type d -name 'build*' -prune -o \
+mapfile -t sources < <(find src include daemon examples tests fuzz bench -type d -name 'build*' -prune -o \
     -type f \( -name '*.cpp' -o -name '*.hpp' -o -name '*.h' -o -name '*.cc' \) -print | sort)
 if clang-format --dry-run --Werror "${sources[@]}"; then
     echo "${#sources[@]} files formatted"

@@ -52,7 +52,7 @@ warnings=$(groff -man -Tutf8 -ww -z docs/logferry-monitor.1 2>&1)
 [ -z "$warnings" ] || fail "the manual page renders with warnings: $warnings"
 MANWIDTH=80 man -l "$build/logferry-monitor.1.gz" 2>&1 | col -b > "$build/logferry-monitor.txt"
 # Every option the program's --help names, and those of the service, are described.
-mapfile -t help_options < <("$build/tools/logferry-monitor" --help | grep -oE -- '--[a-z][a-z-]*' | sort -u)
+mapfile -t help_options < <("$build/daemon/logferry-monitor" --help | grep -oE -- '--[a-z][a-z-]*' | sort -u)
 [ ${#help_options[@]} -ge 5 ] || fail "no options in logferry-monitor --help"
 for option in "${help_options[@]}" --quiet --ecu --dlt-file --dlt-file-limit --dlt-port --dlt-bind --app-file-dir \
     ADAPTIVE_RUNSTATE_DIR "EXIT STATUS" SIGTERM; do

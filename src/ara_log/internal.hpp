@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "ara/log/logger.h"
-#include "frontend/front_end_hooks.hpp"
+#include "runtime/front_end_hooks.hpp"
 
 namespace ara::log::detail {
 

@@ -42,7 +42,7 @@
 #include "ara_log/internal.hpp"
 #include "ara_log/staging.hpp"
 #include "ara_log/stamp_clock.hpp"
-#include "frontend/front_end_hooks.hpp"
+#include "runtime/front_end_hooks.hpp"
 #include "logferry/client.hpp"
 #include "wire/shared_fields.hpp"
 

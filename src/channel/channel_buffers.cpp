@@ -38,7 +38,7 @@
 #include <cstring>
 #include <string>
 
-#include "frontend/front_end_hooks.hpp"
+#include "runtime/front_end_hooks.hpp"
 #include "logferry/channel.hpp"
 #include "logferry/system.hpp"
 #include "system/robust_mutex.hpp"

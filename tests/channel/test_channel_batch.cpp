@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "frontend/front_end_hooks.hpp"
+#include "runtime/front_end_hooks.hpp"
 #include "logferry/channel.hpp"
 #include "support/channel_fixture.hpp"
 #include "support/test_util.hpp"

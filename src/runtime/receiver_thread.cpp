@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <iostream>
 
-#include "frontend/front_end_hooks.hpp"
+#include "runtime/front_end_hooks.hpp"
 #include "logferry/client.hpp"
 #include "logferry/system.hpp"
 #include "wire/wire.hpp"

@@ -1,5 +1,5 @@
 // The byte layouts of DLT version 1 as this project writes and reads them, drawn once here;
-// every other file of tools/dlt/ uses the constants below. Offsets in bytes.
+// every other file of daemon/dlt/ uses the constants below. Offsets in bytes.
 //
 // Storage header (files only, before each message; 16 bytes):
 //
