@@ -5,7 +5,11 @@
 
 #include "decoder.hpp"
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
+#include <string>
+#include <utility>
 
 #include "logferry/message.hpp"
 #include "wire/wire.hpp"
@@ -15,8 +19,6 @@ namespace {
 
 using namespace logferry;
 using namespace logferry::wire;
-
-constexpr std::uint8_t MAX_LEVEL = MAX_LOG_LEVEL;
 
 // Characters of a zero-padded field up to its first zero (at most `width`).
 std::string field_text(const unsigned char* p, std::size_t width)
@@ -55,306 +57,420 @@ struct Extent {
     std::uint32_t stream_key = 0;
 };
 
-// Decodes the record that starts at data[pos]. With `out` null only the extent is
-// determined (no strings or payloads are copied).
-Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, Text_form form, Record* out)
+Extent extent_of(std::size_t size)
 {
     Extent x;
-    if (pos >= size) {
-        x.error = make_error(Error_code::truncated, pos, -1, "the input ends where a record should start");
+    x.size = size;
+    return x;
+}
+
+// The record a reader is handed: its bytes from the kind byte on, where it starts in the
+// input, how many bytes the input still holds from there and how it is to be taken.
+// Offsets given to the error helpers are positions within the record.
+struct Reading {
+    const unsigned char* p;  // the kind byte
+    std::size_t pos;         // where the record starts in the input
+    std::size_t left;        // bytes from there to the end of the input
+    std::uint8_t kind;
+    Text_form form;
+    bool copy;  // strings and payloads are wanted, not only the extent
+
+    Extent fail(Error_code code, std::size_t at, std::string detail) const
+    {
+        Extent x;
+        x.error = make_error(code, pos + at, kind, std::move(detail));
         return x;
     }
-    const unsigned char* p = data + pos;
-    const std::size_t left = size - pos;
-    const std::uint8_t kind = p[0];
-    if (kind > MAX_KIND) {
-        x.error = make_error(Error_code::unknown_kind, pos, kind, "no record kind above 24 exists");
-        return x;
-    }
-    const auto fail = [&](Error_code code, std::size_t at, std::string detail) {
-        x.error = make_error(code, at, kind, std::move(detail));
-        return x;
-    };
-    const auto too_short = [&](std::size_t needed) {
-        return fail(Error_code::truncated, pos,
+
+    // The input ends before the `needed` bytes that the record takes at least.
+    Extent too_short(std::size_t needed) const
+    {
+        return fail(Error_code::truncated, 0,
                     std::string(kind_name(kind)) + " needs " + std::to_string(needed) + " bytes, " +
                         std::to_string(left) + " left");
-    };
-    const auto bad_level = [&](std::uint8_t level, std::size_t at) {
-        return fail(Error_code::invalid_value, pos + at, "log level " + std::to_string(level) + " is above 6");
-    };
+    }
 
-    Record scratch;
-    Record& r = out != nullptr ? *out : scratch;
-    r = Record();
-    r.kind = kind;
-    r.offset = pos;
+    Extent bad_level(std::uint8_t level, std::size_t at) const
+    {
+        return fail(Error_code::invalid_value, at, "log level " + std::to_string(level) + " is above 6");
+    }
+};
 
+// A reader decodes the fields of one kind (or family of kinds) into the record and tells
+// the record's extent; decode_at does what is common to all of them.
+using Reader = Extent (*)(const Reading& in, Record& r);
+
+// A little-endian unsigned number of 1, 2, 4 or 8 bytes.
+std::uint64_t get_number(const unsigned char* p, std::size_t bytes) noexcept
+{
+    switch (bytes) {
+    case sizeof(std::uint8_t):
+        return p[0];
+    case sizeof(std::uint16_t):
+        return get_u16(p);
+    case sizeof(std::uint32_t):
+        return get_u32(p);
+    default:
+        return get_u64(p);
+    }
+}
+
+// The two's-complement value of the low `bits` bits (1 to 64) of `value`.
+std::int64_t sign_extend(std::uint64_t value, unsigned int bits) noexcept
+{
+    if (bits == 0 || bits >= CHAR_BIT * sizeof(std::uint64_t)) {
+        return static_cast<std::int64_t>(value);
+    }
+    const std::uint64_t sign = std::uint64_t{1} << (bits - 1);
+    return static_cast<std::int64_t>((value ^ sign) - sign);
+}
+
+unsigned int bits_of(std::size_t bytes) noexcept { return static_cast<unsigned int>(CHAR_BIT * bytes); }
+
+Extent read_unknown(const Reading& in, Record& /*r*/)
+{
+    return in.fail(Error_code::unknown_kind, 0, "no record kind above 24 exists");
+}
+
+// Kinds 0, 1 and 4: the kind byte alone.
+Extent read_bare(const Reading& /*in*/, Record& /*r*/) { return extent_of(BARE_SIZE); }
+
+// Kind 2: the file name, zero-padded to its whole field.
+Extent read_init_file(const Reading& in, Record& r)
+{
+    if (in.left < INIT_FILE_SIZE) {
+        return in.too_short(INIT_FILE_SIZE);
+    }
+    const unsigned char* const name = in.p + init_file::FILE_NAME_AT;
+    if (find_zero(name, RECORD_FILE_NAME_SIZE) == RECORD_FILE_NAME_SIZE) {
+        return in.fail(Error_code::unterminated_field, init_file::FILE_NAME_AT,
+                       "file name without its zero in 255 bytes");
+    }
+    if (in.copy) {
+        r.text = field_text(name, RECORD_FILE_NAME_SIZE);
+    }
+    return extent_of(INIT_FILE_SIZE);
+}
+
+// The ID and the description that end kinds 3 and 5: the description runs up to its zero,
+// which lies within its 80-byte field.
+Extent read_id_and_description(const Reading& in, Record& r, std::size_t id_at, std::size_t text_at,
+                               const char* unterminated_id)
+{
+    if (in.p[id_at + RECORD_ID_SIZE - 1] != 0) {
+        return in.fail(Error_code::unterminated_field, id_at, unterminated_id);
+    }
+    const std::size_t room = std::min(in.left - text_at, RECORD_DESCRIPTION_SIZE);
+    const std::size_t n = find_zero(in.p + text_at, room);
+    if (n == room) {
+        if (room < RECORD_DESCRIPTION_SIZE) {
+            return in.fail(Error_code::truncated, text_at,
+                           "description runs past the end of the input without its zero");
+        }
+        return in.fail(Error_code::unterminated_field, text_at, "description without its zero in 80 bytes");
+    }
+    if (in.copy) {
+        r.id = field_text(in.p + id_at, RECORD_ID_SIZE);
+        r.text.assign(reinterpret_cast<const char*>(in.p + text_at), n);
+    }
+    return extent_of(text_at + n + 1);
+}
+
+// Kind 3: length, application ID, description.
+Extent read_register_app(const Reading& in, Record& r)
+{
+    constexpr std::size_t shortest = REGISTER_APP_HEAD_SIZE + 1;  // an empty description: its zero
+    if (in.left < shortest) {
+        return in.too_short(shortest);
+    }
+    r.length = get_u16(in.p + register_app::LENGTH_AT);
+    return read_id_and_description(in, r, register_app::APP_ID_AT, register_app::DESCRIPTION_AT,
+                                   "application ID without its zero");
+}
+
+// Kind 5: length, level, handle, context ID, description.
+Extent read_register_context(const Reading& in, Record& r)
+{
+    constexpr std::size_t shortest = REGISTER_CONTEXT_HEAD_SIZE + 1;  // an empty description: its zero
+    if (in.left < shortest) {
+        return in.too_short(shortest);
+    }
+    r.length = get_u16(in.p + register_context::LENGTH_AT);
+    r.log_level = in.p[register_context::LEVEL_AT];
+    r.context_handle = get_u32(in.p + register_context::HANDLE_AT);
+    if (r.log_level > MAX_LOG_LEVEL) {
+        return in.bad_level(r.log_level, register_context::LEVEL_AT);
+    }
+    return read_id_and_description(in, r, register_context::CONTEXT_ID_AT, register_context::DESCRIPTION_AT,
+                                   "context ID without its zero");
+}
+
+// Kind 6: the context handle.
+Extent read_unregister_context(const Reading& in, Record& r)
+{
+    if (in.left < UNREGISTER_CONTEXT_SIZE) {
+        return in.too_short(UNREGISTER_CONTEXT_SIZE);
+    }
+    r.context_handle = get_u32(in.p + unregister_context::HANDLE_AT);
+    return extent_of(UNREGISTER_CONTEXT_SIZE);
+}
+
+// Kind 7: level, context handle, stream key, time stamp.
+Extent read_start(const Reading& in, Record& r)
+{
+    if (in.left < START_SIZE) {
+        return in.too_short(START_SIZE);
+    }
+    r.log_level = in.p[start::LEVEL_AT];
+    r.context_handle = get_u32(in.p + start::HANDLE_AT);
+    r.stream_key = get_u32(in.p + start::KEY_AT);
+    r.timestamp = get_u32(in.p + start::TIMESTAMP_AT);
+    if (r.log_level > MAX_LOG_LEVEL) {
+        return in.bad_level(r.log_level, start::LEVEL_AT);
+    }
+    return extent_of(START_SIZE);
+}
+
+// Kind 8: the stream key.
+Extent read_finish(const Reading& in, Record& r)
+{
+    if (in.left < FINISH_SIZE) {
+        return in.too_short(FINISH_SIZE);
+    }
+    r.stream_key = get_u32(in.p + finish::KEY_AT);
+    return extent_of(FINISH_SIZE);
+}
+
+// Kind 9: stream key, then the value as one byte that is 0 or 1.
+Extent read_bool(const Reading& in, Record& r)
+{
+    const std::size_t size = fixed_size(KIND_WRITE_BOOL);
+    if (in.left < size) {
+        return in.too_short(size);
+    }
+    r.stream_key = get_u32(in.p + plain::KEY_AT);
+    const std::uint8_t value = in.p[plain::VALUE_AT];
+    if (value > 1) {
+        return in.fail(Error_code::invalid_value, plain::VALUE_AT,
+                       "boolean value " + std::to_string(value) + " is neither 0 nor 1");
+    }
+    r.bool_value = value == 1;
+    r.value_bits = bits_of(size - plain::VALUE_AT);
+    return extent_of(size);
+}
+
+// Kinds 10-13: stream key, then a signed number of 1, 2, 4 or 8 bytes.
+Extent read_signed(const Reading& in, Record& r)
+{
+    const std::size_t size = fixed_size(in.kind);
+    if (in.left < size) {
+        return in.too_short(size);
+    }
+    const std::size_t bytes = size - plain::VALUE_AT;
+    r.stream_key = get_u32(in.p + plain::KEY_AT);
+    r.value_bits = bits_of(bytes);
+    r.signed_value = sign_extend(get_number(in.p + plain::VALUE_AT, bytes), r.value_bits);
+    return extent_of(size);
+}
+
+// Kinds 14-17: format, an unsigned number of 1, 2, 4 or 8 bytes, then the stream key.
+Extent read_formatted(const Reading& in, Record& r)
+{
+    const std::size_t size = fixed_size(in.kind);
+    if (in.left < size) {
+        return in.too_short(size);
+    }
+    const std::size_t bytes = size - formatted_size(0);
+    r.format = in.p[formatted::FORMAT_AT];
+    r.value_bits = bits_of(bytes);
+    r.unsigned_value = get_number(in.p + formatted::VALUE_AT, bytes);
+    r.stream_key = get_u32(in.p + formatted::key_at(bytes));
+    return extent_of(size);
+}
+
+// Kinds 18 and 19: stream key, then the float or double as the bytes the encoder took
+// from memory.
+template <typename T>
+Extent read_float(const Reading& in, Record& r)
+{
+    constexpr std::size_t size = plain_size(sizeof(T));
+    if (in.left < size) {
+        return in.too_short(size);
+    }
+    r.stream_key = get_u32(in.p + plain::KEY_AT);
+    r.float_value = get_memory<T>(in.p + plain::VALUE_AT);
+    r.value_bits = bits_of(sizeof(T));
+    return extent_of(size);
+}
+
+// Kind 20: length, stream key and the text up to its zero (within 1390 bytes); in the
+// short form the record ends after the stream key.
+Extent read_text(const Reading& in, Record& r)
+{
+    if (in.left < TEXT_HEAD_SIZE) {
+        return in.too_short(TEXT_HEAD_SIZE);
+    }
+    r.length = get_u16(in.p + text::LENGTH_AT);
+    r.stream_key = get_u32(in.p + text::KEY_AT);
+    if (in.form == Text_form::header_only) {
+        r.irregular |= text_omitted;
+        return extent_of(TEXT_HEAD_SIZE);
+    }
+    const std::size_t room = std::min(in.left - TEXT_HEAD_SIZE, RECORD_DATA_SIZE);
+    const std::size_t n = find_zero(in.p + text::TEXT_AT, room);
+    if (n == room) {
+        if (room < RECORD_DATA_SIZE) {
+            return in.fail(Error_code::truncated, text::TEXT_AT,
+                           "text runs past the end of the input without its zero");
+        }
+        return in.fail(Error_code::unterminated_field, text::TEXT_AT, "text without its zero in 1390 bytes");
+    }
+    if (in.copy) {
+        r.text.assign(reinterpret_cast<const char*>(in.p + text::TEXT_AT), n);
+    }
+    return extent_of(text_size(n));
+}
+
+// The payload behind the `fixed` bytes of fixed fields of kinds 21-23: as many bytes as
+// the size field says when that is 1 to 1389, else none.
+Extent take_payload(const Reading& in, Record& r, std::size_t fixed)
+{
+    const std::size_t carried = carried_payload(r.payload_size);
+    if (in.left - fixed < carried) {
+        return in.fail(
+            Error_code::truncated, fixed,
+            "payload of " + std::to_string(carried) + " bytes, " + std::to_string(in.left - fixed) + " left");
+    }
+    if (r.payload_size > RECORD_MAX_PAYLOAD_SIZE) {
+        r.irregular |= payload_omitted;
+    }
+    if (in.copy) {
+        r.payload.assign(in.p + fixed, in.p + fixed + carried);
+    }
+    return extent_of(fixed + carried);
+}
+
+// Kind 21: length, format, size, stream key, payload.
+Extent read_raw(const Reading& in, Record& r)
+{
+    if (in.left < RAW_HEAD_SIZE) {
+        return in.too_short(RAW_HEAD_SIZE);
+    }
+    r.length = get_u16(in.p + raw::LENGTH_AT);
+    r.format = in.p[raw::FORMAT_AT];
+    r.payload_size = get_u16(in.p + raw::SIZE_AT);
+    r.stream_key = get_u32(in.p + raw::KEY_AT);
+    return take_payload(in, r, RAW_HEAD_SIZE);
+}
+
+// Kind 22: length, size, stream key, payload.
+Extent read_encoded_payload(const Reading& in, Record& r)
+{
+    if (in.left < ENCODED_PAYLOAD_HEAD_SIZE) {
+        return in.too_short(ENCODED_PAYLOAD_HEAD_SIZE);
+    }
+    r.length = get_u16(in.p + encoded_payload::LENGTH_AT);
+    r.payload_size = get_u16(in.p + encoded_payload::SIZE_AT);
+    r.stream_key = get_u32(in.p + encoded_payload::KEY_AT);
+    return take_payload(in, r, ENCODED_PAYLOAD_HEAD_SIZE);
+}
+
+// Kind 23: length, size, payload; no stream key.
+Extent read_encoded_message(const Reading& in, Record& r)
+{
+    if (in.left < ENCODED_MESSAGE_HEAD_SIZE) {
+        return in.too_short(ENCODED_MESSAGE_HEAD_SIZE);
+    }
+    r.length = get_u16(in.p + encoded_message::LENGTH_AT);
+    r.payload_size = get_u16(in.p + encoded_message::SIZE_AT);
+    return take_payload(in, r, ENCODED_MESSAGE_HEAD_SIZE);
+}
+
+// Kind 24: level, context handle.
+Extent read_level_update(const Reading& in, Record& r)
+{
+    if (in.left < LEVEL_UPDATE_SIZE) {
+        return in.too_short(LEVEL_UPDATE_SIZE);
+    }
+    r.log_level = in.p[level_update::LEVEL_AT];
+    r.context_handle = get_u32(in.p + level_update::HANDLE_AT);
+    if (r.log_level > MAX_LOG_LEVEL) {
+        return in.bad_level(r.log_level, level_update::LEVEL_AT);
+    }
+    return extent_of(LEVEL_UPDATE_SIZE);
+}
+
+// The reader of each record kind.
+Reader reader_for(std::uint8_t kind) noexcept
+{
     switch (kind) {
     case KIND_DISABLE_REMOTE:
     case KIND_ENABLE_LOCAL_PRINT:
     case KIND_UNREGISTER_APP:
-        x.size = BARE_SIZE;
-        break;
-
-    case KIND_INIT_FILE: {
-        if (left < INIT_FILE_SIZE) {
-            return too_short(INIT_FILE_SIZE);
-        }
-        const unsigned char* const name = p + init_file::FILE_NAME_AT;
-        if (find_zero(name, RECORD_FILE_NAME_SIZE) == RECORD_FILE_NAME_SIZE) {
-            return fail(Error_code::unterminated_field, pos + init_file::FILE_NAME_AT,
-                        "file name without its zero in 255 bytes");
-        }
-        if (out != nullptr) {
-            r.text = field_text(name, RECORD_FILE_NAME_SIZE);
-        }
-        x.size = INIT_FILE_SIZE;
-        break;
-    }
-
+        return read_bare;
+    case KIND_INIT_FILE:
+        return read_init_file;
     case KIND_REGISTER_APP:
-    case KIND_REGISTER_CONTEXT: {
-        const bool app = kind == KIND_REGISTER_APP;
-        const std::size_t id_at = app ? register_app::APP_ID_AT : register_context::CONTEXT_ID_AT;
-        const std::size_t text_at = app ? register_app::DESCRIPTION_AT : register_context::DESCRIPTION_AT;
-        if (left < text_at + 1) {
-            return too_short(text_at + 1);
-        }
-        static_assert(register_app::LENGTH_AT == register_context::LENGTH_AT, "one length field");
-        r.length = get_u16(p + register_app::LENGTH_AT);
-        if (!app) {
-            r.log_level = p[register_context::LEVEL_AT];
-            r.context_handle = get_u32(p + register_context::HANDLE_AT);
-            if (r.log_level > MAX_LEVEL) {
-                return bad_level(r.log_level, register_context::LEVEL_AT);
-            }
-        }
-        if (p[id_at + RECORD_ID_SIZE - 1] != 0) {
-            return fail(Error_code::unterminated_field, pos + id_at,
-                        app ? "application ID without its zero" : "context ID without its zero");
-        }
-        const std::size_t room = left - text_at < RECORD_DESCRIPTION_SIZE ? left - text_at : RECORD_DESCRIPTION_SIZE;
-        const std::size_t n = find_zero(p + text_at, room);
-        if (n == room) {
-            if (room < RECORD_DESCRIPTION_SIZE) {
-                return fail(Error_code::truncated, pos + text_at,
-                            "description runs past the end of the input without its zero");
-            }
-            return fail(Error_code::unterminated_field, pos + text_at, "description without its zero in 80 bytes");
-        }
-        if (out != nullptr) {
-            r.id = field_text(p + id_at, RECORD_ID_SIZE);
-            r.text.assign(reinterpret_cast<const char*>(p + text_at), n);
-        }
-        x.size = text_at + n + 1;
-        break;
-    }
-
+        return read_register_app;
+    case KIND_REGISTER_CONTEXT:
+        return read_register_context;
     case KIND_UNREGISTER_CONTEXT:
-        if (left < UNREGISTER_CONTEXT_SIZE) {
-            return too_short(UNREGISTER_CONTEXT_SIZE);
-        }
-        r.context_handle = get_u32(p + unregister_context::HANDLE_AT);
-        x.size = UNREGISTER_CONTEXT_SIZE;
-        break;
-
+        return read_unregister_context;
     case KIND_WRITE_START:
-        if (left < START_SIZE) {
-            return too_short(START_SIZE);
-        }
-        r.log_level = p[start::LEVEL_AT];
-        r.context_handle = get_u32(p + start::HANDLE_AT);
-        r.stream_key = get_u32(p + start::KEY_AT);
-        r.timestamp = get_u32(p + start::TIMESTAMP_AT);
-        if (r.log_level > MAX_LEVEL) {
-            return bad_level(r.log_level, start::LEVEL_AT);
-        }
-        x.size = START_SIZE;
-        break;
-
+        return read_start;
     case KIND_WRITE_FINISH:
-        if (left < FINISH_SIZE) {
-            return too_short(FINISH_SIZE);
-        }
-        r.stream_key = get_u32(p + finish::KEY_AT);
-        x.size = FINISH_SIZE;
-        break;
-
-    case KIND_WRITE_BOOL: {
-        if (left < plain_size(1)) {
-            return too_short(plain_size(1));
-        }
-        r.stream_key = get_u32(p + plain::KEY_AT);
-        const std::uint8_t value = p[plain::VALUE_AT];
-        if (value > 1) {
-            return fail(Error_code::invalid_value, pos + plain::VALUE_AT,
-                        "boolean value " + std::to_string(value) + " is neither 0 nor 1");
-        }
-        r.bool_value = value == 1;
-        r.value_bits = 8;
-        x.size = plain_size(1);
-        break;
-    }
-
+        return read_finish;
+    case KIND_WRITE_BOOL:
+        return read_bool;
     case KIND_WRITE_INT8:
     case KIND_WRITE_INT16:
     case KIND_WRITE_INT32:
-    case KIND_WRITE_INT64: {
-        const unsigned int bytes = 1U << (kind - KIND_WRITE_INT8);
-        if (left < plain_size(bytes)) {
-            return too_short(plain_size(bytes));
-        }
-        r.stream_key = get_u32(p + plain::KEY_AT);
-        r.value_bits = 8 * bytes;
-        const unsigned char* const value = p + plain::VALUE_AT;
-        switch (bytes) {
-        case 1:
-            r.signed_value = static_cast<std::int8_t>(value[0]);
-            break;
-        case 2:
-            r.signed_value = static_cast<std::int16_t>(get_u16(value));
-            break;
-        case 4:
-            r.signed_value = static_cast<std::int32_t>(get_u32(value));
-            break;
-        default:
-            r.signed_value = static_cast<std::int64_t>(get_u64(value));
-            break;
-        }
-        x.size = plain_size(bytes);
-        break;
-    }
-
+    case KIND_WRITE_INT64:
+        return read_signed;
     case KIND_WRITE_UINT8_FORMATTED:
     case KIND_WRITE_UINT16_FORMATTED:
     case KIND_WRITE_UINT32_FORMATTED:
-    case KIND_WRITE_UINT64_FORMATTED: {
-        const unsigned int bytes = 1U << (kind - KIND_WRITE_UINT8_FORMATTED);
-        if (left < formatted_size(bytes)) {
-            return too_short(formatted_size(bytes));
-        }
-        r.format = p[formatted::FORMAT_AT];
-        r.value_bits = 8 * bytes;
-        const unsigned char* const value = p + formatted::VALUE_AT;
-        switch (bytes) {
-        case 1:
-            r.unsigned_value = value[0];
-            break;
-        case 2:
-            r.unsigned_value = get_u16(value);
-            break;
-        case 4:
-            r.unsigned_value = get_u32(value);
-            break;
-        default:
-            r.unsigned_value = get_u64(value);
-            break;
-        }
-        r.stream_key = get_u32(p + formatted::key_at(bytes));
-        x.size = formatted_size(bytes);
-        break;
-    }
-
+    case KIND_WRITE_UINT64_FORMATTED:
+        return read_formatted;
     case KIND_WRITE_FLOAT32:
-        if (left < plain_size(sizeof(float))) {
-            return too_short(plain_size(sizeof(float)));
-        }
-        r.stream_key = get_u32(p + plain::KEY_AT);
-        r.float_value = get_memory<float>(p + plain::VALUE_AT);  // in-memory bytes, as the encoder wrote them
-        r.value_bits = 32;
-        x.size = plain_size(sizeof(float));
-        break;
-
+        return read_float<float>;
     case KIND_WRITE_FLOAT64:
-        if (left < plain_size(sizeof(double))) {
-            return too_short(plain_size(sizeof(double)));
-        }
-        r.stream_key = get_u32(p + plain::KEY_AT);
-        r.float_value = get_memory<double>(p + plain::VALUE_AT);
-        r.value_bits = 64;
-        x.size = plain_size(sizeof(double));
-        break;
-
-    case KIND_WRITE_UTF8_STRING: {
-        if (left < TEXT_HEAD_SIZE) {
-            return too_short(TEXT_HEAD_SIZE);
-        }
-        r.length = get_u16(p + text::LENGTH_AT);
-        r.stream_key = get_u32(p + text::KEY_AT);
-        if (form == Text_form::header_only) {
-            r.irregular |= text_omitted;
-            x.size = TEXT_HEAD_SIZE;
-            break;
-        }
-        const std::size_t room = left - TEXT_HEAD_SIZE < RECORD_DATA_SIZE ? left - TEXT_HEAD_SIZE : RECORD_DATA_SIZE;
-        const std::size_t n = find_zero(p + text::TEXT_AT, room);
-        if (n == room) {
-            if (room < RECORD_DATA_SIZE) {
-                return fail(Error_code::truncated, pos + text::TEXT_AT,
-                            "text runs past the end of the input without its zero");
-            }
-            return fail(Error_code::unterminated_field, pos + text::TEXT_AT, "text without its zero in 1390 bytes");
-        }
-        if (out != nullptr) {
-            r.text.assign(reinterpret_cast<const char*>(p + text::TEXT_AT), n);
-        }
-        x.size = text_size(n);
-        break;
-    }
-
+        return read_float<double>;
+    case KIND_WRITE_UTF8_STRING:
+        return read_text;
     case KIND_WRITE_RAW_FORMATTED:
+        return read_raw;
     case KIND_WRITE_ENCODED_PAYLOAD:
-    case KIND_WRITE_ENCODED_MESSAGE: {
-        // Fixed fields: 21 length, format, size, key; 22 length, size, key; 23 length, size.
-        const std::size_t fixed = kind == KIND_WRITE_RAW_FORMATTED     ? RAW_HEAD_SIZE
-                                  : kind == KIND_WRITE_ENCODED_PAYLOAD ? ENCODED_PAYLOAD_HEAD_SIZE
-                                                                       : ENCODED_MESSAGE_HEAD_SIZE;
-        if (left < fixed) {
-            return too_short(fixed);
-        }
-        static_assert(raw::LENGTH_AT == encoded_payload::LENGTH_AT && raw::LENGTH_AT == encoded_message::LENGTH_AT,
-                      "one length field");
-        r.length = get_u16(p + raw::LENGTH_AT);
-        if (kind == KIND_WRITE_RAW_FORMATTED) {
-            r.format = p[raw::FORMAT_AT];
-            r.payload_size = get_u16(p + raw::SIZE_AT);
-            r.stream_key = get_u32(p + raw::KEY_AT);
-        } else if (kind == KIND_WRITE_ENCODED_PAYLOAD) {
-            r.payload_size = get_u16(p + encoded_payload::SIZE_AT);
-            r.stream_key = get_u32(p + encoded_payload::KEY_AT);
-        } else {
-            r.payload_size = get_u16(p + encoded_message::SIZE_AT);
-        }
-        const std::size_t carried = carried_payload(r.payload_size);
-        if (left - fixed < carried) {
-            return fail(Error_code::truncated, pos + fixed,
-                        "payload of " + std::to_string(carried) + " bytes, " + std::to_string(left - fixed) + " left");
-        }
-        if (r.payload_size > RECORD_MAX_PAYLOAD_SIZE) {
-            r.irregular |= payload_omitted;
-        }
-        if (out != nullptr) {
-            r.payload.assign(p + fixed, p + fixed + carried);
-        }
-        x.size = fixed + carried;
-        break;
+        return read_encoded_payload;
+    case KIND_WRITE_ENCODED_MESSAGE:
+        return read_encoded_message;
+    case KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER:
+        return read_level_update;
+    default:
+        return read_unknown;
     }
+}
 
-    default:  // KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER
-        if (left < LEVEL_UPDATE_SIZE) {
-            return too_short(LEVEL_UPDATE_SIZE);
-        }
-        r.log_level = p[level_update::LEVEL_AT];
-        r.context_handle = get_u32(p + level_update::HANDLE_AT);
-        if (r.log_level > MAX_LEVEL) {
-            return bad_level(r.log_level, level_update::LEVEL_AT);
-        }
-        x.size = LEVEL_UPDATE_SIZE;
-        break;
+// Decodes the record that starts at data[pos]. With `out` null only the extent is
+// determined (no strings or payloads are copied).
+Extent decode_at(const unsigned char* data, std::size_t size, std::size_t pos, Text_form form, Record* out)
+{
+    if (pos >= size) {
+        Extent x;
+        x.error = make_error(Error_code::truncated, pos, -1, "the input ends where a record should start");
+        return x;
     }
-
-    if (has_length_field(kind) && r.length != x.size) {
+    Record scratch;
+    Record& r = out != nullptr ? *out : scratch;
+    r = Record();
+    r.kind = data[pos];
+    r.offset = pos;
+    const Reading in{data + pos, pos, size - pos, r.kind, form, out != nullptr};
+    Extent x = reader_for(r.kind)(in, r);
+    if (!x.error.ok()) {
+        return x;
+    }
+    if (has_length_field(r.kind) && r.length != x.size) {
         r.irregular |= length_mismatch;
     }
     r.size = x.size;
