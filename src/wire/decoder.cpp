@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -26,7 +27,7 @@ std::string field_text(const unsigned char* p, std::size_t width)
     const void* zero = std::memchr(p, 0, width);
     const std::size_t n =
         zero == nullptr ? width : static_cast<std::size_t>(static_cast<const unsigned char*>(zero) - p);
-    return std::string(reinterpret_cast<const char*>(p), n);
+    return {reinterpret_cast<const char*>(p), n};
 }
 
 // Index of the first zero among `count` bytes at p, or `count` when there is none.
@@ -547,6 +548,73 @@ Ring_unit read_message_greedily(const unsigned char* data, std::size_t size, boo
     return failed(make_error(Error_code::missing_finish, size, -1, "the log message ends without a finish record"));
 }
 
+// The two ways a record may be taken, in the order they are tried.
+constexpr Text_form FORMS[] = {Text_form::with_text, Text_form::header_only};
+
+// A log message that ends with a finish record, seen from the stream key of that record.
+struct Finished_message {
+    const unsigned char* data;
+    std::size_t size;
+    std::size_t finish_at;  // where the finish record starts
+    std::uint32_t key;      // its stream key
+
+    // Extent of the record at `pos` read in `form`, or 0 when it cannot stand there.
+    std::size_t extent(std::size_t pos, Text_form form) const
+    {
+        const std::uint8_t kind = data[pos];
+        if (kind == KIND_WRITE_FINISH) {
+            return pos == finish_at && form == Text_form::with_text ? FINISH_SIZE : 0;
+        }
+        if (!is_message_kind(kind) || (form == Text_form::header_only && kind != KIND_WRITE_UTF8_STRING)) {
+            return 0;
+        }
+        const Extent x = decode_at(data, size, pos, form, nullptr);
+        return x.error.ok() && x.stream_key == key ? x.size : 0;
+    }
+};
+
+// Forwards: reachable[pos] is 1 where a record can start, reading from the message's
+// first byte in any form.
+std::vector<unsigned char> reachable_starts(const Finished_message& message)
+{
+    std::vector<unsigned char> reachable(message.size + 1, 0);
+    reachable[0] = 1;
+    for (std::size_t pos = 0; pos < message.finish_at; ++pos) {
+        if (reachable[pos] == 0) {
+            continue;
+        }
+        for (const Text_form form : FORMS) {
+            const std::size_t n = message.extent(pos, form);
+            if (n != 0) {
+                reachable[pos + n] = 1;
+            }
+        }
+    }
+    return reachable;
+}
+
+// Backwards: choice[pos] is 1 + the index in FORMS of the first form in which the record
+// at pos leads on to the finish record, 0 when none does or pos is not reachable.
+std::vector<unsigned char> completing_forms(const Finished_message& message,
+                                            const std::vector<unsigned char>& reachable)
+{
+    std::vector<unsigned char> choice(message.size + 1, 0);
+    choice[message.finish_at] = 1;
+    for (std::size_t pos = message.finish_at; pos-- > 0;) {
+        if (reachable[pos] == 0) {
+            continue;
+        }
+        for (std::size_t f = 0; f < std::size(FORMS); ++f) {
+            const std::size_t n = message.extent(pos, FORMS[f]);
+            if (n != 0 && pos + n <= message.finish_at && choice[pos + n] != 0) {
+                choice[pos] = static_cast<unsigned char>(f + 1);
+                break;
+            }
+        }
+    }
+    return choice;
+}
+
 // Finds a reading of the whole message in which every record belongs to the stream of
 // the finish record that ends it, trying for each text record its text before its short
 // form. Positions are visited once forwards (which record starts are reachable) and
@@ -558,62 +626,19 @@ bool read_message_exhaustively(const unsigned char* data, std::size_t size, std:
         return false;
     }
     const std::size_t finish_at = size - FINISH_SIZE;
-    const std::uint32_t key = get_u32(data + finish_at + finish::KEY_AT);
-
-    // Extent of the record at `pos` read in `form`, or 0 when it cannot stand there.
-    const auto extent = [&](std::size_t pos, Text_form form) -> std::size_t {
-        const std::uint8_t kind = data[pos];
-        if (kind == KIND_WRITE_FINISH) {
-            return pos == finish_at && form == Text_form::with_text ? FINISH_SIZE : 0;
-        }
-        if (!is_message_kind(kind) || (form == Text_form::header_only && kind != KIND_WRITE_UTF8_STRING)) {
-            return 0;
-        }
-        const Extent x = decode_at(data, size, pos, form, nullptr);
-        return x.error.ok() && x.stream_key == key ? x.size : 0;
-    };
-    const Text_form forms[] = {Text_form::with_text, Text_form::header_only};
-
-    std::vector<unsigned char> reachable(size + 1, 0);
-    reachable[0] = 1;
-    for (std::size_t pos = 0; pos < finish_at; ++pos) {
-        if (reachable[pos] == 0) {
-            continue;
-        }
-        for (const Text_form form : forms) {
-            const std::size_t n = extent(pos, form);
-            if (n != 0) {
-                reachable[pos + n] = 1;
-            }
-        }
-    }
+    const Finished_message message{data, size, finish_at, get_u32(data + finish_at + finish::KEY_AT)};
+    const std::vector<unsigned char> reachable = reachable_starts(message);
     if (reachable[finish_at] == 0) {
         return false;
     }
-
-    // choice[pos]: 1 + the form to read the record at pos in, 0 when no completion.
-    std::vector<unsigned char> choice(size + 1, 0);
-    choice[finish_at] = 1;
-    for (std::size_t pos = finish_at; pos-- > 0;) {
-        if (reachable[pos] == 0) {
-            continue;
-        }
-        for (unsigned char f = 0; f < 2; ++f) {
-            const std::size_t n = extent(pos, forms[f]);
-            if (n != 0 && pos + n <= finish_at && choice[pos + n] != 0) {
-                choice[pos] = static_cast<unsigned char>(f + 1);
-                break;
-            }
-        }
-    }
+    const std::vector<unsigned char> choice = completing_forms(message, reachable);
     if (choice[0] == 0) {
         return false;
     }
-
     records.clear();
     for (std::size_t pos = 0; pos < size;) {
         Record record;
-        const Extent x = decode_at(data, size, pos, forms[choice[pos] - 1], &record);
+        const Extent x = decode_at(data, size, pos, FORMS[choice[pos] - 1], &record);
         pos += x.size;
         records.push_back(std::move(record));
     }
