@@ -44,6 +44,16 @@ public:
 
 private:
     bool read_regular(const unsigned char* data, std::size_t size);
+    // The regular argument records: each reads the record at `record`, `left` bytes before
+    // the end of the unit, into the next argument and returns its size with its stream key
+    // in `key`, or returns 0 when the record is not regular.
+    std::size_t read_regular_argument(const unsigned char* record, std::size_t left, std::uint32_t& key);
+    std::size_t read_bool(const unsigned char* record, std::size_t left, std::uint32_t& key);
+    std::size_t read_signed(const unsigned char* record, std::size_t left, std::uint32_t& key);
+    std::size_t read_formatted(const unsigned char* record, std::size_t left, std::uint32_t& key);
+    std::size_t read_float(const unsigned char* record, std::size_t left, std::uint32_t& key);
+    std::size_t read_text(const unsigned char* record, std::size_t left, std::uint32_t& key);
+    std::size_t read_payload(const unsigned char* record, std::size_t left, std::uint32_t& key);
     bool read_decoded(const unsigned char* data, std::size_t size);
     logferry_dlt::Argument& next_arg();
 
