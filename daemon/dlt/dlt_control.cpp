@@ -59,6 +59,84 @@ void append_description(std::vector<unsigned char>& out, const std::string& text
     append_bytes(out, text.data(), size);
 }
 
+// Bytes of the standard header, as its type byte announces its optional fields.
+std::size_t standard_header_size(std::uint8_t htyp) noexcept
+{
+    return STD_FIXED_SIZE + ((htyp & HTYP_WEID) != 0 ? ECU_SIZE : 0) + ((htyp & HTYP_WSID) != 0 ? SESSION_SIZE : 0) +
+           ((htyp & HTYP_WTMS) != 0 ? TIMESTAMP_SIZE : 0);
+}
+
+// Whether an extended header's message info announces a non-verbose control request.
+bool is_control_request(std::uint8_t info) noexcept
+{
+    return (info & MSIN_VERB) == 0 && ((info & MSIN_MSTP_MASK) >> MSIN_MSTP_SHIFT) == MSTP_CONTROL &&
+           (info >> MSIN_MTIN_SHIFT) == MTIN_CONTROL_REQUEST;
+}
+
+// The parameters of the services that have any we read. The trailing communication
+// interface of the requests is optional here; a request too short for its parameters
+// stays invalid.
+
+void read_set_log_level(Control_request& request, const unsigned char* params, std::size_t size) noexcept
+{
+    if (size < 2 * ID_SIZE + 1) {
+        return;
+    }
+    std::memcpy(request.app, params, ID_SIZE);
+    std::memcpy(request.context, params + ID_SIZE, ID_SIZE);
+    request.level = static_cast<std::int8_t>(params[2 * ID_SIZE]);
+    request.valid = request.level >= LEVEL_DEFAULT && request.level <= LEVEL_MAX;
+}
+
+void read_set_default_log_level(Control_request& request, const unsigned char* params, std::size_t size) noexcept
+{
+    if (size < 1) {
+        return;
+    }
+    request.level = static_cast<std::int8_t>(params[0]);
+    request.valid = request.level >= 0 && request.level <= LEVEL_MAX;
+}
+
+void read_get_log_info(Control_request& request, const unsigned char* params, std::size_t size) noexcept
+{
+    if (size < 1 + 2 * ID_SIZE) {
+        return;
+    }
+    request.options = params[0];
+    std::memcpy(request.app, params + 1, ID_SIZE);
+    std::memcpy(request.context, params + 1 + ID_SIZE, ID_SIZE);
+    request.valid = true;
+}
+
+// The payload of a control request: the service ID, in the byte order the header's MSBF
+// bit announces (`big`), and the service's parameters.
+void read_request(Control_request& request, const unsigned char* payload, std::size_t size, bool big) noexcept
+{
+    if (size < SERVICE_ID_SIZE) {
+        return;
+    }
+    request.is_request = true;
+    request.service_id =
+        static_cast<std::uint32_t>(big ? get_be(payload, SERVICE_ID_SIZE) : get_le(payload, SERVICE_ID_SIZE));
+    const unsigned char* params = payload + SERVICE_ID_SIZE;
+    const std::size_t params_size = size - SERVICE_ID_SIZE;
+    switch (static_cast<Service>(request.service_id)) {
+    case Service::set_log_level:
+        read_set_log_level(request, params, params_size);
+        return;
+    case Service::set_default_log_level:
+        read_set_default_log_level(request, params, params_size);
+        return;
+    case Service::get_log_info:
+        read_get_log_info(request, params, params_size);
+        return;
+    default:
+        // Services without parameters that we read; the caller answers what it supports.
+        request.valid = true;
+        return;
+    }
+}
+
 }  // namespace
 
 Control_request parse_control(const unsigned char* data, std::size_t size) noexcept
@@ -73,8 +151,7 @@ Control_request parse_control(const unsigned char* data, std::size_t size) noexc
     }
     const std::uint8_t htyp = data[STD_HTYP];
     const std::size_t length = get_be(data + STD_LEN, 2);
-    std::size_t header = STD_FIXED_SIZE + ((htyp & HTYP_WEID) != 0 ? ECU_SIZE : 0) +
-                         ((htyp & HTYP_WSID) != 0 ? SESSION_SIZE : 0) + ((htyp & HTYP_WTMS) != 0 ? TIMESTAMP_SIZE : 0);
+    const std::size_t header = standard_header_size(htyp);
     const bool extended = (htyp & HTYP_UEH) != 0;
     if ((htyp & HTYP_VERSION_MASK) != HTYP_VERSION_1 || length < header + (extended ? EXT_SIZE : 0)) {
         request.garbage = true;
@@ -88,61 +165,12 @@ Control_request parse_control(const unsigned char* data, std::size_t size) noexc
     if ((htyp & HTYP_WEID) != 0) {
         std::memcpy(request.ecu, data + STD_ECU, ECU_SIZE);
     }
-    if (!extended) {
-        return request;  // no message type: nothing to do for it
+    if (!extended || !is_control_request(data[header + EXT_MSIN])) {
+        return request;  // no message type, or not a control request: nothing to do for it
     }
-    const unsigned char* ext = data + header;
-    const std::uint8_t info = ext[EXT_MSIN];
-    if ((info & MSIN_VERB) != 0 || ((info & MSIN_MSTP_MASK) >> MSIN_MSTP_SHIFT) != MSTP_CONTROL ||
-        (info >> MSIN_MTIN_SHIFT) != MTIN_CONTROL_REQUEST) {
-        return request;
-    }
-    header += EXT_SIZE;
-    const unsigned char* payload = data + header;
-    const std::size_t payload_size = length - header;
-    if (payload_size < SERVICE_ID_SIZE) {
-        return request;
-    }
-    const bool big = (htyp & HTYP_MSBF) != 0;
-    auto number = [big](const unsigned char* p, std::size_t bytes) {
-        return big ? get_be(p, bytes) : get_le(p, bytes);
-    };
-    request.is_request = true;
-    request.service_id = static_cast<std::uint32_t>(number(payload, SERVICE_ID_SIZE));
-    const unsigned char* params = payload + SERVICE_ID_SIZE;
-    const std::size_t params_size = payload_size - SERVICE_ID_SIZE;
-    // The trailing communication interface of the requests is optional here.
-    switch (static_cast<Service>(request.service_id)) {
-    case Service::set_log_level:
-        if (params_size < 2 * ID_SIZE + 1) {
-            return request;
-        }
-        std::memcpy(request.app, params, ID_SIZE);
-        std::memcpy(request.context, params + ID_SIZE, ID_SIZE);
-        request.level = static_cast<std::int8_t>(params[2 * ID_SIZE]);
-        request.valid = request.level >= LEVEL_DEFAULT && request.level <= LEVEL_MAX;
-        return request;
-    case Service::set_default_log_level:
-        if (params_size < 1) {
-            return request;
-        }
-        request.level = static_cast<std::int8_t>(params[0]);
-        request.valid = request.level >= 0 && request.level <= LEVEL_MAX;
-        return request;
-    case Service::get_log_info:
-        if (params_size < 1 + 2 * ID_SIZE) {
-            return request;
-        }
-        request.options = params[0];
-        std::memcpy(request.app, params + 1, ID_SIZE);
-        std::memcpy(request.context, params + 1 + ID_SIZE, ID_SIZE);
-        request.valid = true;
-        return request;
-    default:
-        // Services without parameters that we read; the caller answers what it supports.
-        request.valid = true;
-        return request;
-    }
+    const std::size_t payload_at = header + EXT_SIZE;
+    read_request(request, data + payload_at, length - payload_at, (htyp & HTYP_MSBF) != 0);
+    return request;
 }
 
 std::vector<unsigned char> control_response(const char ecu[4], std::uint32_t service_id, std::uint8_t status)
