@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include "monitor.hpp"
@@ -109,12 +110,84 @@ bool parse_seconds(const std::string& text, double& value)
     return errno == 0 && *end == '\0' && value > 0.0 && value < 1e9;
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+// Applies the value of one of the DLT options; empty, or what is wrong with the value.
+std::string apply_dlt_option(const std::string& option, const std::string& value, logferry_monitor::Dlt_options& dlt)
 {
-    logferry_monitor::Options options;
-    options.dlt.version = "logferry-monitor " LOGFERRY_VERSION;
+    std::uint64_t number = 0;
+    if (option == "--dlt-file") {
+        if (value.empty()) {
+            return "--dlt-file wants a path";
+        }
+        dlt.file = value;
+    } else if (option == "--dlt-file-limit") {
+        if (!parse_count(value, dlt.file_limit)) {
+            return "--dlt-file-limit wants a positive number of bytes, not " + value;
+        }
+    } else if (option == "--dlt-port") {
+        if (!(value == "0" || parse_count(value, number)) || number > 65535) {
+            return "--dlt-port wants a port number (0 to 65535), not " + value;
+        }
+        dlt.tcp = true;
+        dlt.port = static_cast<std::uint16_t>(number);
+    } else if (option == "--dlt-bind") {
+        dlt.bind = value;
+    } else if (option == "--dlt-max-clients") {
+        if (!parse_count(value, number) || number > MAX_DLT_CLIENTS) {
+            return "--dlt-max-clients wants a number from 1 to " + std::to_string(MAX_DLT_CLIENTS) + ", not " + value;
+        }
+        dlt.max_clients = static_cast<std::size_t>(number);
+    } else if (option == "--ecu") {
+        if (value.empty() || value.size() > 4) {
+            return "--ecu wants an ID of 1 to 4 characters, not " + value;
+        }
+        dlt.ecu = value;
+    } else if (value.empty()) {  // --app-file-dir
+        return "--app-file-dir wants a directory";
+    } else {
+        dlt.app_file_dir = value.size() > 1 && value.back() == '/' ? value.substr(0, value.size() - 1) : value;
+    }
+    return {};
+}
+
+// Applies the value of one of the collector's options; empty, or what is wrong with the value.
+std::string apply_collector_option(const std::string& option, const std::string& value,
+                                   logferry_collector::Options& collector)
+{
+    if (option == "--level") {
+        const auto split = value.find('=');
+        std::uint8_t level = 0;
+        if (split == std::string::npos || split == 0 || split > 4 ||
+            !logferry_monitor::parse_level(value.substr(split + 1), level)) {
+            return "--level wants CTX=LEVEL (a context ID of 1 to 4 characters, a level name or 0-6), not " + value;
+        }
+        collector.levels.emplace_back(value.substr(0, split), level);
+    } else if (option == "--say") {
+        collector.texts.push_back(value);
+    } else if (option == "--count") {
+        if (!parse_count(value, collector.max_messages)) {
+            return "--count wants a positive number, not " + value;
+        }
+    } else if (!parse_seconds(value, collector.max_seconds)) {  // --duration
+        return "--duration wants a positive number of seconds, not " + value;
+    }
+    return {};
+}
+
+bool is_collector_option(const std::string& option)
+{
+    return option == "--level" || option == "--say" || option == "--count" || option == "--duration";
+}
+
+bool is_dlt_option(const std::string& option)
+{
+    return option == "--dlt-file" || option == "--dlt-file-limit" || option == "--dlt-port" || option == "--dlt-bind" ||
+           option == "--dlt-max-clients" || option == "--ecu" || option == "--app-file-dir";
+}
+
+// Reads the command line into `options`. Returns the exit status when the monitor is to end
+// at once (after --help, or with a usage error), nothing when it is to run.
+std::optional<int> parse_command_line(int argc, char** argv, logferry_monitor::Options& options)
+{
     for (int i = 1; i < argc; ++i) {
         std::string option = argv[i];
         std::string value;
@@ -132,10 +205,7 @@ int main(int argc, char** argv)
             options.quiet = true;
             continue;
         }
-        if (option != "--level" && option != "--say" && option != "--count" && option != "--duration" &&
-            option != "--dlt-file" && option != "--dlt-file-limit" && option != "--dlt-port" &&
-            option != "--dlt-bind" && option != "--dlt-max-clients" && option != "--ecu" &&
-            option != "--app-file-dir") {
+        if (!is_collector_option(option) && !is_dlt_option(option)) {
             return usage_error("unknown option " + option);
         }
         if (!inline_value) {
@@ -144,67 +214,22 @@ int main(int argc, char** argv)
             }
             value = argv[++i];
         }
-        logferry_collector::Options& collector = options.collector;
-        logferry_monitor::Dlt_options& dlt = options.dlt;
-        std::uint64_t number = 0;
-        if (option == "--dlt-file") {
-            if (value.empty()) {
-                return usage_error("--dlt-file wants a path");
-            }
-            dlt.file = value;
-        } else if (option == "--dlt-file-limit") {
-            if (!parse_count(value, dlt.file_limit)) {
-                return usage_error("--dlt-file-limit wants a positive number of bytes, not " + value);
-            }
-        } else if (option == "--dlt-port") {
-            if (!(value == "0" || parse_count(value, number)) || number > 65535) {
-                return usage_error("--dlt-port wants a port number (0 to 65535), not " + value);
-            }
-            dlt.tcp = true;
-            dlt.port = static_cast<std::uint16_t>(number);
-        } else if (option == "--dlt-bind") {
-            dlt.bind = value;
-        } else if (option == "--dlt-max-clients") {
-            if (!parse_count(value, number) || number > MAX_DLT_CLIENTS) {
-                return usage_error("--dlt-max-clients wants a number from 1 to " + std::to_string(MAX_DLT_CLIENTS) +
-                                   ", not " + value);
-            }
-            dlt.max_clients = static_cast<std::size_t>(number);
-        } else if (option == "--ecu") {
-            if (value.empty() || value.size() > 4) {
-                return usage_error("--ecu wants an ID of 1 to 4 characters, not " + value);
-            }
-            dlt.ecu = value;
-        } else if (option == "--app-file-dir") {
-            if (value.empty()) {
-                return usage_error("--app-file-dir wants a directory");
-            }
-            dlt.app_file_dir = value.size() > 1 && value.back() == '/' ? value.substr(0, value.size() - 1) : value;
-        } else if (option == "--level") {
-            const auto split = value.find('=');
-            std::uint8_t level = 0;
-            if (split == std::string::npos || split == 0 || split > 4 ||
-                !logferry_monitor::parse_level(value.substr(split + 1), level)) {
-                return usage_error(
-                    "--level wants CTX=LEVEL (a context ID of 1 to 4 characters, a level name or 0-6), not " + value);
-            }
-            collector.levels.emplace_back(value.substr(0, split), level);
-        } else if (option == "--say") {
-            collector.texts.push_back(value);
-        } else if (option == "--count") {
-            if (!parse_count(value, collector.max_messages)) {
-                return usage_error("--count wants a positive number, not " + value);
-            }
-        } else if (!parse_seconds(value, collector.max_seconds)) {
-            return usage_error("--duration wants a positive number of seconds, not " + value);
+        const std::string problem = is_dlt_option(option) ? apply_dlt_option(option, value, options.dlt)
+                                                          : apply_collector_option(option, value, options.collector);
+        if (!problem.empty()) {
+            return usage_error(problem);
         }
     }
+    return std::nullopt;
+}
 
+// Sets the process up before any thread starts (threads inherit all of it).
+void prepare_process()
+{
     // What the monitor creates (lock file, listener segment, DLT files) is for its group:
     // mode 0660 whatever umask it was started with.
     ::umask(0007);
-    // Before any thread starts: threads inherit it. Never lowers a priority already higher;
-    // refused quietly where not permitted.
+    // Never lowers a priority already higher; refused quietly where not permitted.
     errno = 0;
     const int nice_value = ::getpriority(PRIO_PROCESS, 0);
     if (errno == 0 && nice_value > MONITOR_NICE) {
@@ -217,6 +242,18 @@ int main(int argc, char** argv)
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     signal(SIGPIPE, SIG_IGN);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    logferry_monitor::Options options;
+    options.dlt.version = "logferry-monitor " LOGFERRY_VERSION;
+    if (const std::optional<int> status = parse_command_line(argc, argv, options)) {
+        return *status;
+    }
+    prepare_process();
 
     logferry_monitor::Monitor monitor(options);
     if (!monitor.start()) {
