@@ -5,6 +5,9 @@
 # 2. clang-tidy (.clang-tidy, every finding an error) over every src/**/*.cpp and the library's
 #    headers they include (include/logferry/, src/), with the compile commands of a
 #    configure-only build in build-lint.
+# 3. Function size: no function in the library or the daemon side longer than 80 lines. A
+#    second clang-tidy pass with readability-function-size alone (LineThreshold 80) over every
+#    src/**/*.cpp and daemon/**/*.cpp and the src/ and daemon/ headers they include.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh clang-format clang-tidy
@@ -47,6 +50,26 @@ if [ "$tidy_status" -ne 0 ] || [ "$findings" -ne 0 ]; then
     failed=1
 else
     echo "${#library_sources[@]} files without findings"
+fi
+
+echo "=== clang-tidy: function size ==="
+# Its own configuration instead of .clang-tidy: this check alone, over the daemon side too.
+size_config='{Checks: "-*,readability-function-size", WarningsAsErrors: "*",
+  CheckOptions: [{key: readability-function-size.LineThreshold, value: 80}]}'
+mapfile -t sized_sources < <(find src daemon -type f -name '*.cpp' | sort)
+size_log=$dir/clang-tidy-function-size.log
+size_status=0
+printf '%s\n' "${sized_sources[@]}" | xargs -P "$jobs" -I{} sh -c \
+    'out=$(clang-tidy -p "$1" --quiet --config="$2" --header-filter="src/.*|daemon/.*" "$3" 2>&1); status=$?
+    printf "%s\n" "$out"; exit $status' \
+    sh "$dir" "$size_config" {} > "$size_log" || size_status=$?
+grep -v -E '^[0-9]+ warnings? (and [0-9]+ errors? )?generated\.$|^Suppressed [0-9]+ warnings|^Use -header-filter|^$' "$size_log" || true
+size_findings=$(grep -c -E '(warning|error): ' "$size_log" || true)
+if [ "$size_status" -ne 0 ] || [ "$size_findings" -ne 0 ]; then
+    echo "=== function size: $size_findings findings in ${#sized_sources[@]} files (split what is over 80 lines) ==="
+    failed=1
+else
+    echo "${#sized_sources[@]} files without a function over 80 lines"
 fi
 
 if [ "$failed" -ne 0 ]; then
