@@ -52,8 +52,8 @@ std::string app_file_path(const std::string& dir, const std::string& name, std::
     return {};
 }
 
-Dlt_output::Dlt_output(Dlt_options options, logferry_collector::Collector& collector)
-    : options_(std::move(options)), collector_(collector)
+Dlt_output::Dlt_output(const Options& options, logferry_collector::Collector& collector)
+    : options_(options), collector_(collector)
 {
     logferry_collector::to_dlt_id(options_.ecu, ecu_);
     std::memcpy(server_.ecu, ecu_, 4);
@@ -62,23 +62,23 @@ Dlt_output::Dlt_output(Dlt_options options, logferry_collector::Collector& colle
 
 bool Dlt_output::open()
 {
-    if (!options_.file.empty() && !file_.open(options_.file, options_.file_limit, DLT_FILE_COUNT)) {
-        std::cerr << "logferry-monitor: cannot open " << options_.file << ": " << file_.error << std::endl;
+    if (!options_.dlt_file.empty() && !file_.open(options_.dlt_file, options_.dlt_file_limit, DLT_FILE_COUNT)) {
+        std::cerr << "logferry-monitor: cannot open " << options_.dlt_file << ": " << file_.error << std::endl;
         return false;
     }
-    if (options_.tcp) {
-        server_.max_clients = options_.max_clients;
-        if (!server_.listen(options_.bind, options_.port)) {
+    if (options_.dlt_tcp) {
+        server_.max_clients = options_.dlt_max_clients;
+        if (!server_.listen(options_.dlt_bind, options_.dlt_port)) {
             port_failed_ = true;
             if (server_.address_in_use) {
-                std::cerr << "logferry-monitor: the DLT port " << options_.port << " on " << options_.bind
+                std::cerr << "logferry-monitor: the DLT port " << options_.dlt_port << " on " << options_.dlt_bind
                           << " is taken, by another DLT daemon (such as dlt-daemon) or another program; stop it "
                              "or give this one another --dlt-port"
                           << std::endl;
                 return false;
             }
-            std::cerr << "logferry-monitor: cannot listen on " << options_.bind << " port " << options_.port << ": "
-                      << server_.error << std::endl;
+            std::cerr << "logferry-monitor: cannot listen on " << options_.dlt_bind << " port " << options_.dlt_port
+                      << ": " << server_.error << std::endl;
             return false;
         }
     }
@@ -157,7 +157,7 @@ void Dlt_output::flush()
 
 void Dlt_output::service(int timeout_ms)
 {
-    if (!options_.tcp) {
+    if (!options_.dlt_tcp) {
         if (timeout_ms > 0) {
             const timespec pause{0, static_cast<long>(timeout_ms) * 1000 * 1000};
             ::nanosleep(&pause, nullptr);

@@ -16,11 +16,10 @@
 #include "dlt_message.hpp"
 #include "dlt_tcp.hpp"
 #include "file_thread.hpp"
+#include "options.hpp"
 
 namespace logferry_monitor {
 
-/// The ECU ID when none is given.
-constexpr const char* DEFAULT_ECU = "LFER";
 /// Files of a rotating DLT file: PATH, PATH.1 ... PATH.<count-1>.
 constexpr unsigned DLT_FILE_COUNT = 10;
 /// Longest file name an application may ask for.
@@ -31,21 +30,9 @@ constexpr std::size_t MAX_APP_FILE_NAME = 64;
 /// a slash, unless it is an absolute path whose directory is exactly `dir`).
 std::string app_file_path(const std::string& dir, const std::string& name, std::string& why);
 
-struct Dlt_options {
-    std::string ecu = DEFAULT_ECU;
-    std::string file;                                                         // --dlt-file
-    std::uint64_t file_limit = 0;                                             // --dlt-file-limit
-    bool tcp = false;                                                         // --dlt-port given
-    std::uint16_t port = 0;                                                   // --dlt-port
-    std::string bind = "127.0.0.1";                                           // --dlt-bind
-    std::size_t max_clients = logferry_dlt::Tcp_server::DEFAULT_MAX_CLIENTS;  // --dlt-max-clients
-    std::string app_file_dir;                                                 // --app-file-dir
-    std::string version;                                                      // answered to get-software-version
-};
-
 class Dlt_output : public logferry_collector::Output {
 public:
-    Dlt_output(Dlt_options options, logferry_collector::Collector& collector);
+    Dlt_output(const Options& options, logferry_collector::Collector& collector);
 
     /// Opens the file and the TCP port; false with a line on stderr.
     bool open();
@@ -70,7 +57,7 @@ public:
 private:
     void control(int client, const logferry_dlt::Control_request& request);
 
-    Dlt_options options_;
+    Options options_;
     logferry_collector::Collector& collector_;
     char ecu_[4] = {};
     File_thread file_;

@@ -111,47 +111,47 @@ bool parse_seconds(const std::string& text, double& value)
 }
 
 // Applies the value of one of the DLT options; empty, or what is wrong with the value.
-std::string apply_dlt_option(const std::string& option, const std::string& value, logferry_monitor::Dlt_options& dlt)
+std::string apply_dlt_option(const std::string& option, const std::string& value, logferry_monitor::Options& options)
 {
     std::uint64_t number = 0;
     if (option == "--dlt-file") {
         if (value.empty()) {
             return "--dlt-file wants a path";
         }
-        dlt.file = value;
+        options.dlt_file = value;
     } else if (option == "--dlt-file-limit") {
-        if (!parse_count(value, dlt.file_limit)) {
+        if (!parse_count(value, options.dlt_file_limit)) {
             return "--dlt-file-limit wants a positive number of bytes, not " + value;
         }
     } else if (option == "--dlt-port") {
         if (!(value == "0" || parse_count(value, number)) || number > 65535) {
             return "--dlt-port wants a port number (0 to 65535), not " + value;
         }
-        dlt.tcp = true;
-        dlt.port = static_cast<std::uint16_t>(number);
+        options.dlt_tcp = true;
+        options.dlt_port = static_cast<std::uint16_t>(number);
     } else if (option == "--dlt-bind") {
-        dlt.bind = value;
+        options.dlt_bind = value;
     } else if (option == "--dlt-max-clients") {
         if (!parse_count(value, number) || number > MAX_DLT_CLIENTS) {
             return "--dlt-max-clients wants a number from 1 to " + std::to_string(MAX_DLT_CLIENTS) + ", not " + value;
         }
-        dlt.max_clients = static_cast<std::size_t>(number);
+        options.dlt_max_clients = static_cast<std::size_t>(number);
     } else if (option == "--ecu") {
         if (value.empty() || value.size() > 4) {
             return "--ecu wants an ID of 1 to 4 characters, not " + value;
         }
-        dlt.ecu = value;
+        options.ecu = value;
     } else if (value.empty()) {  // --app-file-dir
         return "--app-file-dir wants a directory";
     } else {
-        dlt.app_file_dir = value.size() > 1 && value.back() == '/' ? value.substr(0, value.size() - 1) : value;
+        options.app_file_dir = value.size() > 1 && value.back() == '/' ? value.substr(0, value.size() - 1) : value;
     }
     return {};
 }
 
 // Applies the value of one of the collector's options; empty, or what is wrong with the value.
 std::string apply_collector_option(const std::string& option, const std::string& value,
-                                   logferry_collector::Options& collector)
+                                   logferry_monitor::Options& options)
 {
     if (option == "--level") {
         const auto split = value.find('=');
@@ -160,14 +160,14 @@ std::string apply_collector_option(const std::string& option, const std::string&
             !logferry_monitor::parse_level(value.substr(split + 1), level)) {
             return "--level wants CTX=LEVEL (a context ID of 1 to 4 characters, a level name or 0-6), not " + value;
         }
-        collector.levels.emplace_back(value.substr(0, split), level);
+        options.levels.emplace_back(value.substr(0, split), level);
     } else if (option == "--say") {
-        collector.texts.push_back(value);
+        options.texts.push_back(value);
     } else if (option == "--count") {
-        if (!parse_count(value, collector.max_messages)) {
+        if (!parse_count(value, options.max_messages)) {
             return "--count wants a positive number, not " + value;
         }
-    } else if (!parse_seconds(value, collector.max_seconds)) {  // --duration
+    } else if (!parse_seconds(value, options.max_seconds)) {  // --duration
         return "--duration wants a positive number of seconds, not " + value;
     }
     return {};
@@ -214,8 +214,8 @@ std::optional<int> parse_command_line(int argc, char** argv, logferry_monitor::O
             }
             value = argv[++i];
         }
-        const std::string problem = is_dlt_option(option) ? apply_dlt_option(option, value, options.dlt)
-                                                          : apply_collector_option(option, value, options.collector);
+        const std::string problem = is_dlt_option(option) ? apply_dlt_option(option, value, options)
+                                                          : apply_collector_option(option, value, options);
         if (!problem.empty()) {
             return usage_error(problem);
         }
@@ -249,7 +249,7 @@ void prepare_process()
 int main(int argc, char** argv)
 {
     logferry_monitor::Options options;
-    options.dlt.version = "logferry-monitor " LOGFERRY_VERSION;
+    options.version = "logferry-monitor " LOGFERRY_VERSION;
     if (const std::optional<int> status = parse_command_line(argc, argv, options)) {
         return *status;
     }

@@ -19,14 +19,26 @@ namespace {
 constexpr long SHORTEST_WAIT_US = 50;
 constexpr long LONGEST_WAIT_US = 2000;
 
+// What the collector is asked to do: the levels and texts to send, and when to stop.
+logferry_collector::Options collector_options(const Options& options)
+{
+    logferry_collector::Options collector;
+    collector.levels = options.levels;
+    collector.texts = options.texts;
+    collector.max_messages = options.max_messages;
+    collector.max_seconds = options.max_seconds;
+    return collector;
+}
+
 }  // namespace
 
-Monitor::Monitor(const Options& options) : options_(options), collector_(options.collector), text_(options.quiet)
+Monitor::Monitor(const Options& options)
+    : options_(options), collector_(collector_options(options)), text_(options.quiet)
 {
     collector_.add_output(&text_);
     // Always there: without a file, a port or a directory it only answers applications'
     // file requests (with a refusal).
-    dlt_ = std::make_unique<Dlt_output>(options.dlt, collector_);
+    dlt_ = std::make_unique<Dlt_output>(options, collector_);
     collector_.add_output(dlt_.get());
 }
 
@@ -38,9 +50,9 @@ bool Monitor::start()
     if (!collector_.start()) {
         return false;
     }
-    if (options_.dlt.tcp) {
+    if (options_.dlt_tcp) {
         collector_.note("dlt-port", std::to_string(dlt_->port()));
-        if (dlt_->client_limit() < options_.dlt.max_clients) {
+        if (dlt_->client_limit() < options_.dlt_max_clients) {
             collector_.note("client", "at most " + std::to_string(dlt_->client_limit()) +
                                           " DLT clients at once: the descriptor limit leaves no more");
         }

@@ -10,15 +10,10 @@
 
 #include "collector.hpp"
 #include "dlt_output.hpp"
+#include "options.hpp"
 #include "text_output.hpp"
 
 namespace logferry_monitor {
-
-struct Options {
-    logferry_collector::Options collector;
-    Dlt_options dlt;
-    bool quiet = false;  // no text output but for applications that asked for local printing
-};
 
 class Monitor {
 public:
