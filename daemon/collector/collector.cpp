@@ -25,6 +25,7 @@
 #include "logferry/message.hpp"
 #include "logferry/system.hpp"
 #include "render.hpp"
+#include "tuning.hpp"
 #include "wire/shared_fields.hpp"
 #include "wire/wire.hpp"
 
@@ -33,25 +34,13 @@ namespace {
 
 using logferry_decoder::Record;
 using Clock = std::chrono::steady_clock;
+namespace tuning = logferry_tuning;
 
-constexpr auto HOUSEKEEPING_PERIOD = std::chrono::milliseconds(200);
-// An application whose watchdog is further behind the clock than this has gone.
-constexpr std::int64_t SILENCE_LIMIT_SECONDS = 5;
-// Bytes shown of a unit that cannot be decoded.
-constexpr std::size_t DUMP_LIMIT = 32;
-// Attempts to catch a ring's mutex free before going on to the next ring.
-constexpr int RING_LOCK_TRIES = 20000;
-// Passes in a row a ring may be passed over because its mutex was held; the next one waits
-// for the mutex. An application whose threads hold their mutex most of the time (or one
-// that was preempted holding it) does not keep the others waiting, and is not starved.
-constexpr unsigned int RING_SKIPS_BEFORE_WAITING = 4;
 // The process id in a channel name is cut to this many digits.
 constexpr std::size_t NAME_PID_DIGITS = 5;
 // The time stamp in a channel name: a 32-bit number in lowercase hexadecimal.
 constexpr std::size_t NAME_STAMP_DIGITS = 8;
 constexpr char CHANNEL_PREFIX[] = "/logferry-";
-// Refused names remembered; the set starts afresh beyond this.
-constexpr std::size_t REFUSED_LIMIT = 1024;
 
 // The guard around accesses to an attached segment (see Collector::guarded). The collector
 // runs on one thread, and the handler runs on it, inside the access that faulted.
@@ -225,7 +214,7 @@ std::uint32_t application_pid(const std::string& name)
 // finds it locked); false when a blocking lock is left to the guard.
 bool try_lock_ring(pthread_mutex_t* mutex)
 {
-    for (int i = 0; i < RING_LOCK_TRIES; ++i) {
+    for (int i = 0; i < tuning::RING_LOCK_TRIES; ++i) {
         const int result = ::pthread_mutex_trylock(mutex);
         if (result == 0) {
             return true;
@@ -372,7 +361,7 @@ void Collector::housekeeping()
         guarded(*attachment, [&] {
             attachment->channel->is_connection_active();
             const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
-            if (stamp != 0 && seconds - stamp > SILENCE_LIMIT_SECONDS) {
+            if (stamp != 0 && seconds - stamp > tuning::SILENCE_LIMIT_SECONDS) {
                 go_on = read_remainder(*attachment);
                 if (go_on) {
                     detach(*attachment, "no sign of life for " + std::to_string(seconds - stamp) + " s");
@@ -393,7 +382,7 @@ bool Collector::poll()
     const std::uint64_t before = messages_;
     const auto now = Clock::now();
     if (now >= next_housekeeping_) {
-        next_housekeeping_ = now + HOUSEKEEPING_PERIOD;
+        next_housekeeping_ = now + tuning::HOUSEKEEPING_PERIOD;
         housekeeping();
     }
     bool busy = false;
@@ -509,7 +498,7 @@ void Collector::refuse(const std::string& name, const std::string& why)
     if (refused_.count(name) != 0) {
         return;
     }
-    if (refused_.size() >= REFUSED_LIMIT) {
+    if (refused_.size() >= tuning::REFUSED_NAMES_LIMIT) {
         refused_.clear();
     }
     refused_.insert(name);
@@ -584,7 +573,7 @@ bool Collector::drain(Attachment& attachment, bool everything)
             // The application's records wait while its gate is shut.
             pthread_mutex_t* mutex = &channel.segment->client_mutex.mutex;
             const bool locked = try_lock_ring(mutex);
-            if (!locked && !everything && attachment.passes_skipped < RING_SKIPS_BEFORE_WAITING) {
+            if (!locked && !everything && attachment.passes_skipped < tuning::RING_SKIPS_BEFORE_WAITING) {
                 ++attachment.passes_skipped;
                 skipped_ring_ = true;
                 break;
@@ -832,7 +821,7 @@ bool Collector::deliver(Attachment& attachment, const unsigned char* unit, std::
 void Collector::report_error(const Attachment& attachment, const char* source, const logferry_decoder::Error& error,
                              const unsigned char* bytes, std::size_t size)
 {
-    const std::size_t shown = size < DUMP_LIMIT ? size : DUMP_LIMIT;
+    const std::size_t shown = size < tuning::UNDECODABLE_DUMP_LIMIT ? size : tuning::UNDECODABLE_DUMP_LIMIT;
     std::string dump = logferry_monitor::hex_bytes(std::vector<std::uint8_t>(bytes, bytes + shown));
     if (shown < size) {
         dump += " ...";

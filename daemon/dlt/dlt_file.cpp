@@ -1,6 +1,7 @@
 #include "dlt_file.hpp"
 
 #include "dlt_message.hpp"
+#include "tuning.hpp"
 
 #include <cerrno>
 #include <cstdio>
@@ -13,9 +14,6 @@
 namespace logferry_dlt {
 
 namespace {
-
-// Entries gather in memory and reach the file in writes of about this size.
-constexpr std::size_t FLUSH_THRESHOLD = 256 * 1024;
 
 std::string numbered(const std::string& path, unsigned index)
 {
@@ -40,7 +38,7 @@ bool File_writer::open(const std::string& path, std::uint64_t limit_bytes, unsig
     struct stat st {};
     file_size_ = ::fstat(fd_, &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
     buffer_.clear();
-    buffer_.reserve(FLUSH_THRESHOLD + 64 * 1024);
+    buffer_.reserve(logferry_tuning::FILE_FLUSH_THRESHOLD + 64 * 1024);
     return true;
 }
 
@@ -63,7 +61,7 @@ bool File_writer::write(const unsigned char* message, std::size_t size, std::uin
     buffer_.insert(buffer_.end(), header, header + STORAGE_HEADER_SIZE);
     buffer_.insert(buffer_.end(), message, message + size);
     file_size_ += entry;
-    if (buffer_.size() >= FLUSH_THRESHOLD) {
+    if (buffer_.size() >= logferry_tuning::FILE_FLUSH_THRESHOLD) {
         return flush();
     }
     return true;

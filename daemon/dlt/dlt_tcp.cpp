@@ -16,14 +16,7 @@ namespace logferry_dlt {
 
 namespace {
 
-constexpr int KEEP_ALIVE_MS = 1000;
-constexpr std::size_t READ_CHUNK = 16 * 1024;
-// Connections taken from the listening socket's queue per service(), so that a flood of them
-// never keeps the caller from its other work for long.
-constexpr int ACCEPTS_PER_SERVICE = 64;
-// How long the listening socket rests when a connection cannot be taken for want of descriptors
-// (and no spare one helps) or for another failure.
-constexpr int LISTEN_REST_MS = 100;
+namespace tuning = logferry_tuning;
 
 int open_spare() { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
@@ -88,7 +81,7 @@ bool Tcp_server::listen(const std::string& address, std::uint16_t port)
         return false;
     }
     port_ = ntohs(addr.sin_port);
-    next_keep_alive_ms_ = now_ms() + KEEP_ALIVE_MS;
+    next_keep_alive_ms_ = now_ms() + tuning::KEEP_ALIVE_MS;
     listen_rests_until_ms_ = 0;
     client_limit_ = descriptor_bound(max_clients > 0 ? max_clients : 1, DESCRIPTORS_KEPT);
     spare_fd_ = open_spare();  // none now: accept_clients() tries again when it needs one
@@ -163,7 +156,7 @@ void Tcp_server::service(int timeout_ms, const std::function<void(int client, co
         }
     }
     if (now_ms() >= next_keep_alive_ms_) {
-        next_keep_alive_ms_ = now_ms() + KEEP_ALIVE_MS;
+        next_keep_alive_ms_ = now_ms() + tuning::KEEP_ALIVE_MS;
         const std::vector<unsigned char> keep_alive = keep_alive_message(ecu);
         broadcast(keep_alive.data(), keep_alive.size());
         flush();
@@ -174,7 +167,7 @@ void Tcp_server::service(int timeout_ms, const std::function<void(int client, co
 
 void Tcp_server::accept_clients()
 {
-    for (int taken = 0; taken < ACCEPTS_PER_SERVICE; ++taken) {
+    for (int taken = 0; taken < tuning::ACCEPTS_PER_SERVICE; ++taken) {
         sockaddr_in addr{};
         socklen_t len = sizeof addr;
         const int fd = ::accept4(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len, SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -190,7 +183,7 @@ void Tcp_server::accept_clients()
             }
             // Polling the socket again at once would only fail again (the caller would spin):
             // it rests for a while, its connections wait in the queue.
-            listen_rests_until_ms_ = now_ms() + LISTEN_REST_MS;
+            listen_rests_until_ms_ = now_ms() + tuning::LISTEN_REST_MS;
             return;
         }
         if (client_count() >= client_limit_) {
@@ -244,7 +237,7 @@ void Tcp_server::report_refusals()
 
 void Tcp_server::read_client(Client& client, const std::function<void(int, const Control_request&)>& on_request)
 {
-    unsigned char chunk[READ_CHUNK];
+    unsigned char chunk[tuning::CLIENT_READ_CHUNK];
     for (;;) {
         const ssize_t n = ::recv(client.fd, chunk, sizeof chunk, MSG_DONTWAIT);
         if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {

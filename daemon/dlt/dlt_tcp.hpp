@@ -8,6 +8,7 @@
 #define LOGFERRY_TOOLS_DLT_TCP_HPP
 
 #include "dlt_control.hpp"
+#include "tuning.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -50,13 +51,13 @@ public:
     // One line per connect/disconnect/drop, and at most one a second for each reason of
     // refusal (with the count since the last such line); taken by the caller.
     std::vector<std::string> events;
-    std::size_t backlog_limit = 4u << 20;           // bytes queued for one client before it is dropped
+    // Bytes queued for one client before it is dropped.
+    std::size_t backlog_limit = logferry_tuning::CLIENT_BACKLOG_LIMIT;
     std::size_t max_clients = DEFAULT_MAX_CLIENTS;  // set before listen()
-    static constexpr std::size_t DEFAULT_MAX_CLIENTS = 64;
-    // Descriptors the client limit leaves to the rest of the program (files, channels being
-    // attached, the spare descriptor).
-    static constexpr std::size_t DESCRIPTORS_KEPT = 32;
-    static constexpr std::size_t WRITE_THRESHOLD = 64 * 1024;
+    static constexpr std::size_t DEFAULT_MAX_CLIENTS = logferry_tuning::DEFAULT_MAX_CLIENTS;
+    // Descriptors the client limit leaves to the rest of the program (see tuning.hpp).
+    static constexpr std::size_t DESCRIPTORS_KEPT = logferry_tuning::DESCRIPTORS_KEPT;
+    static constexpr std::size_t WRITE_THRESHOLD = logferry_tuning::CLIENT_WRITE_THRESHOLD;
     char ecu[4] = {};             // the ECU ID of the keep-alive and of the error answers; set by the owner
     std::string error;            // the last failure of listen(), one line
     bool address_in_use = false;  // whether it failed because the port is taken

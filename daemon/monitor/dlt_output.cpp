@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "tuning.hpp"
 #include "wire/wire.hpp"
 
 namespace logferry_monitor {
@@ -62,7 +63,8 @@ Dlt_output::Dlt_output(const Options& options, logferry_collector::Collector& co
 
 bool Dlt_output::open()
 {
-    if (!options_.dlt_file.empty() && !file_.open(options_.dlt_file, options_.dlt_file_limit, DLT_FILE_COUNT)) {
+    if (!options_.dlt_file.empty() &&
+        !file_.open(options_.dlt_file, options_.dlt_file_limit, logferry_tuning::DLT_FILE_COUNT)) {
         std::cerr << "logferry-monitor: cannot open " << options_.dlt_file << ": " << file_.error << std::endl;
         return false;
     }

@@ -20,8 +20,6 @@
 
 namespace logferry_monitor {
 
-/// Files of a rotating DLT file: PATH, PATH.1 ... PATH.<count-1>.
-constexpr unsigned DLT_FILE_COUNT = 10;
 /// Longest file name an application may ask for.
 constexpr std::size_t MAX_APP_FILE_NAME = 64;
 

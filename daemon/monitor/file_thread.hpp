@@ -20,12 +20,13 @@
 #include <vector>
 
 #include "dlt_file.hpp"
+#include "tuning.hpp"
 
 namespace logferry_monitor {
 
 class File_thread {
 public:
-    static constexpr std::size_t MAX_QUEUED_BYTES = 64u << 20;
+    static constexpr std::size_t MAX_QUEUED_BYTES = logferry_tuning::FILE_MAX_QUEUED_BYTES;
 
     File_thread() = default;
     ~File_thread() { close(); }

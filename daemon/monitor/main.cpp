@@ -13,15 +13,11 @@
 
 #include "monitor.hpp"
 #include "render.hpp"
+#include "tuning.hpp"
 
 namespace {
 
 volatile std::sig_atomic_t stop_requested = 0;
-
-// The nice value the monitor raises itself to where it may (as root, or with CAP_SYS_NICE).
-// Under a flood every logging thread competes with it for the processor; at the default
-// weight one monitor thread among a hundred loggers gets about one hundredth of a core.
-constexpr int MONITOR_NICE = -10;
 
 // The exit status when the DLT port cannot be had (another DLT daemon serves it, for example):
 // the service does not restart on it (RestartPreventExitStatus in logferry-monitor.service).
@@ -232,8 +228,8 @@ void prepare_process()
     // Never lowers a priority already higher; refused quietly where not permitted.
     errno = 0;
     const int nice_value = ::getpriority(PRIO_PROCESS, 0);
-    if (errno == 0 && nice_value > MONITOR_NICE) {
-        (void)::setpriority(PRIO_PROCESS, 0, MONITOR_NICE);
+    if (errno == 0 && nice_value > logferry_tuning::MONITOR_NICE) {
+        (void)::setpriority(PRIO_PROCESS, 0, logferry_tuning::MONITOR_NICE);
     }
 
     struct sigaction action {};

@@ -8,16 +8,13 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <iostream>
+
+#include "tuning.hpp"
 
 namespace logferry_monitor {
 namespace {
-
-// Wait after a pass that found nothing: it starts short, so that a ring that fills up fast
-// is back in reach soon, and doubles with every further idle pass up to the longest wait,
-// so that a monitor with nothing to do stays cheap.
-constexpr long SHORTEST_WAIT_US = 50;
-constexpr long LONGEST_WAIT_US = 2000;
 
 // What the collector is asked to do: the levels and texts to send, and when to stop.
 logferry_collector::Options collector_options(const Options& options)
@@ -66,7 +63,7 @@ bool Monitor::start()
 
 void Monitor::run(const volatile std::sig_atomic_t& stop)
 {
-    long wait_us = SHORTEST_WAIT_US;
+    long wait_us = logferry_tuning::SHORTEST_IDLE_WAIT_US;
     while (stop == 0 && collector_.stop_reason().empty()) {
         const bool busy = collector_.poll();
         if (text_.closed()) {
@@ -76,11 +73,11 @@ void Monitor::run(const volatile std::sig_atomic_t& stop)
             break;
         }
         if (busy) {
-            wait_us = SHORTEST_WAIT_US;
+            wait_us = logferry_tuning::SHORTEST_IDLE_WAIT_US;
             dlt_->service(0);
         } else if (wait_us >= 1000) {
             dlt_->service(static_cast<int>(wait_us / 1000));
-            wait_us = wait_us * 2 > LONGEST_WAIT_US ? LONGEST_WAIT_US : wait_us * 2;
+            wait_us = std::min(wait_us * 2, logferry_tuning::LONGEST_IDLE_WAIT_US);
         } else {
             dlt_->service(0);
             const timespec pause{0, wait_us * 1000};

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "dlt_tcp.hpp"
+#include "tuning.hpp"
 
 namespace logferry_monitor {
 
@@ -40,8 +40,8 @@ struct Options {
     std::uint16_t dlt_port = 0;
     // --dlt-bind ADDR: the loopback; the port is reachable from other hosts only when asked.
     std::string dlt_bind = "127.0.0.1";
-    // --dlt-max-clients N: 64, more than the viewers and tools of a setup, well within the descriptors.
-    std::size_t dlt_max_clients = logferry_dlt::Tcp_server::DEFAULT_MAX_CLIENTS;
+    // --dlt-max-clients N: 64, more than the viewers and tools of a setup (see tuning.hpp).
+    std::size_t dlt_max_clients = logferry_tuning::DEFAULT_MAX_CLIENTS;
     // --ecu ID: "LFER", one logferry ECU; a gateway over several monitors tells them apart by it.
     std::string ecu = DEFAULT_ECU;
     // --app-file-dir DIR: none; without a directory of its own no application chooses a file to write.

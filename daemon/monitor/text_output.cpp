@@ -8,12 +8,10 @@
 #include "decoder.hpp"
 #include "logferry/message.hpp"
 #include "render.hpp"
+#include "tuning.hpp"
 
 namespace logferry_monitor {
 namespace {
-
-// Pending text written out before a pass ends.
-constexpr std::size_t FLUSH_THRESHOLD = 64 * 1024;
 
 std::string padded(const std::string& word)
 {
@@ -72,7 +70,7 @@ void Text_output::line(const std::string& text)
 {
     pending_ += text;
     pending_ += '\n';
-    if (pending_.size() >= FLUSH_THRESHOLD) {
+    if (pending_.size() >= logferry_tuning::TEXT_FLUSH_THRESHOLD) {
         flush();
     }
 }
