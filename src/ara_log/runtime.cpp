@@ -42,8 +42,8 @@
 #include "ara_log/internal.hpp"
 #include "ara_log/staging.hpp"
 #include "ara_log/stamp_clock.hpp"
-#include "runtime/front_end_hooks.hpp"
 #include "logferry/client.hpp"
+#include "runtime/front_end_hooks.hpp"
 #include "wire/shared_fields.hpp"
 
 namespace ara::log::detail {

@@ -38,9 +38,9 @@
 #include <cstring>
 #include <string>
 
-#include "runtime/front_end_hooks.hpp"
 #include "logferry/channel.hpp"
 #include "logferry/system.hpp"
+#include "runtime/front_end_hooks.hpp"
 #include "system/robust_mutex.hpp"
 #include "wire/ring_framing.hpp"
 #include "wire/shared_fields.hpp"

@@ -9,9 +9,9 @@
 #include <cstdint>
 #include <iostream>
 
-#include "runtime/front_end_hooks.hpp"
 #include "logferry/client.hpp"
 #include "logferry/system.hpp"
+#include "runtime/front_end_hooks.hpp"
 #include "wire/wire.hpp"
 
 namespace logferry {

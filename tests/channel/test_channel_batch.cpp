@@ -11,8 +11,8 @@
 
 #include <gtest/gtest.h>
 
-#include "runtime/front_end_hooks.hpp"
 #include "logferry/channel.hpp"
+#include "runtime/front_end_hooks.hpp"
 #include "support/channel_fixture.hpp"
 #include "support/test_util.hpp"
 
