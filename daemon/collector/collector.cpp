@@ -258,13 +258,6 @@ bool is_channel_name(const std::string& name)
            only_of(pid, "0123456789") && only_of(stamp, "0123456789abcdef");
 }
 
-void to_dlt_id(const std::string& id, char out[4])
-{
-    for (std::size_t i = 0; i < 4; ++i) {
-        out[i] = i < id.size() ? id[i] : '\0';
-    }
-}
-
 std::string Application::label() const { return logferry_monitor::escape(app_id.empty() ? channel : app_id); }
 
 std::string Application::context_label(std::uint32_t handle) const
@@ -634,14 +627,12 @@ void Collector::handle_control(Attachment& attachment, const Record& record, con
     switch (record.kind) {
     case KIND_REGISTER_APP:
         app.app_id = record.id;
-        to_dlt_id(record.id, app.dlt_id);
         app.description = record.text;
         note("app", app.label() + " " + quote(record.text) + " channel=" + app.channel);
         break;
     case KIND_REGISTER_CONTEXT: {
         Context& context = app.contexts[record.context_handle];
         context.id = record.id;
-        to_dlt_id(record.id, context.dlt_id);
         context.level = record.log_level;
         context.description = record.text;
         note("context", app.label() + " " + logferry_monitor::escape(record.id) +
@@ -710,18 +701,16 @@ bool Collector::send_level(Attachment& attachment, std::uint32_t handle, Context
     return false;
 }
 
-std::size_t Collector::set_level(const char app[4], const char context[4], std::uint8_t level)
+std::size_t Collector::set_level(const Id_choice& app, const Id_choice& context, std::uint8_t level)
 {
     std::size_t reached = 0;
     for (auto& attachment : attachments_) {
-        if (!attachment->channel->is_initialized() || std::memcmp(attachment->app.dlt_id, app, 4) != 0 ||
-            attachment->app.app_id.empty()) {
+        if (!attachment->channel->is_initialized() || !app(attachment->app.app_id) || attachment->app.app_id.empty()) {
             continue;
         }
         guarded(*attachment, [&] {
             for (auto& entry : attachment->app.contexts) {
-                if (std::memcmp(entry.second.dlt_id, context, 4) == 0 &&
-                    send_level(*attachment, entry.first, entry.second, level)) {
+                if (context(entry.second.id) && send_level(*attachment, entry.first, entry.second, level)) {
                     ++reached;
                 }
             }
@@ -778,8 +767,8 @@ bool Collector::handle_ring_unit(Attachment& attachment, const unsigned char* un
     if (view_.args.empty()) {
         view_.args.emplace_back();
     }
-    view_.args[0] = logferry_dlt::Argument();
-    view_.args[0].kind = logferry_dlt::Arg_kind::encoded_message;
+    view_.args[0] = logferry_decoder::Argument();
+    view_.args[0].kind = logferry_decoder::Arg_kind::encoded_message;
     view_.args[0].data = record.record.payload.data();
     view_.args[0].size = record.record.payload.size();
     view_.arg_count = 1;
@@ -789,27 +778,16 @@ bool Collector::handle_ring_unit(Attachment& attachment, const unsigned char* un
 // Hands a log message (read into view_) to the outputs.
 bool Collector::deliver(Attachment& attachment, const unsigned char* unit, std::size_t size)
 {
-    Application& app = attachment.app;
-    logferry_dlt::Message& m = message_;
-    std::memcpy(m.app, app.dlt_id, 4);
-    const auto context = view_.has_start ? app.contexts.find(view_.context_handle) : app.contexts.end();
-    if (context != app.contexts.end()) {
-        std::memcpy(m.context, context->second.dlt_id, 4);
-        m.counter = context->second.counter++;
-    } else {
-        std::memset(m.context, 0, 4);
-        m.counter = app.unknown_counter++;
-    }
-    // Messages without a start record (or with level 0) carry no level: they count as info.
-    m.level = view_.level != 0 ? view_.level : 4;
-    m.timestamp = view_.timestamp;
-    m.session_id = app.pid;
-    m.args = view_.args.data();
-    m.arg_count = view_.arg_count;
+    const Application& app = attachment.app;
     Log_message message;
     message.unit = unit;
     message.size = size;
-    message.dlt = &m;
+    message.has_start = view_.has_start;
+    message.level = view_.level;
+    message.context_handle = view_.context_handle;
+    message.timestamp = view_.timestamp;
+    message.args = view_.args.data();
+    message.arg_count = view_.arg_count;
     message.received_seconds = received_seconds_;
     message.received_microseconds = received_microseconds_;
     for (Output* output : outputs_) {

@@ -10,10 +10,11 @@
 // Throughput. Per pass, every attached ring is emptied in one hold of its mutex (the
 // channel's unsynchronised reads), then the hold is released and the units are decoded
 // and handed on; each application gets one ring's worth per pass, so a flooding one
-// cannot starve the others. A log message is read in place (Message_view) into a DLT
-// message whose texts and payloads point into the unit: nothing is allocated for it
-// here. `poll` reports whether there was anything to do, so that the caller sleeps only
-// when every ring was empty.
+// cannot starve the others. A log message is read in place (Message_view): its arguments'
+// texts and payloads point into the unit, and nothing is allocated for it here. The
+// outputs get it in no output's form; IDs, counters and encoding as DLT has them are the
+// DLT output's. `poll` reports whether there was anything to do, so that the caller sleeps
+// only when every ring was empty.
 //
 // Hostile peers. An announced name is attached only when it has the form the front end
 // gives channel names (`is_channel_name`) and names a shared-memory object of exactly a
@@ -34,7 +35,9 @@
 #define LOGFERRY_TOOLS_COLLECTOR_COLLECTOR_HPP
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -43,7 +46,6 @@
 #include <vector>
 
 #include "decoder.hpp"
-#include "dlt_message.hpp"
 #include "logferry/channel.hpp"
 #include "logferry/listener.hpp"
 #include "message_view.hpp"
@@ -52,17 +54,14 @@ namespace logferry_collector {
 
 struct Context {
     std::string id;
-    char dlt_id[4] = {};  // the ID padded with zeros
     std::uint8_t level = 0;
     std::string description;
-    std::uint8_t counter = 0;  // DLT message counter, wraps at 255
 };
 
 /// One attached application as the outputs see it.
 struct Application {
     std::string channel;  // the channel's segment name
     std::string app_id;   // empty until the application has registered
-    char dlt_id[4] = {};
     std::string description;
     // The process id: the process that maps the channel's segment (looked up in /proc once
     // at attach, among the processes whose id ends in the five digits the channel name
@@ -71,7 +70,6 @@ struct Application {
     bool local_print = false;                             // it asked for its messages as text
     bool remote = true;                                   // it did not ask to stop remote output
     std::unordered_map<std::uint32_t, Context> contexts;  // by handle
-    std::uint8_t unknown_counter = 0;                     // counter of messages without a known context
 
     /// The application ID, or the channel name before registration, escaped for printing.
     std::string label() const;
@@ -79,12 +77,17 @@ struct Application {
     std::string context_label(std::uint32_t handle) const;
 };
 
-/// One log message as received: the ring unit and its DLT form (app, context, level,
-/// time stamp, session ID, counter and arguments; the ECU ID is the output's to set).
+/// One log message as received: the ring unit and what it says, its start record's fields
+/// and its arguments (which point into the unit, or into the decoder's copy of it).
 struct Log_message {
     const unsigned char* unit = nullptr;
     std::size_t size = 0;
-    const logferry_dlt::Message* dlt = nullptr;
+    bool has_start = false;  // without a start record: no context, level or time stamp
+    std::uint8_t level = 0;
+    std::uint32_t context_handle = 0;
+    std::uint32_t timestamp = 0;  // 0.1 ms units
+    const logferry_decoder::Argument* args = nullptr;
+    std::size_t arg_count = 0;
     // Wall clock when it was taken from the ring (read once per ring).
     std::uint32_t received_seconds = 0;
     std::int32_t received_microseconds = 0;
@@ -151,9 +154,11 @@ public:
     /// Detaches from every application and gives the listener role up.
     void shutdown(const std::string& reason);
 
-    /// Sends a level update to every context `context` of every application `app` (IDs
-    /// as DLT pads them). Returns the number of contexts reached.
-    std::size_t set_level(const char app[4], const char context[4], std::uint8_t level);
+    /// Which IDs a level update is for: true for the application or context ID `id`.
+    using Id_choice = std::function<bool(const std::string& id)>;
+    /// Sends a level update to every chosen context of every chosen registered application.
+    /// Returns the number of contexts reached.
+    std::size_t set_level(const Id_choice& app, const Id_choice& context, std::uint8_t level);
     /// Sends `level` to every context of every attached application.
     std::size_t set_default_level(std::uint8_t level);
     /// The registered applications.
@@ -202,7 +207,6 @@ private:
     std::uint32_t received_seconds_ = 0;
     std::int32_t received_microseconds_ = 0;
     logferry_decoder::Message_view view_;
-    logferry_dlt::Message message_;
     std::chrono::steady_clock::time_point began_;
     std::chrono::steady_clock::time_point next_housekeeping_;
     std::uint64_t messages_ = 0;
@@ -220,9 +224,6 @@ private:
 /// process id), "-", 1 to 8 lowercase hexadecimal digits (the time stamp); at most
 /// LISTENER_NAME_SIZE bytes in all, the longest name the listener list carries.
 bool is_channel_name(const std::string& name);
-
-/// A DLT ID of up to four characters, padded with zeros.
-void to_dlt_id(const std::string& id, char out[4]);
 
 }  // namespace logferry_collector
 

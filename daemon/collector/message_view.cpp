@@ -11,9 +11,6 @@ namespace {
 
 using namespace logferry;
 using namespace logferry::wire;
-using logferry_dlt::Arg_kind;
-using logferry_dlt::Argument;
-
 static_assert(raw::LENGTH_AT == encoded_payload::LENGTH_AT, "one length field");
 
 std::uint64_t little_endian(const unsigned char* p, unsigned int bytes) noexcept

@@ -1,6 +1,7 @@
 // A log message unit read in place: the start record's level, context handle and time stamp,
-// and one DLT argument per argument record, whose texts and payloads point into the unit's
-// bytes. Nothing is allocated once the argument array has grown to the widest message seen.
+// and one argument per argument record, whose texts and payloads point into the unit's bytes.
+// Nothing is allocated once the argument array has grown to the widest message seen. The
+// arguments are in no output's form: each output (text, DLT) maps them onto its own.
 //
 // Regular units (start, arguments, finish under one stream key, every length field right,
 // every text terminated, every payload carried) are read directly. Any other unit is handed
@@ -23,9 +24,35 @@
 #include <vector>
 
 #include "decoder.hpp"
-#include "dlt_message.hpp"
 
 namespace logferry_decoder {
+
+/// What an argument of a log message holds.
+enum class Arg_kind : std::uint8_t {
+    boolean,
+    signed_int,
+    unsigned_int,
+    float32,
+    float64,
+    text,
+    raw,
+    encoded_payload,
+    encoded_message
+};
+
+/// One argument of a log message; texts, raw data, payloads and encoded messages are views
+/// into the unit's bytes (or the decoder's copy of them).
+struct Argument {
+    Arg_kind kind = Arg_kind::boolean;
+    std::uint8_t bits = 0;    // 8, 16, 32 or 64 for numbers
+    std::uint8_t format = 0;  // the record's format code (kinds 14-17 and 21), as sent
+    bool boolean = false;
+    std::int64_t signed_value = 0;
+    std::uint64_t unsigned_value = 0;
+    double float_value = 0.0;
+    const unsigned char* data = nullptr;  // text without its zero, raw data, payload or message bytes
+    std::size_t size = 0;
+};
 
 class Message_view {
 public:
@@ -37,7 +64,7 @@ public:
     std::uint8_t level = 0;
     std::uint32_t context_handle = 0;
     std::uint32_t timestamp = 0;
-    std::vector<logferry_dlt::Argument> args;  // args.size() of them are this message's
+    std::vector<Argument> args;  // the first arg_count of them are this message's
     std::size_t arg_count = 0;
     bool single = false;  // a single record, not a log message
     Error error;          // why a unit was neither
@@ -55,7 +82,7 @@ private:
     std::size_t read_text(const unsigned char* record, std::size_t left, std::uint32_t& key);
     std::size_t read_payload(const unsigned char* record, std::size_t left, std::uint32_t& key);
     bool read_decoded(const unsigned char* data, std::size_t size);
-    logferry_dlt::Argument& next_arg();
+    Argument& next_arg();
 
     Ring_unit decoded_;  // the decoder's reading of the last odd unit
 };

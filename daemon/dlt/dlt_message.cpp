@@ -183,4 +183,11 @@ void put_storage_header(unsigned char* out, std::uint32_t seconds, std::int32_t 
     std::memcpy(out + STORAGE_ECU, ecu, ECU_SIZE);
 }
 
+void to_dlt_id(const std::string& id, char out[4]) noexcept
+{
+    for (std::size_t i = 0; i < ID_SIZE; ++i) {
+        out[i] = i < id.size() ? id[i] : '\0';
+    }
+}
+
 }  // namespace logferry_dlt

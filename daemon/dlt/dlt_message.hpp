@@ -27,6 +27,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace logferry_dlt {
 
@@ -74,6 +75,9 @@ std::size_t encode_log_message(const Message& message, unsigned char* out, std::
 
 // The bytes encode_log_message needs for `message` (0 if it cannot be encoded at all).
 std::size_t encoded_size(const Message& message) noexcept;
+
+/// A DLT ID (ECU, application, context) of up to four characters, padded with zeros.
+void to_dlt_id(const std::string& id, char out[4]) noexcept;
 
 constexpr std::size_t STORAGE_HEADER_SIZE = 16;
 

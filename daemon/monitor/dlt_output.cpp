@@ -13,6 +13,55 @@ namespace {
 
 using logferry_dlt::Service;
 
+logferry_dlt::Arg_kind dlt_kind(logferry_decoder::Arg_kind kind)
+{
+    using logferry_decoder::Arg_kind;
+    switch (kind) {
+    case Arg_kind::boolean:
+        return logferry_dlt::Arg_kind::boolean;
+    case Arg_kind::signed_int:
+        return logferry_dlt::Arg_kind::signed_int;
+    case Arg_kind::unsigned_int:
+        return logferry_dlt::Arg_kind::unsigned_int;
+    case Arg_kind::float32:
+        return logferry_dlt::Arg_kind::float32;
+    case Arg_kind::float64:
+        return logferry_dlt::Arg_kind::float64;
+    case Arg_kind::text:
+        return logferry_dlt::Arg_kind::text;
+    case Arg_kind::raw:
+        return logferry_dlt::Arg_kind::raw;
+    case Arg_kind::encoded_payload:
+        return logferry_dlt::Arg_kind::encoded_payload;
+    case Arg_kind::encoded_message:
+        break;
+    }
+    return logferry_dlt::Arg_kind::encoded_message;
+}
+
+// An argument as the DLT encoder takes it: the same value, its bytes still where they were.
+logferry_dlt::Argument dlt_argument(const logferry_decoder::Argument& arg)
+{
+    logferry_dlt::Argument out;
+    out.kind = dlt_kind(arg.kind);
+    out.bits = arg.bits;
+    out.format = arg.format;
+    out.boolean = arg.boolean;
+    out.signed_value = arg.signed_value;
+    out.unsigned_value = arg.unsigned_value;
+    out.float_value = arg.float_value;
+    out.data = arg.data;
+    out.size = arg.size;
+    return out;
+}
+
+bool same_id(const std::string& id, const char dlt_id[4])
+{
+    char padded[4];
+    logferry_dlt::to_dlt_id(id, padded);
+    return std::memcmp(padded, dlt_id, 4) == 0;
+}
+
 std::string describe_id(const char id[4])
 {
     std::string text;
@@ -56,7 +105,7 @@ std::string app_file_path(const std::string& dir, const std::string& name, std::
 Dlt_output::Dlt_output(const Options& options, logferry_collector::Collector& collector)
     : options_(options), collector_(collector)
 {
-    logferry_collector::to_dlt_id(options_.ecu, ecu_);
+    logferry_dlt::to_dlt_id(options_.ecu, ecu_);
     std::memcpy(server_.ecu, ecu_, 4);
     std::memcpy(file_.ecu, ecu_, 4);
 }
@@ -90,14 +139,15 @@ bool Dlt_output::open()
 void Dlt_output::message(const logferry_collector::Application& application,
                          const logferry_collector::Log_message& message)
 {
+    // Every message takes its number, whether or not it goes anywhere.
+    const std::uint8_t counter = next_counter(application, message);
     const bool to_file = file_.is_open();
     const bool to_clients = application.remote && server_.client_count() != 0;
     const auto app_file = app_files_.empty() ? app_files_.end() : app_files_.find(application.channel);
     if (!to_file && !to_clients && app_file == app_files_.end()) {
         return;
     }
-    logferry_dlt::Message m = *message.dlt;
-    std::memcpy(m.ecu, ecu_, 4);
+    const logferry_dlt::Message m = dlt_message(application, message, counter);
     const std::size_t size = logferry_dlt::encode_log_message(m, buffer_, sizeof buffer_);
     if (size == 0) {
         ++too_large_;
@@ -115,6 +165,43 @@ void Dlt_output::message(const logferry_collector::Application& application,
     if (to_clients) {
         server_.broadcast(buffer_, size);
     }
+}
+
+std::uint8_t Dlt_output::next_counter(const logferry_collector::Application& application,
+                                      const logferry_collector::Log_message& message)
+{
+    Counters& counters = counters_[&application];
+    if (message.has_start && application.contexts.count(message.context_handle) != 0) {
+        return counters.contexts[message.context_handle]++;
+    }
+    return counters.unregistered++;
+}
+
+logferry_dlt::Message Dlt_output::dlt_message(const logferry_collector::Application& application,
+                                              const logferry_collector::Log_message& message, std::uint8_t counter)
+{
+    logferry_dlt::Message m;
+    std::memcpy(m.ecu, ecu_, 4);
+    logferry_dlt::to_dlt_id(application.app_id, m.app);
+    const auto context =
+        message.has_start ? application.contexts.find(message.context_handle) : application.contexts.end();
+    if (context != application.contexts.end()) {
+        logferry_dlt::to_dlt_id(context->second.id, m.context);
+    }
+    // Messages without a start record (or with level 0) carry no level: they count as info.
+    m.level = message.level != 0 ? message.level : 4;
+    m.timestamp = message.timestamp;
+    m.session_id = application.pid;
+    m.counter = counter;
+    if (args_.size() < message.arg_count) {
+        args_.resize(message.arg_count);
+    }
+    for (std::size_t i = 0; i < message.arg_count; ++i) {
+        args_[i] = dlt_argument(message.args[i]);
+    }
+    m.args = args_.data();
+    m.arg_count = message.arg_count;
+    return m;
 }
 
 bool Dlt_output::request(const logferry_collector::Application& application, logferry_collector::Request request,
@@ -138,6 +225,7 @@ bool Dlt_output::request(const logferry_collector::Application& application, log
 
 void Dlt_output::detached(const logferry_collector::Application& application)
 {
+    counters_.erase(&application);
     const auto it = app_files_.find(application.channel);
     if (it != app_files_.end()) {
         it->second->close();
@@ -185,7 +273,10 @@ void Dlt_output::control(int client, const logferry_dlt::Control_request& reques
     switch (static_cast<Service>(request.service_id)) {
     case Service::set_log_level: {
         const std::size_t reached =
-            level_ok ? collector_.set_level(request.app, request.context, static_cast<std::uint8_t>(request.level)) : 0;
+            level_ok ? collector_.set_level([&](const std::string& id) { return same_id(id, request.app); },
+                                            [&](const std::string& id) { return same_id(id, request.context); },
+                                            static_cast<std::uint8_t>(request.level))
+                     : 0;
         collector_.note("client", "set-log-level " + describe_id(request.app) + " " + describe_id(request.context) +
                                       " level=" + std::to_string(request.level) + ": " + std::to_string(reached) +
                                       " context" + (reached == 1 ? "" : "s"));
@@ -213,11 +304,11 @@ void Dlt_output::control(int client, const logferry_dlt::Control_request& reques
         std::vector<logferry_dlt::App_info> apps;
         for (const logferry_collector::Application* app : collector_.applications()) {
             logferry_dlt::App_info info{};
-            std::memcpy(info.id, app->dlt_id, 4);
+            logferry_dlt::to_dlt_id(app->app_id, info.id);
             info.description = app->description;
             for (const auto& entry : app->contexts) {
                 logferry_dlt::Context_info context{};
-                std::memcpy(context.id, entry.second.dlt_id, 4);
+                logferry_dlt::to_dlt_id(entry.second.id, context.id);
                 context.level = static_cast<std::int8_t>(entry.second.level);
                 context.description = entry.second.description;
                 info.contexts.push_back(context);

@@ -1,6 +1,10 @@
 // The DLT outputs: every log message encoded once as a DLT verbose message, then appended
 // to a DLT storage file, sent to the connected DLT clients (TCP), and appended to the file
 // an application asked for. Control requests of DLT clients go back to the collector.
+//
+// Everything DLT has and the collector does not lives here: the IDs padded to four bytes,
+// the message counters of each context, the level a message without one counts at, the
+// session ID (the application's process id) and the DLT form of every argument.
 
 #ifndef LOGFERRY_TOOLS_MONITOR_DLT_OUTPUT_HPP
 #define LOGFERRY_TOOLS_MONITOR_DLT_OUTPUT_HPP
@@ -9,6 +13,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "collector.hpp"
 #include "dlt_control.hpp"
@@ -53,7 +59,17 @@ public:
     void close();
 
 private:
+    // The DLT message counters of an attached application, each wrapping at 255.
+    struct Counters {
+        std::unordered_map<std::uint32_t, std::uint8_t> contexts;  // by handle, registered contexts only
+        std::uint8_t unregistered = 0;                             // messages without a registered context
+    };
+
     void control(int client, const logferry_dlt::Control_request& request);
+    std::uint8_t next_counter(const logferry_collector::Application& application,
+                              const logferry_collector::Log_message& message);
+    logferry_dlt::Message dlt_message(const logferry_collector::Application& application,
+                                      const logferry_collector::Log_message& message, std::uint8_t counter);
 
     Options options_;
     logferry_collector::Collector& collector_;
@@ -61,6 +77,10 @@ private:
     File_thread file_;
     logferry_dlt::Tcp_server server_;
     std::map<std::string, std::unique_ptr<logferry_dlt::File_writer>> app_files_;  // by channel
+    // By application, from its first message until it is detached (the collector detaches an
+    // application before it lets it go, so no entry outlives its application).
+    std::unordered_map<const logferry_collector::Application*, Counters> counters_;
+    std::vector<logferry_dlt::Argument> args_;  // the arguments of the message being encoded
     std::int8_t default_level_ = 4;
     bool port_failed_ = false;
     std::uint64_t too_large_ = 0;

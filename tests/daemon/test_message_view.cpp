@@ -15,8 +15,8 @@
 namespace {
 
 using namespace logferry;
+using logferry_decoder::Arg_kind;
 using logferry_decoder::Message_view;
-using logferry_dlt::Arg_kind;
 using Bytes = std::vector<unsigned char>;
 
 template <typename... R>
@@ -269,7 +269,7 @@ TEST(MessageView, AgreesWithTheDecoderOnMutatedUnits)
                 continue;
             }
             ASSERT_LT(arguments, view.arg_count) << round;
-            const logferry_dlt::Argument& arg = view.args[arguments++];
+            const logferry_decoder::Argument& arg = view.args[arguments++];
             if (record.kind == KIND_WRITE_UTF8_STRING) {
                 EXPECT_EQ(std::string(reinterpret_cast<const char*>(arg.data), arg.size), record.text) << round;
             } else if (record.kind >= KIND_WRITE_RAW_FORMATTED) {
