@@ -8,6 +8,8 @@
 #include <cpuid.h>
 #endif
 
+#include "wire/timestamp.hpp"
+
 namespace ara::log::detail {
 
 Stamp_clock_state stamp_clock;
@@ -18,8 +20,6 @@ __thread Stamp_cache stamp_cache;
 namespace {
 
 constexpr std::uint64_t NS_PER_SECOND = 1000000000;
-/// Nanoseconds of one unit of the stamp (0.1 ms).
-constexpr std::uint64_t NS_PER_UNIT = 100000;
 
 // The calibration's last point; only the thread that re-checks reads and writes it.
 struct Calibration_point {
@@ -97,11 +97,11 @@ std::uint32_t stamp_from_clock() noexcept
     if (logferry::sys->clock_gettime(CLOCK_MONOTONIC, &now) != 0) {
         return 0;  // as the free functions: 0 when the clock cannot be read
     }
-    const std::uint32_t unit =
-        static_cast<std::uint32_t>(now.tv_sec) * 10000U + static_cast<std::uint32_t>(now.tv_nsec / 100000);
+    const std::uint32_t unit = logferry::wire::stamp_of(now);
     const std::uint64_t rate = stamp_clock.ticks_per_ns_q32.load(std::memory_order_relaxed);
     if (counted && rate != 0) {
-        const std::uint64_t left_ns = NS_PER_UNIT - static_cast<std::uint64_t>(now.tv_nsec) % NS_PER_UNIT;
+        constexpr std::uint64_t unit_ns = logferry::wire::NS_PER_STAMP_UNIT;
+        const std::uint64_t left_ns = unit_ns - static_cast<std::uint64_t>(now.tv_nsec) % unit_ns;
         Stamp_cache& cache = stamp_cache;
         cache.from = ticks;
         cache.span = left_ns > TUNING.margin_ns ? ((left_ns - TUNING.margin_ns) * rate) >> 32 : 0;

@@ -13,6 +13,7 @@
 
 #include "logferry/client.hpp"
 #include "logferry/system.hpp"
+#include "wire/timestamp.hpp"
 #include "wire/wire.hpp"
 
 namespace logferry {
@@ -167,11 +168,11 @@ bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint
             return false;
         }
     }
-    // Monotonic clock in 0.1 ms units, modulo 2^32; 0 when the clock cannot be read.
+    // The start record's stamp; 0 when the clock cannot be read.
     std::uint32_t timestamp = 0;
     timespec now{};
     if (sys->clock_gettime(CLOCK_MONOTONIC, &now) == 0) {
-        timestamp = static_cast<std::uint32_t>(now.tv_sec) * 10000U + static_cast<std::uint32_t>(now.tv_nsec / 100000);
+        timestamp = wire::stamp_of(now);
     }
     unsigned char record[wire::START_SIZE];
     const std::size_t size =

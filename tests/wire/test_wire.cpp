@@ -15,6 +15,7 @@
 #include "system/robust_mutex.hpp"
 #include "wire/ring_framing.hpp"
 #include "wire/shared_fields.hpp"
+#include "wire/timestamp.hpp"
 #include "wire/wire.hpp"
 
 namespace {
@@ -183,6 +184,17 @@ TEST(WireEncoders, StartAndFinishAsTheHotPathWritesThem)
     EXPECT_EQ(Bytes(buffer, buffer + wire::START_SIZE), (Bytes{7, 3, 7, 0, 0, 0, 0x44, 0x33, 0x22, 0x11, 0, 0, 0, 0}));
     ASSERT_EQ(wire::encode_finish(buffer, logferry::KIND_WRITE_FINISH, 0x01020304), wire::FINISH_SIZE);
     EXPECT_EQ(Bytes(buffer, buffer + wire::FINISH_SIZE), (Bytes{8, 4, 3, 2, 1}));
+}
+
+TEST(WireTimestamp, TheStampIsTheMonotonicClockInTenthsOfAMillisecond)
+{
+    EXPECT_EQ(wire::stamp_of(timespec{0, 0}), 0U);
+    EXPECT_EQ(wire::stamp_of(timespec{0, 99999}), 0U);
+    EXPECT_EQ(wire::stamp_of(timespec{0, 100000}), 1U);
+    EXPECT_EQ(wire::stamp_of(timespec{12, 345678901}), 123456U);
+    EXPECT_EQ(wire::stamp_of(timespec{0, 999999999}), 9999U);
+    // Modulo 2^32: 429497 s are 4294970000 units.
+    EXPECT_EQ(wire::stamp_of(timespec{429497, 0}), 4294970000U - 4294967296U);
 }
 
 TEST(WireFraming, APrefixIsSixteenBitsLowByteFirst)
