@@ -30,14 +30,18 @@ namespace encoding = logferry::encoding;
 
 // Longest text of one text record (the free functions' limit), the text a cut one keeps
 // before its "...", and the longest payload of one raw record.
-constexpr std::size_t MAX_TEXT_LENGTH = 1388;
+constexpr std::size_t MAX_TEXT_LENGTH = encoding::MAX_LOGGED_TEXT_LENGTH;
 constexpr char CUT_MARK[] = "...";
 constexpr std::size_t CUT_MARK_LENGTH = sizeof(CUT_MARK) - 1;
-constexpr std::size_t MAX_PAYLOAD_LENGTH = 1389;
+constexpr std::size_t MAX_PAYLOAD_LENGTH = encoding::MAX_PAYLOAD_SIZE;
+// What log_stream.h promises of a cut text.
+static_assert(MAX_TEXT_LENGTH == 1388 && MAX_TEXT_LENGTH - CUT_MARK_LENGTH == 1385, "a cut text's length");
 
+// The notes this file adds (dropped arguments, cut raw data) are made in buffers of this size.
+constexpr std::size_t NOTE_SIZE = 64;
 // Room kept at the end of every message for the finish record and the note on dropped
 // arguments, so that both always fit.
-constexpr std::size_t NOTE_ROOM = encoding::TEXT_HEAD_SIZE + 64;
+constexpr std::size_t NOTE_ROOM = encoding::TEXT_HEAD_SIZE + NOTE_SIZE;
 constexpr std::size_t ARGUMENT_LIMIT = logferry::wire::MAX_FRAMED_RECORD_SIZE - encoding::FINISH_SIZE - NOTE_ROOM;
 
 // Room for `size` more bytes of arguments: the place to write them, or null when the message
@@ -55,18 +59,18 @@ unsigned char* room(Message& message, std::size_t size, std::size_t limit = ARGU
     return message.data + message.used;
 }
 
-// A text record: head, `copied` characters, the terminating zero; `length` counts as the
-// free functions count it (the given length + 8).
+// A text record: head, `copied` characters, the terminating zero; its length field counts
+// the given `length`, as the free functions count it.
 void add_text(Message& message, const char* text, std::size_t copied, std::size_t length,
               std::size_t limit = ARGUMENT_LIMIT) noexcept
 {
-    const std::size_t size = encoding::TEXT_HEAD_SIZE + copied + 1;
+    const std::size_t size = encoding::text_size(copied);
     unsigned char* out = room(message, size, limit);
     if (out == nullptr) {
         return;
     }
-    encoding::encode_text_head(out, logferry::KIND_WRITE_UTF8_STRING, static_cast<std::uint16_t>(length + 8),
-                               message.key);
+    encoding::encode_text_head(out, logferry::KIND_WRITE_UTF8_STRING,
+                               static_cast<std::uint16_t>(encoding::text_size(length)), message.key);
     std::memcpy(out + encoding::TEXT_HEAD_SIZE, text, copied);
     out[size - 1] = 0;
     message.used += size;
@@ -87,7 +91,7 @@ void start(Message& message) noexcept
 void send(Message& message) noexcept
 {
     if (message.dropped != 0) {
-        char note[64] = "[";
+        char note[NOTE_SIZE] = "[";
         char* end = std::to_chars(note + 1, note + 16, message.dropped).ptr;
         const char tail[] = " arguments dropped: message too long]";
         std::memcpy(end, tail, sizeof(tail));
@@ -280,13 +284,13 @@ void LogStream::PutRaw(const void* data, std::size_t size) noexcept
     if (out == nullptr) {
         return;
     }
-    encoding::encode_raw_head(out, logferry::KIND_WRITE_RAW_FORMATTED, static_cast<std::uint16_t>(carried + 10),
-                              static_cast<std::uint8_t>(logferry::LogFormat::kRaw), static_cast<std::uint16_t>(carried),
-                              message_->key);
+    encoding::encode_raw_head(
+        out, logferry::KIND_WRITE_RAW_FORMATTED, static_cast<std::uint16_t>(encoding::RAW_HEAD_SIZE + carried),
+        static_cast<std::uint8_t>(logferry::LogFormat::kRaw), static_cast<std::uint16_t>(carried), message_->key);
     std::memcpy(out + encoding::RAW_HEAD_SIZE, data, carried);
     message_->used += encoding::RAW_HEAD_SIZE + carried;
     if (carried < size) {
-        char note[64] = "[raw data cut from ";
+        char note[NOTE_SIZE] = "[raw data cut from ";
         const std::size_t prefix = std::strlen(note);
         char* end = std::to_chars(note + prefix, note + 40, size).ptr;
         std::memcpy(end, " bytes]", 8);

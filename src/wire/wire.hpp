@@ -521,6 +521,10 @@ static_assert(MAX_FIXED_SIZE == START_SIZE && MAX_FIXED_SIZE == plain_size(8) + 
                   MAX_FIXED_SIZE == formatted_size(8),
               "the largest fixed record");
 static_assert(MAX_LOGGED_TEXT_LENGTH == 1388 && MAX_PAYLOAD_SIZE == 1389, "record limits");
+// The length fields as the public records document them: text + 8, size + 10, size + 9, size + 5.
+static_assert(text_size(0) == 8 && RAW_HEAD_SIZE == 10 && ENCODED_PAYLOAD_HEAD_SIZE == 9 &&
+                  ENCODED_MESSAGE_HEAD_SIZE == 5,
+              "length fields");
 
 }  // namespace wire
 
