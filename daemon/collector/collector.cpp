@@ -25,6 +25,7 @@
 #include "logferry/message.hpp"
 #include "logferry/system.hpp"
 #include "render.hpp"
+#include "wire/channel_name.hpp"
 #include "wire/shared_fields.hpp"
 #include "wire/wire.hpp"
 
@@ -45,11 +46,6 @@ constexpr int RING_LOCK_TRIES = 20000;
 // for the mutex. An application whose threads hold their mutex most of the time (or one
 // that was preempted holding it) does not keep the others waiting, and is not starved.
 constexpr unsigned int RING_SKIPS_BEFORE_WAITING = 4;
-// The process id in a channel name is cut to this many digits.
-constexpr std::size_t NAME_PID_DIGITS = 5;
-// The time stamp in a channel name: a 32-bit number in lowercase hexadecimal.
-constexpr std::size_t NAME_STAMP_DIGITS = 8;
-constexpr char CHANNEL_PREFIX[] = "/logferry-";
 // Refused names remembered; the set starts afresh beyond this.
 constexpr std::size_t REFUSED_LIMIT = 1024;
 
@@ -135,11 +131,6 @@ void release_faulted_segment(logferry::Channel_segment* segment)
     }
 }
 
-bool only_of(const std::string& text, const char* alphabet)
-{
-    return text.find_first_not_of(alphabet) == std::string::npos;
-}
-
 // Why the object `name` cannot be a channel segment; empty when it can.
 std::string check_segment_object(const std::string& name)
 {
@@ -193,16 +184,11 @@ bool maps_segment(const std::string& pid, const std::string& name)
 // The process id of the application behind a channel name "/logferry-<ID>-<pid>-<stamp>".
 std::uint32_t application_pid(const std::string& name)
 {
-    const auto last = name.rfind('-');
-    const auto before = last == std::string::npos || last == 0 ? std::string::npos : name.rfind('-', last - 1);
-    if (before == std::string::npos) {
+    logferry::wire::Channel_name_parts parts;
+    if (!logferry::wire::parse_channel_name(name, parts)) {
         return 0;
     }
-    const std::string digits = name.substr(before + 1, last - before - 1);
-    if (digits.empty() || digits.size() > NAME_PID_DIGITS ||
-        digits.find_first_not_of("0123456789") != std::string::npos) {
-        return 0;
-    }
+    const std::string& digits = parts.pid;
     const auto number = static_cast<std::uint32_t>(std::stoul(digits));
     const std::string self = std::to_string(::getpid());
     if (digits != self && maps_segment(digits, name)) {
@@ -210,7 +196,8 @@ std::uint32_t application_pid(const std::string& name)
     }
     // Process ids above 99999: the name carries the last five digits.
     for (std::uint32_t prefix = 1; prefix < 100; ++prefix) {
-        const std::string pid = std::to_string(prefix) + std::string(NAME_PID_DIGITS - digits.size(), '0') + digits;
+        const std::string pid =
+            std::to_string(prefix) + std::string(logferry::wire::CHANNEL_PID_DIGITS - digits.size(), '0') + digits;
         if (pid != self && ::access(("/proc/" + pid).c_str(), F_OK) == 0 && maps_segment(pid, name)) {
             return static_cast<std::uint32_t>(std::stoul(pid));
         }
@@ -251,22 +238,8 @@ bool try_lock_ring(pthread_mutex_t* mutex)
 
 bool is_channel_name(const std::string& name)
 {
-    const std::size_t prefix = sizeof CHANNEL_PREFIX - 1;
-    if (name.size() > logferry::LISTENER_NAME_SIZE || name.compare(0, prefix, CHANNEL_PREFIX) != 0) {
-        return false;
-    }
-    const auto last = name.rfind('-');
-    const auto before = last <= prefix ? std::string::npos : name.rfind('-', last - 1);
-    if (before == std::string::npos || before <= prefix) {
-        return false;
-    }
-    const std::string id = name.substr(prefix, before - prefix);
-    const std::string pid = name.substr(before + 1, last - before - 1);
-    const std::string stamp = name.substr(last + 1);
-    return !id.empty() && !pid.empty() && pid.size() <= NAME_PID_DIGITS && !stamp.empty() &&
-           stamp.size() <= NAME_STAMP_DIGITS &&
-           only_of(id, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-") &&
-           only_of(pid, "0123456789") && only_of(stamp, "0123456789abcdef");
+    logferry::wire::Channel_name_parts parts;
+    return name.size() <= logferry::LISTENER_NAME_SIZE && logferry::wire::parse_channel_name(name, parts);
 }
 
 void to_dlt_id(const std::string& id, char out[4])

@@ -13,6 +13,7 @@
 #include "support/fake_system.hpp"
 #include "support/robust_list.hpp"
 #include "system/robust_mutex.hpp"
+#include "wire/channel_name.hpp"
 #include "wire/ring_framing.hpp"
 #include "wire/shared_fields.hpp"
 #include "wire/timestamp.hpp"
@@ -195,6 +196,39 @@ TEST(WireTimestamp, TheStampIsTheMonotonicClockInTenthsOfAMillisecond)
     EXPECT_EQ(wire::stamp_of(timespec{0, 999999999}), 9999U);
     // Modulo 2^32: 429497 s are 4294970000 units.
     EXPECT_EQ(wire::stamp_of(timespec{429497, 0}), 4294970000U - 4294967296U);
+}
+
+TEST(WireChannelName, TheIdentifierKeepsFivePidDigitsAndAHexMicrosecondStamp)
+{
+    EXPECT_EQ(wire::make_channel_identifier("APP1", 1234567, 0xbebc20), "APP1-34567-bebc20");
+    EXPECT_EQ(wire::make_channel_identifier("APP1", 42, 0), "APP1-42-0");
+    EXPECT_EQ(wire::make_channel_identifier("", 7, 0xFFFFFFFFU), "-7-ffffffff");
+    EXPECT_EQ(wire::channel_stamp_of(timespec{12, 500000}), 12000500U);
+    EXPECT_EQ(wire::channel_stamp_of(timespec{4294, 0}), 4294000000U);
+    EXPECT_EQ(wire::channel_stamp_of(timespec{4296, 999}), 4296000000U - 4294967296U);
+    EXPECT_EQ(wire::channel_name_of("APP1-34567-bebc20"), "/logferry-APP1-34567-bebc20");
+    EXPECT_EQ(wire::channel_name_of(""), "/logferry-");
+}
+
+TEST(WireChannelName, ANameAsTheApplicationFormsItParsesBackIntoItsParts)
+{
+    wire::Channel_name_parts parts;
+    ASSERT_TRUE(wire::parse_channel_name(
+        wire::channel_name_of(wire::make_channel_identifier("my-app.v_2", 1234567, 0x7fc0)), parts));
+    EXPECT_EQ(parts.app_id, "my-app.v_2");
+    EXPECT_EQ(parts.pid, "34567");
+    EXPECT_EQ(parts.stamp, "7fc0");
+}
+
+TEST(WireChannelName, NamesOfAnyOtherFormAreRefused)
+{
+    wire::Channel_name_parts parts;
+    for (const char* name : {"", "/logferry-", "/logferry-A", "/logferry-A-1", "/logferry--1-a", "/other-A-1-a",
+                             "/logferry-A-123456-a", "/logferry-A-1-123456789", "/logferry-A-1-", "/logferry-A--a",
+                             "/logferry-A-x1-a", "/logferry-A-1-A", "/logferry-A B-1-a", "/logferry-A/B-1-a"}) {
+        EXPECT_FALSE(wire::parse_channel_name(name, parts)) << name;
+    }
+    EXPECT_TRUE(wire::parse_channel_name("/logferry-A-12345-12345678", parts));
 }
 
 TEST(WireFraming, APrefixIsSixteenBitsLowByteFirst)
