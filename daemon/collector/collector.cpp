@@ -26,6 +26,7 @@
 #include "logferry/system.hpp"
 #include "render.hpp"
 #include "wire/channel_name.hpp"
+#include "wire/liveness.hpp"
 #include "wire/shared_fields.hpp"
 #include "wire/wire.hpp"
 
@@ -35,9 +36,8 @@ namespace {
 using logferry_decoder::Record;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto HOUSEKEEPING_PERIOD = std::chrono::milliseconds(200);
-// An application whose watchdog is further behind the clock than this has gone.
-constexpr std::int64_t SILENCE_LIMIT_SECONDS = 5;
+// The pass that stamps the daemon's watchdogs.
+constexpr auto HOUSEKEEPING_PERIOD = std::chrono::milliseconds(logferry::wire::DAEMON_STAMP_PERIOD_MS);
 // Bytes shown of a unit that cannot be decoded.
 constexpr std::size_t DUMP_LIMIT = 32;
 // Attempts to catch a ring's mutex free before going on to the next ring.
@@ -345,7 +345,7 @@ void Collector::housekeeping()
         guarded(*attachment, [&] {
             attachment->channel->is_connection_active();
             const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
-            if (stamp != 0 && seconds - stamp > SILENCE_LIMIT_SECONDS) {
+            if (stamp != 0 && seconds - stamp > logferry::wire::WATCHDOG_LIMIT_SECONDS) {
                 go_on = read_remainder(*attachment);
                 if (go_on) {
                     detach(*attachment, "no sign of life for " + std::to_string(seconds - stamp) + " s");

@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "wire/liveness.hpp"
+
 namespace ara::log::detail {
 
 struct Front_end_tuning {
@@ -43,7 +45,7 @@ struct Front_end_tuning {
     std::chrono::milliseconds retry_period{1};
     /// ...and once that has lasted `slow_retry_after`, every receiver-thread tick, so that a
     /// daemon that stays away costs no more wake-ups than the receiver thread's.
-    std::chrono::milliseconds slow_retry_period{50};
+    std::chrono::milliseconds slow_retry_period{logferry::wire::RECEIVER_TICK_MS};
     std::chrono::milliseconds slow_retry_after{1000};
     /// While messages come it looks this often without being woken: a woken flusher would
     /// cost every message a system call.
