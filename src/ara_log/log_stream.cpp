@@ -87,6 +87,24 @@ void start(Message& message) noexcept
     }
 }
 
+// A number argument, in the record its type travels in; the unsigned integers with their
+// format as given.
+template <typename T>
+void put_number(Message& message, T value) noexcept
+{
+    if (unsigned char* out = room(message, encoding::argument_size<T>)) {
+        message.used += encoding::encode_argument(out, message.key, value);
+    }
+}
+
+template <typename T>
+void put_number(Message& message, T value, std::uint8_t format) noexcept
+{
+    if (unsigned char* out = room(message, encoding::argument_size<T>)) {
+        message.used += encoding::encode_argument(out, message.key, value, format);
+    }
+}
+
 // Closes the message (note on dropped arguments, finish record) and hands it over.
 void send(Message& message) noexcept
 {
@@ -168,90 +186,27 @@ void LogStream::PutLocation(detail::Text file, int line) noexcept
     add_text(*message_, text.data(), ::strnlen(text.data(), length), length);
 }
 
-void LogStream::PutBool(bool value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(1))) {
-        message_->used += encoding::encode_plain_u8(out, logferry::KIND_WRITE_BOOL, message_->key, value ? 1 : 0);
-    }
-}
+void LogStream::PutBool(bool value) noexcept { put_number(*message_, value); }
 
-void LogStream::PutInt8(std::int8_t value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(1))) {
-        message_->used +=
-            encoding::encode_plain_u8(out, logferry::KIND_WRITE_INT8, message_->key, static_cast<std::uint8_t>(value));
-    }
-}
+void LogStream::PutInt8(std::int8_t value) noexcept { put_number(*message_, value); }
 
-void LogStream::PutInt16(std::int16_t value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(2))) {
-        message_->used += encoding::encode_plain_u16(out, logferry::KIND_WRITE_INT16, message_->key,
-                                                     static_cast<std::uint16_t>(value));
-    }
-}
+void LogStream::PutInt16(std::int16_t value) noexcept { put_number(*message_, value); }
 
-void LogStream::PutInt32(std::int32_t value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(4))) {
-        message_->used += encoding::encode_plain_u32(out, logferry::KIND_WRITE_INT32, message_->key,
-                                                     static_cast<std::uint32_t>(value));
-    }
-}
+void LogStream::PutInt32(std::int32_t value) noexcept { put_number(*message_, value); }
 
-void LogStream::PutInt64(std::int64_t value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(8))) {
-        message_->used += encoding::encode_plain_u64(out, logferry::KIND_WRITE_INT64, message_->key,
-                                                     static_cast<std::uint64_t>(value));
-    }
-}
+void LogStream::PutInt64(std::int64_t value) noexcept { put_number(*message_, value); }
 
-void LogStream::PutUint8(std::uint8_t value, std::uint8_t format) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::formatted_size(1))) {
-        message_->used +=
-            encoding::encode_formatted_u8(out, logferry::KIND_WRITE_UINT8_FORMATTED, format, value, message_->key);
-    }
-}
+void LogStream::PutUint8(std::uint8_t value, std::uint8_t format) noexcept { put_number(*message_, value, format); }
 
-void LogStream::PutUint16(std::uint16_t value, std::uint8_t format) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::formatted_size(2))) {
-        message_->used +=
-            encoding::encode_formatted_u16(out, logferry::KIND_WRITE_UINT16_FORMATTED, format, value, message_->key);
-    }
-}
+void LogStream::PutUint16(std::uint16_t value, std::uint8_t format) noexcept { put_number(*message_, value, format); }
 
-void LogStream::PutUint32(std::uint32_t value, std::uint8_t format) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::formatted_size(4))) {
-        message_->used +=
-            encoding::encode_formatted_u32(out, logferry::KIND_WRITE_UINT32_FORMATTED, format, value, message_->key);
-    }
-}
+void LogStream::PutUint32(std::uint32_t value, std::uint8_t format) noexcept { put_number(*message_, value, format); }
 
-void LogStream::PutUint64(std::uint64_t value, std::uint8_t format) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::formatted_size(8))) {
-        message_->used +=
-            encoding::encode_formatted_u64(out, logferry::KIND_WRITE_UINT64_FORMATTED, format, value, message_->key);
-    }
-}
+void LogStream::PutUint64(std::uint64_t value, std::uint8_t format) noexcept { put_number(*message_, value, format); }
 
-void LogStream::PutFloat32(float value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(sizeof(float)))) {
-        message_->used += encoding::encode_plain_memory(out, logferry::KIND_WRITE_FLOAT32, message_->key, value);
-    }
-}
+void LogStream::PutFloat32(float value) noexcept { put_number(*message_, value); }
 
-void LogStream::PutFloat64(double value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(sizeof(double)))) {
-        message_->used += encoding::encode_plain_memory(out, logferry::KIND_WRITE_FLOAT64, message_->key, value);
-    }
-}
+void LogStream::PutFloat64(double value) noexcept { put_number(*message_, value); }
 
 void LogStream::PutText(const char* text, std::size_t size) noexcept
 {

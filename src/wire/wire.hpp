@@ -280,6 +280,144 @@ constexpr std::size_t formatted_size(std::size_t value_size) { return formatted:
 /// A text record (and its length field) with a text of `length` characters and its zero.
 constexpr std::size_t text_size(std::size_t length) { return TEXT_HEAD_SIZE + length + 1; }
 
+// ---------------------------------------------------------------------------------------
+// The number records (kinds 9-19): the one table of which value each carries and how, and of
+// the kind a typed argument travels in. The free functions, ara::log and `serialize` all
+// choose their record and encoder through it.
+
+/// How a number kind carries its value: `value_size` bytes, as a little-endian integer
+/// (signed values in two's complement) or, `floating`, as the bytes of a float or double in
+/// memory; in the plain layout (kind, stream key, value) or, `formatted`, in the formatted
+/// one (kind, format, value, stream key).
+struct Number_layout {
+    std::uint8_t value_size;  // 0: not a number kind
+    bool floating;
+    bool formatted;
+};
+
+constexpr Number_layout number_layout(int kind) noexcept
+{
+    switch (kind) {
+    case KIND_WRITE_BOOL:
+    case KIND_WRITE_INT8:
+        return {1, false, false};
+    case KIND_WRITE_INT16:
+        return {2, false, false};
+    case KIND_WRITE_INT32:
+        return {4, false, false};
+    case KIND_WRITE_INT64:
+        return {8, false, false};
+    case KIND_WRITE_UINT8_FORMATTED:
+        return {1, false, true};
+    case KIND_WRITE_UINT16_FORMATTED:
+        return {2, false, true};
+    case KIND_WRITE_UINT32_FORMATTED:
+        return {4, false, true};
+    case KIND_WRITE_UINT64_FORMATTED:
+        return {8, false, true};
+    case KIND_WRITE_FLOAT32:
+        return {4, true, false};
+    case KIND_WRITE_FLOAT64:
+        return {8, true, false};
+    default:
+        return {0, false, false};
+    }
+}
+
+/// The size of a number record of this kind; 0 for the other kinds.
+constexpr std::size_t number_size(int kind) noexcept
+{
+    const Number_layout layout = number_layout(kind);
+    if (layout.value_size == 0) {
+        return 0;
+    }
+    return layout.formatted ? formatted_size(layout.value_size) : plain_size(layout.value_size);
+}
+
+/// The kind an argument of type T travels in: bool, the signed integers and the
+/// floating-point types in their plain record, the unsigned integers in their formatted one.
+template <typename T>
+struct Argument_kind;
+template <>
+struct Argument_kind<bool> {
+    static constexpr std::uint8_t value = KIND_WRITE_BOOL;
+};
+template <>
+struct Argument_kind<std::int8_t> {
+    static constexpr std::uint8_t value = KIND_WRITE_INT8;
+};
+template <>
+struct Argument_kind<std::int16_t> {
+    static constexpr std::uint8_t value = KIND_WRITE_INT16;
+};
+template <>
+struct Argument_kind<std::int32_t> {
+    static constexpr std::uint8_t value = KIND_WRITE_INT32;
+};
+template <>
+struct Argument_kind<std::int64_t> {
+    static constexpr std::uint8_t value = KIND_WRITE_INT64;
+};
+template <>
+struct Argument_kind<std::uint8_t> {
+    static constexpr std::uint8_t value = KIND_WRITE_UINT8_FORMATTED;
+};
+template <>
+struct Argument_kind<std::uint16_t> {
+    static constexpr std::uint8_t value = KIND_WRITE_UINT16_FORMATTED;
+};
+template <>
+struct Argument_kind<std::uint32_t> {
+    static constexpr std::uint8_t value = KIND_WRITE_UINT32_FORMATTED;
+};
+template <>
+struct Argument_kind<std::uint64_t> {
+    static constexpr std::uint8_t value = KIND_WRITE_UINT64_FORMATTED;
+};
+template <>
+struct Argument_kind<float> {
+    static constexpr std::uint8_t value = KIND_WRITE_FLOAT32;
+};
+template <>
+struct Argument_kind<double> {
+    static constexpr std::uint8_t value = KIND_WRITE_FLOAT64;
+};
+template <typename T>
+constexpr std::uint8_t argument_kind = Argument_kind<T>::value;
+/// The size of the record of an argument of type T.
+template <typename T>
+constexpr std::size_t argument_size = number_size(argument_kind<T>);
+
+/// The type a number kind's value is written as.
+template <std::size_t Size, bool Floating>
+struct Wire_value;
+template <>
+struct Wire_value<1, false> {
+    using type = std::uint8_t;
+};
+template <>
+struct Wire_value<2, false> {
+    using type = std::uint16_t;
+};
+template <>
+struct Wire_value<4, false> {
+    using type = std::uint32_t;
+};
+template <>
+struct Wire_value<8, false> {
+    using type = std::uint64_t;
+};
+template <>
+struct Wire_value<4, true> {
+    using type = float;
+};
+template <>
+struct Wire_value<8, true> {
+    using type = double;
+};
+template <int Kind>
+using Number_value = typename Wire_value<number_layout(Kind).value_size, number_layout(Kind).floating>::type;
+
 /// The size of a record of a fixed-size kind; 0 for the kinds whose size follows from a
 /// text or payload (3, 5, 20-23) and for unknown kinds.
 constexpr std::size_t fixed_size(int kind) noexcept
@@ -297,29 +435,10 @@ constexpr std::size_t fixed_size(int kind) noexcept
         return START_SIZE;
     case KIND_WRITE_FINISH:
         return FINISH_SIZE;
-    case KIND_WRITE_BOOL:
-    case KIND_WRITE_INT8:
-        return plain_size(1);
-    case KIND_WRITE_INT16:
-        return plain_size(2);
-    case KIND_WRITE_INT32:
-    case KIND_WRITE_FLOAT32:
-        return plain_size(4);
-    case KIND_WRITE_INT64:
-    case KIND_WRITE_FLOAT64:
-        return plain_size(8);
-    case KIND_WRITE_UINT8_FORMATTED:
-        return formatted_size(1);
-    case KIND_WRITE_UINT16_FORMATTED:
-        return formatted_size(2);
-    case KIND_WRITE_UINT32_FORMATTED:
-        return formatted_size(4);
-    case KIND_WRITE_UINT64_FORMATTED:
-        return formatted_size(8);
     case KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER:
         return LEVEL_UPDATE_SIZE;
     default:
-        return 0;
+        return number_size(kind);
     }
 }
 
@@ -344,64 +463,49 @@ inline std::size_t encode_finish(unsigned char* out, std::uint8_t kind, std::uin
     return static_cast<std::size_t>(put_u32(put_u8(out, kind), key) - out);
 }
 
-// Plain numbers (kinds 9-13, 18, 19): kind, stream key, value.
-inline std::size_t encode_plain_u8(unsigned char* out, std::uint8_t kind, std::uint32_t key,
-                                   std::uint8_t value) noexcept
+// The value of a number record, as its kind writes it.
+inline unsigned char* put_value(unsigned char* out, std::uint8_t value) noexcept { return put_u8(out, value); }
+inline unsigned char* put_value(unsigned char* out, std::uint16_t value) noexcept { return put_u16(out, value); }
+inline unsigned char* put_value(unsigned char* out, std::uint32_t value) noexcept { return put_u32(out, value); }
+inline unsigned char* put_value(unsigned char* out, std::uint64_t value) noexcept { return put_u64(out, value); }
+inline unsigned char* put_value(unsigned char* out, float value) noexcept { return put_memory(out, value); }
+inline unsigned char* put_value(unsigned char* out, double value) noexcept { return put_memory(out, value); }
+
+// A plain number record of kind `Kind` (kinds 9-13, 18, 19): kind, stream key, value. The
+// value is given in a type of the kind's width (a signed one goes out as its two's
+// complement, a bool as 0 or 1).
+template <int Kind, typename T>
+inline std::size_t encode_plain(unsigned char* out, std::uint8_t kind, std::uint32_t key, T value) noexcept
 {
-    return static_cast<std::size_t>(put_u8(put_u32(put_u8(out, kind), key), value) - out);
+    static_assert(number_layout(Kind).value_size != 0 && !number_layout(Kind).formatted, "a plain number kind");
+    static_assert(sizeof(T) == sizeof(Number_value<Kind>), "a value of the kind's width");
+    unsigned char* p = put_u32(put_u8(out, kind), key);
+    return static_cast<std::size_t>(put_value(p, static_cast<Number_value<Kind>>(value)) - out);
 }
 
-inline std::size_t encode_plain_u16(unsigned char* out, std::uint8_t kind, std::uint32_t key,
-                                    std::uint16_t value) noexcept
+// A formatted number record of kind `Kind` (kinds 14-17): kind, format, value, stream key.
+template <int Kind, typename T>
+inline std::size_t encode_formatted(unsigned char* out, std::uint8_t kind, std::uint8_t format, T value,
+                                    std::uint32_t key) noexcept
 {
-    return static_cast<std::size_t>(put_u16(put_u32(put_u8(out, kind), key), value) - out);
+    static_assert(number_layout(Kind).formatted, "a formatted number kind");
+    static_assert(sizeof(T) == sizeof(Number_value<Kind>), "a value of the kind's width");
+    unsigned char* p = put_u8(put_u8(out, kind), format);
+    return static_cast<std::size_t>(put_u32(put_value(p, static_cast<Number_value<Kind>>(value)), key) - out);
 }
 
-inline std::size_t encode_plain_u32(unsigned char* out, std::uint8_t kind, std::uint32_t key,
-                                    std::uint32_t value) noexcept
+// The record of an argument of type T, of the kind it travels in (Argument_kind); the
+// unsigned integers with their format.
+template <typename T>
+inline std::size_t encode_argument(unsigned char* out, std::uint32_t key, T value) noexcept
 {
-    return static_cast<std::size_t>(put_u32(put_u32(put_u8(out, kind), key), value) - out);
-}
-
-inline std::size_t encode_plain_u64(unsigned char* out, std::uint8_t kind, std::uint32_t key,
-                                    std::uint64_t value) noexcept
-{
-    return static_cast<std::size_t>(put_u64(put_u32(put_u8(out, kind), key), value) - out);
+    return encode_plain<argument_kind<T>>(out, argument_kind<T>, key, value);
 }
 
 template <typename T>
-inline std::size_t encode_plain_memory(unsigned char* out, std::uint8_t kind, std::uint32_t key, T value) noexcept
+inline std::size_t encode_argument(unsigned char* out, std::uint32_t key, T value, std::uint8_t format) noexcept
 {
-    return static_cast<std::size_t>(put_memory(put_u32(put_u8(out, kind), key), value) - out);
-}
-
-// Formatted numbers (kinds 14-17): kind, format, value, stream key.
-inline std::size_t encode_formatted_u8(unsigned char* out, std::uint8_t kind, std::uint8_t format, std::uint8_t value,
-                                       std::uint32_t key) noexcept
-{
-    unsigned char* p = put_u8(put_u8(out, kind), format);
-    return static_cast<std::size_t>(put_u32(put_u8(p, value), key) - out);
-}
-
-inline std::size_t encode_formatted_u16(unsigned char* out, std::uint8_t kind, std::uint8_t format, std::uint16_t value,
-                                        std::uint32_t key) noexcept
-{
-    unsigned char* p = put_u8(put_u8(out, kind), format);
-    return static_cast<std::size_t>(put_u32(put_u16(p, value), key) - out);
-}
-
-inline std::size_t encode_formatted_u32(unsigned char* out, std::uint8_t kind, std::uint8_t format, std::uint32_t value,
-                                        std::uint32_t key) noexcept
-{
-    unsigned char* p = put_u8(put_u8(out, kind), format);
-    return static_cast<std::size_t>(put_u32(put_u32(p, value), key) - out);
-}
-
-inline std::size_t encode_formatted_u64(unsigned char* out, std::uint8_t kind, std::uint8_t format, std::uint64_t value,
-                                        std::uint32_t key) noexcept
-{
-    unsigned char* p = put_u8(put_u8(out, kind), format);
-    return static_cast<std::size_t>(put_u32(put_u64(p, value), key) - out);
+    return encode_formatted<argument_kind<T>>(out, argument_kind<T>, format, value, key);
 }
 
 // Head of a text record (kind 20): kind, length, stream key. The text and its terminating
@@ -516,6 +620,20 @@ static_assert(offsetof(Logferry_update_context_log_level_filter, log_level) == l
 static_assert(offsetof(Logferry_update_context_log_level_filter, context_handle) == level_update::HANDLE_AT,
               "record layout");
 static_assert(sizeof(Logferry_update_context_log_level_filter) == LEVEL_UPDATE_SIZE, "record layout");
+
+// The number table against the records it describes.
+static_assert(number_size(KIND_WRITE_BOOL) == sizeof(Logferry_write_bool) &&
+                  number_size(KIND_WRITE_INT8) == sizeof(Logferry_write_int8) &&
+                  number_size(KIND_WRITE_INT16) == sizeof(Logferry_write_int16) &&
+                  number_size(KIND_WRITE_INT32) == sizeof(Logferry_write_int32) &&
+                  number_size(KIND_WRITE_INT64) == sizeof(Logferry_write_int64) &&
+                  number_size(KIND_WRITE_UINT8_FORMATTED) == sizeof(Logferry_write_uint8_formatted) &&
+                  number_size(KIND_WRITE_UINT16_FORMATTED) == sizeof(Logferry_write_uint16_formatted) &&
+                  number_size(KIND_WRITE_UINT32_FORMATTED) == sizeof(Logferry_write_uint32_formatted) &&
+                  number_size(KIND_WRITE_UINT64_FORMATTED) == sizeof(Logferry_write_uint64_formatted) &&
+                  number_size(KIND_WRITE_FLOAT32) == sizeof(Logferry_write_float32) &&
+                  number_size(KIND_WRITE_FLOAT64) == sizeof(Logferry_write_float64),
+              "number records");
 
 static_assert(MAX_FIXED_SIZE == START_SIZE && MAX_FIXED_SIZE == plain_size(8) + 1 &&
                   MAX_FIXED_SIZE == formatted_size(8),

@@ -178,6 +178,47 @@ TEST(WireEncoders, TheLevelUpdateIsTheRecordTheApplicationReads)
     EXPECT_EQ(handle, 0x12345678U);
 }
 
+TEST(WireEncoders, EveryArgumentTypeTravelsInItsKindAsSerializeWritesTheRecord)
+{
+    const auto argument = [](auto value) {
+        unsigned char buffer[wire::MAX_FIXED_SIZE] = {};
+        const std::size_t size = wire::encode_argument(buffer, 0x0A0B0C0D, value);
+        EXPECT_EQ(size, wire::argument_size<decltype(value)>);
+        return Bytes(buffer, buffer + size);
+    };
+    const auto formatted = [](auto value) {
+        unsigned char buffer[wire::MAX_FIXED_SIZE] = {};
+        const std::size_t size = wire::encode_argument(buffer, 0x0A0B0C0D, value, 2);
+        EXPECT_EQ(size, wire::argument_size<decltype(value)>);
+        return Bytes(buffer, buffer + size);
+    };
+    logferry::Logferry_write_bool boolean;
+    boolean.value = 1;
+    boolean.stream_key = 0x0A0B0C0D;
+    EXPECT_EQ(argument(true), serialized(boolean));
+    logferry::Logferry_write_int16 int16;
+    int16.value = -2;
+    int16.stream_key = 0x0A0B0C0D;
+    EXPECT_EQ(argument(std::int16_t{-2}), serialized(int16));
+    EXPECT_EQ(argument(std::int16_t{-2}), (Bytes{11, 0x0D, 0x0C, 0x0B, 0x0A, 0xFE, 0xFF}));
+    logferry::Logferry_write_int64 int64;
+    int64.value = -3;
+    int64.stream_key = 0x0A0B0C0D;
+    EXPECT_EQ(argument(std::int64_t{-3}), serialized(int64));
+    logferry::Logferry_write_float64 float64;
+    float64.value = 0.5;
+    float64.stream_key = 0x0A0B0C0D;
+    EXPECT_EQ(argument(0.5), serialized(float64));
+    EXPECT_EQ(argument(0.5F)[0], logferry::KIND_WRITE_FLOAT32);
+    logferry::Logferry_write_uint32_formatted uint32;
+    uint32.format = 2;
+    uint32.value = 0x11223344;
+    uint32.stream_key = 0x0A0B0C0D;
+    EXPECT_EQ(formatted(std::uint32_t{0x11223344}), serialized(uint32));
+    EXPECT_EQ(formatted(std::uint8_t{7}), (Bytes{14, 2, 7, 0x0D, 0x0C, 0x0B, 0x0A}));
+    EXPECT_EQ(formatted(std::uint64_t{1}).size(), 14U);
+}
+
 TEST(WireEncoders, StartAndFinishAsTheHotPathWritesThem)
 {
     unsigned char buffer[wire::MAX_FIXED_SIZE] = {};
