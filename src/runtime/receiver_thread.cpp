@@ -217,7 +217,7 @@ void handle_daemon_message(std::vector<unsigned char>& bytes)
         report_error("empty message received.");
         return;
     }
-    if (bytes[0] == KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER) {
+    if (bytes[wire::KIND_AT] == KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER) {
         Logferry_update_context_log_level_filter update{};
         if (bytes.size() != wire::LEVEL_UPDATE_SIZE || !deserialize(bytes, bytes.size(), update)) {
             return;  // malformed updates are ignored
