@@ -22,6 +22,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "dlt_layout.hpp"
 #include "logferry/message.hpp"
 #include "logferry/system.hpp"
 #include "render.hpp"
@@ -35,6 +36,7 @@ namespace {
 
 using logferry_decoder::Record;
 using Clock = std::chrono::steady_clock;
+namespace dlt_layout = logferry_dlt::layout;
 
 // The pass that stamps the daemon's watchdogs.
 constexpr auto HOUSEKEEPING_PERIOD = std::chrono::milliseconds(logferry::wire::DAEMON_STAMP_PERIOD_MS);
@@ -244,7 +246,7 @@ bool is_channel_name(const std::string& name)
 
 void to_dlt_id(const std::string& id, char out[4])
 {
-    for (std::size_t i = 0; i < 4; ++i) {
+    for (std::size_t i = 0; i < dlt_layout::ID_SIZE; ++i) {
         out[i] = i < id.size() ? id[i] : '\0';
     }
 }
@@ -698,13 +700,13 @@ std::size_t Collector::set_level(const char app[4], const char context[4], std::
 {
     std::size_t reached = 0;
     for (auto& attachment : attachments_) {
-        if (!attachment->channel->is_initialized() || std::memcmp(attachment->app.dlt_id, app, 4) != 0 ||
-            attachment->app.app_id.empty()) {
+        if (!attachment->channel->is_initialized() ||
+            std::memcmp(attachment->app.dlt_id, app, dlt_layout::ID_SIZE) != 0 || attachment->app.app_id.empty()) {
             continue;
         }
         guarded(*attachment, [&] {
             for (auto& entry : attachment->app.contexts) {
-                if (std::memcmp(entry.second.dlt_id, context, 4) == 0 &&
+                if (std::memcmp(entry.second.dlt_id, context, dlt_layout::ID_SIZE) == 0 &&
                     send_level(*attachment, entry.first, entry.second, level)) {
                     ++reached;
                 }
@@ -775,17 +777,17 @@ bool Collector::deliver(Attachment& attachment, const unsigned char* unit, std::
 {
     Application& app = attachment.app;
     logferry_dlt::Message& m = message_;
-    std::memcpy(m.app, app.dlt_id, 4);
+    std::memcpy(m.app, app.dlt_id, dlt_layout::ID_SIZE);
     const auto context = view_.has_start ? app.contexts.find(view_.context_handle) : app.contexts.end();
     if (context != app.contexts.end()) {
-        std::memcpy(m.context, context->second.dlt_id, 4);
+        std::memcpy(m.context, context->second.dlt_id, dlt_layout::ID_SIZE);
         m.counter = context->second.counter++;
     } else {
-        std::memset(m.context, 0, 4);
+        std::memset(m.context, 0, dlt_layout::ID_SIZE);
         m.counter = app.unknown_counter++;
     }
     // Messages without a start record (or with level 0) carry no level: they count as info.
-    m.level = view_.level != 0 ? view_.level : 4;
+    m.level = view_.level != 0 ? view_.level : static_cast<std::uint8_t>(ara::log::LogLevel::kInfo);
     m.timestamp = view_.timestamp;
     m.session_id = app.pid;
     m.args = view_.args.data();

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "dlt_layout.hpp"
 #include "wire/wire.hpp"
 
 namespace logferry_monitor {
@@ -56,8 +57,8 @@ Dlt_output::Dlt_output(Dlt_options options, logferry_collector::Collector& colle
     : options_(std::move(options)), collector_(collector)
 {
     logferry_collector::to_dlt_id(options_.ecu, ecu_);
-    std::memcpy(server_.ecu, ecu_, 4);
-    std::memcpy(file_.ecu, ecu_, 4);
+    std::memcpy(server_.ecu, ecu_, logferry_dlt::layout::ECU_SIZE);
+    std::memcpy(file_.ecu, ecu_, logferry_dlt::layout::ECU_SIZE);
 }
 
 bool Dlt_output::open()
@@ -95,7 +96,7 @@ void Dlt_output::message(const logferry_collector::Application& application,
         return;
     }
     logferry_dlt::Message m = *message.dlt;
-    std::memcpy(m.ecu, ecu_, 4);
+    std::memcpy(m.ecu, ecu_, logferry_dlt::layout::ECU_SIZE);
     const std::size_t size = logferry_dlt::encode_log_message(m, buffer_, sizeof buffer_);
     if (size == 0) {
         ++too_large_;
@@ -211,11 +212,11 @@ void Dlt_output::control(int client, const logferry_dlt::Control_request& reques
         std::vector<logferry_dlt::App_info> apps;
         for (const logferry_collector::Application* app : collector_.applications()) {
             logferry_dlt::App_info info{};
-            std::memcpy(info.id, app->dlt_id, 4);
+            std::memcpy(info.id, app->dlt_id, logferry_dlt::layout::ID_SIZE);
             info.description = app->description;
             for (const auto& entry : app->contexts) {
                 logferry_dlt::Context_info context{};
-                std::memcpy(context.id, entry.second.dlt_id, 4);
+                std::memcpy(context.id, entry.second.dlt_id, logferry_dlt::layout::ID_SIZE);
                 context.level = static_cast<std::int8_t>(entry.second.level);
                 context.description = entry.second.description;
                 info.contexts.push_back(context);
