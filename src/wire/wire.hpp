@@ -47,6 +47,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 #include "logferry/message.hpp"
 #include "logferry/validation.hpp"
@@ -295,33 +296,27 @@ struct Number_layout {
     bool formatted;
 };
 
+// The table, kinds 9 to 19 in order.
+inline constexpr Number_layout NUMBER_LAYOUTS[] = {
+    {1, false, false},  //  9 bool
+    {1, false, false},  // 10 int8
+    {2, false, false},  // 11 int16
+    {4, false, false},  // 12 int32
+    {8, false, false},  // 13 int64
+    {1, false, true},   // 14 uint8, formatted
+    {2, false, true},   // 15 uint16, formatted
+    {4, false, true},   // 16 uint32, formatted
+    {8, false, true},   // 17 uint64, formatted
+    {4, true, false},   // 18 float32
+    {8, true, false},   // 19 float64
+};
+static_assert(sizeof NUMBER_LAYOUTS / sizeof NUMBER_LAYOUTS[0] == KIND_WRITE_FLOAT64 - KIND_WRITE_BOOL + 1,
+              "one entry a number kind");
+
 constexpr Number_layout number_layout(int kind) noexcept
 {
-    switch (kind) {
-    case KIND_WRITE_BOOL:
-    case KIND_WRITE_INT8:
-        return {1, false, false};
-    case KIND_WRITE_INT16:
-        return {2, false, false};
-    case KIND_WRITE_INT32:
-        return {4, false, false};
-    case KIND_WRITE_INT64:
-        return {8, false, false};
-    case KIND_WRITE_UINT8_FORMATTED:
-        return {1, false, true};
-    case KIND_WRITE_UINT16_FORMATTED:
-        return {2, false, true};
-    case KIND_WRITE_UINT32_FORMATTED:
-        return {4, false, true};
-    case KIND_WRITE_UINT64_FORMATTED:
-        return {8, false, true};
-    case KIND_WRITE_FLOAT32:
-        return {4, true, false};
-    case KIND_WRITE_FLOAT64:
-        return {8, true, false};
-    default:
-        return {0, false, false};
-    }
+    return kind >= KIND_WRITE_BOOL && kind <= KIND_WRITE_FLOAT64 ? NUMBER_LAYOUTS[kind - KIND_WRITE_BOOL]
+                                                                 : Number_layout{0, false, false};
 }
 
 /// The size of a number record of this kind; 0 for the other kinds.
@@ -335,88 +330,35 @@ constexpr std::size_t number_size(int kind) noexcept
 }
 
 /// The kind an argument of type T travels in: bool, the signed integers and the
-/// floating-point types in their plain record, the unsigned integers in their formatted one.
+/// floating-point types in their plain record, the unsigned integers in their formatted one;
+/// 0 for any other type.
 template <typename T>
-struct Argument_kind;
-template <>
-struct Argument_kind<bool> {
-    static constexpr std::uint8_t value = KIND_WRITE_BOOL;
-};
-template <>
-struct Argument_kind<std::int8_t> {
-    static constexpr std::uint8_t value = KIND_WRITE_INT8;
-};
-template <>
-struct Argument_kind<std::int16_t> {
-    static constexpr std::uint8_t value = KIND_WRITE_INT16;
-};
-template <>
-struct Argument_kind<std::int32_t> {
-    static constexpr std::uint8_t value = KIND_WRITE_INT32;
-};
-template <>
-struct Argument_kind<std::int64_t> {
-    static constexpr std::uint8_t value = KIND_WRITE_INT64;
-};
-template <>
-struct Argument_kind<std::uint8_t> {
-    static constexpr std::uint8_t value = KIND_WRITE_UINT8_FORMATTED;
-};
-template <>
-struct Argument_kind<std::uint16_t> {
-    static constexpr std::uint8_t value = KIND_WRITE_UINT16_FORMATTED;
-};
-template <>
-struct Argument_kind<std::uint32_t> {
-    static constexpr std::uint8_t value = KIND_WRITE_UINT32_FORMATTED;
-};
-template <>
-struct Argument_kind<std::uint64_t> {
-    static constexpr std::uint8_t value = KIND_WRITE_UINT64_FORMATTED;
-};
-template <>
-struct Argument_kind<float> {
-    static constexpr std::uint8_t value = KIND_WRITE_FLOAT32;
-};
-template <>
-struct Argument_kind<double> {
-    static constexpr std::uint8_t value = KIND_WRITE_FLOAT64;
-};
-template <typename T>
-constexpr std::uint8_t argument_kind = Argument_kind<T>::value;
+constexpr std::uint8_t argument_kind = std::is_same<T, bool>::value            ? KIND_WRITE_BOOL
+                                       : std::is_same<T, std::int8_t>::value   ? KIND_WRITE_INT8
+                                       : std::is_same<T, std::int16_t>::value  ? KIND_WRITE_INT16
+                                       : std::is_same<T, std::int32_t>::value  ? KIND_WRITE_INT32
+                                       : std::is_same<T, std::int64_t>::value  ? KIND_WRITE_INT64
+                                       : std::is_same<T, std::uint8_t>::value  ? KIND_WRITE_UINT8_FORMATTED
+                                       : std::is_same<T, std::uint16_t>::value ? KIND_WRITE_UINT16_FORMATTED
+                                       : std::is_same<T, std::uint32_t>::value ? KIND_WRITE_UINT32_FORMATTED
+                                       : std::is_same<T, std::uint64_t>::value ? KIND_WRITE_UINT64_FORMATTED
+                                       : std::is_same<T, float>::value         ? KIND_WRITE_FLOAT32
+                                       : std::is_same<T, double>::value        ? KIND_WRITE_FLOAT64
+                                                                               : 0;
 /// The size of the record of an argument of type T.
 template <typename T>
 constexpr std::size_t argument_size = number_size(argument_kind<T>);
 
+/// The unsigned integer of `Size` bytes.
+template <std::size_t Size>
+using Unsigned_of = std::conditional_t<
+    Size == 1, std::uint8_t,
+    std::conditional_t<Size == 2, std::uint16_t, std::conditional_t<Size == 4, std::uint32_t, std::uint64_t>>>;
 /// The type a number kind's value is written as.
-template <std::size_t Size, bool Floating>
-struct Wire_value;
-template <>
-struct Wire_value<1, false> {
-    using type = std::uint8_t;
-};
-template <>
-struct Wire_value<2, false> {
-    using type = std::uint16_t;
-};
-template <>
-struct Wire_value<4, false> {
-    using type = std::uint32_t;
-};
-template <>
-struct Wire_value<8, false> {
-    using type = std::uint64_t;
-};
-template <>
-struct Wire_value<4, true> {
-    using type = float;
-};
-template <>
-struct Wire_value<8, true> {
-    using type = double;
-};
 template <int Kind>
-using Number_value = typename Wire_value<number_layout(Kind).value_size, number_layout(Kind).floating>::type;
+using Number_value = std::conditional_t<number_layout(Kind).floating,
+                                        std::conditional_t<number_layout(Kind).value_size == 4, float, double>,
+                                        Unsigned_of<number_layout(Kind).value_size>>;
 
 /// The size of a record of a fixed-size kind; 0 for the kinds whose size follows from a
 /// text or payload (3, 5, 20-23) and for unknown kinds.
@@ -494,17 +436,19 @@ inline std::size_t encode_formatted(unsigned char* out, std::uint8_t kind, std::
     return static_cast<std::size_t>(put_u32(put_value(p, static_cast<Number_value<Kind>>(value)), key) - out);
 }
 
-// The record of an argument of type T, of the kind it travels in (Argument_kind); the
+// The record of an argument of type T, of the kind it travels in (argument_kind); the
 // unsigned integers with their format.
 template <typename T>
 inline std::size_t encode_argument(unsigned char* out, std::uint32_t key, T value) noexcept
 {
+    static_assert(argument_kind<T> != 0, "a number argument");
     return encode_plain<argument_kind<T>>(out, argument_kind<T>, key, value);
 }
 
 template <typename T>
 inline std::size_t encode_argument(unsigned char* out, std::uint32_t key, T value, std::uint8_t format) noexcept
 {
+    static_assert(argument_kind<T> != 0, "a number argument");
     return encode_formatted<argument_kind<T>>(out, argument_kind<T>, format, value, key);
 }
 
