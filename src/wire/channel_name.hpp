@@ -34,13 +34,19 @@ inline std::uint32_t channel_stamp_of(const timespec& now) noexcept
                                       static_cast<std::uint64_t>(now.tv_nsec / 1000));
 }
 
+/// The process-id part of a name for a process id in decimal: its last five digits.
+inline std::string channel_pid_text(std::string pid)
+{
+    if (pid.size() > CHANNEL_PID_DIGITS) {
+        pid.erase(0, pid.size() - CHANNEL_PID_DIGITS);
+    }
+    return pid;
+}
+
 /// The identifier of the channel of application `app_id` in process `pid`, made at `stamp`.
 inline std::string make_channel_identifier(const std::string& app_id, int pid, std::uint32_t stamp)
 {
-    std::string pid_text = std::to_string(pid);
-    if (pid_text.size() > CHANNEL_PID_DIGITS) {
-        pid_text.erase(0, pid_text.size() - CHANNEL_PID_DIGITS);
-    }
+    const std::string pid_text = channel_pid_text(std::to_string(pid));
     std::array<char, CHANNEL_STAMP_DIGITS> stamp_digits{};
     const std::to_chars_result stamp_end =
         std::to_chars(stamp_digits.data(), stamp_digits.data() + stamp_digits.size(), stamp, 16);

@@ -243,6 +243,8 @@ TEST(WireChannelName, TheIdentifierKeepsFivePidDigitsAndAHexMicrosecondStamp)
 {
     EXPECT_EQ(wire::make_channel_identifier("APP1", 1234567, 0xbebc20), "APP1-34567-bebc20");
     EXPECT_EQ(wire::make_channel_identifier("APP1", 42, 0), "APP1-42-0");
+    EXPECT_EQ(wire::channel_pid_text("1234567"), "34567");
+    EXPECT_EQ(wire::channel_pid_text("42"), "42");
     EXPECT_EQ(wire::make_channel_identifier("", 7, 0xFFFFFFFFU), "-7-ffffffff");
     EXPECT_EQ(wire::channel_stamp_of(timespec{12, 500000}), 12000500U);
     EXPECT_EQ(wire::channel_stamp_of(timespec{4294, 0}), 4294000000U);
