@@ -45,6 +45,13 @@ struct Sample {
         message.args = args;
         message.arg_count = 3;
     }
+
+    // The message stamped `stamp`, encoded into `out`; its size.
+    std::size_t encode_next(unsigned char* out, std::size_t capacity, std::uint32_t stamp)
+    {
+        message.timestamp = stamp;
+        return logferry_dlt::encode_log_message(message, out, capacity);
+    }
 };
 
 void BM_dlt_encode(benchmark::State& state)
@@ -73,8 +80,7 @@ void BM_dlt_encode_and_file(benchmark::State& state)
     unsigned char out[1024];
     std::uint32_t n = 0;
     for (auto _ : state) {
-        sample.message.timestamp = n++;
-        const std::size_t size = logferry_dlt::encode_log_message(sample.message, out, sizeof out);
+        const std::size_t size = sample.encode_next(out, sizeof out, n++);
         file.write(out, size, n, 0, sample.message.ecu);
     }
     file.flush();
@@ -116,8 +122,7 @@ void BM_dlt_encode_and_broadcast(benchmark::State& state)
     unsigned char out[1024];
     std::uint32_t n = 0;
     for (auto _ : state) {
-        sample.message.timestamp = n++;
-        const std::size_t size = logferry_dlt::encode_log_message(sample.message, out, sizeof out);
+        const std::size_t size = sample.encode_next(out, sizeof out, n++);
         server.broadcast(out, size);
         if ((n & 255) == 0) {
             server.service(0, [](int, const logferry_dlt::Control_request&) {});

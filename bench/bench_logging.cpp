@@ -282,6 +282,19 @@ void set_allocation_counter(benchmark::State& state, std::uint64_t before)
                            benchmark::Counter::kAvgThreads);
 }
 
+// The iterations as items, and as messages written (with the one sent before the timing).
+void count_messages(benchmark::State& state)
+{
+    state.SetItemsProcessed(state.iterations());
+    messages_written.fetch_add(state.iterations() + 1);
+}
+
+// A stream key of the benchmark's own for each of its threads.
+std::uint32_t thread_key(const benchmark::State& state, std::uint32_t base)
+{
+    return base + static_cast<std::uint32_t>(state.thread_index());
+}
+
 // The measured message.
 inline void write_message(std::uint32_t key, std::uint32_t value)
 {
@@ -304,13 +317,12 @@ void run_messages(benchmark::State& state, Message message)
         message(++value);
     }
     set_allocation_counter(state, before);
-    state.SetItemsProcessed(state.iterations());
-    messages_written.fetch_add(state.iterations() + 1);
+    count_messages(state);
 }
 
 void BM_message(benchmark::State& state)
 {
-    const std::uint32_t key = 1000 + static_cast<std::uint32_t>(state.thread_index());
+    const std::uint32_t key = thread_key(state, 1000);
     run_messages(state, [key](std::uint32_t value) { write_message(key, value); });
 }
 BENCHMARK(BM_message)->UseRealTime();
@@ -342,8 +354,7 @@ void run_without_concurrent_reader(benchmark::State& state, Message message)
         }
     }
     set_allocation_counter(state, before + drain_allocations);
-    state.SetItemsProcessed(state.iterations());
-    messages_written.fetch_add(state.iterations() + 1);
+    count_messages(state);
     session.drain_here();
     session.pause_reader(false);
 }
@@ -583,13 +594,12 @@ void measure_calls(benchmark::State& state, Message message)
         std::nth_element(samples.begin(), samples.begin() + static_cast<long>(at), samples.end());
         state.counters["p99_ns"] = benchmark::Counter(samples[at], benchmark::Counter::kAvgThreads);
     }
-    state.SetItemsProcessed(state.iterations());
-    messages_written.fetch_add(state.iterations() + 1);
+    count_messages(state);
 }
 
 void BM_message_calls(benchmark::State& state)
 {
-    const std::uint32_t key = 3000 + static_cast<std::uint32_t>(state.thread_index());
+    const std::uint32_t key = thread_key(state, 3000);
     measure_calls(state, [key](std::uint32_t value) { write_message(key, value); });
 }
 BENCHMARK(BM_message_calls)->UseRealTime();

@@ -23,27 +23,24 @@
 #include <thread>
 
 #include "logferry/channel.hpp"
+#include "wire/channel_name.hpp"
 
 namespace {
 
-constexpr std::size_t NAME_PID_DIGITS = 5;
-
 // The channel's name ("/logferry-ID-PID-STAMP"), empty when there is no such object.
-std::string find_channel(const std::string& id, std::string pid)
+std::string find_channel(const std::string& id, const std::string& pid)
 {
-    if (pid.size() > NAME_PID_DIGITS) {
-        pid.erase(0, pid.size() - NAME_PID_DIGITS);
-    }
-    const std::string prefix = "logferry-" + id + "-" + pid + "-";
+    const std::string pid_text = logferry::wire::channel_pid_text(pid);
     std::string found;
     DIR* dir = ::opendir("/dev/shm");
     if (dir == nullptr) {
         return found;
     }
     for (const dirent* entry = ::readdir(dir); entry != nullptr; entry = ::readdir(dir)) {
-        const std::string name = entry->d_name;
-        if (name.compare(0, prefix.size(), prefix) == 0) {
-            found = "/" + name;
+        const std::string name = std::string("/") + entry->d_name;
+        logferry::wire::Channel_name_parts parts;
+        if (logferry::wire::parse_channel_name(name, parts) && parts.app_id == id && parts.pid == pid_text) {
+            found = name;
         }
     }
     ::closedir(dir);

@@ -2,12 +2,12 @@
 // how far it lets a peer go. Every such number of the collector, the DLT building blocks and
 // logferry-monitor is here, each with the reason for its value, so that they are weighed
 // against each other in one place. Byte formats (the records, the DLT headers) and the bounds
-// of the options' values are not tuning and stay with the code they belong to.
+// of the options' values are not tuning and stay with the code they belong to; nor are the
+// watchdog periods and limits, which both ends of a channel take from src/wire/liveness.hpp.
 
 #ifndef LOGFERRY_TOOLS_TUNING_HPP
 #define LOGFERRY_TOOLS_TUNING_HPP
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -29,15 +29,6 @@ constexpr int MONITOR_NICE = -10;
 
 // ---------------------------------------------------------------------------------------
 // The collector.
-
-/// Proxy watchdogs, the daemon's stamp on every channel and the silence check, five times a
-/// second: the stamps count whole seconds, so each is renewed well before it could look a
-/// second old, for the cost of one short pass over the channels.
-constexpr auto HOUSEKEEPING_PERIOD = std::chrono::milliseconds(200);
-
-/// An application whose watchdog is further behind the clock than this has gone: the same
-/// 5 s within which the library holds the two ends of a channel connected.
-constexpr std::int64_t SILENCE_LIMIT_SECONDS = 5;
 
 /// Attempts to catch a ring's mutex free before going on to the next ring. An application
 /// relocks its ring's mutex for every record, so trying for a short while finds it free

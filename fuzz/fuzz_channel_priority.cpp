@@ -127,9 +127,7 @@ private:
 
     void step(std::uint8_t operation)
     {
-        logferry::Logferry_base& end = (operation & 0x80) != 0
-                                           ? static_cast<logferry::Logferry_base&>(state_.daemon)
-                                           : static_cast<logferry::Logferry_base&>(state_.application);
+        logferry::Logferry_base& end = logferry_fuzz::end_of(state_, operation);
         switch ((operation & 0x7F) % 9) {
         case 0:
         case 1:
@@ -262,8 +260,5 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    Reader in(data, size);
-    Driver driver(harness_state(), in);
-    driver.run();
-    return 0;
+    return logferry_fuzz::run_driver<Driver>(harness_state(), data, size);
 }

@@ -215,8 +215,7 @@ private:
     void step(std::uint8_t operation)
     {
         const bool by_daemon = (operation & 0x80) != 0;
-        logferry::Logferry_base& end = by_daemon ? static_cast<logferry::Logferry_base&>(state_.daemon)
-                                                 : static_cast<logferry::Logferry_base&>(state_.application);
+        logferry::Logferry_base& end = logferry_fuzz::end_of(state_, operation);
         switch ((operation & 0x7F) % 10) {
         case 0:
         case 1:
@@ -420,8 +419,5 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    Reader in(data, size);
-    Driver driver(harness_state(), in);
-    driver.run();
-    return 0;
+    return logferry_fuzz::run_driver<Driver>(harness_state(), data, size);
 }

@@ -129,18 +129,27 @@ public:
         }
     }
 
-    bool push(Model_application& app, const std::string& name, std::string& output)
+    // A name the list can hold, else the refusal's text in `output`.
+    static bool name_fits(const std::string& name, std::string& output)
     {
-        if (!app.initialized) {
-            output = NOT_INITIALIZED;
-            return false;
-        }
         if (name.empty()) {
             output = NAME_EMPTY;
             return false;
         }
         if (name.size() > LISTENER_NAME_SIZE) {
             output = NAME_TOO_LONG;
+            return false;
+        }
+        return true;
+    }
+
+    bool push(Model_application& app, const std::string& name, std::string& output)
+    {
+        if (!app.initialized) {
+            output = NOT_INITIALIZED;
+            return false;
+        }
+        if (!name_fits(name, output)) {
             return false;
         }
         sync_list();
@@ -173,12 +182,7 @@ public:
         if (!app.initialized || app.own_entry < 0) {
             return false;
         }
-        if (name.empty()) {
-            output = NAME_EMPTY;
-            return false;
-        }
-        if (name.size() > LISTENER_NAME_SIZE) {
-            output = NAME_TOO_LONG;
+        if (!name_fits(name, output)) {
             return false;
         }
         const Listener_entry& entry = list.entries[app.own_entry];
@@ -550,8 +554,5 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    Reader in(data, size);
-    Driver driver(harness_state(), in);
-    driver.run();
-    return 0;
+    return logferry_fuzz::run_driver<Driver>(harness_state(), data, size);
 }

@@ -23,6 +23,7 @@
 #include <sstream>
 #include <string>
 
+#include "logferry/channel.hpp"
 #include "logferry/system.hpp"
 #include "system/robust_mutex.hpp"
 
@@ -82,6 +83,24 @@ private:
     std::size_t size_;
     std::size_t at_ = 0;
 };
+
+// One input through a harness's model-checking driver: `Driver(state, reader).run()`.
+template <typename Driver, typename State>
+int run_driver(State& state, const std::uint8_t* data, std::size_t size)
+{
+    Reader in(data, size);
+    Driver driver(state, in);
+    driver.run();
+    return 0;
+}
+
+// The end an operation byte picks: its top bit the daemon's, else the application's.
+template <typename State>
+logferry::Logferry_base& end_of(State& state, std::uint8_t operation)
+{
+    return (operation & 0x80) != 0 ? static_cast<logferry::Logferry_base&>(state.daemon)
+                                   : static_cast<logferry::Logferry_base&>(state.application);
+}
 
 // One object of type T in anonymous private memory, fenced by inaccessible pages: the object
 // ends exactly where the upper guard page begins, and the slack in front of it (which the

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the API reference (HTML) from the public headers' contract comments with Doxygen
 # (docs/Doxyfile) into build-docs/html. Every warning fails the run, among them every public
-# name without a contract comment.
+# name without a contract comment. Then checks that README.md and docs/*.md agree with the
+# tree (scripts/check-docs.py).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh doxygen
@@ -21,4 +22,6 @@ if [ -s "$out/warnings.log" ] || [ "${status:-0}" -ne 0 ]; then
     exit 1
 fi
 [ -f "$out/html/index.html" ] || { echo "docs: no $out/html/index.html" >&2; exit 1; }
+# The pages and the tree agree: links resolve, the README's layout table names what exists.
+python3 scripts/check-docs.py
 echo "API reference: $out/html/index.html ($(find "$out/html" -name '*.html' | wc -l) pages, no warnings)"

@@ -116,7 +116,7 @@ echo "three packages, version $version: contents, dependencies, shlibs and trigg
 echo "=== lintian ==="
 lintian --fail-on error "${debs[@]}" 2>&1 | tee "$build/lintian.log" ||
     fail "lintian reports errors"
-echo "no errors (warnings above are listed in the README)"
+echo "no errors (warnings above are listed in docs/packaging.md)"
 
 echo "=== the same packages from a build for the prefix /usr ==="
 # What the README once asked for: only the prefix differs, nothing is rebuilt, and every

@@ -26,6 +26,8 @@
 #include "logferry/system.hpp"
 #include "render.hpp"
 #include "tuning.hpp"
+#include "wire/channel_name.hpp"
+#include "wire/liveness.hpp"
 #include "wire/shared_fields.hpp"
 #include "wire/wire.hpp"
 
@@ -36,11 +38,8 @@ using logferry_decoder::Record;
 using Clock = std::chrono::steady_clock;
 namespace tuning = logferry_tuning;
 
-// The process id in a channel name is cut to this many digits.
-constexpr std::size_t NAME_PID_DIGITS = 5;
-// The time stamp in a channel name: a 32-bit number in lowercase hexadecimal.
-constexpr std::size_t NAME_STAMP_DIGITS = 8;
-constexpr char CHANNEL_PREFIX[] = "/logferry-";
+// The pass that stamps the daemon's watchdogs.
+constexpr auto HOUSEKEEPING_PERIOD = std::chrono::milliseconds(logferry::wire::DAEMON_STAMP_PERIOD_MS);
 
 // The guard around accesses to an attached segment (see Collector::guarded). The collector
 // runs on one thread, and the handler runs on it, inside the access that faulted.
@@ -124,11 +123,6 @@ void release_faulted_segment(logferry::Channel_segment* segment)
     }
 }
 
-bool only_of(const std::string& text, const char* alphabet)
-{
-    return text.find_first_not_of(alphabet) == std::string::npos;
-}
-
 // Why the object `name` cannot be a channel segment; empty when it can.
 std::string check_segment_object(const std::string& name)
 {
@@ -182,16 +176,11 @@ bool maps_segment(const std::string& pid, const std::string& name)
 // The process id of the application behind a channel name "/logferry-<ID>-<pid>-<stamp>".
 std::uint32_t application_pid(const std::string& name)
 {
-    const auto last = name.rfind('-');
-    const auto before = last == std::string::npos || last == 0 ? std::string::npos : name.rfind('-', last - 1);
-    if (before == std::string::npos) {
+    logferry::wire::Channel_name_parts parts;
+    if (!logferry::wire::parse_channel_name(name, parts)) {
         return 0;
     }
-    const std::string digits = name.substr(before + 1, last - before - 1);
-    if (digits.empty() || digits.size() > NAME_PID_DIGITS ||
-        digits.find_first_not_of("0123456789") != std::string::npos) {
-        return 0;
-    }
+    const std::string& digits = parts.pid;
     const auto number = static_cast<std::uint32_t>(std::stoul(digits));
     const std::string self = std::to_string(::getpid());
     if (digits != self && maps_segment(digits, name)) {
@@ -199,7 +188,8 @@ std::uint32_t application_pid(const std::string& name)
     }
     // Process ids above 99999: the name carries the last five digits.
     for (std::uint32_t prefix = 1; prefix < 100; ++prefix) {
-        const std::string pid = std::to_string(prefix) + std::string(NAME_PID_DIGITS - digits.size(), '0') + digits;
+        const std::string pid =
+            std::to_string(prefix) + std::string(logferry::wire::CHANNEL_PID_DIGITS - digits.size(), '0') + digits;
         if (pid != self && ::access(("/proc/" + pid).c_str(), F_OK) == 0 && maps_segment(pid, name)) {
             return static_cast<std::uint32_t>(std::stoul(pid));
         }
@@ -240,22 +230,8 @@ bool try_lock_ring(pthread_mutex_t* mutex)
 
 bool is_channel_name(const std::string& name)
 {
-    const std::size_t prefix = sizeof CHANNEL_PREFIX - 1;
-    if (name.size() > logferry::LISTENER_NAME_SIZE || name.compare(0, prefix, CHANNEL_PREFIX) != 0) {
-        return false;
-    }
-    const auto last = name.rfind('-');
-    const auto before = last <= prefix ? std::string::npos : name.rfind('-', last - 1);
-    if (before == std::string::npos || before <= prefix) {
-        return false;
-    }
-    const std::string id = name.substr(prefix, before - prefix);
-    const std::string pid = name.substr(before + 1, last - before - 1);
-    const std::string stamp = name.substr(last + 1);
-    return !id.empty() && !pid.empty() && pid.size() <= NAME_PID_DIGITS && !stamp.empty() &&
-           stamp.size() <= NAME_STAMP_DIGITS &&
-           only_of(id, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-") &&
-           only_of(pid, "0123456789") && only_of(stamp, "0123456789abcdef");
+    logferry::wire::Channel_name_parts parts;
+    return name.size() <= logferry::LISTENER_NAME_SIZE && logferry::wire::parse_channel_name(name, parts);
 }
 
 std::string Application::label() const { return logferry_monitor::escape(app_id.empty() ? channel : app_id); }
@@ -354,7 +330,7 @@ void Collector::housekeeping()
         guarded(*attachment, [&] {
             attachment->channel->is_connection_active();
             const std::int64_t stamp = logferry::atomic_load_i64(&attachment->channel->segment->client_watchdog);
-            if (stamp != 0 && seconds - stamp > tuning::SILENCE_LIMIT_SECONDS) {
+            if (stamp != 0 && seconds - stamp > logferry::wire::WATCHDOG_LIMIT_SECONDS) {
                 go_on = read_remainder(*attachment);
                 if (go_on) {
                     detach(*attachment, "no sign of life for " + std::to_string(seconds - stamp) + " s");
@@ -375,7 +351,7 @@ bool Collector::poll()
     const std::uint64_t before = messages_;
     const auto now = Clock::now();
     if (now >= next_housekeeping_) {
-        next_housekeeping_ = now + tuning::HOUSEKEEPING_PERIOD;
+        next_housekeeping_ = now + HOUSEKEEPING_PERIOD;
         housekeeping();
     }
     bool busy = false;

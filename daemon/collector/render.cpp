@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "logferry/message.hpp"
+#include "wire/timestamp.hpp"
 #include "wire/wire.hpp"
 
 namespace logferry_monitor {
@@ -137,7 +138,8 @@ bool parse_level(const std::string& text, std::uint8_t& level)
 std::string render_timestamp(std::uint32_t units)
 {
     char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "%u.%04u", units / 10000U, units % 10000U);
+    constexpr std::uint32_t per_second = logferry::wire::STAMP_UNITS_PER_SECOND;
+    std::snprintf(buffer, sizeof buffer, "%u.%04u", units / per_second, units % per_second);
     return buffer;
 }
 

@@ -78,6 +78,10 @@ constexpr unsigned char STORAGE_PATTERN[4] = {'D', 'L', 'T', 0x01};
 constexpr std::size_t STORAGE_SECONDS = 4;
 constexpr std::size_t STORAGE_MICROS = 8;
 constexpr std::size_t STORAGE_ECU = 12;
+constexpr std::size_t STORAGE_TIME_SIZE = 4;  // the seconds and the microseconds, each LE32
+static_assert(STORAGE_SECONDS + STORAGE_TIME_SIZE == STORAGE_MICROS &&
+                  STORAGE_MICROS + STORAGE_TIME_SIZE == STORAGE_ECU,
+              "storage header");
 // (16 bytes in all: STORAGE_HEADER_SIZE in dlt_message.hpp)
 
 // Serial header
@@ -96,7 +100,9 @@ constexpr std::size_t STD_HTYP = 0;
 constexpr std::size_t STD_MCNT = 1;
 constexpr std::size_t STD_LEN = 2;
 constexpr std::size_t STD_FIXED_SIZE = 4;  // HTYP, MCNT, LEN
-constexpr std::size_t STD_ECU = 4;         // when all optional fields are present
+constexpr std::size_t LEN_SIZE = 2;        // LEN, big-endian
+static_assert(STD_LEN + LEN_SIZE == STD_FIXED_SIZE, "standard header");
+constexpr std::size_t STD_ECU = 4;  // when all optional fields are present
 constexpr std::size_t STD_SESSION = 8;
 constexpr std::size_t STD_TIMESTAMP = 12;
 constexpr std::size_t STD_FULL_SIZE = 16;
@@ -147,6 +153,11 @@ constexpr std::uint32_t CODING_UTF8 = 1u << TI_CODING_SHIFT;
 constexpr std::uint32_t CODING_HEX = 2u << TI_CODING_SHIFT;
 constexpr std::uint32_t CODING_BIN = 3u << TI_CODING_SHIFT;
 constexpr std::size_t LENGTH16_SIZE = 2;  // STRG / RAWD length field
+constexpr std::size_t MAX_LENGTH16 = 0xFFFF;
+// Value bytes of BOOL and of the two FLOA widths.
+constexpr std::size_t BOOL_SIZE = 1;
+constexpr std::size_t FLOAT32_SIZE = 4;
+constexpr std::size_t FLOAT64_SIZE = 8;
 
 // Control payloads
 constexpr std::size_t SERVICE_ID_SIZE = 4;

@@ -50,23 +50,23 @@ std::size_t argument_size(const Argument& arg) noexcept
 {
     switch (arg.kind) {
     case Arg_kind::boolean:
-        return TYPE_INFO_SIZE + 1;
+        return TYPE_INFO_SIZE + BOOL_SIZE;
     case Arg_kind::signed_int:
     case Arg_kind::unsigned_int:
         return length_code(arg.bits) != 0 ? TYPE_INFO_SIZE + arg.bits / 8 : 0;
     case Arg_kind::float32:
-        return TYPE_INFO_SIZE + 4;
+        return TYPE_INFO_SIZE + FLOAT32_SIZE;
     case Arg_kind::float64:
-        return TYPE_INFO_SIZE + 8;
+        return TYPE_INFO_SIZE + FLOAT64_SIZE;
     case Arg_kind::text:
-        if (arg.size + 1 > 0xFFFF || (arg.size != 0 && arg.data == nullptr)) {
+        if (arg.size + 1 > MAX_LENGTH16 || (arg.size != 0 && arg.data == nullptr)) {
             return 0;
         }
         return TYPE_INFO_SIZE + LENGTH16_SIZE + arg.size + 1;
     case Arg_kind::raw:
     case Arg_kind::encoded_payload:
     case Arg_kind::encoded_message:
-        if (arg.size > 0xFFFF || (arg.size != 0 && arg.data == nullptr)) {
+        if (arg.size > MAX_LENGTH16 || (arg.size != 0 && arg.data == nullptr)) {
             return 0;
         }
         return TYPE_INFO_SIZE + LENGTH16_SIZE + arg.size;
@@ -80,7 +80,7 @@ unsigned char* put_argument(unsigned char* p, const Argument& arg) noexcept
     case Arg_kind::boolean:
         put_le(p, TI_BOOL | TYLE_8, TYPE_INFO_SIZE);
         p[TYPE_INFO_SIZE] = arg.boolean ? 1 : 0;
-        return p + TYPE_INFO_SIZE + 1;
+        return p + TYPE_INFO_SIZE + BOOL_SIZE;
     case Arg_kind::signed_int:
         put_le(p, TI_SINT | length_code(arg.bits), TYPE_INFO_SIZE);
         put_le(p + TYPE_INFO_SIZE, static_cast<std::uint64_t>(arg.signed_value), arg.bits / 8);
@@ -94,15 +94,15 @@ unsigned char* put_argument(unsigned char* p, const Argument& arg) noexcept
         const float value = static_cast<float>(arg.float_value);
         std::uint32_t bits = 0;
         std::memcpy(&bits, &value, sizeof bits);
-        put_le(p + TYPE_INFO_SIZE, bits, 4);
-        return p + TYPE_INFO_SIZE + 4;
+        put_le(p + TYPE_INFO_SIZE, bits, FLOAT32_SIZE);
+        return p + TYPE_INFO_SIZE + FLOAT32_SIZE;
     }
     case Arg_kind::float64: {
         put_le(p, TI_FLOA | TYLE_64, TYPE_INFO_SIZE);
         std::uint64_t bits = 0;
         std::memcpy(&bits, &arg.float_value, sizeof bits);
-        put_le(p + TYPE_INFO_SIZE, bits, 8);
-        return p + TYPE_INFO_SIZE + 8;
+        put_le(p + TYPE_INFO_SIZE, bits, FLOAT64_SIZE);
+        return p + TYPE_INFO_SIZE + FLOAT64_SIZE;
     }
     case Arg_kind::text:
         put_le(p, TI_STRG | CODING_UTF8, TYPE_INFO_SIZE);
@@ -158,7 +158,7 @@ std::size_t encode_log_message(const Message& message, unsigned char* out, std::
     }
     out[STD_HTYP] = HTYP_WRITTEN;
     out[STD_MCNT] = message.counter;
-    put_be(out + STD_LEN, total, 2);
+    put_be(out + STD_LEN, total, LEN_SIZE);
     std::memcpy(out + STD_ECU, message.ecu, ECU_SIZE);
     put_be(out + STD_SESSION, message.session_id, SESSION_SIZE);
     put_be(out + STD_TIMESTAMP, message.timestamp, TIMESTAMP_SIZE);
@@ -178,8 +178,8 @@ void put_storage_header(unsigned char* out, std::uint32_t seconds, std::int32_t 
                         const char ecu[4]) noexcept
 {
     std::memcpy(out, STORAGE_PATTERN, sizeof STORAGE_PATTERN);
-    put_le(out + STORAGE_SECONDS, seconds, 4);
-    put_le(out + STORAGE_MICROS, static_cast<std::uint32_t>(microseconds), 4);
+    put_le(out + STORAGE_SECONDS, seconds, STORAGE_TIME_SIZE);
+    put_le(out + STORAGE_MICROS, static_cast<std::uint32_t>(microseconds), STORAGE_TIME_SIZE);
     std::memcpy(out + STORAGE_ECU, ecu, ECU_SIZE);
 }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "dlt_layout.hpp"
 #include "tuning.hpp"
 #include "wire/wire.hpp"
 
@@ -57,9 +58,9 @@ logferry_dlt::Argument dlt_argument(const logferry_decoder::Argument& arg)
 
 bool same_id(const std::string& id, const char dlt_id[4])
 {
-    char padded[4];
+    char padded[logferry_dlt::layout::ID_SIZE];
     logferry_dlt::to_dlt_id(id, padded);
-    return std::memcmp(padded, dlt_id, 4) == 0;
+    return std::memcmp(padded, dlt_id, logferry_dlt::layout::ID_SIZE) == 0;
 }
 
 std::string describe_id(const char id[4])
@@ -106,8 +107,8 @@ Dlt_output::Dlt_output(const Options& options, logferry_collector::Collector& co
     : options_(options), collector_(collector)
 {
     logferry_dlt::to_dlt_id(options_.ecu, ecu_);
-    std::memcpy(server_.ecu, ecu_, 4);
-    std::memcpy(file_.ecu, ecu_, 4);
+    std::memcpy(server_.ecu, ecu_, logferry_dlt::layout::ECU_SIZE);
+    std::memcpy(file_.ecu, ecu_, logferry_dlt::layout::ECU_SIZE);
 }
 
 bool Dlt_output::open()
@@ -181,7 +182,7 @@ logferry_dlt::Message Dlt_output::dlt_message(const logferry_collector::Applicat
                                               const logferry_collector::Log_message& message, std::uint8_t counter)
 {
     logferry_dlt::Message m;
-    std::memcpy(m.ecu, ecu_, 4);
+    std::memcpy(m.ecu, ecu_, logferry_dlt::layout::ECU_SIZE);
     logferry_dlt::to_dlt_id(application.app_id, m.app);
     const auto context =
         message.has_start ? application.contexts.find(message.context_handle) : application.contexts.end();
@@ -189,7 +190,7 @@ logferry_dlt::Message Dlt_output::dlt_message(const logferry_collector::Applicat
         logferry_dlt::to_dlt_id(context->second.id, m.context);
     }
     // Messages without a start record (or with level 0) carry no level: they count as info.
-    m.level = message.level != 0 ? message.level : 4;
+    m.level = message.level != 0 ? message.level : static_cast<std::uint8_t>(ara::log::LogLevel::kInfo);
     m.timestamp = message.timestamp;
     m.session_id = application.pid;
     m.counter = counter;

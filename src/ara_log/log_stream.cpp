@@ -30,14 +30,18 @@ namespace encoding = logferry::encoding;
 
 // Longest text of one text record (the free functions' limit), the text a cut one keeps
 // before its "...", and the longest payload of one raw record.
-constexpr std::size_t MAX_TEXT_LENGTH = 1388;
+constexpr std::size_t MAX_TEXT_LENGTH = encoding::MAX_LOGGED_TEXT_LENGTH;
 constexpr char CUT_MARK[] = "...";
 constexpr std::size_t CUT_MARK_LENGTH = sizeof(CUT_MARK) - 1;
-constexpr std::size_t MAX_PAYLOAD_LENGTH = 1389;
+constexpr std::size_t MAX_PAYLOAD_LENGTH = encoding::MAX_PAYLOAD_SIZE;
+// What log_stream.h promises of a cut text.
+static_assert(MAX_TEXT_LENGTH == 1388 && MAX_TEXT_LENGTH - CUT_MARK_LENGTH == 1385, "a cut text's length");
 
+// The notes this file adds (dropped arguments, cut raw data) are made in buffers of this size.
+constexpr std::size_t NOTE_SIZE = 64;
 // Room kept at the end of every message for the finish record and the note on dropped
 // arguments, so that both always fit.
-constexpr std::size_t NOTE_ROOM = encoding::TEXT_HEAD_SIZE + 64;
+constexpr std::size_t NOTE_ROOM = encoding::TEXT_HEAD_SIZE + NOTE_SIZE;
 constexpr std::size_t ARGUMENT_LIMIT = logferry::wire::MAX_FRAMED_RECORD_SIZE - encoding::FINISH_SIZE - NOTE_ROOM;
 
 // Room for `size` more bytes of arguments: the place to write them, or null when the message
@@ -55,18 +59,18 @@ unsigned char* room(Message& message, std::size_t size, std::size_t limit = ARGU
     return message.data + message.used;
 }
 
-// A text record: head, `copied` characters, the terminating zero; `length` counts as the
-// free functions count it (the given length + 8).
+// A text record: head, `copied` characters, the terminating zero; its length field counts
+// the given `length`, as the free functions count it.
 void add_text(Message& message, const char* text, std::size_t copied, std::size_t length,
               std::size_t limit = ARGUMENT_LIMIT) noexcept
 {
-    const std::size_t size = encoding::TEXT_HEAD_SIZE + copied + 1;
+    const std::size_t size = encoding::text_size(copied);
     unsigned char* out = room(message, size, limit);
     if (out == nullptr) {
         return;
     }
-    encoding::encode_text_head(out, logferry::KIND_WRITE_UTF8_STRING, static_cast<std::uint16_t>(length + 8),
-                               message.key);
+    encoding::encode_text_head(out, logferry::KIND_WRITE_UTF8_STRING,
+                               static_cast<std::uint16_t>(encoding::text_size(length)), message.key);
     std::memcpy(out + encoding::TEXT_HEAD_SIZE, text, copied);
     out[size - 1] = 0;
     message.used += size;
@@ -83,11 +87,29 @@ void start(Message& message) noexcept
     }
 }
 
+// A number argument, in the record its type travels in; the unsigned integers with their
+// format as given.
+template <typename T>
+void put_number(Message& message, T value) noexcept
+{
+    if (unsigned char* out = room(message, encoding::argument_size<T>)) {
+        message.used += encoding::encode_argument(out, message.key, value);
+    }
+}
+
+template <typename T>
+void put_number(Message& message, T value, std::uint8_t format) noexcept
+{
+    if (unsigned char* out = room(message, encoding::argument_size<T>)) {
+        message.used += encoding::encode_argument(out, message.key, value, format);
+    }
+}
+
 // Closes the message (note on dropped arguments, finish record) and hands it over.
 void send(Message& message) noexcept
 {
     if (message.dropped != 0) {
-        char note[64] = "[";
+        char note[NOTE_SIZE] = "[";
         char* end = std::to_chars(note + 1, note + 16, message.dropped).ptr;
         const char tail[] = " arguments dropped: message too long]";
         std::memcpy(end, tail, sizeof(tail));
@@ -164,90 +186,27 @@ void LogStream::PutLocation(detail::Text file, int line) noexcept
     add_text(*message_, text.data(), ::strnlen(text.data(), length), length);
 }
 
-void LogStream::PutBool(bool value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(1))) {
-        message_->used += encoding::encode_plain_u8(out, logferry::KIND_WRITE_BOOL, message_->key, value ? 1 : 0);
-    }
-}
+void LogStream::PutBool(bool value) noexcept { put_number(*message_, value); }
 
-void LogStream::PutInt8(std::int8_t value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(1))) {
-        message_->used +=
-            encoding::encode_plain_u8(out, logferry::KIND_WRITE_INT8, message_->key, static_cast<std::uint8_t>(value));
-    }
-}
+void LogStream::PutInt8(std::int8_t value) noexcept { put_number(*message_, value); }
 
-void LogStream::PutInt16(std::int16_t value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(2))) {
-        message_->used += encoding::encode_plain_u16(out, logferry::KIND_WRITE_INT16, message_->key,
-                                                     static_cast<std::uint16_t>(value));
-    }
-}
+void LogStream::PutInt16(std::int16_t value) noexcept { put_number(*message_, value); }
 
-void LogStream::PutInt32(std::int32_t value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(4))) {
-        message_->used += encoding::encode_plain_u32(out, logferry::KIND_WRITE_INT32, message_->key,
-                                                     static_cast<std::uint32_t>(value));
-    }
-}
+void LogStream::PutInt32(std::int32_t value) noexcept { put_number(*message_, value); }
 
-void LogStream::PutInt64(std::int64_t value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(8))) {
-        message_->used += encoding::encode_plain_u64(out, logferry::KIND_WRITE_INT64, message_->key,
-                                                     static_cast<std::uint64_t>(value));
-    }
-}
+void LogStream::PutInt64(std::int64_t value) noexcept { put_number(*message_, value); }
 
-void LogStream::PutUint8(std::uint8_t value, std::uint8_t format) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::formatted_size(1))) {
-        message_->used +=
-            encoding::encode_formatted_u8(out, logferry::KIND_WRITE_UINT8_FORMATTED, format, value, message_->key);
-    }
-}
+void LogStream::PutUint8(std::uint8_t value, std::uint8_t format) noexcept { put_number(*message_, value, format); }
 
-void LogStream::PutUint16(std::uint16_t value, std::uint8_t format) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::formatted_size(2))) {
-        message_->used +=
-            encoding::encode_formatted_u16(out, logferry::KIND_WRITE_UINT16_FORMATTED, format, value, message_->key);
-    }
-}
+void LogStream::PutUint16(std::uint16_t value, std::uint8_t format) noexcept { put_number(*message_, value, format); }
 
-void LogStream::PutUint32(std::uint32_t value, std::uint8_t format) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::formatted_size(4))) {
-        message_->used +=
-            encoding::encode_formatted_u32(out, logferry::KIND_WRITE_UINT32_FORMATTED, format, value, message_->key);
-    }
-}
+void LogStream::PutUint32(std::uint32_t value, std::uint8_t format) noexcept { put_number(*message_, value, format); }
 
-void LogStream::PutUint64(std::uint64_t value, std::uint8_t format) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::formatted_size(8))) {
-        message_->used +=
-            encoding::encode_formatted_u64(out, logferry::KIND_WRITE_UINT64_FORMATTED, format, value, message_->key);
-    }
-}
+void LogStream::PutUint64(std::uint64_t value, std::uint8_t format) noexcept { put_number(*message_, value, format); }
 
-void LogStream::PutFloat32(float value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(sizeof(float)))) {
-        message_->used += encoding::encode_plain_memory(out, logferry::KIND_WRITE_FLOAT32, message_->key, value);
-    }
-}
+void LogStream::PutFloat32(float value) noexcept { put_number(*message_, value); }
 
-void LogStream::PutFloat64(double value) noexcept
-{
-    if (unsigned char* out = room(*message_, encoding::plain_size(sizeof(double)))) {
-        message_->used += encoding::encode_plain_memory(out, logferry::KIND_WRITE_FLOAT64, message_->key, value);
-    }
-}
+void LogStream::PutFloat64(double value) noexcept { put_number(*message_, value); }
 
 void LogStream::PutText(const char* text, std::size_t size) noexcept
 {
@@ -280,13 +239,13 @@ void LogStream::PutRaw(const void* data, std::size_t size) noexcept
     if (out == nullptr) {
         return;
     }
-    encoding::encode_raw_head(out, logferry::KIND_WRITE_RAW_FORMATTED, static_cast<std::uint16_t>(carried + 10),
-                              static_cast<std::uint8_t>(logferry::LogFormat::kRaw), static_cast<std::uint16_t>(carried),
-                              message_->key);
+    encoding::encode_raw_head(
+        out, logferry::KIND_WRITE_RAW_FORMATTED, static_cast<std::uint16_t>(encoding::RAW_HEAD_SIZE + carried),
+        static_cast<std::uint8_t>(logferry::LogFormat::kRaw), static_cast<std::uint16_t>(carried), message_->key);
     std::memcpy(out + encoding::RAW_HEAD_SIZE, data, carried);
     message_->used += encoding::RAW_HEAD_SIZE + carried;
     if (carried < size) {
-        char note[64] = "[raw data cut from ";
+        char note[NOTE_SIZE] = "[raw data cut from ";
         const std::size_t prefix = std::strlen(note);
         char* end = std::to_chars(note + prefix, note + 40, size).ptr;
         std::memcpy(end, " bytes]", 8);

@@ -71,9 +71,6 @@ std::uint32_t next_handle = 0xFFFFFFFFU;
 
 // The ring writers, when liblogferry offered them at load time.
 std::atomic<const logferry::Ring_access*> offered_ring_access{nullptr};
-// The longest a message waits for the ring's mutex (a daemon holding it); then it is dropped
-// and counted among the channel's discarded records.
-constexpr std::uint32_t RING_WAIT_US = 1000;
 
 std::mutex handler_mutex;
 std::function<void(ClientState)>* connection_handler = nullptr;
@@ -188,12 +185,6 @@ private:
 };
 Waking_system* waking_seam = nullptr;
 
-// How long the take-down waits for a daemon that holds the lock to attach, and for an
-// attached daemon that makes no progress; how often it looks.
-constexpr std::chrono::milliseconds ATTACH_WAIT{1000};
-constexpr std::chrono::milliseconds PROGRESS_WAIT{1000};
-constexpr std::chrono::milliseconds TAKE_DOWN_POLL{1};
-
 // Whether a daemon holds the listener's lock file now (it runs, whether or not it has
 // attached to this channel yet).
 bool daemon_holds_lock()
@@ -247,15 +238,15 @@ void hand_over_staged()
         staged = staged_now;
         in_ring = in_ring_now;
         if (!daemon_attached()) {
-            if (now - start >= ATTACH_WAIT) {
+            if (now - start >= TUNING.attach_wait) {
                 break;
             }
-        } else if (now - last_progress >= PROGRESS_WAIT) {
+        } else if (now - last_progress >= TUNING.progress_wait) {
             break;
         } else if (gate_closed() && waking_seam != nullptr) {
             waking_seam->wake(false);  // a tick now: the receiver thread sees the daemon and opens the gate
         }
-        std::this_thread::sleep_for(TAKE_DOWN_POLL);  // not the seam's: the seam's sleeps end early now
+        std::this_thread::sleep_for(TUNING.take_down_poll);  // not the seam's: the seam's sleeps end early now
     }
     force_rest();
 }
@@ -317,12 +308,12 @@ std::size_t staging_limit()
 {
     const char* text = environment("LOGFERRY_STAGING_LIMIT");
     if (text == nullptr) {
-        return DEFAULT_STAGING_LIMIT;
+        return TUNING.staging_limit;
     }
     char* end = nullptr;
     const unsigned long long value = std::strtoull(text, &end, 10);
     if (end == text) {
-        return DEFAULT_STAGING_LIMIT;
+        return TUNING.staging_limit;
     }
     unsigned int shift = 0;
     switch (*end) {
@@ -495,7 +486,7 @@ bool deliver(const unsigned char* bytes, std::size_t size) noexcept
     }
     const logferry::Ring_access* access = ring_access();
     if (access != nullptr) {
-        return access->push_within(logferry::client, bytes, size, RING_WAIT_US);
+        return access->push_within(logferry::client, bytes, size, TUNING.ring_wait_us);
     }
     // liblogferry did not offer its ring writers (this library was loaded after it, with
     // dlopen): the ordinary push, which takes a vector of its own.

@@ -28,32 +28,8 @@ using std::chrono::milliseconds;
 
 /// Bytes in front of every staged message: its size.
 constexpr std::size_t FRAME_HEAD = 4;
-/// A message is started in the queue's block only with at least this much room left there.
-constexpr std::size_t MIN_ROOM = 256;
-/// A fresh storage of a message of its own holds a typical message without growing; one that
-/// grew beyond KEEP_CAPACITY is freed rather than kept; at most POOL_SIZE wait per thread.
-constexpr std::size_t INITIAL_CAPACITY = 512;
-constexpr std::size_t KEEP_CAPACITY = 16384;
-constexpr unsigned int POOL_SIZE = 8;
 /// Stream keys: each thread numbers its messages from a base of its own.
 constexpr std::uint32_t KEYS_PER_THREAD = 0x10000;
-
-/// The longest the flusher waits for the ring's mutex before it tries again later, and the
-/// most bytes it places in one hold of it.
-constexpr std::uint32_t FLUSH_WAIT_US = 1000;
-constexpr std::size_t BYTES_PER_HOLD = std::size_t{64} << 10;
-/// A message that must reach the ring at once (fatal) waits as long for the mutex.
-constexpr std::uint32_t URGENT_WAIT_US = 1000;
-/// Retry periods while messages wait (gate closed, ring full, mutex held): every millisecond,
-/// every tick once that has lasted a second.
-constexpr milliseconds RETRY_PERIOD{1};
-constexpr milliseconds SLOW_RETRY_PERIOD{50};
-constexpr milliseconds SLOW_RETRY_AFTER{1000};
-/// While messages come, the flusher looks every millisecond without being woken; after a
-/// quiet spell it sleeps until woken, or for a second at the most.
-constexpr milliseconds ACTIVE_PERIOD{1};
-constexpr milliseconds QUIET_SPELL{50};
-constexpr milliseconds IDLE_PERIOD{1000};
 
 // One block of a queue: `capacity` bytes after the header. The producer writes messages
 // behind `committed` and publishes them by moving it; once it sets `next`, it never writes
@@ -94,7 +70,7 @@ namespace {
 // destructors and exit handlers).
 struct Staging {
     std::atomic<bool> on{false};
-    std::size_t limit = DEFAULT_STAGING_LIMIT;
+    std::size_t limit = TUNING.staging_limit;
     std::atomic<std::size_t> block_bytes{0};
     const logferry::Ring_access* access = nullptr;
 
@@ -208,7 +184,7 @@ Thread_queue* own_queue(Thread_state& own)
     if (queue == nullptr) {
         return nullptr;
     }
-    Block* first = new_block(BLOCK_SIZE);
+    Block* first = new_block(TUNING.block_size);
     if (first == nullptr) {
         delete queue;
         return nullptr;
@@ -230,7 +206,10 @@ Thread_queue* own_queue(Thread_state& own)
 }
 
 // A block for a queue that needs `room` more bytes (at least an ordinary block).
-Block* block_for(std::size_t room) { return new_block(std::max(BLOCK_SIZE, (room + 4095) & ~std::size_t{4095})); }
+Block* block_for(std::size_t room)
+{
+    return new_block(std::max(TUNING.block_size, (room + 4095) & ~std::size_t{4095}));
+}
 
 // Finishes the queue's last block and continues in `block`. From here on the consumer may
 // free the old block once it has read it: nothing of it may be read afterwards.
@@ -364,7 +343,7 @@ void hand_over_own(Thread_queue& queue)
         std::lock_guard<std::mutex> lock(queue.consumer);
         logferry::Batch_result result;
         do {
-            result = hand_over(queue, true, URGENT_WAIT_US, static_cast<std::size_t>(-1));
+            result = hand_over(queue, true, TUNING.urgent_wait_us, static_cast<std::size_t>(-1));
         } while (result.end == logferry::Batch_end::kBound);
     } catch (...) {  // NOLINT(bugprone-empty-catch): the mutex failed: the flusher hands it over
     }
@@ -425,7 +404,8 @@ Pass flush_pass(std::vector<Thread_queue*>& queues, bool forced)
             if (!lock.owns_lock()) {
                 continue;  // a thread hands its own queue over at this moment
             }
-            const logferry::Batch_result result = hand_over(*queue, forced, FLUSH_WAIT_US, BYTES_PER_HOLD);
+            const logferry::Batch_result result =
+                hand_over(*queue, forced, TUNING.flush_wait_us, TUNING.bytes_per_hold);
             pass.moved += result.placed;
             pass.blocked = result.end != logferry::Batch_end::kDone && result.end != logferry::Batch_end::kBound;
         }
@@ -482,7 +462,9 @@ void flusher_main()
                 blocked_since = now;
             }
             was_blocked = true;
-            if (!sleep_for(now - blocked_since < SLOW_RETRY_AFTER ? RETRY_PERIOD : SLOW_RETRY_PERIOD, false)) {
+            if (!sleep_for(
+                    now - blocked_since < TUNING.slow_retry_after ? TUNING.retry_period : TUNING.slow_retry_period,
+                    false)) {
                 return;
             }
             continue;
@@ -491,8 +473,8 @@ void flusher_main()
         if (pass.moved != 0 || any_waiting(queues)) {
             continue;  // more came meanwhile
         }
-        const bool quiet = now - last_message >= QUIET_SPELL;
-        if (!sleep_for(quiet ? IDLE_PERIOD : ACTIVE_PERIOD, quiet)) {
+        const bool quiet = now - last_message >= TUNING.quiet_spell;
+        if (!sleep_for(quiet ? TUNING.idle_period : TUNING.active_period, quiet)) {
             return;
         }
     }
@@ -539,7 +521,8 @@ Message* take_message() noexcept
     message->key = own.key_base + (own.key_sequence++ % KEYS_PER_THREAD);
     Thread_queue* queue = own_queue(own);
     if (queue != nullptr && !queue->primary_open.load(std::memory_order_acquire) &&
-        (queue->tail->capacity - queue->write_pos >= FRAME_HEAD + MIN_ROOM || next_block(*queue, BLOCK_SIZE))) {
+        (queue->tail->capacity - queue->write_pos >= FRAME_HEAD + TUNING.min_room ||
+         next_block(*queue, TUNING.block_size))) {
         queue->primary_open.store(true, std::memory_order_relaxed);
         message->queue = queue;
         message->data = queue->tail->data() + queue->write_pos + FRAME_HEAD;
@@ -548,9 +531,9 @@ Message* take_message() noexcept
         return message;
     }
     message->queue = nullptr;
-    if (message->storage.size() < INITIAL_CAPACITY) {
+    if (message->storage.size() < TUNING.initial_capacity) {
         try {
-            message->storage.resize(INITIAL_CAPACITY);
+            message->storage.resize(TUNING.initial_capacity);
         } catch (...) {
             delete message;
             return nullptr;
@@ -564,7 +547,7 @@ Message* take_message() noexcept
 void give_back(Message* message) noexcept
 {
     Thread_state& own = thread_state;
-    if (own.closed || own.pool_count >= POOL_SIZE || message->storage.size() > KEEP_CAPACITY) {
+    if (own.closed || own.pool_count >= TUNING.pool_size || message->storage.size() > TUNING.keep_capacity) {
         delete message;
         return;
     }

@@ -31,14 +31,9 @@
 #include <cstdint>
 
 #include "ara_log/internal.hpp"
+#include "ara_log/tuning.hpp"
 
 namespace ara::log::detail {
-
-/// What staging holds at most, in bytes of queue blocks, unless LOGFERRY_STAGING_LIMIT says
-/// otherwise: 16 MiB, room for about 250 000 typical messages (60 bytes and the size).
-constexpr std::size_t DEFAULT_STAGING_LIMIT = std::size_t{16} << 20;
-/// Bytes of an ordinary queue block; a message larger than a block gets one of its own size.
-constexpr std::size_t BLOCK_SIZE = std::size_t{32} << 10;
 
 /// Starts staging with the given bound: the flusher thread is started. False (and messages
 /// are pushed by their callers, as without staging) when the ring writers were not offered,

@@ -1,11 +1,14 @@
 // The start record's time stamp (see stamp_clock.hpp).
 #include "ara_log/stamp_clock.hpp"
+#include "ara_log/tuning.hpp"
 
 #include <time.h>  // NOLINT(modernize-deprecated-headers): POSIX clock_gettime and CLOCK_MONOTONIC
 
 #if defined(__x86_64__)
 #include <cpuid.h>
 #endif
+
+#include "wire/timestamp.hpp"
 
 namespace ara::log::detail {
 
@@ -17,21 +20,6 @@ __thread Stamp_cache stamp_cache;
 namespace {
 
 constexpr std::uint64_t NS_PER_SECOND = 1000000000;
-/// Nanoseconds of one unit of the stamp (0.1 ms).
-constexpr std::uint64_t NS_PER_UNIT = 100000;
-/// Kept free before a unit's end: covers a counter of another processor that runs a little
-/// ahead or behind.
-constexpr std::uint64_t MARGIN_NS = 2000;
-/// The first calibration interval, and the interval between re-checks.
-constexpr std::uint64_t FIRST_CALIBRATION_NS = 20000000;
-constexpr std::uint64_t RECHECK_NS = NS_PER_SECOND;
-/// The bound kept below the measured rate, in 1/1000.
-constexpr std::uint64_t RATE_KEPT_PER_MILLE = 980;
-/// A calibration point is the tightest of this many counter-clock-counter readings.
-constexpr int POINT_TRIES = 5;
-/// Rates outside these (ticks per nanosecond) are no working counter.
-constexpr double SLOWEST_RATE = 0.001;
-constexpr double FASTEST_RATE = 100.0;
 
 // The calibration's last point; only the thread that re-checks reads and writes it.
 struct Calibration_point {
@@ -58,7 +46,7 @@ bool read_monotonic(std::uint64_t& ns)
 bool read_point(int mode, std::uint64_t& ticks, std::uint64_t& ns)
 {
     std::uint64_t tightest = ~std::uint64_t{0};
-    for (int i = 0; i < POINT_TRIES; ++i) {
+    for (int i = 0; i < TUNING.point_tries; ++i) {
         const std::uint64_t before = read_counter(mode);
         std::uint64_t clock = 0;
         if (!read_monotonic(clock)) {
@@ -109,14 +97,14 @@ std::uint32_t stamp_from_clock() noexcept
     if (logferry::sys->clock_gettime(CLOCK_MONOTONIC, &now) != 0) {
         return 0;  // as the free functions: 0 when the clock cannot be read
     }
-    const std::uint32_t unit =
-        static_cast<std::uint32_t>(now.tv_sec) * 10000U + static_cast<std::uint32_t>(now.tv_nsec / 100000);
+    const std::uint32_t unit = logferry::wire::stamp_of(now);
     const std::uint64_t rate = stamp_clock.ticks_per_ns_q32.load(std::memory_order_relaxed);
     if (counted && rate != 0) {
-        const std::uint64_t left_ns = NS_PER_UNIT - static_cast<std::uint64_t>(now.tv_nsec) % NS_PER_UNIT;
+        constexpr std::uint64_t unit_ns = logferry::wire::NS_PER_STAMP_UNIT;
+        const std::uint64_t left_ns = unit_ns - static_cast<std::uint64_t>(now.tv_nsec) % unit_ns;
         Stamp_cache& cache = stamp_cache;
         cache.from = ticks;
-        cache.span = left_ns > MARGIN_NS ? ((left_ns - MARGIN_NS) * rate) >> 32 : 0;
+        cache.span = left_ns > TUNING.margin_ns ? ((left_ns - TUNING.margin_ns) * rate) >> 32 : 0;
         cache.unit = unit;
     }
     return unit;
@@ -165,7 +153,7 @@ void stamp_clock_recheck() noexcept
         last_point = Calibration_point{ticks, ns, true, false};
         return;
     }
-    const std::uint64_t interval = last_point.calibrated ? RECHECK_NS : FIRST_CALIBRATION_NS;
+    const std::uint64_t interval = last_point.calibrated ? TUNING.recheck_ns : TUNING.first_calibration_ns;
     if (ns - last_point.ns < interval) {
         return;
     }
@@ -174,11 +162,11 @@ void stamp_clock_recheck() noexcept
         return;
     }
     const double rate = static_cast<double>(ticks - last_point.ticks) / static_cast<double>(ns - last_point.ns);
-    if (rate < SLOWEST_RATE || rate > FASTEST_RATE) {
+    if (rate < TUNING.slowest_rate || rate > TUNING.fastest_rate) {
         switch_off();
         return;
     }
-    const double bound = rate * static_cast<double>(RATE_KEPT_PER_MILLE) / 1000.0;
+    const double bound = rate * static_cast<double>(TUNING.rate_kept_per_mille) / 1000.0;
     stamp_clock.ticks_per_ns_q32.store(static_cast<std::uint64_t>(bound * 4294967296.0), std::memory_order_relaxed);
     last_point = Calibration_point{ticks, ns, true, true};
 }

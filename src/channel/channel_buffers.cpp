@@ -260,7 +260,7 @@ bool writable(const Logferry_base& end) { return end.initialized && end.client_s
 // message that cannot be placed within the wait is dropped and counted as lost.
 bool push_client_within(Logferry_base& end, const unsigned char* bytes, std::size_t size, std::uint32_t wait_us)
 {
-    if (!writable(end) || !placeable(size, CLIENT_BUFFER_SIZE) || !wire::is_ring_kind(bytes[0])) {
+    if (!writable(end) || !placeable(size, CLIENT_BUFFER_SIZE) || !wire::is_ring_kind(bytes[wire::KIND_AT])) {
         // Refused (and reported) exactly as the ordinary push does.
         return end.push(std::vector<unsigned char>(bytes, bytes + size));
     }
@@ -328,7 +328,7 @@ Batch_result push_client_batch(Logferry_base& end, const Ring_batch& batch, bool
             result.end = Batch_end::kBound;
             break;
         }
-        if (!placeable(size, CLIENT_BUFFER_SIZE) || !wire::is_ring_kind(bytes[0])) {
+        if (!placeable(size, CLIENT_BUFFER_SIZE) || !wire::is_ring_kind(bytes[wire::KIND_AT])) {
             result.end = Batch_end::kRefused;
             break;
         }
@@ -393,8 +393,8 @@ bool Logferry_base::push_client(const std::vector<unsigned char>& bytes)
     if (!initialized || !placeable(bytes.size(), CLIENT_BUFFER_SIZE)) {
         return false;
     }
-    if (!wire::is_ring_kind(bytes[0])) {
-        report_error("unknown message type " + std::to_string(static_cast<unsigned int>(bytes[0])));
+    if (!wire::is_ring_kind(bytes[wire::KIND_AT])) {
+        report_error("unknown message type " + std::to_string(static_cast<unsigned int>(bytes[wire::KIND_AT])));
         return false;
     }
     // Discards always come from the ring being written, whichever end writes it.

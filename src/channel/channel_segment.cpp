@@ -8,13 +8,13 @@
 #include "logferry/channel.hpp"
 #include "logferry/system.hpp"
 #include "system/robust_mutex.hpp"
+#include "wire/channel_name.hpp"
 #include "wire/shared_fields.hpp"
 
 namespace logferry {
 
 namespace {
 
-const char* const NAME_PREFIX = "/logferry-";
 const char* const SHM_DIRECTORY = "/dev/shm";
 
 }  // namespace
@@ -153,13 +153,7 @@ void Logferry_base::uninit()
     initialized = false;
 }
 
-void Logferry_base::set_filename()
-{
-    std::string name;
-    name.reserve(app_identifier.size() + 10);
-    name.append(NAME_PREFIX).append(app_identifier);
-    filename = name;
-}
+void Logferry_base::set_filename() { filename = wire::channel_name_of(app_identifier); }
 
 const std::string& Logferry_base::get_filename() const { return filename; }
 

@@ -9,6 +9,7 @@
 
 #include "logferry/channel.hpp"
 #include "logferry/system.hpp"
+#include "wire/liveness.hpp"
 #include "wire/shared_fields.hpp"
 
 namespace logferry {
@@ -16,13 +17,6 @@ namespace logferry {
 std::atomic<bool> last_connection_state(false);
 
 namespace {
-
-// A stamp more than this many seconds behind the clock is stale.
-constexpr std::int64_t STALE_AFTER_SECONDS = 2;
-// The two ends are connected while their stamps are at most this far apart.
-constexpr std::int64_t CONNECTED_WITHIN_SECONDS = 5;
-// Stamps further apart than this are meaningless: the previous verdict stands.
-constexpr std::int64_t MEANINGLESS_DIFFERENCE = 0x3FFFFFFE;
 
 using Wide = __int128;
 
@@ -49,8 +43,8 @@ void Logferry_base::update_connection_active_timer()
         return;
     }
 
-    const bool both_stale = difference(seconds, client_stamp) > STALE_AFTER_SECONDS &&
-                            difference(seconds, server_stamp) > STALE_AFTER_SECONDS && client_stamp != 0 &&
+    const bool both_stale = difference(seconds, client_stamp) > wire::STALE_AFTER_SECONDS &&
+                            difference(seconds, server_stamp) > wire::STALE_AFTER_SECONDS && client_stamp != 0 &&
                             server_stamp != 0;
     if (both_stale) {
         // Both ends silent: more likely this caller itself has not run for a while (stopped,
@@ -78,9 +72,11 @@ bool Logferry_base::is_connection_active()
         if (apart < 0) {
             apart = -apart;
         }
-        if (apart <= CONNECTED_WITHIN_SECONDS) {
+        // Connected while the stamps are close; too far apart to mean anything, the last
+        // verdict stands.
+        if (apart <= wire::WATCHDOG_LIMIT_SECONDS) {
             verdict = true;
-        } else if (apart > MEANINGLESS_DIFFERENCE) {
+        } else if (apart > wire::MEANINGLESS_STAMP_DIFFERENCE) {
             verdict = last_connection_state.load();
         }
     }

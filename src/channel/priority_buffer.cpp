@@ -16,6 +16,7 @@
 #include "logferry/system.hpp"
 #include "system/robust_mutex.hpp"
 #include "wire/shared_fields.hpp"
+#include "wire/wire.hpp"
 
 namespace logferry {
 
@@ -32,8 +33,8 @@ bool acceptable_priority_record(const std::vector<unsigned char>& bytes)
     if (bytes.empty() || bytes.size() > PRIORITY_DATA_SIZE) {
         return false;
     }
-    if (!is_priority_kind(bytes[0])) {
-        report_error("not a priority message type: " + std::to_string(static_cast<unsigned int>(bytes[0])));
+    if (!is_priority_kind(bytes[wire::KIND_AT])) {
+        report_error("not a priority message type: " + std::to_string(static_cast<unsigned int>(bytes[wire::KIND_AT])));
         return false;
     }
     return true;

@@ -14,14 +14,12 @@
 
 #include "logferry/listener.hpp"
 #include "logferry/system.hpp"
+#include "wire/liveness.hpp"
 #include "wire/shared_fields.hpp"
 
 namespace logferry {
 
 namespace {
-
-constexpr std::uint8_t CLIENT_WATCHDOG_LIMIT = 100;
-constexpr std::int64_t PROXY_WATCHDOG_SECONDS = 5;
 
 // One read of an index written by another process, as an entry number within the list.
 // Out-of-range values become 0. The single atomic read keeps the compiler from reading the
@@ -150,8 +148,9 @@ bool Logferry_listener::check_list(const std::string& name)
     if (entry.picked_up != 0) {
         return true;  // the daemon has the name and is connecting
     }
+    // The application's own watchdog: one check a receiver-thread tick.
     ++unacknowledged_checks;
-    if (unacknowledged_checks < CLIENT_WATCHDOG_LIMIT) {
+    if (unacknowledged_checks < wire::ANNOUNCEMENT_LIMIT_TICKS) {
         return true;
     }
     pop_unsynced();
@@ -267,7 +266,7 @@ void Logferry_listener::check_watchdogs()
         }
         if (entry.channel_name[0] != 0) {
             if (deadline == 0) {
-                deadline = now + PROXY_WATCHDOG_SECONDS;
+                deadline = now + wire::ANNOUNCEMENT_LIMIT_SECONDS;
             }
             if (deadline <= now) {
                 std::memset(entry.channel_name, 0, LISTENER_NAME_SIZE);

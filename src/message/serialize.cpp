@@ -58,6 +58,20 @@ std::size_t description_bytes(const std::array<char, RECORD_DESCRIPTION_SIZE>& d
     return static_cast<std::size_t>(static_cast<const char*>(zero) - description.data()) + 1;
 }
 
+// A number record (kinds 9-19), laid out as the number table says for the kind its type
+// has; the kind byte written is the record's own.
+template <typename Record>
+void serialize_number(const Record& record, std::vector<unsigned char>& out)
+{
+    constexpr int kind = Record{}.kind;
+    unsigned char* p = grow(out, wire::number_size(kind));
+    if constexpr (wire::number_layout(kind).formatted) {
+        wire::encode_formatted<kind>(p, record.kind, record.format, record.value, record.stream_key);
+    } else {
+        wire::encode_plain<kind>(p, record.kind, record.stream_key, record.value);
+    }
+}
+
 }  // namespace
 
 void serialize(const Logferry_disable_remote& record, std::vector<unsigned char>& out)
@@ -122,73 +136,43 @@ void serialize(const Logferry_write_finish& record, std::vector<unsigned char>& 
     wire::encode_finish(grow(out, wire::FINISH_SIZE), record.kind, record.stream_key);
 }
 
-// The plain-number kinds write the stream key before the value; signed values go out in
-// two's complement, which their unsigned conversion gives.
+// The number records, each by its kind's entry of the number table: the plain kinds write
+// the stream key before the value (signed values in two's complement), the formatted kinds
+// format and value first and the stream key last.
 
-void serialize(const Logferry_write_bool& record, std::vector<unsigned char>& out)
-{
-    wire::encode_plain_u8(grow(out, wire::plain_size(1)), record.kind, record.stream_key, record.value);
-}
+void serialize(const Logferry_write_bool& record, std::vector<unsigned char>& out) { serialize_number(record, out); }
 
-void serialize(const Logferry_write_int8& record, std::vector<unsigned char>& out)
-{
-    wire::encode_plain_u8(grow(out, wire::plain_size(1)), record.kind, record.stream_key,
-                          static_cast<std::uint8_t>(record.value));
-}
+void serialize(const Logferry_write_int8& record, std::vector<unsigned char>& out) { serialize_number(record, out); }
 
-void serialize(const Logferry_write_int16& record, std::vector<unsigned char>& out)
-{
-    wire::encode_plain_u16(grow(out, wire::plain_size(2)), record.kind, record.stream_key,
-                           static_cast<std::uint16_t>(record.value));
-}
+void serialize(const Logferry_write_int16& record, std::vector<unsigned char>& out) { serialize_number(record, out); }
 
-void serialize(const Logferry_write_int32& record, std::vector<unsigned char>& out)
-{
-    wire::encode_plain_u32(grow(out, wire::plain_size(4)), record.kind, record.stream_key,
-                           static_cast<std::uint32_t>(record.value));
-}
+void serialize(const Logferry_write_int32& record, std::vector<unsigned char>& out) { serialize_number(record, out); }
 
-void serialize(const Logferry_write_int64& record, std::vector<unsigned char>& out)
-{
-    wire::encode_plain_u64(grow(out, wire::plain_size(8)), record.kind, record.stream_key,
-                           static_cast<std::uint64_t>(record.value));
-}
-
-// The formatted kinds write format and value first and the stream key last.
+void serialize(const Logferry_write_int64& record, std::vector<unsigned char>& out) { serialize_number(record, out); }
 
 void serialize(const Logferry_write_uint8_formatted& record, std::vector<unsigned char>& out)
 {
-    wire::encode_formatted_u8(grow(out, wire::formatted_size(1)), record.kind, record.format, record.value,
-                              record.stream_key);
+    serialize_number(record, out);
 }
 
 void serialize(const Logferry_write_uint16_formatted& record, std::vector<unsigned char>& out)
 {
-    wire::encode_formatted_u16(grow(out, wire::formatted_size(2)), record.kind, record.format, record.value,
-                               record.stream_key);
+    serialize_number(record, out);
 }
 
 void serialize(const Logferry_write_uint32_formatted& record, std::vector<unsigned char>& out)
 {
-    wire::encode_formatted_u32(grow(out, wire::formatted_size(4)), record.kind, record.format, record.value,
-                               record.stream_key);
+    serialize_number(record, out);
 }
 
 void serialize(const Logferry_write_uint64_formatted& record, std::vector<unsigned char>& out)
 {
-    wire::encode_formatted_u64(grow(out, wire::formatted_size(8)), record.kind, record.format, record.value,
-                               record.stream_key);
+    serialize_number(record, out);
 }
 
-void serialize(const Logferry_write_float32& record, std::vector<unsigned char>& out)
-{
-    wire::encode_plain_memory(grow(out, wire::plain_size(4)), record.kind, record.stream_key, record.value);
-}
+void serialize(const Logferry_write_float32& record, std::vector<unsigned char>& out) { serialize_number(record, out); }
 
-void serialize(const Logferry_write_float64& record, std::vector<unsigned char>& out)
-{
-    wire::encode_plain_memory(grow(out, wire::plain_size(8)), record.kind, record.stream_key, record.value);
-}
+void serialize(const Logferry_write_float64& record, std::vector<unsigned char>& out) { serialize_number(record, out); }
 
 void serialize(const Logferry_write_utf8_string& record, std::vector<unsigned char>& out)
 {

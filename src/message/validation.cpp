@@ -7,6 +7,7 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "logferry/message.hpp"
 #include "message/checked_substr.hpp"
 
 namespace logferry {
@@ -27,9 +28,9 @@ std::string checked_substr(const std::string& text, std::size_t position, std::s
 
 namespace {
 
-constexpr std::uint8_t LEVEL_AND_FORMAT_LIMIT = 7;  // values below pass
-constexpr std::uint8_t MODE_BITS = 0x07;            // remote | file | console
-constexpr std::size_t ID_LENGTH = 4;
+constexpr std::uint8_t LEVEL_AND_FORMAT_LIMIT = 7;     // values below pass
+constexpr std::uint8_t MODE_BITS = 0x07;               // remote | file | console
+constexpr std::size_t ID_LENGTH = RECORD_ID_SIZE - 1;  // an ID field less its zero
 
 // Shared test of levels and formats: a value below 7 passes, anything else becomes 0.
 std::uint8_t below_seven_or_zero(std::uint8_t value) noexcept { return value < LEVEL_AND_FORMAT_LIMIT ? value : 0; }

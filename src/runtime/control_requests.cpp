@@ -7,10 +7,6 @@
 
 namespace logferry {
 
-namespace {
-constexpr unsigned long FILE_NAME_FIELD = 255;
-}  // namespace
-
 bool enable_local_print()
 {
     std::vector<unsigned char> bytes;
@@ -31,9 +27,9 @@ bool init_file(const char* name)
     if (name == nullptr) {
         return false;
     }
-    const std::string validated = dlt_validate_string(std::string(name), FILE_NAME_FIELD);
+    const std::string validated = dlt_validate_string(std::string(name), RECORD_FILE_NAME_SIZE);
     Logferry_init_file record{};
-    copy_bounded_text(record.file_name, validated.c_str(), FILE_NAME_FIELD - 1);
+    copy_bounded_text(record.file_name, validated.c_str(), RECORD_FILE_NAME_SIZE - 1);
     std::vector<unsigned char> bytes;
     serialize(record, bytes);
     submit_priority_record(bytes);

@@ -12,16 +12,17 @@
 #include "logferry/client.hpp"
 #include "logferry/system.hpp"
 #include "runtime/front_end_hooks.hpp"
+#include "wire/liveness.hpp"
 #include "wire/wire.hpp"
 
 namespace logferry {
 
 namespace {
 
-constexpr unsigned int TICK_MS = 50;
-constexpr unsigned int RECONNECT_BACKOFF_S = 1;
+using wire::CONNECTION_RECHECK_MS;
+using wire::RECEIVER_TICK_MS;
+using wire::RECONNECT_PAUSE_SECONDS;
 constexpr std::uint32_t LOSS_CHECK_TICKS = 100;  // losses are checked every 101st tick
-constexpr std::uint32_t CONNECTION_RECHECK_MS = 1000;
 constexpr useconds_t SHUTDOWN_GRACE_US = 50000;
 
 // Sends every kept registration again, forced; false at the first record the channel did
@@ -102,15 +103,15 @@ void inactive_pass(bool was_inactive)
         handle_all_daemon_messages();
     }
     if (!listener.init()) {
-        sys->sleep_for_seconds(RECONNECT_BACKOFF_S);
+        sys->sleep_for_seconds(RECONNECT_PAUSE_SECONDS);
     } else if (listener.check_list(client.get_filename())) {
-        sys->sleep_for_milliseconds(TICK_MS);  // still announced: the daemon has not come yet
+        sys->sleep_for_milliseconds(RECEIVER_TICK_MS);  // still announced: the daemon has not come yet
     } else {
         listener.uninit();
         if (connect_channel()) {
-            sys->sleep_for_milliseconds(TICK_MS);
+            sys->sleep_for_milliseconds(RECEIVER_TICK_MS);
         } else {
-            sys->sleep_for_seconds(RECONNECT_BACKOFF_S);
+            sys->sleep_for_seconds(RECONNECT_PAUSE_SECONDS);
         }
     }
 }
@@ -200,8 +201,8 @@ void receiver_thread()
                 report_connection(active, reported);
                 elapsed_ms = 0;
             }
-            sys->sleep_for_milliseconds(TICK_MS);
-            elapsed_ms += TICK_MS;
+            sys->sleep_for_milliseconds(RECEIVER_TICK_MS);
+            elapsed_ms += RECEIVER_TICK_MS;
             was_inactive = false;
         }
         shut_down();
@@ -216,7 +217,7 @@ void handle_daemon_message(std::vector<unsigned char>& bytes)
         report_error("empty message received.");
         return;
     }
-    if (bytes[0] == KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER) {
+    if (bytes[wire::KIND_AT] == KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER) {
         Logferry_update_context_log_level_filter update{};
         if (bytes.size() != wire::LEVEL_UPDATE_SIZE || !deserialize(bytes, bytes.size(), update)) {
             return;  // malformed updates are ignored

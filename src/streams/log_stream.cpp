@@ -13,6 +13,7 @@
 
 #include "logferry/client.hpp"
 #include "logferry/system.hpp"
+#include "wire/timestamp.hpp"
 #include "wire/wire.hpp"
 
 namespace logferry {
@@ -148,6 +149,22 @@ inline std::uint8_t validated(LogFormat format)
     return code <= static_cast<std::uint8_t>(LogFormat::kRaw) ? code : 0;
 }
 
+// A number argument, in the record its type travels in; the unsigned integers with their
+// format, validated.
+template <typename T>
+inline void append_number(std::uint32_t stream_key, T value)
+{
+    unsigned char record[wire::MAX_FIXED_SIZE];
+    append_record(stream_key, record, wire::encode_argument(record, stream_key, value));
+}
+
+template <typename T>
+inline void append_number(std::uint32_t stream_key, T value, LogFormat format)
+{
+    unsigned char record[wire::MAX_FIXED_SIZE];
+    append_record(stream_key, record, wire::encode_argument(record, stream_key, value, validated(format)));
+}
+
 }  // namespace
 
 bool append_to_logstream(std::uint32_t stream_key, const std::vector<unsigned char>& bytes)
@@ -167,11 +184,11 @@ bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint
             return false;
         }
     }
-    // Monotonic clock in 0.1 ms units, modulo 2^32; 0 when the clock cannot be read.
+    // The start record's stamp; 0 when the clock cannot be read.
     std::uint32_t timestamp = 0;
     timespec now{};
     if (sys->clock_gettime(CLOCK_MONOTONIC, &now) == 0) {
-        timestamp = static_cast<std::uint32_t>(now.tv_sec) * 10000U + static_cast<std::uint32_t>(now.tv_nsec / 100000);
+        timestamp = wire::stamp_of(now);
     }
     unsigned char record[wire::START_SIZE];
     const std::size_t size =
@@ -184,82 +201,39 @@ bool log_start(std::uint32_t context_handle, std::uint32_t stream_key, std::uint
     return true;
 }
 
-void log_bool(std::uint32_t stream_key, bool value)
-{
-    unsigned char record[wire::MAX_FIXED_SIZE];
-    append_record(stream_key, record, wire::encode_plain_u8(record, KIND_WRITE_BOOL, stream_key, value ? 1 : 0));
-}
+void log_bool(std::uint32_t stream_key, bool value) { append_number(stream_key, value); }
 
-void log_int8(std::uint32_t stream_key, std::int8_t value)
-{
-    unsigned char record[wire::MAX_FIXED_SIZE];
-    append_record(stream_key, record,
-                  wire::encode_plain_u8(record, KIND_WRITE_INT8, stream_key, static_cast<std::uint8_t>(value)));
-}
+void log_int8(std::uint32_t stream_key, std::int8_t value) { append_number(stream_key, value); }
 
-void log_int16(std::uint32_t stream_key, std::int16_t value)
-{
-    unsigned char record[wire::MAX_FIXED_SIZE];
-    append_record(stream_key, record,
-                  wire::encode_plain_u16(record, KIND_WRITE_INT16, stream_key, static_cast<std::uint16_t>(value)));
-}
+void log_int16(std::uint32_t stream_key, std::int16_t value) { append_number(stream_key, value); }
 
-void log_int32(std::uint32_t stream_key, std::int32_t value)
-{
-    unsigned char record[wire::MAX_FIXED_SIZE];
-    append_record(stream_key, record,
-                  wire::encode_plain_u32(record, KIND_WRITE_INT32, stream_key, static_cast<std::uint32_t>(value)));
-}
+void log_int32(std::uint32_t stream_key, std::int32_t value) { append_number(stream_key, value); }
 
-void log_int64(std::uint32_t stream_key, std::int64_t value)
-{
-    unsigned char record[wire::MAX_FIXED_SIZE];
-    append_record(stream_key, record,
-                  wire::encode_plain_u64(record, KIND_WRITE_INT64, stream_key, static_cast<std::uint64_t>(value)));
-}
+void log_int64(std::uint32_t stream_key, std::int64_t value) { append_number(stream_key, value); }
 
 void log_uint8_formatted(std::uint32_t stream_key, std::uint8_t value, LogFormat format)
 {
-    unsigned char record[wire::MAX_FIXED_SIZE];
-    append_record(stream_key, record,
-                  wire::encode_formatted_u8(record, KIND_WRITE_UINT8_FORMATTED, validated(format), value, stream_key));
+    append_number(stream_key, value, format);
 }
 
 void log_uint16_formatted(std::uint32_t stream_key, std::uint16_t value, LogFormat format)
 {
-    unsigned char record[wire::MAX_FIXED_SIZE];
-    append_record(
-        stream_key, record,
-        wire::encode_formatted_u16(record, KIND_WRITE_UINT16_FORMATTED, validated(format), value, stream_key));
+    append_number(stream_key, value, format);
 }
 
 void log_uint32_formatted(std::uint32_t stream_key, std::uint32_t value, LogFormat format)
 {
-    unsigned char record[wire::MAX_FIXED_SIZE];
-    append_record(
-        stream_key, record,
-        wire::encode_formatted_u32(record, KIND_WRITE_UINT32_FORMATTED, validated(format), value, stream_key));
+    append_number(stream_key, value, format);
 }
 
 void log_uint64_formatted(std::uint32_t stream_key, std::uint64_t value, LogFormat format)
 {
-    unsigned char record[wire::MAX_FIXED_SIZE];
-    append_record(
-        stream_key, record,
-        wire::encode_formatted_u64(record, KIND_WRITE_UINT64_FORMATTED, validated(format), value, stream_key));
+    append_number(stream_key, value, format);
 }
 
-void log_float32(std::uint32_t stream_key, float value)
-{
-    unsigned char record[wire::MAX_FIXED_SIZE];
-    append_record(stream_key, record, wire::encode_plain_memory(record, KIND_WRITE_FLOAT32, stream_key, value));
-}
+void log_float32(std::uint32_t stream_key, float value) { append_number(stream_key, value); }
 
-void log_float64(std::uint32_t stream_key, double value)
-{
-    unsigned char record[wire::MAX_FIXED_SIZE];
-    append_record(stream_key, record, wire::encode_plain_memory(record, KIND_WRITE_FLOAT64, stream_key, value));
-}
+void log_float64(std::uint32_t stream_key, double value) { append_number(stream_key, value); }
 
 void log_utf8_string(std::uint32_t stream_key, const char* text)
 {

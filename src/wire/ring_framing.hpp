@@ -23,6 +23,7 @@ constexpr std::uint32_t LENGTH_PREFIX_SIZE = 2;
 constexpr std::uint32_t MIN_FRAME_SIZE = LENGTH_PREFIX_SIZE + 1;
 /// The largest record a length prefix can describe.
 constexpr std::uint32_t MAX_FRAMED_RECORD_SIZE = 0xFFFF;
+static_assert(MAX_FRAMED_RECORD_SIZE == (1U << (8 * LENGTH_PREFIX_SIZE)) - 1, "the largest unit of a ring");
 
 /// Bytes a record of `record_size` bytes takes in the ring.
 constexpr std::uint32_t frame_size(std::uint32_t record_size) noexcept { return LENGTH_PREFIX_SIZE + record_size; }

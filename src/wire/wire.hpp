@@ -47,6 +47,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 #include "logferry/message.hpp"
 #include "logferry/validation.hpp"
@@ -280,6 +281,85 @@ constexpr std::size_t formatted_size(std::size_t value_size) { return formatted:
 /// A text record (and its length field) with a text of `length` characters and its zero.
 constexpr std::size_t text_size(std::size_t length) { return TEXT_HEAD_SIZE + length + 1; }
 
+// ---------------------------------------------------------------------------------------
+// The number records (kinds 9-19): the one table of which value each carries and how, and of
+// the kind a typed argument travels in. The free functions, ara::log and `serialize` all
+// choose their record and encoder through it.
+
+/// How a number kind carries its value: `value_size` bytes, as a little-endian integer
+/// (signed values in two's complement) or, `floating`, as the bytes of a float or double in
+/// memory; in the plain layout (kind, stream key, value) or, `formatted`, in the formatted
+/// one (kind, format, value, stream key).
+struct Number_layout {
+    std::uint8_t value_size;  // 0: not a number kind
+    bool floating;
+    bool formatted;
+};
+
+// The table, kinds 9 to 19 in order.
+inline constexpr Number_layout NUMBER_LAYOUTS[] = {
+    {1, false, false},  //  9 bool
+    {1, false, false},  // 10 int8
+    {2, false, false},  // 11 int16
+    {4, false, false},  // 12 int32
+    {8, false, false},  // 13 int64
+    {1, false, true},   // 14 uint8, formatted
+    {2, false, true},   // 15 uint16, formatted
+    {4, false, true},   // 16 uint32, formatted
+    {8, false, true},   // 17 uint64, formatted
+    {4, true, false},   // 18 float32
+    {8, true, false},   // 19 float64
+};
+static_assert(sizeof NUMBER_LAYOUTS / sizeof NUMBER_LAYOUTS[0] == KIND_WRITE_FLOAT64 - KIND_WRITE_BOOL + 1,
+              "one entry a number kind");
+
+constexpr Number_layout number_layout(int kind) noexcept
+{
+    return kind >= KIND_WRITE_BOOL && kind <= KIND_WRITE_FLOAT64 ? NUMBER_LAYOUTS[kind - KIND_WRITE_BOOL]
+                                                                 : Number_layout{0, false, false};
+}
+
+/// The size of a number record of this kind; 0 for the other kinds.
+constexpr std::size_t number_size(int kind) noexcept
+{
+    const Number_layout layout = number_layout(kind);
+    if (layout.value_size == 0) {
+        return 0;
+    }
+    return layout.formatted ? formatted_size(layout.value_size) : plain_size(layout.value_size);
+}
+
+/// The kind an argument of type T travels in: bool, the signed integers and the
+/// floating-point types in their plain record, the unsigned integers in their formatted one;
+/// 0 for any other type.
+template <typename T>
+constexpr std::uint8_t argument_kind = std::is_same<T, bool>::value            ? KIND_WRITE_BOOL
+                                       : std::is_same<T, std::int8_t>::value   ? KIND_WRITE_INT8
+                                       : std::is_same<T, std::int16_t>::value  ? KIND_WRITE_INT16
+                                       : std::is_same<T, std::int32_t>::value  ? KIND_WRITE_INT32
+                                       : std::is_same<T, std::int64_t>::value  ? KIND_WRITE_INT64
+                                       : std::is_same<T, std::uint8_t>::value  ? KIND_WRITE_UINT8_FORMATTED
+                                       : std::is_same<T, std::uint16_t>::value ? KIND_WRITE_UINT16_FORMATTED
+                                       : std::is_same<T, std::uint32_t>::value ? KIND_WRITE_UINT32_FORMATTED
+                                       : std::is_same<T, std::uint64_t>::value ? KIND_WRITE_UINT64_FORMATTED
+                                       : std::is_same<T, float>::value         ? KIND_WRITE_FLOAT32
+                                       : std::is_same<T, double>::value        ? KIND_WRITE_FLOAT64
+                                                                               : 0;
+/// The size of the record of an argument of type T.
+template <typename T>
+constexpr std::size_t argument_size = number_size(argument_kind<T>);
+
+/// The unsigned integer of `Size` bytes.
+template <std::size_t Size>
+using Unsigned_of = std::conditional_t<
+    Size == 1, std::uint8_t,
+    std::conditional_t<Size == 2, std::uint16_t, std::conditional_t<Size == 4, std::uint32_t, std::uint64_t>>>;
+/// The type a number kind's value is written as.
+template <int Kind>
+using Number_value = std::conditional_t<number_layout(Kind).floating,
+                                        std::conditional_t<number_layout(Kind).value_size == 4, float, double>,
+                                        Unsigned_of<number_layout(Kind).value_size>>;
+
 /// The size of a record of a fixed-size kind; 0 for the kinds whose size follows from a
 /// text or payload (3, 5, 20-23) and for unknown kinds.
 constexpr std::size_t fixed_size(int kind) noexcept
@@ -297,29 +377,10 @@ constexpr std::size_t fixed_size(int kind) noexcept
         return START_SIZE;
     case KIND_WRITE_FINISH:
         return FINISH_SIZE;
-    case KIND_WRITE_BOOL:
-    case KIND_WRITE_INT8:
-        return plain_size(1);
-    case KIND_WRITE_INT16:
-        return plain_size(2);
-    case KIND_WRITE_INT32:
-    case KIND_WRITE_FLOAT32:
-        return plain_size(4);
-    case KIND_WRITE_INT64:
-    case KIND_WRITE_FLOAT64:
-        return plain_size(8);
-    case KIND_WRITE_UINT8_FORMATTED:
-        return formatted_size(1);
-    case KIND_WRITE_UINT16_FORMATTED:
-        return formatted_size(2);
-    case KIND_WRITE_UINT32_FORMATTED:
-        return formatted_size(4);
-    case KIND_WRITE_UINT64_FORMATTED:
-        return formatted_size(8);
     case KIND_UPDATE_CONTEXT_LOG_LEVEL_FILTER:
         return LEVEL_UPDATE_SIZE;
     default:
-        return 0;
+        return number_size(kind);
     }
 }
 
@@ -344,64 +405,51 @@ inline std::size_t encode_finish(unsigned char* out, std::uint8_t kind, std::uin
     return static_cast<std::size_t>(put_u32(put_u8(out, kind), key) - out);
 }
 
-// Plain numbers (kinds 9-13, 18, 19): kind, stream key, value.
-inline std::size_t encode_plain_u8(unsigned char* out, std::uint8_t kind, std::uint32_t key,
-                                   std::uint8_t value) noexcept
+// The value of a number record, as its kind writes it.
+inline unsigned char* put_value(unsigned char* out, std::uint8_t value) noexcept { return put_u8(out, value); }
+inline unsigned char* put_value(unsigned char* out, std::uint16_t value) noexcept { return put_u16(out, value); }
+inline unsigned char* put_value(unsigned char* out, std::uint32_t value) noexcept { return put_u32(out, value); }
+inline unsigned char* put_value(unsigned char* out, std::uint64_t value) noexcept { return put_u64(out, value); }
+inline unsigned char* put_value(unsigned char* out, float value) noexcept { return put_memory(out, value); }
+inline unsigned char* put_value(unsigned char* out, double value) noexcept { return put_memory(out, value); }
+
+// A plain number record of kind `Kind` (kinds 9-13, 18, 19): kind, stream key, value. The
+// value is given in a type of the kind's width (a signed one goes out as its two's
+// complement, a bool as 0 or 1).
+template <int Kind, typename T>
+inline std::size_t encode_plain(unsigned char* out, std::uint8_t kind, std::uint32_t key, T value) noexcept
 {
-    return static_cast<std::size_t>(put_u8(put_u32(put_u8(out, kind), key), value) - out);
+    static_assert(number_layout(Kind).value_size != 0 && !number_layout(Kind).formatted, "a plain number kind");
+    static_assert(sizeof(T) == sizeof(Number_value<Kind>), "a value of the kind's width");
+    unsigned char* p = put_u32(put_u8(out, kind), key);
+    return static_cast<std::size_t>(put_value(p, static_cast<Number_value<Kind>>(value)) - out);
 }
 
-inline std::size_t encode_plain_u16(unsigned char* out, std::uint8_t kind, std::uint32_t key,
-                                    std::uint16_t value) noexcept
+// A formatted number record of kind `Kind` (kinds 14-17): kind, format, value, stream key.
+template <int Kind, typename T>
+inline std::size_t encode_formatted(unsigned char* out, std::uint8_t kind, std::uint8_t format, T value,
+                                    std::uint32_t key) noexcept
 {
-    return static_cast<std::size_t>(put_u16(put_u32(put_u8(out, kind), key), value) - out);
+    static_assert(number_layout(Kind).formatted, "a formatted number kind");
+    static_assert(sizeof(T) == sizeof(Number_value<Kind>), "a value of the kind's width");
+    unsigned char* p = put_u8(put_u8(out, kind), format);
+    return static_cast<std::size_t>(put_u32(put_value(p, static_cast<Number_value<Kind>>(value)), key) - out);
 }
 
-inline std::size_t encode_plain_u32(unsigned char* out, std::uint8_t kind, std::uint32_t key,
-                                    std::uint32_t value) noexcept
+// The record of an argument of type T, of the kind it travels in (argument_kind); the
+// unsigned integers with their format.
+template <typename T>
+inline std::size_t encode_argument(unsigned char* out, std::uint32_t key, T value) noexcept
 {
-    return static_cast<std::size_t>(put_u32(put_u32(put_u8(out, kind), key), value) - out);
-}
-
-inline std::size_t encode_plain_u64(unsigned char* out, std::uint8_t kind, std::uint32_t key,
-                                    std::uint64_t value) noexcept
-{
-    return static_cast<std::size_t>(put_u64(put_u32(put_u8(out, kind), key), value) - out);
+    static_assert(argument_kind<T> != 0, "a number argument");
+    return encode_plain<argument_kind<T>>(out, argument_kind<T>, key, value);
 }
 
 template <typename T>
-inline std::size_t encode_plain_memory(unsigned char* out, std::uint8_t kind, std::uint32_t key, T value) noexcept
+inline std::size_t encode_argument(unsigned char* out, std::uint32_t key, T value, std::uint8_t format) noexcept
 {
-    return static_cast<std::size_t>(put_memory(put_u32(put_u8(out, kind), key), value) - out);
-}
-
-// Formatted numbers (kinds 14-17): kind, format, value, stream key.
-inline std::size_t encode_formatted_u8(unsigned char* out, std::uint8_t kind, std::uint8_t format, std::uint8_t value,
-                                       std::uint32_t key) noexcept
-{
-    unsigned char* p = put_u8(put_u8(out, kind), format);
-    return static_cast<std::size_t>(put_u32(put_u8(p, value), key) - out);
-}
-
-inline std::size_t encode_formatted_u16(unsigned char* out, std::uint8_t kind, std::uint8_t format, std::uint16_t value,
-                                        std::uint32_t key) noexcept
-{
-    unsigned char* p = put_u8(put_u8(out, kind), format);
-    return static_cast<std::size_t>(put_u32(put_u16(p, value), key) - out);
-}
-
-inline std::size_t encode_formatted_u32(unsigned char* out, std::uint8_t kind, std::uint8_t format, std::uint32_t value,
-                                        std::uint32_t key) noexcept
-{
-    unsigned char* p = put_u8(put_u8(out, kind), format);
-    return static_cast<std::size_t>(put_u32(put_u32(p, value), key) - out);
-}
-
-inline std::size_t encode_formatted_u64(unsigned char* out, std::uint8_t kind, std::uint8_t format, std::uint64_t value,
-                                        std::uint32_t key) noexcept
-{
-    unsigned char* p = put_u8(put_u8(out, kind), format);
-    return static_cast<std::size_t>(put_u32(put_u64(p, value), key) - out);
+    static_assert(argument_kind<T> != 0, "a number argument");
+    return encode_formatted<argument_kind<T>>(out, argument_kind<T>, format, value, key);
 }
 
 // Head of a text record (kind 20): kind, length, stream key. The text and its terminating
@@ -517,10 +565,28 @@ static_assert(offsetof(Logferry_update_context_log_level_filter, context_handle)
               "record layout");
 static_assert(sizeof(Logferry_update_context_log_level_filter) == LEVEL_UPDATE_SIZE, "record layout");
 
+// The number table against the records it describes.
+static_assert(number_size(KIND_WRITE_BOOL) == sizeof(Logferry_write_bool) &&
+                  number_size(KIND_WRITE_INT8) == sizeof(Logferry_write_int8) &&
+                  number_size(KIND_WRITE_INT16) == sizeof(Logferry_write_int16) &&
+                  number_size(KIND_WRITE_INT32) == sizeof(Logferry_write_int32) &&
+                  number_size(KIND_WRITE_INT64) == sizeof(Logferry_write_int64) &&
+                  number_size(KIND_WRITE_UINT8_FORMATTED) == sizeof(Logferry_write_uint8_formatted) &&
+                  number_size(KIND_WRITE_UINT16_FORMATTED) == sizeof(Logferry_write_uint16_formatted) &&
+                  number_size(KIND_WRITE_UINT32_FORMATTED) == sizeof(Logferry_write_uint32_formatted) &&
+                  number_size(KIND_WRITE_UINT64_FORMATTED) == sizeof(Logferry_write_uint64_formatted) &&
+                  number_size(KIND_WRITE_FLOAT32) == sizeof(Logferry_write_float32) &&
+                  number_size(KIND_WRITE_FLOAT64) == sizeof(Logferry_write_float64),
+              "number records");
+
 static_assert(MAX_FIXED_SIZE == START_SIZE && MAX_FIXED_SIZE == plain_size(8) + 1 &&
                   MAX_FIXED_SIZE == formatted_size(8),
               "the largest fixed record");
 static_assert(MAX_LOGGED_TEXT_LENGTH == 1388 && MAX_PAYLOAD_SIZE == 1389, "record limits");
+// The length fields as the public records document them: text + 8, size + 10, size + 9, size + 5.
+static_assert(text_size(0) == 8 && RAW_HEAD_SIZE == 10 && ENCODED_PAYLOAD_HEAD_SIZE == 9 &&
+                  ENCODED_MESSAGE_HEAD_SIZE == 5,
+              "length fields");
 
 }  // namespace wire
 

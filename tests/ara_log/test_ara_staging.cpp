@@ -241,8 +241,9 @@ TEST_F(AraLogBound, PastTheBoundMessagesAreDroppedCountedAndReportedAndTheMemory
     for (std::size_t i = 0; i < staged; ++i) {
         ASSERT_EQ(number_of(all[i]), i);
     }
-    EXPECT_TRUE(logferry_test::wait_until([] { return detail::staged_block_bytes() <= detail::BLOCK_SIZE + 4096; }))
-        << detail::staged_block_bytes();
+    EXPECT_TRUE(logferry_test::wait_until([] {
+        return detail::staged_block_bytes() <= detail::TUNING.block_size + 4096;
+    })) << detail::staged_block_bytes();
     // Below the bound again: messages are staged again.
     logger.LogInfo() << "again" << 0U;
     const auto again = messages();

@@ -2137,7 +2137,7 @@ bool ecu_shared_memory(const std::string& shm)
            ::mount(shm.c_str(), "/dev/shm", nullptr, MS_BIND, nullptr) == 0;
 }
 
-// The gateway's configuration for two passive nodes, as the README shows it.
+// The gateway's configuration for two passive nodes, as docs/monitor.md shows it.
 std::string gateway_configuration(const std::vector<std::pair<std::string, int>>& nodes)
 {
     std::string text = "[General]\nInterval=1\n";

@@ -13,8 +13,10 @@
 #include "support/fake_system.hpp"
 #include "support/robust_list.hpp"
 #include "system/robust_mutex.hpp"
+#include "wire/channel_name.hpp"
 #include "wire/ring_framing.hpp"
 #include "wire/shared_fields.hpp"
+#include "wire/timestamp.hpp"
 #include "wire/wire.hpp"
 
 namespace {
@@ -176,6 +178,47 @@ TEST(WireEncoders, TheLevelUpdateIsTheRecordTheApplicationReads)
     EXPECT_EQ(handle, 0x12345678U);
 }
 
+TEST(WireEncoders, EveryArgumentTypeTravelsInItsKindAsSerializeWritesTheRecord)
+{
+    const auto argument = [](auto value) {
+        unsigned char buffer[wire::MAX_FIXED_SIZE] = {};
+        const std::size_t size = wire::encode_argument(buffer, 0x0A0B0C0D, value);
+        EXPECT_EQ(size, wire::argument_size<decltype(value)>);
+        return Bytes(buffer, buffer + size);
+    };
+    const auto formatted = [](auto value) {
+        unsigned char buffer[wire::MAX_FIXED_SIZE] = {};
+        const std::size_t size = wire::encode_argument(buffer, 0x0A0B0C0D, value, 2);
+        EXPECT_EQ(size, wire::argument_size<decltype(value)>);
+        return Bytes(buffer, buffer + size);
+    };
+    logferry::Logferry_write_bool boolean;
+    boolean.value = 1;
+    boolean.stream_key = 0x0A0B0C0D;
+    EXPECT_EQ(argument(true), serialized(boolean));
+    logferry::Logferry_write_int16 int16;
+    int16.value = -2;
+    int16.stream_key = 0x0A0B0C0D;
+    EXPECT_EQ(argument(std::int16_t{-2}), serialized(int16));
+    EXPECT_EQ(argument(std::int16_t{-2}), (Bytes{11, 0x0D, 0x0C, 0x0B, 0x0A, 0xFE, 0xFF}));
+    logferry::Logferry_write_int64 int64;
+    int64.value = -3;
+    int64.stream_key = 0x0A0B0C0D;
+    EXPECT_EQ(argument(std::int64_t{-3}), serialized(int64));
+    logferry::Logferry_write_float64 float64;
+    float64.value = 0.5;
+    float64.stream_key = 0x0A0B0C0D;
+    EXPECT_EQ(argument(0.5), serialized(float64));
+    EXPECT_EQ(argument(0.5F)[0], logferry::KIND_WRITE_FLOAT32);
+    logferry::Logferry_write_uint32_formatted uint32;
+    uint32.format = 2;
+    uint32.value = 0x11223344;
+    uint32.stream_key = 0x0A0B0C0D;
+    EXPECT_EQ(formatted(std::uint32_t{0x11223344}), serialized(uint32));
+    EXPECT_EQ(formatted(std::uint8_t{7}), (Bytes{14, 2, 7, 0x0D, 0x0C, 0x0B, 0x0A}));
+    EXPECT_EQ(formatted(std::uint64_t{1}).size(), 14U);
+}
+
 TEST(WireEncoders, StartAndFinishAsTheHotPathWritesThem)
 {
     unsigned char buffer[wire::MAX_FIXED_SIZE] = {};
@@ -183,6 +226,52 @@ TEST(WireEncoders, StartAndFinishAsTheHotPathWritesThem)
     EXPECT_EQ(Bytes(buffer, buffer + wire::START_SIZE), (Bytes{7, 3, 7, 0, 0, 0, 0x44, 0x33, 0x22, 0x11, 0, 0, 0, 0}));
     ASSERT_EQ(wire::encode_finish(buffer, logferry::KIND_WRITE_FINISH, 0x01020304), wire::FINISH_SIZE);
     EXPECT_EQ(Bytes(buffer, buffer + wire::FINISH_SIZE), (Bytes{8, 4, 3, 2, 1}));
+}
+
+TEST(WireTimestamp, TheStampIsTheMonotonicClockInTenthsOfAMillisecond)
+{
+    EXPECT_EQ(wire::stamp_of(timespec{0, 0}), 0U);
+    EXPECT_EQ(wire::stamp_of(timespec{0, 99999}), 0U);
+    EXPECT_EQ(wire::stamp_of(timespec{0, 100000}), 1U);
+    EXPECT_EQ(wire::stamp_of(timespec{12, 345678901}), 123456U);
+    EXPECT_EQ(wire::stamp_of(timespec{0, 999999999}), 9999U);
+    // Modulo 2^32: 429497 s are 4294970000 units.
+    EXPECT_EQ(wire::stamp_of(timespec{429497, 0}), 4294970000U - 4294967296U);
+}
+
+TEST(WireChannelName, TheIdentifierKeepsFivePidDigitsAndAHexMicrosecondStamp)
+{
+    EXPECT_EQ(wire::make_channel_identifier("APP1", 1234567, 0xbebc20), "APP1-34567-bebc20");
+    EXPECT_EQ(wire::make_channel_identifier("APP1", 42, 0), "APP1-42-0");
+    EXPECT_EQ(wire::channel_pid_text("1234567"), "34567");
+    EXPECT_EQ(wire::channel_pid_text("42"), "42");
+    EXPECT_EQ(wire::make_channel_identifier("", 7, 0xFFFFFFFFU), "-7-ffffffff");
+    EXPECT_EQ(wire::channel_stamp_of(timespec{12, 500000}), 12000500U);
+    EXPECT_EQ(wire::channel_stamp_of(timespec{4294, 0}), 4294000000U);
+    EXPECT_EQ(wire::channel_stamp_of(timespec{4296, 999}), 4296000000U - 4294967296U);
+    EXPECT_EQ(wire::channel_name_of("APP1-34567-bebc20"), "/logferry-APP1-34567-bebc20");
+    EXPECT_EQ(wire::channel_name_of(""), "/logferry-");
+}
+
+TEST(WireChannelName, ANameAsTheApplicationFormsItParsesBackIntoItsParts)
+{
+    wire::Channel_name_parts parts;
+    ASSERT_TRUE(wire::parse_channel_name(
+        wire::channel_name_of(wire::make_channel_identifier("my-app.v_2", 1234567, 0x7fc0)), parts));
+    EXPECT_EQ(parts.app_id, "my-app.v_2");
+    EXPECT_EQ(parts.pid, "34567");
+    EXPECT_EQ(parts.stamp, "7fc0");
+}
+
+TEST(WireChannelName, NamesOfAnyOtherFormAreRefused)
+{
+    wire::Channel_name_parts parts;
+    for (const char* name : {"", "/logferry-", "/logferry-A", "/logferry-A-1", "/logferry--1-a", "/other-A-1-a",
+                             "/logferry-A-123456-a", "/logferry-A-1-123456789", "/logferry-A-1-", "/logferry-A--a",
+                             "/logferry-A-x1-a", "/logferry-A-1-A", "/logferry-A B-1-a", "/logferry-A/B-1-a"}) {
+        EXPECT_FALSE(wire::parse_channel_name(name, parts)) << name;
+    }
+    EXPECT_TRUE(wire::parse_channel_name("/logferry-A-12345-12345678", parts));
 }
 
 TEST(WireFraming, APrefixIsSixteenBitsLowByteFirst)

@@ -13,7 +13,7 @@
 //   LOGFERRY_LOG_MODE         remote, file, console, combined with '|' or ',' (default:
 //                             remote)
 //   LOGFERRY_LOG_DIR          directory for file mode (default: none)
-// Logging is taken down by itself when the process ends (see the README); a log call after
+// Logging is taken down by itself when the process ends (see docs/ara-log.md); a log call after
 // that does nothing.
 
 #ifndef ARA_LOG_LOGGING_H
