@@ -35,42 +35,41 @@ echo "=== clang-tidy ==="
 dir=build-lint
 cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DLOGFERRY_BUILD_TESTS=OFF > "$dir.configure.log" 2>&1 \
     || { cat "$dir.configure.log"; exit 1; }
+# run_tidy <title> <log> <header filter> <clang-tidy options...> -- <files...>: one clang-tidy
+# per file, at most $jobs at once; each file's report is printed whole. Any finding fails.
+run_tidy() {
+    local title=$1 log=$2 headers=$3 status=0 findings
+    shift 3
+    local options=()
+    while [ "$1" != "--" ]; do
+        options+=("$1")
+        shift
+    done
+    shift
+    printf '%s\n' "$@" | xargs -P "$jobs" -I{} sh -c \
+        'dir=$1 headers=$2; shift 2; out=$(clang-tidy -p "$dir" --quiet --header-filter="$headers" "$@" 2>&1)
+        status=$?; printf "%s\n" "$out"; exit $status' \
+        sh "$dir" "$headers" "${options[@]}" {} > "$log" || status=$?
+    grep -v -E '^[0-9]+ warnings? (and [0-9]+ errors? )?generated\.$|^Suppressed [0-9]+ warnings|^Use -header-filter|^$' "$log" || true
+    findings=$(grep -c -E '(warning|error): ' "$log" || true)
+    if [ "$status" -ne 0 ] || [ "$findings" -ne 0 ]; then
+        echo "=== $title: $findings findings in $# files ==="
+        failed=1
+    else
+        echo "$# files without findings ($title)"
+    fi
+}
+
 mapfile -t library_sources < <(find src -type f -name '*.cpp' | sort)
-log=$dir/clang-tidy.log
-# One clang-tidy per file, at most $jobs at once; each file's report is printed whole.
-tidy_status=0
-printf '%s\n' "${library_sources[@]}" | xargs -P "$jobs" -I{} sh -c \
-    'out=$(clang-tidy -p "$1" --quiet --warnings-as-errors="*" \
-        --header-filter="include/logferry/.*|src/.*" "$2" 2>&1); status=$?; printf "%s\n" "$out"; exit $status' \
-    sh "$dir" {} > "$log" || tidy_status=$?
-grep -v -E '^[0-9]+ warnings? (and [0-9]+ errors? )?generated\.$|^Suppressed [0-9]+ warnings|^Use -header-filter|^$' "$log" || true
-findings=$(grep -c -E '(warning|error): ' "$log" || true)
-if [ "$tidy_status" -ne 0 ] || [ "$findings" -ne 0 ]; then
-    echo "=== clang-tidy: $findings findings in ${#library_sources[@]} files ==="
-    failed=1
-else
-    echo "${#library_sources[@]} files without findings"
-fi
+run_tidy clang-tidy "$dir/clang-tidy.log" "include/logferry/.*|src/.*" --warnings-as-errors="*" -- "${library_sources[@]}"
 
 echo "=== clang-tidy: function size ==="
 # Its own configuration instead of .clang-tidy: this check alone, over the daemon side too.
 size_config='{Checks: "-*,readability-function-size", WarningsAsErrors: "*",
   CheckOptions: [{key: readability-function-size.LineThreshold, value: 80}]}'
 mapfile -t sized_sources < <(find src daemon -type f -name '*.cpp' | sort)
-size_log=$dir/clang-tidy-function-size.log
-size_status=0
-printf '%s\n' "${sized_sources[@]}" | xargs -P "$jobs" -I{} sh -c \
-    'out=$(clang-tidy -p "$1" --quiet --config="$2" --header-filter="src/.*|daemon/.*" "$3" 2>&1); status=$?
-    printf "%s\n" "$out"; exit $status' \
-    sh "$dir" "$size_config" {} > "$size_log" || size_status=$?
-grep -v -E '^[0-9]+ warnings? (and [0-9]+ errors? )?generated\.$|^Suppressed [0-9]+ warnings|^Use -header-filter|^$' "$size_log" || true
-size_findings=$(grep -c -E '(warning|error): ' "$size_log" || true)
-if [ "$size_status" -ne 0 ] || [ "$size_findings" -ne 0 ]; then
-    echo "=== function size: $size_findings findings in ${#sized_sources[@]} files (split what is over 80 lines) ==="
-    failed=1
-else
-    echo "${#sized_sources[@]} files without a function over 80 lines"
-fi
+run_tidy "function size (split what is over 80 lines)" "$dir/clang-tidy-function-size.log" "src/.*|daemon/.*" \
+    --config="$size_config" -- "${sized_sources[@]}"
 
 if [ "$failed" -ne 0 ]; then
     echo "=== lint FAILED ==="
