@@ -128,14 +128,12 @@ private:
     void step(std::uint8_t operation)
     {
         logferry::Logferry_base& end = logferry_fuzz::end_of(state_, operation);
-        switch ((operation & 0x7F) % 9) {
-        case 0:
-        case 1:
-            push(end, false);
-            break;
-        case 2:
-            push(end, true);
-            break;
+        const unsigned int choice = (operation & 0x7FU) % 9;
+        if (choice < 3) {
+            push(end, choice == 2);  // a forced push one time in three
+            return;
+        }
+        switch (choice) {
         case 3: {
             logferry_fuzz::Captured_cerr cerr;
             const Bytes taken = end.pop_priority();
