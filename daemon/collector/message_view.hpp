@@ -25,34 +25,13 @@
 
 #include "decoder.hpp"
 
+#include "log_argument.hpp"
+
 namespace logferry_decoder {
 
-/// What an argument of a log message holds.
-enum class Arg_kind : std::uint8_t {
-    boolean,
-    signed_int,
-    unsigned_int,
-    float32,
-    float64,
-    text,
-    raw,
-    encoded_payload,
-    encoded_message
-};
-
-/// One argument of a log message; texts, raw data, payloads and encoded messages are views
-/// into the unit's bytes (or the decoder's copy of them).
-struct Argument {
-    Arg_kind kind = Arg_kind::boolean;
-    std::uint8_t bits = 0;    // 8, 16, 32 or 64 for numbers
-    std::uint8_t format = 0;  // the record's format code (kinds 14-17 and 21), as sent
-    bool boolean = false;
-    std::int64_t signed_value = 0;
-    std::uint64_t unsigned_value = 0;
-    double float_value = 0.0;
-    const unsigned char* data = nullptr;  // text without its zero, raw data, payload or message bytes
-    std::size_t size = 0;
-};
+/// The arguments the reading gives (see log_argument.hpp).
+using Arg_kind = logferry_daemon::Arg_kind;
+using Argument = logferry_daemon::Argument;
 
 class Message_view {
 public:

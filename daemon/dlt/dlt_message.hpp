@@ -29,32 +29,13 @@
 #include <cstdint>
 #include <string>
 
+#include "log_argument.hpp"
+
 namespace logferry_dlt {
 
-enum class Arg_kind : std::uint8_t {
-    boolean,
-    signed_int,
-    unsigned_int,
-    float32,
-    float64,
-    text,
-    raw,
-    encoded_payload,
-    encoded_message
-};
-
-// One argument of a log message; text/raw/payload bytes are views into the caller's buffer.
-struct Argument {
-    Arg_kind kind = Arg_kind::boolean;
-    std::uint8_t bits = 0;    // 8, 16, 32 or 64 for numbers
-    std::uint8_t format = 0;  // the record's format code (0 default,1 dec,2 hex,3 oct,4 bin,5 hex upper,6 raw)
-    bool boolean = false;
-    std::int64_t signed_value = 0;
-    std::uint64_t unsigned_value = 0;
-    double float_value = 0.0;
-    const unsigned char* data = nullptr;  // text without its zero, raw data, payload or message bytes
-    std::size_t size = 0;
-};
+// The arguments the encoder takes (see log_argument.hpp).
+using Arg_kind = logferry_daemon::Arg_kind;
+using Argument = logferry_daemon::Argument;
 
 struct Message {
     char ecu[4] = {};  // not zero-terminated; shorter IDs padded with zeros

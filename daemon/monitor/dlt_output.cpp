@@ -14,48 +14,6 @@ namespace {
 
 using logferry_dlt::Service;
 
-logferry_dlt::Arg_kind dlt_kind(logferry_decoder::Arg_kind kind)
-{
-    using logferry_decoder::Arg_kind;
-    switch (kind) {
-    case Arg_kind::boolean:
-        return logferry_dlt::Arg_kind::boolean;
-    case Arg_kind::signed_int:
-        return logferry_dlt::Arg_kind::signed_int;
-    case Arg_kind::unsigned_int:
-        return logferry_dlt::Arg_kind::unsigned_int;
-    case Arg_kind::float32:
-        return logferry_dlt::Arg_kind::float32;
-    case Arg_kind::float64:
-        return logferry_dlt::Arg_kind::float64;
-    case Arg_kind::text:
-        return logferry_dlt::Arg_kind::text;
-    case Arg_kind::raw:
-        return logferry_dlt::Arg_kind::raw;
-    case Arg_kind::encoded_payload:
-        return logferry_dlt::Arg_kind::encoded_payload;
-    case Arg_kind::encoded_message:
-        break;
-    }
-    return logferry_dlt::Arg_kind::encoded_message;
-}
-
-// An argument as the DLT encoder takes it: the same value, its bytes still where they were.
-logferry_dlt::Argument dlt_argument(const logferry_decoder::Argument& arg)
-{
-    logferry_dlt::Argument out;
-    out.kind = dlt_kind(arg.kind);
-    out.bits = arg.bits;
-    out.format = arg.format;
-    out.boolean = arg.boolean;
-    out.signed_value = arg.signed_value;
-    out.unsigned_value = arg.unsigned_value;
-    out.float_value = arg.float_value;
-    out.data = arg.data;
-    out.size = arg.size;
-    return out;
-}
-
 bool same_id(const std::string& id, const char dlt_id[4])
 {
     char padded[logferry_dlt::layout::ID_SIZE];
@@ -194,13 +152,7 @@ logferry_dlt::Message Dlt_output::dlt_message(const logferry_collector::Applicat
     m.timestamp = message.timestamp;
     m.session_id = application.pid;
     m.counter = counter;
-    if (args_.size() < message.arg_count) {
-        args_.resize(message.arg_count);
-    }
-    for (std::size_t i = 0; i < message.arg_count; ++i) {
-        args_[i] = dlt_argument(message.args[i]);
-    }
-    m.args = args_.data();
+    m.args = message.args;  // the collector's arguments are the encoder's: no copy
     m.arg_count = message.arg_count;
     return m;
 }

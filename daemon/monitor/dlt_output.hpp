@@ -80,7 +80,6 @@ private:
     // By application, from its first message until it is detached (the collector detaches an
     // application before it lets it go, so no entry outlives its application).
     std::unordered_map<const logferry_collector::Application*, Counters> counters_;
-    std::vector<logferry_dlt::Argument> args_;  // the arguments of the message being encoded
     std::int8_t default_level_ = 4;
     bool port_failed_ = false;
     std::uint64_t too_large_ = 0;
