@@ -220,10 +220,13 @@ void Monitor::SetUp()
 
 void Monitor::TearDown()
 {
+    // A monitor still running is stopped as a service manager stops it, so that it removes
+    // the listener segment and its lock file and leaves nothing for the next test (it is
+    // killed when it does not end in time).
     for (const int pid : {pid_, second_pid_}) {
         if (pid > 0) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, nullptr, 0);
+            ::kill(pid, SIGTERM);
+            wait_child(pid, milliseconds(10000));
         }
     }
     for (const std::string& name : segments_) {
