@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <thread>
 
@@ -19,6 +20,8 @@ std::string unique_id(const std::string& suffix, std::size_t max_length)
     if (const auto* info = ::testing::UnitTest::GetInstance()->current_test_info()) {
         test = info->name();
     }
+    // A parameterised test's name ends in "/<case>": no slash may reach a file or object name.
+    std::replace(test.begin(), test.end(), '/', '_');
     std::string id = std::to_string(::getpid()) + "-";
     std::string tail = suffix.empty() ? std::string() : "-" + suffix;
     std::size_t room = max_length > id.size() + tail.size() ? max_length - id.size() - tail.size() : 0;

@@ -12,7 +12,8 @@ namespace logferry_test {
 using Bytes = std::vector<unsigned char>;
 
 // A name unique to this process and the running test ("<pid>-<TestName>-<suffix>", at most
-// `max_length` characters), for shared-memory objects and files.
+// `max_length` characters, a slash in the test's name turned into "_"), for shared-memory
+// objects and files.
 std::string unique_id(const std::string& suffix = "", std::size_t max_length = 40);
 
 // Runs `action` and returns what it wrote to the standard error (or output) stream.
