@@ -92,6 +92,17 @@ void Fake_system::clear_faults()
 
 int Fake_system::calls(Op op) const { return counters_[static_cast<int>(op)].load(); }
 
+std::string Fake_system::calls_made() const
+{
+    std::string made;
+    for (int op = 0; op < OP_COUNT; ++op) {
+        if (const int count = counters_[op].load()) {
+            made += std::string(made.empty() ? "" : ", ") + op_name(static_cast<Op>(op)) + " " + std::to_string(count);
+        }
+    }
+    return made;
+}
+
 void Fake_system::reset_calls()
 {
     for (auto& counter : counters_) {

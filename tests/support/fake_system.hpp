@@ -9,6 +9,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "logferry/system.hpp"
@@ -60,6 +61,9 @@ public:
     void fail(Op op, long result, int error, int times = 1, int skip = 0);
     void clear_faults();
     int calls(Op op) const;
+    // The operations called since the last reset with their counts ("open 1, close 2"), ""
+    // when there were none.
+    std::string calls_made() const;
     void reset_calls();
 
     // A fake monotonic clock: clock_gettime then returns this time instead of the real one.

@@ -43,6 +43,32 @@ std::string capture_stdout(const std::function<void()>& action)
     return ::testing::internal::GetCapturedStdout();
 }
 
+namespace {
+
+::testing::AssertionResult returns_saying(bool expected, const std::string& output, const std::function<bool()>& action)
+{
+    bool result = !expected;
+    const std::string said = capture_stderr([&] { result = action(); });
+    if (result == expected && said == output) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << "returned " << (result ? "true" : "false") << " and wrote \"" << said
+                                         << "\"; expected " << (expected ? "true" : "false") << " and \"" << output
+                                         << "\"";
+}
+
+}  // namespace
+
+::testing::AssertionResult fails_saying(const std::string& output, const std::function<bool()>& action)
+{
+    return returns_saying(false, output, action);
+}
+
+::testing::AssertionResult succeeds_saying(const std::string& output, const std::function<bool()>& action)
+{
+    return returns_saying(true, output, action);
+}
+
 int count_open_fds()
 {
     int count = 0;
