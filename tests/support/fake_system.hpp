@@ -116,6 +116,10 @@ private:
     };
     // Counts the call and tells whether it is to fail (then `result` and errno are set).
     bool intercept(Op op, long& result);
+    // A sleep of `ms` milliseconds as `op`: counted, ended at once by a fault, and with fake
+    // sleeps on recorded and moving the fake clock. Whether it is over (else it is the real
+    // system's to sleep).
+    bool sleep_handled(Op op, unsigned int ms);
 
     mutable std::mutex mutex_;
     std::array<std::atomic<int>, OP_COUNT> counters_;
