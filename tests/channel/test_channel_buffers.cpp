@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <deque>
+#include <functional>
 #include <new>
 #include <random>
 #include <thread>
@@ -76,6 +77,47 @@ protected:
         }
     }
 
+    // The client ring, opened and then filled with `count` numbered records of `size` bytes
+    // (numbers from 0).
+    Ring_fields client_ring_after(std::uint32_t count, std::size_t size)
+    {
+        channel.app.unlock_client_buffer();
+        push_numbered(0, count, size);
+        return channel.client_ring();
+    }
+
+    // Pushes `record` from the application: afterwards `lost` records are counted lost in all,
+    // and the client ring's indices stand at `write` and `read`.
+    ::testing::AssertionResult pushed(const Bytes& record, std::uint64_t lost, std::uint32_t write, std::uint32_t read)
+    {
+        if (!channel.app.push(record)) {
+            return ::testing::AssertionFailure() << "the push failed";
+        }
+        const Ring_fields ring = channel.client_ring();
+        if (channel.app.lost_messages.load() != lost || ring.write() != write || ring.read() != read) {
+            return ::testing::AssertionFailure() << channel.app.lost_messages.load() << " lost, write index "
+                                                 << ring.write() << ", read index " << ring.read();
+        }
+        return ::testing::AssertionSuccess();
+    }
+
+    // The daemon pops the numbered records `first` to `last` - 1, each intact, in order, and
+    // `then` (if any) holds after each of them.
+    ::testing::AssertionResult pops_numbered(std::uint32_t first, std::uint32_t last,
+                                             const std::function<bool(std::uint32_t number)>& then = nullptr)
+    {
+        for (std::uint32_t number = first; number < last; ++number) {
+            const Bytes got = channel.daemon.pop();
+            if (!logferry_test::is_intact_numbered_record(got) || record_number(got) != number) {
+                return ::testing::AssertionFailure() << "record " << number << " is not the next one intact";
+            }
+            if (then && !then(number)) {
+                return ::testing::AssertionFailure() << "after record " << number;
+            }
+        }
+        return ::testing::AssertionSuccess();
+    }
+
     logferry_test::Channel_pair channel;
 };
 
@@ -105,9 +147,7 @@ TEST_F(ChannelBuffers, TenByteRecordsAreFramedBackToBackAndDrainToZero)
     EXPECT_EQ(ring.write(), 24u);
     EXPECT_EQ(ring.bytes[0], 0);
     EXPECT_EQ(channel.daemon.pop(), second);
-    EXPECT_EQ(ring.read(), 0u);
-    EXPECT_EQ(ring.write(), 0u);
-    EXPECT_TRUE(ring.all_zero());
+    EXPECT_TRUE(ring.is_back_at_zero());
     EXPECT_TRUE(channel.daemon.is_empty());
     EXPECT_TRUE(channel.daemon.pop().empty());
     EXPECT_EQ(channel.app.lost_messages.load(), 0u);
@@ -115,10 +155,8 @@ TEST_F(ChannelBuffers, TenByteRecordsAreFramedBackToBackAndDrainToZero)
 
 TEST_F(ChannelBuffers, RecordThatDoesNotFitGoesToZeroWhenTheReaderHasMadeRoom)
 {
-    channel.app.unlock_client_buffer();
     // 130 records of 1000 bytes take 130 * 1002 = 130260 bytes; 811 remain at the end.
-    push_numbered(0, 130, 1000);
-    const Ring_fields ring = channel.client_ring();
+    const Ring_fields ring = client_ring_after(130, 1000);
     ASSERT_EQ(ring.write(), 130260u);
     EXPECT_EQ(record_number(channel.daemon.pop()), 0u);
     EXPECT_EQ(record_number(channel.daemon.pop()), 1u);
@@ -126,103 +164,67 @@ TEST_F(ChannelBuffers, RecordThatDoesNotFitGoesToZeroWhenTheReaderHasMadeRoom)
 
     // 1002 bytes fit before the oldest unread record (at 2004): nothing is discarded.
     const Bytes wrapped = numbered_record(1000, 1000);
-    ASSERT_TRUE(channel.app.push(wrapped));
-    EXPECT_EQ(channel.app.lost_messages.load(), 0u);
-    EXPECT_EQ(ring.write(), 1002u);
-    EXPECT_EQ(ring.read(), 2004u);
+    ASSERT_TRUE(pushed(wrapped, 0, 1002, 2004));
     EXPECT_EQ(ring.prefix(0), 1000u);
     EXPECT_EQ(Bytes(ring.bytes + 2, ring.bytes + 1002), wrapped);
 
     // The reader returns the records up to the old W; the pop of the last one moves R to 0.
-    for (std::uint32_t number = 2; number < 130; ++number) {
-        const Bytes got = channel.daemon.pop();
-        ASSERT_TRUE(logferry_test::is_intact_numbered_record(got));
-        ASSERT_EQ(record_number(got), number);
-        if (number < 129) {
-            ASSERT_EQ(ring.read(), (number + 1) * 1002u);
-        }
-    }
+    ASSERT_TRUE(pops_numbered(
+        2, 130, [&](std::uint32_t number) { return number == 129 || ring.read() == (number + 1) * 1002u; }));
     EXPECT_EQ(ring.read(), 0u);
     EXPECT_EQ(ring.write(), 1002u);
     for (std::uint32_t i = 1002; i < C; ++i) {
         ASSERT_EQ(ring.bytes[i], 0) << "at " << i;
     }
     EXPECT_EQ(channel.daemon.pop(), wrapped);
-    EXPECT_EQ(ring.read(), 0u);
-    EXPECT_EQ(ring.write(), 0u);
-    EXPECT_TRUE(ring.all_zero());
+    EXPECT_TRUE(ring.is_back_at_zero());
 }
 
 TEST_F(ChannelBuffers, RecordThatDoesNotFitDiscardsOldestWhenNothingWasRead)
 {
-    channel.app.unlock_client_buffer();
-    push_numbered(0, 130, 1000);
-    const Ring_fields ring = channel.client_ring();
+    const Ring_fields ring = client_ring_after(130, 1000);
     ASSERT_EQ(ring.read(), 0u);
 
     // 2502 bytes are needed at 0: three records of 1002 bytes go.
     const Bytes wrapped = numbered_record(1000, 2500);
-    ASSERT_TRUE(channel.app.push(wrapped));
-    EXPECT_EQ(channel.app.lost_messages.load(), 3u);
-    EXPECT_EQ(ring.write(), 2502u);
-    EXPECT_EQ(ring.read(), 3006u);
+    ASSERT_TRUE(pushed(wrapped, 3, 2502, 3006));
     EXPECT_EQ(ring.prefix(0), 2500u);
     EXPECT_EQ(ring.bytes[2502], 0);
     EXPECT_EQ(ring.bytes[3005], 0);
 
-    for (std::uint32_t number = 3; number < 130; ++number) {
-        const Bytes got = channel.daemon.pop();
-        ASSERT_TRUE(logferry_test::is_intact_numbered_record(got));
-        ASSERT_EQ(record_number(got), number);
-    }
+    ASSERT_TRUE(pops_numbered(3, 130));
     EXPECT_EQ(ring.read(), 0u);
     EXPECT_EQ(channel.daemon.pop(), wrapped);
     EXPECT_TRUE(channel.daemon.pop().empty());
-    EXPECT_TRUE(ring.all_zero());
+    EXPECT_TRUE(ring.is_back_at_zero());
 }
 
 TEST_F(ChannelBuffers, FullRingDiscardsOldestRecordsOneCountPerStep)
 {
-    channel.app.unlock_client_buffer();
     // 10922 records of 10 bytes end at 131064; the 7 bytes left take no record.
-    push_numbered(0, 10922, 10);
-    const Ring_fields ring = channel.client_ring();
+    const Ring_fields ring = client_ring_after(10922, 10);
     ASSERT_EQ(ring.write(), 131064u);
     ASSERT_EQ(channel.app.lost_messages.load(), 0u);
 
     // Wraps to 0 where the oldest record is: one discard.
     const Bytes a = numbered_record(20000, 10);
-    ASSERT_TRUE(channel.app.push(a));
-    EXPECT_EQ(channel.app.lost_messages.load(), 1u);
-    EXPECT_EQ(ring.write(), 12u);
-    EXPECT_EQ(ring.read(), 12u);  // R = W with a record there: full
+    ASSERT_TRUE(pushed(a, 1, 12, 12));  // R = W with a record there: full
 
     const Bytes b = numbered_record(20001, 10);
-    ASSERT_TRUE(channel.app.push(b));
-    EXPECT_EQ(channel.app.lost_messages.load(), 2u);
-    EXPECT_EQ(ring.write(), 24u);
-    EXPECT_EQ(ring.read(), 24u);
+    ASSERT_TRUE(pushed(b, 2, 24, 24));
 
     // 32 bytes are needed at 24: the records at 24, 36 and 48 go, the new one ends at 56.
     const Bytes c = numbered_record(20002, 30);
-    ASSERT_TRUE(channel.app.push(c));
-    EXPECT_EQ(channel.app.lost_messages.load(), 5u);
-    EXPECT_EQ(ring.write(), 56u);
-    EXPECT_EQ(ring.read(), 60u);
+    ASSERT_TRUE(pushed(c, 5, 56, 60));
     EXPECT_EQ(ring.bytes[56], 0);
     EXPECT_EQ(ring.bytes[59], 0);
 
-    for (std::uint32_t number = 5; number < 10922; ++number) {
-        const Bytes got = channel.daemon.pop();
-        ASSERT_EQ(record_number(got), number);
-    }
+    ASSERT_TRUE(pops_numbered(5, 10922));
     EXPECT_EQ(ring.read(), 0u);
     EXPECT_EQ(channel.daemon.pop(), a);
     EXPECT_EQ(channel.daemon.pop(), b);
     EXPECT_EQ(channel.daemon.pop(), c);
-    EXPECT_EQ(ring.read(), 0u);
-    EXPECT_EQ(ring.write(), 0u);
-    EXPECT_TRUE(ring.all_zero());
+    EXPECT_TRUE(ring.is_back_at_zero());
 }
 
 TEST_F(ChannelBuffers, SingleRecordFillingTheRingMakesItFull)
@@ -396,11 +398,8 @@ TEST_F(ChannelBuffers, RefusesRecordsTheFramingCannotHoldWithoutAMessage)
 
 TEST_F(ChannelBuffers, EndThatIsNotInitializedReportsAndRefuses)
 {
-    for (const bool application : {true, false}) {
-        logferry::Logferry_client app_end;
-        logferry::Logferry_base daemon_end;
-        logferry::Logferry_base& end = application ? static_cast<logferry::Logferry_base&>(app_end) : daemon_end;
-        std::string text = capture_stderr([&] {
+    logferry_test::for_each_closed_end([](logferry::Logferry_base& end) {
+        const std::string text = capture_stderr([&] {
             EXPECT_FALSE(end.push(record(1, 4)));
             EXPECT_FALSE(end.push_client(record(1, 4)));
             EXPECT_FALSE(end.push_server(record(1, 4)));
@@ -410,17 +409,12 @@ TEST_F(ChannelBuffers, EndThatIsNotInitializedReportsAndRefuses)
         });
         EXPECT_EQ(text, "");
 
-        text = capture_stderr([&] { EXPECT_TRUE(end.pop().empty()); });
-        EXPECT_EQ(text, not_initialized());
-        text = capture_stderr([&] { EXPECT_TRUE(end.is_empty()); });
-        EXPECT_EQ(text, not_initialized());
-        text = capture_stderr([&] { end.lock_client_buffer(); });
-        EXPECT_EQ(text, not_initialized());
-        text = capture_stderr([&] { end.unlock_client_buffer(); });
-        EXPECT_EQ(text, not_initialized());
-        text = capture_stderr([&] { EXPECT_TRUE(end.is_client_buffer_locked()); });
-        EXPECT_EQ(text, not_initialized());
-    }
+        EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(end.pop().empty()); }), not_initialized());
+        EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(end.is_empty()); }), not_initialized());
+        EXPECT_EQ(capture_stderr([&] { end.lock_client_buffer(); }), not_initialized());
+        EXPECT_EQ(capture_stderr([&] { end.unlock_client_buffer(); }), not_initialized());
+        EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(end.is_client_buffer_locked()); }), not_initialized());
+    });
 }
 
 TEST_F(ChannelBuffers, PopUnsyncedChoosesTheRingByTheEndsSide)

@@ -191,40 +191,6 @@ bool only_refusals(const std::string& text)
     return true;
 }
 
-class ChannelGarbage : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(channel.open()); }
-    void TearDown() override
-    {
-        fences.clear();
-        EXPECT_TRUE(channel.close());
-    }
-
-    // Fences both mappings of the segment around `allowed`.
-    void fence(const std::vector<Fence::Range>& allowed)
-    {
-        fences.clear();
-        fences.emplace_back(new Fence(channel.app.segment, allowed));
-        fences.emplace_back(new Fence(channel.daemon.segment, allowed));
-    }
-    // The first changed fenced offset of either mapping, or -1.
-    long fence_broken()
-    {
-        for (auto& fence : fences) {
-            const long at = fence->changed();
-            if (at >= 0) {
-                return at;
-            }
-        }
-        return -1;
-    }
-
-    Guarded_system guarded;
-    logferry_test::Scoped_system installed{&guarded};
-    logferry_test::Channel_pair channel;
-    std::vector<std::unique_ptr<Fence>> fences;
-};
-
 std::uint32_t garbage_index(std::mt19937& random, std::uint32_t capacity)
 {
     switch (random() % 6) {
@@ -309,111 +275,152 @@ bool indices_in_range(const Ring_fields& ring)
     return ring.read() <= ring.capacity - 3 && ring.write() <= ring.capacity - 3;
 }
 
-TEST_F(ChannelGarbage, ClientRingSurvivesGarbage)
-{
-    fence(client_ring_fields());
-    const Ring_fields ring = channel.client_ring();
-    std::mt19937 random(1117);
+// What one operation of a garbage run did: whether it must have left the indices where a
+// correct end would, and the size of the record it popped (0 for none).
+struct Garbage_step {
+    bool moved;
+    std::size_t size;
+};
+using Operate = std::function<Garbage_step(int op, std::mt19937& random)>;
+
+// What a garbage run wrote to the standard error stream, and the bytes it popped.
+struct Garbage_run {
+    std::string text;
     std::uint64_t popped = 0;
-    const std::string text = capture_refusals([&] {
-        for (int round = 0; round < 4000; ++round) {
-            scribble(random, ring);
-            if (random() % 4 == 0) {
-                channel.app.segment->client_buffer_locked = static_cast<std::uint8_t>(random() % 3);
-            }
-            for (int step = 0, steps = 1 + random() % 4; step < steps; ++step) {
-                const int op = static_cast<int>(random() % 7);
-                // Whether the operation must leave the indices where a correct end would.
-                bool moved = true;
-                std::size_t size = 0;
-                switch (op) {
-                case 0:
-                case 1: {
-                    Bytes data = random_record(random, ring.capacity);
-                    if (!data.empty() && random() % 8 != 0) {
-                        data[0] = static_cast<unsigned char>(random() % 21);
-                    }
-                    moved = (op == 0 ? static_cast<logferry::Logferry_base&>(channel.app) : channel.daemon)
-                                .push_client(data);
-                    break;
-                }
-                case 2:
-                    moved = channel.app.segment->client_buffer_locked == 0;
-                    size = channel.daemon.pop().size();
-                    break;
-                case 3:
-                    size = channel.daemon.pop_unsynced(false).size();
-                    break;
-                case 4:
-                    size = channel.app.pop_unsynced(true).size();
-                    break;
-                case 5:
-                    channel.daemon.is_empty();
-                    moved = false;
-                    break;
-                default:
-                    channel.app.is_client_buffer_locked();
-                    moved = false;
-                    break;
-                }
-                popped += size;
-                ASSERT_EQ(fence_broken(), -1) << "round " << round << " operation " << op;
-                ASSERT_LE(size, std::min<std::size_t>(ring.capacity - 2, 65535)) << "round " << round;
-                if (moved) {
-                    ASSERT_TRUE(indices_in_range(ring)) << "round " << round << " operation " << op;
-                }
+};
+
+class ChannelGarbage : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(channel.open()); }
+    void TearDown() override
+    {
+        fences.clear();
+        EXPECT_TRUE(channel.close());
+    }
+
+    // Fences both mappings of the segment around `allowed`.
+    void fence(const std::vector<Fence::Range>& allowed)
+    {
+        fences.clear();
+        fences.emplace_back(new Fence(channel.app.segment, allowed));
+        fences.emplace_back(new Fence(channel.daemon.segment, allowed));
+    }
+
+    // The first changed fenced offset of either mapping, or -1.
+    long fence_broken()
+    {
+        for (auto& fence : fences) {
+            const long at = fence->changed();
+            if (at >= 0) {
+                return at;
             }
         }
-    });
-    EXPECT_TRUE(only_refusals(text));
-    EXPECT_GT(popped, 0u);
+        return -1;
+    }
+
+    // Runs `rounds` rounds of garbage on `ring`, fenced around `fields`, from the random seed
+    // `seed`: each round scribbles over the ring, runs `each_round` (if any), then one to four
+    // operations, each `operate(op, random)` for an `op` below `operations`. After every
+    // operation the fence holds, a popped record is at most `largest` bytes and the indices
+    // are in range where they must be.
+    Garbage_run survive_garbage(const std::vector<Fence::Range>& fields, const Ring_fields& ring, unsigned seed,
+                                int rounds, unsigned operations, std::size_t largest, const Operate& operate,
+                                const std::function<void(std::mt19937& random)>& each_round = nullptr)
+    {
+        fence(fields);
+        std::mt19937 random(seed);
+        Garbage_run run;
+        run.text = capture_refusals([&] {
+            for (int round = 0; round < rounds; ++round) {
+                scribble(random, ring);
+                if (each_round) {
+                    each_round(random);
+                }
+                for (int step = 0, steps = 1 + random() % 4; step < steps; ++step) {
+                    const int op = static_cast<int>(random() % operations);
+                    const Garbage_step done = operate(op, random);
+                    run.popped += done.size;
+                    ASSERT_EQ(fence_broken(), -1) << "round " << round << " operation " << op;
+                    ASSERT_LE(done.size, largest) << "round " << round;
+                    if (done.moved) {
+                        ASSERT_TRUE(indices_in_range(ring)) << "round " << round << " operation " << op;
+                    }
+                }
+            }
+        });
+        return run;
+    }
+
+    Guarded_system guarded;
+    logferry_test::Scoped_system installed{&guarded};
+    logferry_test::Channel_pair channel;
+    std::vector<std::unique_ptr<Fence>> fences;
+};
+
+TEST_F(ChannelGarbage, ClientRingSurvivesGarbage)
+{
+    const Ring_fields ring = channel.client_ring();
+    const Operate operate = [&](int op, std::mt19937& random) -> Garbage_step {
+        switch (op) {
+        case 0:
+        case 1: {
+            Bytes data = random_record(random, ring.capacity);
+            if (!data.empty() && random() % 8 != 0) {
+                data[0] = static_cast<unsigned char>(random() % 21);
+            }
+            return {(op == 0 ? static_cast<logferry::Logferry_base&>(channel.app) : channel.daemon).push_client(data),
+                    0};
+        }
+        case 2: {
+            const bool moved = channel.app.segment->client_buffer_locked == 0;
+            return {moved, channel.daemon.pop().size()};
+        }
+        case 3:
+            return {true, channel.daemon.pop_unsynced(false).size()};
+        case 4:
+            return {true, channel.app.pop_unsynced(true).size()};
+        case 5:
+            channel.daemon.is_empty();
+            return {false, 0};
+        default:
+            channel.app.is_client_buffer_locked();
+            return {false, 0};
+        }
+    };
+    const Garbage_run run =
+        survive_garbage(client_ring_fields(), ring, 1117, 4000, 7, std::min<std::size_t>(ring.capacity - 2, 65535),
+                        operate, [&](std::mt19937& random) {
+                            if (random() % 4 == 0) {
+                                channel.app.segment->client_buffer_locked = static_cast<std::uint8_t>(random() % 3);
+                            }
+                        });
+    EXPECT_TRUE(only_refusals(run.text));
+    EXPECT_GT(run.popped, 0u);
 }
 
 TEST_F(ChannelGarbage, ServerRingSurvivesGarbage)
 {
-    fence(server_ring_fields());
     const Ring_fields ring = channel.server_ring();
-    std::mt19937 random(2221);
-    std::uint64_t popped = 0;
-    const std::string text = capture_refusals([&] {
-        for (int round = 0; round < 6000; ++round) {
-            scribble(random, ring);
-            for (int step = 0, steps = 1 + random() % 4; step < steps; ++step) {
-                const int op = static_cast<int>(random() % 6);
-                bool moved = true;  // as in the client ring's run
-                std::size_t size = 0;
-                switch (op) {
-                case 0:
-                    moved = channel.daemon.push(random_record(random, ring.capacity));
-                    break;
-                case 1:
-                    moved = channel.app.push_server(random_record(random, ring.capacity));
-                    break;
-                case 2:
-                    size = channel.app.pop().size();
-                    break;
-                case 3:
-                    size = channel.app.pop_unsynced(false).size();
-                    break;
-                case 4:
-                    size = channel.daemon.pop_unsynced(true).size();
-                    break;
-                default:
-                    channel.app.is_empty();
-                    moved = false;
-                    break;
-                }
-                popped += size;
-                ASSERT_EQ(fence_broken(), -1) << "round " << round << " operation " << op;
-                ASSERT_LE(size, ring.capacity - 2u) << "round " << round;
-                if (moved) {
-                    ASSERT_TRUE(indices_in_range(ring)) << "round " << round << " operation " << op;
-                }
-            }
+    const Operate operate = [&](int op, std::mt19937& random) -> Garbage_step {
+        switch (op) {
+        case 0:
+            return {channel.daemon.push(random_record(random, ring.capacity)), 0};
+        case 1:
+            return {channel.app.push_server(random_record(random, ring.capacity)), 0};
+        case 2:
+            return {true, channel.app.pop().size()};
+        case 3:
+            return {true, channel.app.pop_unsynced(false).size()};
+        case 4:
+            return {true, channel.daemon.pop_unsynced(true).size()};
+        default:
+            channel.app.is_empty();
+            return {false, 0};
         }
-    });
-    EXPECT_EQ(text, "");
-    EXPECT_GT(popped, 0u);
+    };
+    const Garbage_run run = survive_garbage(server_ring_fields(), ring, 2221, 6000, 6, ring.capacity - 2u, operate);
+    EXPECT_EQ(run.text, "");
+    EXPECT_GT(run.popped, 0u);
 }
 
 TEST_F(ChannelGarbage, PriorityAreaSurvivesGarbage)
@@ -494,9 +501,7 @@ TEST_F(ChannelGarbage, IndexBeyondTheRingRestartsItEmpty)
         EXPECT_TRUE(channel.daemon.is_empty()) << bad;
         EXPECT_EQ(ring.read(), bad) << "is_empty only looks";
         EXPECT_TRUE(channel.daemon.pop().empty()) << bad;
-        EXPECT_EQ(ring.read(), 0u);
-        EXPECT_EQ(ring.write(), 0u);
-        EXPECT_TRUE(ring.all_zero());
+        EXPECT_TRUE(ring.is_back_at_zero());
 
         ASSERT_TRUE(channel.app.push(kept));
         *ring.write_index = bad;
@@ -524,9 +529,7 @@ TEST_F(ChannelGarbage, PrefixRunningPastTheRingEndIsCutThere)
     const Bytes expected(ring.bytes + at + 2, ring.bytes + SERVER_BUFFER_SIZE);
     ASSERT_EQ(expected.size(), 8u);
     EXPECT_EQ(channel.app.pop(), expected);
-    EXPECT_EQ(ring.read(), 0u);
-    EXPECT_EQ(ring.write(), 0u);
-    EXPECT_TRUE(ring.all_zero());
+    EXPECT_TRUE(ring.is_back_at_zero());
 }
 
 TEST_F(ChannelGarbage, PrefixRunningOverTheWriterIsCutThere)
@@ -542,9 +545,7 @@ TEST_F(ChannelGarbage, PrefixRunningOverTheWriterIsCutThere)
     }
     const Bytes expected(ring.bytes + 2, ring.bytes + 100);
     EXPECT_EQ(channel.daemon.pop(), expected);
-    EXPECT_EQ(ring.read(), 0u);
-    EXPECT_EQ(ring.write(), 0u);
-    EXPECT_TRUE(ring.all_zero());
+    EXPECT_TRUE(ring.is_back_at_zero());
 }
 
 TEST_F(ChannelGarbage, PrioritySizeBeyondTheAreaMeansTheWholeArea)

@@ -49,6 +49,20 @@ protected:
     std::int64_t client_stamp() const { return logferry::atomic_load_i64(&channel.app.segment->client_watchdog); }
     std::int64_t server_stamp() const { return logferry::atomic_load_i64(&channel.app.segment->server_watchdog); }
 
+    // At the time `now`, `end` finds the connection `active`; the stamps are then `client` and
+    // `server`.
+    ::testing::AssertionResult sees_at(logferry::Logferry_base& end, std::int64_t now, bool active, std::int64_t client,
+                                       std::int64_t server)
+    {
+        fake.set_time(now);
+        const bool found = end.is_connection_active();
+        if (found != active || client_stamp() != client || server_stamp() != server) {
+            return ::testing::AssertionFailure() << "at " << now << ": " << (found ? "active" : "not active")
+                                                 << ", stamps " << client_stamp() << " and " << server_stamp();
+        }
+        return ::testing::AssertionSuccess();
+    }
+
     logferry_test::Fake_system fake;
     logferry_test::Scoped_system installed{&fake};
     logferry_test::Channel_pair channel;
@@ -90,26 +104,14 @@ TEST_F(ChannelLiveness, StampsFiveSecondsApartAreActiveSixAreNot)
     open();
     // The application's end stamps itself with the clock, the daemon's stamp stays at 100.
     set_stamps(104, 100);
-    fake.set_time(105);
-    EXPECT_TRUE(channel.app.is_connection_active());
-    EXPECT_EQ(client_stamp(), 105);
-    EXPECT_EQ(server_stamp(), 100);
-
-    fake.set_time(106);
-    EXPECT_FALSE(channel.app.is_connection_active());
-    EXPECT_EQ(client_stamp(), 106);
-    EXPECT_EQ(server_stamp(), 100);
+    EXPECT_TRUE(sees_at(channel.app, 105, true, 105, 100));
+    EXPECT_TRUE(sees_at(channel.app, 106, false, 106, 100));
     EXPECT_FALSE(last_connection_state.load());
 
     // The same seen from the daemon's end, whose own stamp is the newer one.
     set_stamps(100, 104);
-    fake.set_time(105);
-    EXPECT_TRUE(channel.daemon.is_connection_active());
-    EXPECT_EQ(server_stamp(), 105);
-    EXPECT_EQ(client_stamp(), 100);
-    fake.set_time(106);
-    EXPECT_FALSE(channel.daemon.is_connection_active());
-    EXPECT_EQ(server_stamp(), 106);
+    EXPECT_TRUE(sees_at(channel.daemon, 105, true, 100, 105));
+    EXPECT_TRUE(sees_at(channel.daemon, 106, false, 100, 106));
 }
 
 TEST_F(ChannelLiveness, MeaninglessDifferenceKeepsThePreviousVerdict)

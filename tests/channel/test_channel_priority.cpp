@@ -273,32 +273,22 @@ TEST_F(ChannelPriority, LockAndUnlockErrorsAreReportedWithTheReturnedCode)
 
 TEST_F(ChannelPriority, EndThatIsNotInitializedReportsAndRefuses)
 {
-    for (const bool application : {true, false}) {
-        logferry::Logferry_client app_end;
-        logferry::Logferry_base daemon_end;
-        logferry::Logferry_base& end = application ? static_cast<logferry::Logferry_base&>(app_end) : daemon_end;
-        std::string text = capture_stderr([&] {
+    logferry_test::for_each_closed_end([](logferry::Logferry_base& end) {
+        const std::string text = capture_stderr([&] {
             EXPECT_FALSE(end.push_priority(record(3, 4)));
             EXPECT_FALSE(end.force_push_priority(record(3, 4)));
             EXPECT_FALSE(end.push_priority(record(4, 4)));  // not initialised comes first
         });
         EXPECT_EQ(text, "");
 
-        text = capture_stderr([&] { EXPECT_TRUE(end.pop_priority().empty()); });
-        EXPECT_EQ(text, not_initialized());
-        text = capture_stderr([&] { EXPECT_TRUE(end.pop_priority_unsynced().empty()); });
-        EXPECT_EQ(text, not_initialized());
-        text = capture_stderr([&] { EXPECT_TRUE(end.is_priority_empty()); });
-        EXPECT_EQ(text, not_initialized());
-        text = capture_stderr([&] { EXPECT_TRUE(end.is_priority_empty_unsynced()); });
-        EXPECT_EQ(text, not_initialized());
-        text = capture_stderr([&] { end.clear_priority_data(); });
-        EXPECT_EQ(text, not_initialized());
-        text = capture_stderr([&] { end.lock_priority_mutex(); });
-        EXPECT_EQ(text, not_initialized());
-        text = capture_stderr([&] { end.unlock_priority_mutex(); });
-        EXPECT_EQ(text, not_initialized());
-    }
+        EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(end.pop_priority().empty()); }), not_initialized());
+        EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(end.pop_priority_unsynced().empty()); }), not_initialized());
+        EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(end.is_priority_empty()); }), not_initialized());
+        EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(end.is_priority_empty_unsynced()); }), not_initialized());
+        EXPECT_EQ(capture_stderr([&] { end.clear_priority_data(); }), not_initialized());
+        EXPECT_EQ(capture_stderr([&] { end.lock_priority_mutex(); }), not_initialized());
+        EXPECT_EQ(capture_stderr([&] { end.unlock_priority_mutex(); }), not_initialized());
+    });
 }
 
 }  // namespace

@@ -71,23 +71,78 @@ private:
     bool ok_ = false;
 };
 
+// Kills and reaps the forked child `pid` if it is still there.
+void kill_if_running(int pid)
+{
+    if (pid > 0 && ::waitpid(pid, nullptr, WNOHANG) == 0) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+    }
+}
+
 // Kills and reaps a forked child that is still there when the test ends early.
 class Child_guard {
 public:
     explicit Child_guard(int pid) : pid_(pid) {}
-    ~Child_guard()
-    {
-        if (pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
-    }
+    ~Child_guard() { kill_if_running(pid_); }
     Child_guard(const Child_guard&) = delete;
     Child_guard& operator=(const Child_guard&) = delete;
 
 private:
     int pid_;
 };
+
+// A forked end that takes one of the segment's mutexes and dies holding it. `open` runs in
+// the child: it opens its end, then calls the `hold` it is given with what takes the mutex;
+// once that succeeds, `hold` says so and stays until the child is killed. What `open`
+// returns is the child's exit status when it does not get that far.
+class Holding_child {
+public:
+    using Hold = std::function<void(const std::function<bool()>& take)>;
+
+    explicit Holding_child(const std::function<int(const Hold& hold)>& open)
+    {
+        if (holding_.ok() && never_.ok()) {
+            pid_ = fork_child([&] {
+                return open([this](const std::function<bool()>& take) {
+                    if (take() && holding_.send()) {
+                        never_.receive(60s);  // killed long before
+                    }
+                });
+            });
+        }
+    }
+    ~Holding_child() { kill_if_running(pid_); }
+    Holding_child(const Holding_child&) = delete;
+    Holding_child& operator=(const Holding_child&) = delete;
+
+    // Whether the child says it holds what it took.
+    bool holds() { return pid_ > 0 && holding_.receive(); }
+    // Kills the child outright: whether it ended by SIGKILL.
+    bool killed()
+    {
+        if (::kill(pid_, SIGKILL) != 0) {
+            return false;
+        }
+        const int status = wait_child(pid_);
+        pid_ = -1;
+        return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    }
+
+private:
+    Signal_pipe holding_;
+    Signal_pipe never_;
+    int pid_ = -1;
+};
+
+// The surviving end went through what `during` did without a word, taking over the dead
+// end's mutex exactly once and releasing every lock it took.
+void expect_took_over_once(const logferry_test::Fake_system& fake, const std::string& during)
+{
+    EXPECT_EQ(during, "");
+    EXPECT_EQ(fake.calls(Op::pthread_mutex_consistent), 1);
+    EXPECT_EQ(fake.calls(Op::pthread_mutex_lock), fake.calls(Op::pthread_mutex_unlock));
+}
 
 std::size_t stream_size(std::uint32_t number) { return 5 + (number * 7919u) % 600; }
 
@@ -339,27 +394,15 @@ void daemon_dies_holding(Held held)
     channel.app.unlock_client_buffer();
     const std::string name = channel.name;
     const Bytes from_daemon = record(7, 33, 0xD1);
-    Signal_pipe holding;
-    Signal_pipe never;
-    ASSERT_TRUE(holding.ok() && never.ok());
-
-    const int child = fork_child([&]() -> int {
+    Holding_child child([&](const Holding_child::Hold& hold) {
         logferry::Logferry_base daemon;
-        if (!daemon.init(name) || !daemon.push(from_daemon)) {
-            return 2;
+        if (daemon.init(name) && daemon.push(from_daemon)) {
+            hold([&] { return pthread_mutex_lock(mutex_of(daemon.segment, held)) == 0; });
         }
-        if (pthread_mutex_lock(mutex_of(daemon.segment, held)) != 0 || !holding.send()) {
-            return 3;
-        }
-        never.receive(60s);  // killed long before
-        return 4;
+        return 2;
     });
-    ASSERT_GT(child, 0);
-    const Child_guard reaper(child);
-    ASSERT_TRUE(holding.receive());
-    ASSERT_EQ(::kill(child, SIGKILL), 0);
-    const int status = wait_child(child);
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    ASSERT_TRUE(child.holds());
+    ASSERT_TRUE(child.killed());
 
     logferry_test::Fake_system fake;
     logferry_test::Scoped_system installed(&fake);
@@ -381,9 +424,7 @@ void daemon_dies_holding(Held held)
             break;
         }
     });
-    EXPECT_EQ(text, "");
-    EXPECT_EQ(fake.calls(Op::pthread_mutex_consistent), 1);
-    EXPECT_EQ(fake.calls(Op::pthread_mutex_lock), fake.calls(Op::pthread_mutex_unlock));
+    expect_took_over_once(fake, text);
 
     // A new daemon's end finds everything in place.
     ASSERT_TRUE(channel.daemon.init(name));
@@ -413,34 +454,21 @@ void application_dies_holding(Held held)
     const std::string name = "/logferry-" + identifier;
     const Bytes registration = record(3, 20, 0x33);
     const Bytes log_message = record(10, 40, 0x44);
-    Signal_pipe holding;
-    Signal_pipe never;
-    ASSERT_TRUE(holding.ok() && never.ok());
-
-    const int child = fork_child([&]() -> int {
+    Holding_child child([&](const Holding_child::Hold& hold) {
         logferry::Logferry_client app;
         app.set_app_identifier(identifier);
-        if (!app.init()) {
-            return 2;
+        if (app.init()) {
+            app.unlock_client_buffer();
+            if (app.push_priority(registration) && app.push(log_message)) {
+                hold([&] { return pthread_mutex_lock(mutex_of(app.segment, held)) == 0; });
+            }
         }
-        app.unlock_client_buffer();
-        if (!app.push_priority(registration) || !app.push(log_message)) {
-            return 3;
-        }
-        if (pthread_mutex_lock(mutex_of(app.segment, held)) != 0 || !holding.send()) {
-            return 4;
-        }
-        never.receive(60s);  // killed long before
-        return 5;
+        return 2;
     });
-    ASSERT_GT(child, 0);
-    const Child_guard reaper(child);
-    ASSERT_TRUE(holding.receive());
+    ASSERT_TRUE(child.holds());
     logferry::Logferry_base daemon;
     ASSERT_TRUE(daemon.init(name));
-    ASSERT_EQ(::kill(child, SIGKILL), 0);
-    const int status = wait_child(child);
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    ASSERT_TRUE(child.killed());
 
     logferry_test::Fake_system fake;
     logferry_test::Scoped_system installed(&fake);
@@ -461,9 +489,7 @@ void application_dies_holding(Held held)
             break;
         }
     });
-    EXPECT_EQ(text, "");
-    EXPECT_EQ(fake.calls(Op::pthread_mutex_consistent), 1);
-    EXPECT_EQ(fake.calls(Op::pthread_mutex_lock), fake.calls(Op::pthread_mutex_unlock));
+    expect_took_over_once(fake, text);
     if (held == Held::server) {
         EXPECT_EQ(daemon.pop_unsynced(true), reply);
         EXPECT_EQ(daemon.pop_unsynced(true), reply);
@@ -485,27 +511,18 @@ TEST_F(ChannelProcesses, ExplicitPriorityLockTakesOverFromADeadHolder)
     LOGFERRY_REQUIRE_ROBUST_LIST();
     ASSERT_TRUE(channel.open(false));
     const std::string name = channel.name;
-    Signal_pipe holding;
-    Signal_pipe never;
-    ASSERT_TRUE(holding.ok() && never.ok());
-    const int child = fork_child([&]() -> int {
+    Holding_child child([&](const Holding_child::Hold& hold) {
         logferry::Logferry_base daemon;
-        if (!daemon.init(name)) {
-            return 2;
+        if (daemon.init(name)) {
+            hold([&] {
+                daemon.lock_priority_mutex();
+                return true;
+            });
         }
-        daemon.lock_priority_mutex();
-        if (!holding.send()) {
-            return 3;
-        }
-        never.receive(60s);
-        return 4;
+        return 2;
     });
-    ASSERT_GT(child, 0);
-    const Child_guard reaper(child);
-    ASSERT_TRUE(holding.receive());
-    ASSERT_EQ(::kill(child, SIGKILL), 0);
-    const int status = wait_child(child);
-    ASSERT_TRUE(WIFSIGNALED(status));
+    ASSERT_TRUE(child.holds());
+    ASSERT_TRUE(child.killed());
 
     logferry_test::Fake_system fake;
     logferry_test::Scoped_system installed(&fake);

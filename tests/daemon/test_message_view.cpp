@@ -11,87 +11,73 @@
 #include "decoder.hpp"
 #include "logferry/message.hpp"
 #include "message_view.hpp"
+#include "support/record_bytes.hpp"
 
 namespace {
 
 using namespace logferry;
 using logferry_decoder::Arg_kind;
 using logferry_decoder::Message_view;
-using Bytes = std::vector<unsigned char>;
+using logferry_test::Bytes;
 
 template <typename... R>
 Bytes records(const R&... record)
 {
-    Bytes out;
-    int unused[] = {(serialize(record, out), 0)...};
-    static_cast<void>(unused);
-    return out;
+    return logferry_test::bytes_of(record...);
 }
 
+// The records of one message, stream KEY (record_bytes.hpp's makers).
 constexpr std::uint32_t KEY = 0x0A0B0C0D;
 
 Logferry_write_start start(std::uint8_t level = 4, std::uint32_t handle = 3, std::uint32_t timestamp = 123456)
 {
-    Logferry_write_start r;
-    r.log_level = level;
-    r.context_handle = handle;
-    r.stream_key = KEY;
-    r.timestamp = timestamp;
-    return r;
+    return logferry_test::make_start(KEY, level, handle, timestamp);
 }
 
-Logferry_write_finish finish(std::uint32_t key = KEY)
-{
-    Logferry_write_finish r;
-    r.stream_key = key;
-    return r;
-}
+Logferry_write_finish finish(std::uint32_t key = KEY) { return logferry_test::make_finish(key); }
 
 template <typename R, typename V>
 R plain(V value)
 {
-    R r;
-    r.stream_key = KEY;
-    r.value = value;
-    return r;
+    return logferry_test::make_value<R>(KEY, value);
 }
 
 template <typename R, typename V>
 R formatted(V value, LogFormat format)
 {
-    R r = plain<R>(value);
-    r.format = static_cast<std::uint8_t>(format);
-    return r;
+    return logferry_test::make_formatted<R>(KEY, value, format);
 }
 
-Logferry_write_utf8_string text(const std::string& value)
-{
-    Logferry_write_utf8_string r;
-    r.stream_key = KEY;
-    std::copy(value.begin(), value.end(), r.text.begin());
-    r.length = static_cast<std::uint16_t>(value.size() + 8);
-    return r;
-}
+Logferry_write_utf8_string text(const std::string& value) { return logferry_test::make_text(KEY, value); }
 
 Logferry_write_raw_formatted raw(const Bytes& payload, LogFormat format)
 {
-    Logferry_write_raw_formatted r;
-    r.stream_key = KEY;
-    r.format = static_cast<std::uint8_t>(format);
-    r.size = static_cast<std::uint16_t>(payload.size());
-    r.length = static_cast<std::uint16_t>(payload.size() + 10);
-    std::copy(payload.begin(), payload.end(), r.payload.begin());
-    return r;
+    return logferry_test::make_raw(KEY, format, payload);
 }
 
 Logferry_write_encoded_payload encoded(const Bytes& payload)
 {
-    Logferry_write_encoded_payload r;
-    r.stream_key = KEY;
-    r.size = static_cast<std::uint16_t>(payload.size());
-    r.length = static_cast<std::uint16_t>(payload.size() + 9);
-    std::copy(payload.begin(), payload.end(), r.payload.begin());
-    return r;
+    return logferry_test::make_encoded_payload(KEY, payload);
+}
+
+// Whether `arg` is a signed number `bits` wide holding `value`.
+::testing::AssertionResult is_signed(const logferry_decoder::Argument& arg, int bits, std::int64_t value)
+{
+    if (arg.kind != Arg_kind::signed_int || arg.bits != bits || arg.signed_value != value) {
+        return ::testing::AssertionFailure()
+               << "kind " << static_cast<int>(arg.kind) << ", " << +arg.bits << " bits, value " << arg.signed_value;
+    }
+    return ::testing::AssertionSuccess();
+}
+
+// Whether `arg` is an unsigned number `bits` wide with format code `format` holding `value`.
+::testing::AssertionResult is_unsigned(const logferry_decoder::Argument& arg, int bits, int format, std::uint64_t value)
+{
+    if (arg.kind != Arg_kind::unsigned_int || arg.bits != bits || arg.format != format || arg.unsigned_value != value) {
+        return ::testing::AssertionFailure() << "kind " << static_cast<int>(arg.kind) << ", " << +arg.bits
+                                             << " bits, format " << +arg.format << ", value " << arg.unsigned_value;
+    }
+    return ::testing::AssertionSuccess();
 }
 
 Bytes every_argument()
@@ -120,28 +106,14 @@ TEST(MessageView, RegularMessageIsReadInPlace)
     const auto& a = view.args;
     EXPECT_EQ(a[0].kind, Arg_kind::boolean);
     EXPECT_TRUE(a[0].boolean);
-    EXPECT_EQ(a[1].kind, Arg_kind::signed_int);
-    EXPECT_EQ(a[1].bits, 8);
-    EXPECT_EQ(a[1].signed_value, -8);
-    EXPECT_EQ(a[2].bits, 16);
-    EXPECT_EQ(a[2].signed_value, -1600);
-    EXPECT_EQ(a[3].bits, 32);
-    EXPECT_EQ(a[3].signed_value, -320000);
-    EXPECT_EQ(a[4].bits, 64);
-    EXPECT_EQ(a[4].signed_value, -6400000000);
-    EXPECT_EQ(a[5].kind, Arg_kind::unsigned_int);
-    EXPECT_EQ(a[5].bits, 8);
-    EXPECT_EQ(a[5].format, 4);
-    EXPECT_EQ(a[5].unsigned_value, 200U);
-    EXPECT_EQ(a[6].bits, 16);
-    EXPECT_EQ(a[6].format, 2);
-    EXPECT_EQ(a[6].unsigned_value, 0xBEEFU);
-    EXPECT_EQ(a[7].bits, 32);
-    EXPECT_EQ(a[7].format, 3);
-    EXPECT_EQ(a[7].unsigned_value, 0755U);
-    EXPECT_EQ(a[8].bits, 64);
-    EXPECT_EQ(a[8].format, 6);
-    EXPECT_EQ(a[8].unsigned_value, 0xFFFFFFFFFFFFFFFFU);
+    EXPECT_TRUE(is_signed(a[1], 8, -8));
+    EXPECT_TRUE(is_signed(a[2], 16, -1600));
+    EXPECT_TRUE(is_signed(a[3], 32, -320000));
+    EXPECT_TRUE(is_signed(a[4], 64, -6400000000));
+    EXPECT_TRUE(is_unsigned(a[5], 8, 4, 200U));
+    EXPECT_TRUE(is_unsigned(a[6], 16, 2, 0xBEEFU));
+    EXPECT_TRUE(is_unsigned(a[7], 32, 3, 0755U));
+    EXPECT_TRUE(is_unsigned(a[8], 64, 6, 0xFFFFFFFFFFFFFFFFU));
     EXPECT_EQ(a[9].kind, Arg_kind::float32);
     EXPECT_EQ(a[9].float_value, 1.5);
     EXPECT_EQ(a[10].kind, Arg_kind::float64);

@@ -29,23 +29,7 @@
 using logferry::Listener_entry;
 using logferry::Listener_segment;
 using logferry::Logferry_listener;
-using logferry_test::capture_stderr;
-using logferry_test::count_mappings;
-using logferry_test::count_open_fds;
-using logferry_test::entries_and_indices_zero;
-using logferry_test::error_while;
-using logferry_test::exited_cleanly;
-using logferry_test::Fake_system;
-using logferry_test::FALLBACK_LOCK_FILE;
-using logferry_test::Listener_daemon_child;
-using logferry_test::LISTENER_SEGMENT;
-using logferry_test::lock_held_by_other_process;
-using logferry_test::Op;
-using logferry_test::owner_error;
-using logferry_test::path_exists;
-using logferry_test::Scoped_system;
-using logferry_test::shm_exists;
-using logferry_test::wait_until;
+using namespace logferry_test;
 
 namespace {
 
@@ -162,9 +146,7 @@ TEST_F(ListenerSegmentOnFakeSystem, ConstructionSetsDefaultsWithoutSystemCalls)
         daemon.disable_listening();
         EXPECT_FALSE(daemon.is_listening());
     }
-    for (int op = 0; op < logferry_test::OP_COUNT; ++op) {
-        EXPECT_EQ(fake.calls(static_cast<Op>(op)), 0) << logferry_test::op_name(static_cast<Op>(op));
-    }
+    EXPECT_EQ(fake.calls_made(), "");
 }
 
 TEST(ListenerSegment, DaemonInitCreatesAZeroSegmentAndHoldsTheLock)
@@ -173,10 +155,7 @@ TEST(ListenerSegment, DaemonInitCreatesAZeroSegmentAndHoldsTheLock)
     const int fds_before = count_open_fds();
     {
         Logferry_listener daemon(true);
-        bool ok = false;
-        const std::string output = capture_stderr([&] { ok = daemon.init(); });
-        ASSERT_TRUE(ok);
-        EXPECT_EQ(output, "");
+        ASSERT_TRUE(succeeds_saying("", [&] { return daemon.init(); }));
         EXPECT_TRUE(daemon.is_initialized());
         ASSERT_TRUE(is_mapped(daemon));
         EXPECT_EQ(daemon.own_entry, -1);
@@ -279,9 +258,7 @@ TEST_F(ListenerSegmentOnFakeSystem, InitOnAnInitialisedObjectMakesNoSystemCall)
     daemon.unacknowledged_checks = 9;
     fake.reset_calls();
     EXPECT_TRUE(daemon.init());
-    for (int op = 0; op < logferry_test::OP_COUNT; ++op) {
-        EXPECT_EQ(fake.calls(static_cast<Op>(op)), 0) << logferry_test::op_name(static_cast<Op>(op));
-    }
+    EXPECT_EQ(fake.calls_made(), "");
     // Nothing was reset either.
     EXPECT_EQ(daemon.own_entry, 4);
     EXPECT_EQ(daemon.unacknowledged_checks, 9);
@@ -363,10 +340,7 @@ TEST_F(ListenerSegmentOnFakeSystem, ApplicationWithoutLockFileFailsSilently)
 {
     const int fds_before = count_open_fds();
     Logferry_listener application(false);
-    bool ok = true;
-    const std::string output = capture_stderr([&] { ok = application.init(); });
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(output, "");
+    EXPECT_TRUE(fails_saying("", [&] { return application.init(); }));
     EXPECT_FALSE(application.is_initialized());
     EXPECT_EQ(application.lock_file.fd, -1);
     EXPECT_EQ(fake.calls(Op::open), 1);
@@ -381,10 +355,7 @@ TEST_F(ListenerSegmentOnFakeSystem, ApplicationWithUnlockedLockFileFailsSilently
     create_file(dir.default_lock());  // a daemon ran once and is gone
     const int fds_before = count_open_fds();
     Logferry_listener application(false);
-    bool ok = true;
-    const std::string output = capture_stderr([&] { ok = application.init(); });
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(output, "");
+    EXPECT_TRUE(fails_saying("", [&] { return application.init(); }));
     EXPECT_EQ(application.lock_file.fd, -1);
     EXPECT_EQ(fake.calls(Op::lockf), 1);
     EXPECT_EQ(fake.calls(Op::close), 1);
@@ -405,10 +376,7 @@ TEST(ListenerSegment, ApplicationMapsTheSegmentWhileTheDaemonHoldsTheLock)
     const int fds_before = count_open_fds();
     {
         Logferry_listener application(false);
-        bool ok = false;
-        const std::string output = capture_stderr([&] { ok = application.init(); });
-        ASSERT_TRUE(ok);
-        EXPECT_EQ(output, "");
+        ASSERT_TRUE(succeeds_saying("", [&] { return application.init(); }));
         EXPECT_TRUE(application.is_initialized());
         ASSERT_TRUE(is_mapped(application));
         EXPECT_TRUE(entries_and_indices_zero(application.segment));
@@ -448,9 +416,7 @@ TEST(ListenerSegment, ApplicationMapsTheSegmentWhileTheDaemonHoldsTheLock)
     EXPECT_FALSE(shm_exists(LISTENER_SEGMENT));
     EXPECT_FALSE(path_exists(dir.default_lock()));
     Logferry_listener late(false);
-    bool ok = true;
-    EXPECT_EQ(capture_stderr([&] { ok = late.init(); }), "");
-    EXPECT_FALSE(ok);
+    EXPECT_TRUE(fails_saying("", [&] { return late.init(); }));
 }
 
 TEST(ListenerSegment, LockFileFallsBackToTmpAndStaysThere)
@@ -482,9 +448,7 @@ TEST(ListenerSegment, ApplicationFallsBackWhenAraDltIsNoDirectory)
     Listener_runstate dir(false);
     create_file(dir.ara_dlt());  // a file where the directory should be
     Logferry_listener application(false);
-    bool ok = true;
-    EXPECT_EQ(capture_stderr([&] { ok = application.init(); }), "");
-    EXPECT_FALSE(ok);
+    EXPECT_TRUE(fails_saying("", [&] { return application.init(); }));
     EXPECT_EQ(application.lock_listener_name, FALLBACK_LOCK_FILE);
     EXPECT_EQ(::unlink(dir.ara_dlt().c_str()), 0);
 }
@@ -515,10 +479,8 @@ TEST_F(ListenerSegmentOnFakeSystem, OpenFailureReportsTheErrorLeftByChown)
         // the open message carries EPERM's text.
         fake.fail(Op::shm_open, -1, EMFILE);
         fake.fail(Op::chown, -1, EPERM);
-        bool ok = true;
-        std::string output = capture_stderr([&] { ok = daemon.init(); });
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(output, owner_error(LISTENER_SEGMENT, EPERM) + error_while("opening the shared memory", EPERM));
+        EXPECT_TRUE(fails_saying(owner_error(LISTENER_SEGMENT, EPERM) + error_while("opening the shared memory", EPERM),
+                                 [&] { return daemon.init(); }));
         EXPECT_FALSE(daemon.is_initialized());
         EXPECT_EQ(daemon.segment, MAP_FAILED);
         EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
@@ -530,9 +492,9 @@ TEST_F(ListenerSegmentOnFakeSystem, OpenFailureReportsTheErrorLeftByChown)
 
         // With the real chown on a segment that does not exist, the text is ENOENT's.
         fake.fail(Op::shm_open, -1, EMFILE);
-        output = capture_stderr([&] { ok = daemon.init(); });
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(output, owner_error(LISTENER_SEGMENT, ENOENT) + error_while("opening the shared memory", ENOENT));
+        EXPECT_TRUE(
+            fails_saying(owner_error(LISTENER_SEGMENT, ENOENT) + error_while("opening the shared memory", ENOENT),
+                         [&] { return daemon.init(); }));
         EXPECT_EQ(count_open_fds(), fds_before + 1);
 
         ASSERT_TRUE(daemon.init());
@@ -550,10 +512,7 @@ TEST_F(ListenerSegmentOnFakeSystem, ApplicationTakesAnAccessDeniedLockTestForALi
     // EACCES counts like EAGAIN: some process holds the lock. With no segment there the
     // open that follows fails.
     fake.fail(Op::lockf, -1, EACCES);
-    bool ok = true;
-    const std::string output = capture_stderr([&] { ok = application.init(); });
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(output, error_while("opening the shared memory", ENOENT));
+    EXPECT_TRUE(fails_saying(error_while("opening the shared memory", ENOENT), [&] { return application.init(); }));
     EXPECT_EQ(fake.calls(Op::shm_open), 1);
     EXPECT_EQ(count_open_fds(), fds_before);
 }
@@ -564,9 +523,7 @@ TEST_F(ListenerSegmentOnFakeSystem, ApplicationOtherLockTestErrorFailsSilently)
     const int fds_before = count_open_fds();
     Logferry_listener application(false);
     fake.fail(Op::lockf, -1, EBADF);
-    bool ok = true;
-    EXPECT_EQ(capture_stderr([&] { ok = application.init(); }), "");
-    EXPECT_FALSE(ok);
+    EXPECT_TRUE(fails_saying("", [&] { return application.init(); }));
     EXPECT_EQ(fake.calls(Op::shm_open), 0);
     EXPECT_EQ(fake.calls(Op::close), 1);
     EXPECT_EQ(count_open_fds(), fds_before);
@@ -605,9 +562,7 @@ TEST_F(ListenerSegmentOnFakeSystem, UninitOnANeverInitialisedObjectDoesNothing)
             Logferry_listener listener(listening);
             EXPECT_EQ(capture_stderr([&] { listener.uninit(); }), "");
         }
-        for (int op = 0; op < logferry_test::OP_COUNT; ++op) {
-            EXPECT_EQ(fake.calls(static_cast<Op>(op)), 0) << logferry_test::op_name(static_cast<Op>(op));
-        }
+        EXPECT_EQ(fake.calls_made(), "");
     }
     EXPECT_TRUE(path_exists(dir.default_lock()));
 }

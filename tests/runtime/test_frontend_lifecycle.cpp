@@ -1,6 +1,7 @@
 // Library state and lifecycle: the load-time state, set_app_identifier, init and exit.
 #include <errno.h>
 
+#include <ostream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -59,57 +60,50 @@ TEST(ClientLifecycle, ListenerLockFilePathIsFixedAtLoadTime)
 
 class ClientIdentifier : public Client_test {};
 
-TEST_F(ClientIdentifier, ExampleFromPidAndClock)
+// The identifier set_app_identifier forms from the given one, the process id (its last five
+// digits) and the monotonic clock in microseconds (32 bits, lowercase hex), on a fake system.
+struct Identifier_case {
+    const char* name;
+    const char* given;
+    long pid;
+    long seconds;
+    long nanoseconds;
+    bool clock_fails;
+    const char* formed;
+};
+
+void PrintTo(const Identifier_case& identifier, std::ostream* out) { *out << identifier.name; }
+
+class ClientIdentifierFormed : public ClientIdentifier, public ::testing::WithParamInterface<Identifier_case> {};
+
+TEST_P(ClientIdentifierFormed, FromPidAndClock)
 {
+    const Identifier_case& identifier = GetParam();
     Fake_system fake;
     Scoped_system scoped(&fake);
-    fake.fail(Op::getpid, 1234567, 0, -1);
-    fake.set_time(12, 500000000);  // 12.5 s = 12500000 us = 0xbebc20
-    logferry::set_app_identifier("APP1");
-    EXPECT_EQ(logferry::client.app_identifier, "APP1-34567-bebc20");
+    fake.fail(Op::getpid, identifier.pid, 0, -1);
+    if (identifier.clock_fails) {
+        fake.fail(Op::clock_gettime, -1, EINVAL, 1);
+    } else {
+        fake.set_time(identifier.seconds, identifier.nanoseconds);
+    }
+    logferry::set_app_identifier(identifier.given);
+    EXPECT_EQ(logferry::client.app_identifier, identifier.formed);
     EXPECT_EQ(fake.calls(Op::getpid), 1);
     EXPECT_EQ(fake.calls(Op::clock_gettime), 1);
 }
 
-TEST_F(ClientIdentifier, ShortPidIsKeptWhole)
-{
-    Fake_system fake;
-    Scoped_system scoped(&fake);
-    fake.fail(Op::getpid, 42, 0, -1);
-    fake.set_time(0, 1000);  // 1 us
-    logferry::set_app_identifier("APP1");
-    EXPECT_EQ(logferry::client.app_identifier, "APP1-42-1");
-}
-
-TEST_F(ClientIdentifier, PidOfFiveDigitsIsKeptWhole)
-{
-    Fake_system fake;
-    Scoped_system scoped(&fake);
-    fake.fail(Op::getpid, 99999, 0, -1);
-    fake.set_time(1, 0);
-    logferry::set_app_identifier("X");
-    EXPECT_EQ(logferry::client.app_identifier, "X-99999-f4240");
-}
-
-TEST_F(ClientIdentifier, MicrosecondStampWrapsAt32Bits)
-{
-    Fake_system fake;
-    Scoped_system scoped(&fake);
-    fake.fail(Op::getpid, 1234567, 0, -1);
-    fake.set_time(4295, 0);  // 4295000000 mod 2^32 = 32704
-    logferry::set_app_identifier("APP1");
-    EXPECT_EQ(logferry::client.app_identifier, "APP1-34567-7fc0");
-}
-
-TEST_F(ClientIdentifier, ClockFailureGivesStampZero)
-{
-    Fake_system fake;
-    Scoped_system scoped(&fake);
-    fake.fail(Op::getpid, 1234567, 0, -1);
-    fake.fail(Op::clock_gettime, -1, EINVAL, 1);
-    logferry::set_app_identifier("APP1");
-    EXPECT_EQ(logferry::client.app_identifier, "APP1-34567-0");
-}
+INSTANTIATE_TEST_SUITE_P(Cases, ClientIdentifierFormed,
+                         ::testing::Values(
+                             // 12.5 s = 12500000 us = 0xbebc20
+                             Identifier_case{"Example", "APP1", 1234567, 12, 500000000, false, "APP1-34567-bebc20"},
+                             Identifier_case{"ShortPidIsKeptWhole", "APP1", 42, 0, 1000, false, "APP1-42-1"},
+                             Identifier_case{"PidOfFiveDigitsIsKeptWhole", "X", 99999, 1, 0, false, "X-99999-f4240"},
+                             // 4295000000 mod 2^32 = 32704
+                             Identifier_case{"MicrosecondStampWrapsAt32Bits", "APP1", 1234567, 4295, 0, false,
+                                             "APP1-34567-7fc0"},
+                             Identifier_case{"ClockFailureGivesStampZero", "APP1", 1234567, 0, 0, true, "APP1-34567-0"},
+                             Identifier_case{"EmptyIdentifierIsUsedUnchanged", "", 7, 0, 0, false, "-7-0"}));
 
 TEST_F(ClientIdentifier, RealPidAndClockFormTheChannelName)
 {
@@ -143,16 +137,6 @@ TEST_F(ClientIdentifier, IdentifierOfAnyLengthIsUsedUnchanged)
     EXPECT_TRUE(logferry::client.is_initialized());
     EXPECT_EQ(logferry::client.get_filename().compare(0, 211, "/logferry-" + id + "-"), 0);
     EXPECT_TRUE(shm_exists(logferry::client.get_filename()));
-}
-
-TEST_F(ClientIdentifier, EmptyIdentifierIsUsedUnchanged)
-{
-    Fake_system fake;
-    Scoped_system scoped(&fake);
-    fake.fail(Op::getpid, 7, 0, -1);
-    fake.set_time(0, 0);
-    logferry::set_app_identifier("");
-    EXPECT_EQ(logferry::client.app_identifier, "-7-0");
 }
 
 TEST_F(ClientIdentifier, ChangeWhileInitialisedTakesEffectAtNextInit)

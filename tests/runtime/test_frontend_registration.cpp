@@ -2,7 +2,10 @@
 #include <errno.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <memory>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -40,7 +43,44 @@ Bytes text_bytes(const std::string& text) { return Bytes(text.begin(), text.end(
 
 }  // namespace
 
-class ClientRegistration : public Client_test {};
+class ClientRegistration : public Client_test {
+protected:
+    void TearDown() override
+    {
+        installed_.reset();
+        fake_.reset();
+        Client_test::TearDown();
+    }
+
+    // For the rest of the test a fake system whose monotonic clock stands at 1000 s and only
+    // moves with the library's sleeps, which return at once; then the channel opened as
+    // open_without_receiver leaves it.
+    Fake_system& open_on_fake_clock()
+    {
+        fake_.reset(new Fake_system());
+        installed_.reset(new Scoped_system(fake_.get()));
+        fake_->set_time(1000);
+        fake_->fake_sleeps(true);
+        open_without_receiver();
+        return *fake_;
+    }
+
+    // The daemon takes the record the priority area holds during the library's `sleep`th
+    // sleep.
+    void daemon_takes_at_sleep(Daemon_end& daemon, int sleep)
+    {
+        fake_->on_call([this, &daemon, sleep](Op op) {
+            if (op == Op::sleep_for_milliseconds && ++sleeps_ == sleep) {
+                daemon.end.pop_priority();
+            }
+        });
+    }
+
+private:
+    std::unique_ptr<Fake_system> fake_;
+    std::unique_ptr<Scoped_system> installed_;
+    std::atomic<int> sleeps_{0};
+};
 
 // ---------------------------------------------------------------------------------------
 // register_app
@@ -76,36 +116,41 @@ TEST_F(ClientRegistration, RegisterAppWithNullTextFails)
     EXPECT_FALSE(logferry::client.is_client_buffer_locked());
 }
 
-TEST_F(ClientRegistration, RegisterAppRecordBytes)
+// The record register_app sends and the registration it keeps, for IDs of every length: the
+// first four characters are kept, a shorter ID is zero-filled.
+struct App_id_case {
+    const char* name;
+    const char* id;
+    const char* description;
+    Bytes record;
+    std::array<char, 5> kept_id;
+};
+
+// A case is shown by its name (CTest names the cases after it).
+void PrintTo(const App_id_case& id_case, std::ostream* out) { *out << id_case.name; }
+
+class ClientRegistrationAppIds : public ClientRegistration, public ::testing::WithParamInterface<App_id_case> {};
+
+TEST_P(ClientRegistrationAppIds, RecordBytesAndKeptRegistration)
 {
     open_without_receiver();
-    ASSERT_TRUE(logferry::register_app("ABCD", "x"));
+    ASSERT_TRUE(logferry::register_app(GetParam().id, GetParam().description));
     const auto queued = queued_priority_records();
     ASSERT_EQ(queued.size(), 1u);
-    EXPECT_EQ(queued[0], (Bytes{3, 0x0A, 0x00, 'A', 'B', 'C', 'D', 0, 'x', 0}));
+    EXPECT_EQ(queued[0], GetParam().record);
     ASSERT_EQ(logferry::registered_application.size(), 1u);
-    EXPECT_EQ(+logferry::registered_application[0].length, 10);
+    const auto& kept = logferry::registered_application[0];
+    EXPECT_EQ(kept.app_id, GetParam().kept_id);
+    EXPECT_EQ(+kept.length, 10);
 }
 
-TEST_F(ClientRegistration, SevenCharacterIdKeepsFirstFour)
-{
-    open_without_receiver();
-    ASSERT_TRUE(logferry::register_app("ABCDEFG", "d"));
-    const auto queued = queued_priority_records();
-    ASSERT_EQ(queued.size(), 1u);
-    EXPECT_EQ(queued[0], (Bytes{3, 10, 0, 'A', 'B', 'C', 'D', 0, 'd', 0}));
-    const auto& kept = logferry::registered_application.at(0);
-    EXPECT_EQ(kept.app_id, (std::array<char, 5>{'A', 'B', 'C', 'D', 0}));
-}
-
-TEST_F(ClientRegistration, TwoCharacterIdIsZeroFilled)
-{
-    open_without_receiver();
-    ASSERT_TRUE(logferry::register_app("AB", "d"));
-    const auto queued = queued_priority_records();
-    ASSERT_EQ(queued.size(), 1u);
-    EXPECT_EQ(queued[0], (Bytes{3, 10, 0, 'A', 'B', 0, 0, 0, 'd', 0}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Characters, ClientRegistrationAppIds,
+    ::testing::Values(
+        App_id_case{"Four", "ABCD", "x", {3, 0x0A, 0x00, 'A', 'B', 'C', 'D', 0, 'x', 0}, {'A', 'B', 'C', 'D', 0}},
+        App_id_case{
+            "SevenKeepFour", "ABCDEFG", "d", {3, 10, 0, 'A', 'B', 'C', 'D', 0, 'd', 0}, {'A', 'B', 'C', 'D', 0}},
+        App_id_case{"TwoAreZeroFilled", "AB", "d", {3, 10, 0, 'A', 'B', 0, 0, 0, 'd', 0}, {'A', 'B', 0, 0, 0}}));
 
 TEST_F(ClientRegistration, LongDescriptionsAreCutTo79Characters)
 {
@@ -341,11 +386,7 @@ TEST_F(ClientRegistration, UnregisterContextRemovesFilterAndRecord)
 
 TEST_F(ClientRegistration, InactiveConnectionQueuesAtOnceWithoutSleeping)
 {
-    Fake_system fake;
-    Scoped_system scoped(&fake);
-    fake.set_time(1000);
-    fake.fake_sleeps(true);
-    open_without_receiver();
+    Fake_system& fake = open_on_fake_clock();
 
     ASSERT_FALSE(logferry::client.is_connection_active());
     EXPECT_TRUE(logferry::register_app("APP1", "application"));
@@ -376,11 +417,7 @@ TEST_F(ClientRegistration, InactiveConnectionDiscardsWhatThePriorityAreaHolds)
 
 TEST_F(ClientRegistration, ActiveConnectionWithEmptyAreaSendsDirectly)
 {
-    Fake_system fake;
-    Scoped_system scoped(&fake);
-    fake.set_time(1000);
-    fake.fake_sleeps(true);
-    open_without_receiver();
+    Fake_system& fake = open_on_fake_clock();
     Daemon_end daemon;
     ASSERT_TRUE(daemon.attached);
     ASSERT_TRUE(logferry::client.is_connection_active());
@@ -399,11 +436,7 @@ TEST_F(ClientRegistration, ActiveConnectionWithEmptyAreaSendsDirectly)
 
 TEST_F(ClientRegistration, BusyAreaIsPolledForOneSecondThenQueued)
 {
-    Fake_system fake;
-    Scoped_system scoped(&fake);
-    fake.set_time(1000);
-    fake.fake_sleeps(true);
-    open_without_receiver();
+    Fake_system& fake = open_on_fake_clock();
     Daemon_end daemon;
     ASSERT_TRUE(daemon.attached);
     const Bytes occupant = app_record("OCC0", "occupant");
@@ -421,21 +454,12 @@ TEST_F(ClientRegistration, BusyAreaIsPolledForOneSecondThenQueued)
 
 TEST_F(ClientRegistration, AreaFreedAfterLastSleepIsUsedByTheLastTest)
 {
-    Fake_system fake;
-    Scoped_system scoped(&fake);
-    fake.set_time(1000);
-    fake.fake_sleeps(true);
-    open_without_receiver();
+    Fake_system& fake = open_on_fake_clock();
     Daemon_end daemon;
     ASSERT_TRUE(logferry::client.push_priority(app_record("OCC0", "occupant")));
 
     // The daemon takes the occupant during the 20th sleep: the 21st test finds the area free.
-    std::atomic<int> sleeps{0};
-    fake.on_call([&](Op op) {
-        if (op == Op::sleep_for_milliseconds && ++sleeps == 20) {
-            daemon.end.pop_priority();
-        }
-    });
+    daemon_takes_at_sleep(daemon, 20);
     const Bytes record = app_record("APP1", "application");
     EXPECT_TRUE(logferry::try_send_priority(record, false));
     fake.on_call(nullptr);
@@ -445,20 +469,11 @@ TEST_F(ClientRegistration, AreaFreedAfterLastSleepIsUsedByTheLastTest)
 
 TEST_F(ClientRegistration, AreaFreedEarlyEndsThePolling)
 {
-    Fake_system fake;
-    Scoped_system scoped(&fake);
-    fake.set_time(1000);
-    fake.fake_sleeps(true);
-    open_without_receiver();
+    Fake_system& fake = open_on_fake_clock();
     Daemon_end daemon;
     ASSERT_TRUE(logferry::client.push_priority(app_record("OCC0", "occupant")));
 
-    std::atomic<int> sleeps{0};
-    fake.on_call([&](Op op) {
-        if (op == Op::sleep_for_milliseconds && ++sleeps == 3) {
-            daemon.end.pop_priority();
-        }
-    });
+    daemon_takes_at_sleep(daemon, 3);
     EXPECT_TRUE(logferry::register_app("APP1", "application"));
     fake.on_call(nullptr);
     EXPECT_EQ(fake.sleeps_ms(), std::vector<unsigned int>(3, 50));
@@ -468,11 +483,7 @@ TEST_F(ClientRegistration, AreaFreedEarlyEndsThePolling)
 
 TEST_F(ClientRegistration, PendingRegistrationRefusesUnforcedSends)
 {
-    Fake_system fake;
-    Scoped_system scoped(&fake);
-    fake.set_time(1000);
-    fake.fake_sleeps(true);
-    open_without_receiver();
+    Fake_system& fake = open_on_fake_clock();
     Daemon_end daemon;
     logferry::pending_registration = true;
 

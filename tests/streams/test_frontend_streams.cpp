@@ -125,31 +125,12 @@ std::uint32_t read_u32(const Bytes& bytes, std::size_t at)
 // The stream key of one record, or -1 for a record that has none.
 long record_key(const Bytes& record)
 {
-    switch (record[0]) {
-    case 7:
-        return read_u32(record, 6);
-    case 8:
-    case 9:
-    case 10:
-    case 11:
-    case 12:
-    case 13:
-    case 18:
-    case 19:
-        return read_u32(record, 1);
-    case 14:
-        return read_u32(record, 3);
-    case 15:
-        return read_u32(record, 4);
-    case 16:
-        return read_u32(record, 6);
-    case 17:
-        return read_u32(record, 10);
-    case 20:
-        return read_u32(record, 3);
-    default:
-        return -1;
-    }
+    // Where the key stands in the records of each kind that has one.
+    static const std::map<unsigned char, std::size_t> key_at = {{7, 6},   {8, 1},  {9, 1},  {10, 1}, {11, 1},
+                                                                {12, 1},  {13, 1}, {14, 3}, {15, 4}, {16, 6},
+                                                                {17, 10}, {18, 1}, {19, 1}, {20, 3}};
+    const auto found = key_at.find(record[0]);
+    return found == key_at.end() ? -1 : static_cast<long>(read_u32(record, found->second));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 // record builders.
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,17 @@ struct Ring_fields {
             }
         }
         return true;
+    }
+    // Whether the ring is back where it started: both indices 0 and every byte zero.
+    ::testing::AssertionResult is_back_at_zero() const
+    {
+        if (read() != 0 || write() != 0) {
+            return ::testing::AssertionFailure() << "read index " << read() << ", write index " << write();
+        }
+        if (!all_zero()) {
+            return ::testing::AssertionFailure() << "bytes left behind in the ring";
+        }
+        return ::testing::AssertionSuccess();
     }
 };
 
@@ -85,6 +97,21 @@ inline std::uint32_t record_number(const Bytes& bytes)
 inline bool is_intact_numbered_record(const Bytes& bytes, unsigned char kind = 10)
 {
     return bytes.size() >= 5 && bytes == numbered_record(record_number(bytes), bytes.size(), kind);
+}
+
+// Runs `check` on an application's end, then on a daemon's end, neither of them initialised.
+inline void for_each_closed_end(const std::function<void(logferry::Logferry_base& end)>& check)
+{
+    {
+        SCOPED_TRACE("the application's end");
+        logferry::Logferry_client application;
+        check(application);
+    }
+    {
+        SCOPED_TRACE("a daemon's end");
+        logferry::Logferry_base daemon;
+        check(daemon);
+    }
 }
 
 // The application's end and a daemon's end of one channel named after the running test.

@@ -92,6 +92,17 @@ void Fake_system::clear_faults()
 
 int Fake_system::calls(Op op) const { return counters_[static_cast<int>(op)].load(); }
 
+std::string Fake_system::calls_made() const
+{
+    std::string made;
+    for (int op = 0; op < OP_COUNT; ++op) {
+        if (const int count = counters_[op].load()) {
+            made += std::string(made.empty() ? "" : ", ") + op_name(static_cast<Op>(op)) + " " + std::to_string(count);
+        }
+    }
+    return made;
+}
+
 void Fake_system::reset_calls()
 {
     for (auto& counter : counters_) {
@@ -267,46 +278,35 @@ int Fake_system::chown(const char* path, int owner, unsigned int group)
 
 #undef LOGFERRY_FAKE_INT
 
-void Fake_system::sleep_for_milliseconds(unsigned int ms)
+bool Fake_system::sleep_handled(Op op, unsigned int ms)
 {
     long ignored = 0;
-    if (intercept(Op::sleep_for_milliseconds, ignored)) {
-        return;
+    if (intercept(op, ignored)) {
+        return true;
     }
-    bool fake = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        fake = fake_sleeps_;
-        if (fake) {
-            sleeps_.push_back(ms);
+        if (!fake_sleeps_) {
+            return false;
         }
+        sleeps_.push_back(ms);
     }
-    if (fake) {
-        advance_ms(ms);
-        return;
+    advance_ms(ms);
+    return true;
+}
+
+void Fake_system::sleep_for_milliseconds(unsigned int ms)
+{
+    if (!sleep_handled(Op::sleep_for_milliseconds, ms)) {
+        System_lib::sleep_for_milliseconds(ms);
     }
-    System_lib::sleep_for_milliseconds(ms);
 }
 
 void Fake_system::sleep_for_seconds(unsigned int s)
 {
-    long ignored = 0;
-    if (intercept(Op::sleep_for_seconds, ignored)) {
-        return;
+    if (!sleep_handled(Op::sleep_for_seconds, s * 1000U)) {
+        System_lib::sleep_for_seconds(s);
     }
-    bool fake = false;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        fake = fake_sleeps_;
-        if (fake) {
-            sleeps_.push_back(s * 1000U);
-        }
-    }
-    if (fake) {
-        advance_ms(s * 1000U);
-        return;
-    }
-    System_lib::sleep_for_seconds(s);
 }
 
 Scoped_system::Scoped_system(logferry::System_lib* system) : previous_(logferry::sys) { logferry::sys = system; }

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "logferry/system.hpp"
@@ -60,6 +61,9 @@ public:
     void fail(Op op, long result, int error, int times = 1, int skip = 0);
     void clear_faults();
     int calls(Op op) const;
+    // The operations called since the last reset with their counts ("open 1, close 2"), ""
+    // when there were none.
+    std::string calls_made() const;
     void reset_calls();
 
     // A fake monotonic clock: clock_gettime then returns this time instead of the real one.
@@ -112,6 +116,10 @@ private:
     };
     // Counts the call and tells whether it is to fail (then `result` and errno are set).
     bool intercept(Op op, long& result);
+    // A sleep of `ms` milliseconds as `op`: counted, ended at once by a fault, and with fake
+    // sleeps on recorded and moving the fake clock. Whether it is over (else it is the real
+    // system's to sleep).
+    bool sleep_handled(Op op, unsigned int ms);
 
     mutable std::mutex mutex_;
     std::array<std::atomic<int>, OP_COUNT> counters_;

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <thread>
 
@@ -19,6 +20,8 @@ std::string unique_id(const std::string& suffix, std::size_t max_length)
     if (const auto* info = ::testing::UnitTest::GetInstance()->current_test_info()) {
         test = info->name();
     }
+    // A parameterised test's name ends in "/<case>": no slash may reach a file or object name.
+    std::replace(test.begin(), test.end(), '/', '_');
     std::string id = std::to_string(::getpid()) + "-";
     std::string tail = suffix.empty() ? std::string() : "-" + suffix;
     std::size_t room = max_length > id.size() + tail.size() ? max_length - id.size() - tail.size() : 0;
@@ -38,6 +41,32 @@ std::string capture_stdout(const std::function<void()>& action)
     ::testing::internal::CaptureStdout();
     action();
     return ::testing::internal::GetCapturedStdout();
+}
+
+namespace {
+
+::testing::AssertionResult returns_saying(bool expected, const std::string& output, const std::function<bool()>& action)
+{
+    bool result = !expected;
+    const std::string said = capture_stderr([&] { result = action(); });
+    if (result == expected && said == output) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << "returned " << (result ? "true" : "false") << " and wrote \"" << said
+                                         << "\"; expected " << (expected ? "true" : "false") << " and \"" << output
+                                         << "\"";
+}
+
+}  // namespace
+
+::testing::AssertionResult fails_saying(const std::string& output, const std::function<bool()>& action)
+{
+    return returns_saying(false, output, action);
+}
+
+::testing::AssertionResult succeeds_saying(const std::string& output, const std::function<bool()>& action)
+{
+    return returns_saying(true, output, action);
 }
 
 int count_open_fds()

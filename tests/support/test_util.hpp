@@ -6,18 +6,25 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 namespace logferry_test {
 
 // A record, a message or a stretch of shared memory, byte by byte.
 using Bytes = std::vector<unsigned char>;
 
 // A name unique to this process and the running test ("<pid>-<TestName>-<suffix>", at most
-// `max_length` characters), for shared-memory objects and files.
+// `max_length` characters, a slash in the test's name turned into "_"), for shared-memory
+// objects and files.
 std::string unique_id(const std::string& suffix = "", std::size_t max_length = 40);
 
 // Runs `action` and returns what it wrote to the standard error (or output) stream.
 std::string capture_stderr(const std::function<void()>& action);
 std::string capture_stdout(const std::function<void()>& action);
+// Whether `action` returns false (or true) and writes exactly `output` to the standard error
+// stream meanwhile; the failure message tells what it returned and wrote.
+::testing::AssertionResult fails_saying(const std::string& output, const std::function<bool()>& action);
+::testing::AssertionResult succeeds_saying(const std::string& output, const std::function<bool()>& action);
 
 // Open descriptors of this process, and mappings of a file under /dev/shm.
 int count_open_fds();

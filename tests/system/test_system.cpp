@@ -10,7 +10,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -152,45 +154,44 @@ TEST(System, ForwardersReturnTheSystemsResultsUnchanged)
 // ---------------------------------------------------------------------------------------
 // Sleeps
 
-TEST(System, ZeroSleepsMakeNoSystemCall)
+// The nanosleep requests (seconds, nanoseconds) that `sleep` makes.
+using Requests = std::vector<std::pair<long, long>>;
+Requests requests_of(const std::function<void()>& sleep)
 {
     take_nanosleep_requests();
-    logferry::sys->sleep_for_milliseconds(0);
-    logferry::sys->sleep_for_seconds(0);
-    EXPECT_TRUE(take_nanosleep_requests().empty());
+    sleep();
+    Requests requests;
+    for (const timespec& request : take_nanosleep_requests()) {
+        requests.emplace_back(request.tv_sec, request.tv_nsec);
+    }
+    return requests;
+}
+
+TEST(System, ZeroSleepsMakeNoSystemCall)
+{
+    EXPECT_TRUE(requests_of([] {
+                    logferry::sys->sleep_for_milliseconds(0);
+                    logferry::sys->sleep_for_seconds(0);
+                }).empty());
 }
 
 TEST(System, MillisecondSleepSplitsSecondsAndNanoseconds)
 {
-    take_nanosleep_requests();
-    logferry::sys->sleep_for_milliseconds(1500);
-    const auto requests = take_nanosleep_requests();
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].tv_sec, 1);
-    EXPECT_EQ(requests[0].tv_nsec, 500000000L);
+    EXPECT_EQ(requests_of([] { logferry::sys->sleep_for_milliseconds(1500); }), (Requests{{1, 500000000L}}));
 }
 
 TEST(System, SecondSleepRequestsWholeSeconds)
 {
-    take_nanosleep_requests();
-    logferry::sys->sleep_for_seconds(1);
-    const auto requests = take_nanosleep_requests();
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].tv_sec, 1);
-    EXPECT_EQ(requests[0].tv_nsec, 0);
+    EXPECT_EQ(requests_of([] { logferry::sys->sleep_for_seconds(1); }), (Requests{{1, 0}}));
 }
 
 TEST(System, InterruptedSleepResumesWithTheRemainingTime)
 {
-    take_nanosleep_requests();
-    logferry_test::interrupt_nanosleeps(1);
-    logferry::sys->sleep_for_milliseconds(40);
-    const auto requests = take_nanosleep_requests();
-    ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(requests[0].tv_sec, 0);
-    EXPECT_EQ(requests[0].tv_nsec, 40000000L);
-    EXPECT_EQ(requests[1].tv_sec, 0);
-    EXPECT_EQ(requests[1].tv_nsec, 20000000L);
+    EXPECT_EQ(requests_of([] {
+                  logferry_test::interrupt_nanosleeps(1);
+                  logferry::sys->sleep_for_milliseconds(40);
+              }),
+              (Requests{{0, 40000000L}, {0, 20000000L}}));
 }
 
 namespace {

@@ -71,8 +71,8 @@ bool pending_queue_size_is(std::size_t size)
 }
 
 // Registers the application and two contexts, asks for local printing, and logs ten
-// messages; checks that the peer got everything in order, byte for byte.
-void register_and_log_and_check(Daemon_peer& peer)
+// messages.
+void register_and_log()
 {
     ASSERT_TRUE(logferry::register_app("APP1", "end to end"));
     ASSERT_TRUE(logferry::register_context(1, "CTX1", "first", 4));
@@ -81,8 +81,14 @@ void register_and_log_and_check(Daemon_peer& peer)
     for (std::int32_t i = 0; i < 10; ++i) {
         log_numbered(i % 2 == 0 ? 1 : 2, 100 + i, i * 7);
     }
-    ASSERT_TRUE(wait_until([&] { return payloads(peer, "ring ").size() >= 10; }, std::chrono::milliseconds(10000)));
+}
 
+// The peer got everything register_and_log sent, in order and byte for byte: the records of
+// the priority area, then the ten messages, the ordinary ring opened only after every
+// registration had been taken.
+void expect_registered_and_logged(Daemon_peer& peer)
+{
+    ASSERT_TRUE(wait_until([&] { return payloads(peer, "ring ").size() >= 10; }, std::chrono::milliseconds(10000)));
     const Bytes expected_priority =
         joined({app_record(), context_record(1, "CTX1", "first", 4), bytes_of(logferry::Logferry_enable_local_print{}),
                 context_record(2, "CTX2", "second", 3)});
@@ -97,8 +103,30 @@ void register_and_log_and_check(Daemon_peer& peer)
         expected_ring.push_back(expected_message(i % 2 == 0 ? 1 : 2, 100 + i, i * 7));
     }
     EXPECT_EQ(masked_ring(peer), expected_ring);
-    // The ordinary ring opened only after every registration had been taken.
     EXPECT_LT(index_of_last(peer, "priority "), peer.wait_for("ring "));
+}
+
+// Brings the library up, and whether `peer` then attached its channel.
+::testing::AssertionResult library_attached_to(Daemon_peer& peer)
+{
+    logferry::init();
+    if (peer.wait_for("attach " + logferry::client.get_filename()) < 0) {
+        return ::testing::AssertionFailure() << "the peer did not attach " << logferry::client.get_filename();
+    }
+    return ::testing::AssertionSuccess();
+}
+
+// Registers the application APP1 (and, `with_context`, its context CTX1 of handle 1 at level
+// info), and whether `peer` then took every record.
+::testing::AssertionResult registered_at(Daemon_peer& peer, bool with_context)
+{
+    const bool registered = logferry::register_app("APP1", "end to end") &&
+                            (!with_context || logferry::register_context(1, "CTX1", "first", 4));
+    const std::size_t records = with_context ? 2 : 1;
+    if (!registered || !wait_until([&] { return peer.lines_with("priority ").size() == records; })) {
+        return ::testing::AssertionFailure() << "the peer did not take the registrations";
+    }
+    return ::testing::AssertionSuccess();
 }
 
 }  // namespace
@@ -108,49 +136,29 @@ class EndToEnd : public End_to_end_test {};
 TEST_F(EndToEnd, DaemonFirstThenApplication)
 {
     Daemon_peer& peer = start_peer();
-    logferry::init();
-    ASSERT_GE(peer.wait_for("attach " + logferry::client.get_filename()), 0);
-    register_and_log_and_check(peer);
+    ASSERT_TRUE(library_attached_to(peer));
+    register_and_log();
+    expect_registered_and_logged(peer);
 }
 
 TEST_F(EndToEnd, ApplicationFirstThenDaemon)
 {
     logferry::init();
-    ASSERT_TRUE(logferry::register_app("APP1", "end to end"));
-    ASSERT_TRUE(logferry::register_context(1, "CTX1", "first", 4));
-    ASSERT_TRUE(logferry::enable_local_print());
-    ASSERT_TRUE(logferry::register_context(2, "CTX2", "second", 3));
+    register_and_log();
     EXPECT_TRUE(pending_queue_size_is(4));  // nobody to send to: all queued, in order
-    for (std::int32_t i = 0; i < 10; ++i) {
-        log_numbered(i % 2 == 0 ? 1 : 2, 100 + i, i * 7);
-    }
     EXPECT_TRUE(logferry::client.is_client_buffer_locked());
 
     Daemon_peer& peer = start_peer();
     ASSERT_GE(peer.wait_for("attach " + logferry::client.get_filename()), 0);
-    ASSERT_TRUE(wait_until([&] { return payloads(peer, "ring ").size() >= 10; }, std::chrono::milliseconds(10000)));
-    std::string priority;
-    for (const std::string& part : payloads(peer, "priority ")) {
-        priority += part;
-    }
-    EXPECT_EQ(priority, hex_of(joined({app_record(), context_record(1, "CTX1", "first", 4),
-                                       bytes_of(logferry::Logferry_enable_local_print{}),
-                                       context_record(2, "CTX2", "second", 3)})));
+    expect_registered_and_logged(peer);
     EXPECT_EQ(payloads(peer, "priority ").size(), 4u);  // one record per read: never overtaken
-    std::vector<std::string> expected_ring;
-    for (std::int32_t i = 0; i < 10; ++i) {
-        expected_ring.push_back(expected_message(i % 2 == 0 ? 1 : 2, 100 + i, i * 7));
-    }
-    EXPECT_EQ(masked_ring(peer), expected_ring);
-    EXPECT_LT(index_of_last(peer, "priority "), peer.wait_for("ring "));
     EXPECT_TRUE(pending_queue_size_is(0));
 }
 
 TEST_F(EndToEnd, AnnouncementIsWithdrawnOnceTheDaemonAttached)
 {
     Daemon_peer& peer = start_peer();
-    logferry::init();
-    ASSERT_GE(peer.wait_for("attach " + logferry::client.get_filename()), 0);
+    ASSERT_TRUE(library_attached_to(peer));
     logferry::Logferry_listener probe(false);
     probe.lock_listener_name = logferry::listener.lock_listener_name;
     ASSERT_TRUE(probe.init());
@@ -161,11 +169,8 @@ TEST_F(EndToEnd, AnnouncementIsWithdrawnOnceTheDaemonAttached)
 TEST_F(EndToEnd, LevelUpdatesChangeTheFiltersOfKnownContextsOnly)
 {
     Daemon_peer& peer = start_peer();
-    logferry::init();
-    ASSERT_GE(peer.wait_for("attach "), 0);
-    ASSERT_TRUE(logferry::register_app("APP1", "end to end"));
-    ASSERT_TRUE(logferry::register_context(1, "CTX1", "first", 4));
-    ASSERT_TRUE(wait_until([&] { return peer.lines_with("priority ").size() == 2; }));
+    ASSERT_TRUE(library_attached_to(peer));
+    ASSERT_TRUE(registered_at(peer, true));
     EXPECT_TRUE(logferry::is_log_level_enabled(1, 4));
     EXPECT_FALSE(logferry::is_log_level_enabled(1, 5));
 
@@ -189,11 +194,8 @@ TEST_F(EndToEnd, LevelUpdatesChangeTheFiltersOfKnownContextsOnly)
 TEST_F(EndToEnd, ConsoleTextIsPrintedExactlyAsSent)
 {
     Daemon_peer& peer = start_peer();
-    logferry::init();
-    ASSERT_GE(peer.wait_for("attach "), 0);
-    ASSERT_TRUE(logferry::register_app("APP1", "end to end"));
-    ASSERT_TRUE(logferry::register_context(1, "CTX1", "first", 4));
-    ASSERT_TRUE(wait_until([&] { return peer.lines_with("priority ").size() == 2; }));
+    ASSERT_TRUE(library_attached_to(peer));
+    ASSERT_TRUE(registered_at(peer, true));
 
     ::testing::internal::CaptureStdout();
     peer.send("text hello");
@@ -209,8 +211,7 @@ TEST_F(EndToEnd, ConsoleTextIsPrintedExactlyAsSent)
 TEST_F(EndToEnd, DaemonKilledAndBackGetsTheReplayBeforeQueuedRecords)
 {
     Daemon_peer& first = start_peer();
-    logferry::init();
-    ASSERT_GE(first.wait_for("attach "), 0);
+    ASSERT_TRUE(library_attached_to(first));
     ASSERT_TRUE(logferry::register_app("APP1", "end to end"));
     ASSERT_TRUE(logferry::register_context(1, "CTX1", "first", 4));
     ASSERT_TRUE(logferry::register_context(2, "CTX2", "second", 3));
@@ -256,10 +257,8 @@ TEST_F(EndToEnd, DaemonKilledAndBackGetsTheReplayBeforeQueuedRecords)
 TEST_F(EndToEnd, DaemonLeavingCleanlyIsNoticedWithinAboutASecond)
 {
     Daemon_peer& peer = start_peer();
-    logferry::init();
-    ASSERT_GE(peer.wait_for("attach "), 0);
-    ASSERT_TRUE(logferry::register_app("APP1", "end to end"));
-    ASSERT_TRUE(logferry::register_context(1, "CTX1", "first", 4));
+    ASSERT_TRUE(library_attached_to(peer));
+    ASSERT_TRUE(registered_at(peer, true));
     ASSERT_TRUE(wait_until([] { return !logferry::client.is_client_buffer_locked(); }));
     peer.send("leave");
     ASSERT_GE(peer.wait_for("left"), 0);
@@ -270,10 +269,8 @@ TEST_F(EndToEnd, DaemonLeavingCleanlyIsNoticedWithinAboutASecond)
 TEST_F(EndToEnd, QueuedRecordsEnterThePriorityAreaOneAtATimeInOrder)
 {
     Daemon_peer& peer = start_peer();
-    logferry::init();
-    ASSERT_GE(peer.wait_for("attach "), 0);
-    ASSERT_TRUE(logferry::register_app("APP1", "end to end"));
-    ASSERT_TRUE(wait_until([&] { return peer.lines_with("priority ").size() == 1; }));
+    ASSERT_TRUE(library_attached_to(peer));
+    ASSERT_TRUE(registered_at(peer, false));
     peer.send("hold");
     ASSERT_GE(peer.wait_for("done hold"), 0);
     const std::vector<Bytes> queued = {bytes_of(logferry::Logferry_disable_remote{}),
@@ -300,8 +297,7 @@ TEST_F(EndToEnd, QueuedRecordsEnterThePriorityAreaOneAtATimeInOrder)
 TEST_F(EndToEnd, WithoutAContextTheOrdinaryRingStaysClosed)
 {
     Daemon_peer& peer = start_peer();
-    logferry::init();
-    ASSERT_GE(peer.wait_for("attach "), 0);
+    ASSERT_TRUE(library_attached_to(peer));
     ASSERT_TRUE(logferry::register_app("APP1", "end to end"));
     logferry::disable_remote();
     // The application's messages need a context to be logged; a pushed unit stands in.
@@ -358,10 +354,8 @@ TEST_F(EndToEnd, ExitWithoutADaemonForcesQueuedRecordsBehindWhatTheAreaHolds)
 TEST_F(EndToEnd, ExitWithTheDaemonAttachedReturnsPromptly)
 {
     Daemon_peer& peer = start_peer();
-    logferry::init();
-    ASSERT_GE(peer.wait_for("attach "), 0);
-    ASSERT_TRUE(logferry::register_app("APP1", "end to end"));
-    ASSERT_TRUE(wait_until([&] { return peer.lines_with("priority ").size() == 1; }));
+    ASSERT_TRUE(library_attached_to(peer));
+    ASSERT_TRUE(registered_at(peer, false));
     const auto start = std::chrono::steady_clock::now();
     logferry::exit();
     const auto took = std::chrono::steady_clock::now() - start;

@@ -557,6 +557,13 @@ int sweep(const std::vector<Op>& calls, const std::vector<Row>& table,
     return pairs;
 }
 
+// logferry::exit as a path of the sweep (it has no result: it always ends).
+bool exit_library()
+{
+    logferry::exit();
+    return true;
+}
+
 void report_pairs(const char* path, int pairs, int minimum, const std::vector<Op>& calls)
 {
     std::string made;
@@ -567,6 +574,59 @@ void report_pairs(const char* path, int pairs, int minimum, const std::vector<Op
     std::fflush(stdout);
     ::testing::Test::RecordProperty("fault_pairs", pairs);
     EXPECT_GE(pairs, minimum);
+}
+
+// Runs `path` once without faults and records the calls it makes through the system seam into
+// `calls`: the path must succeed and say nothing.
+void record_calls(Sweep_system& system, std::vector<Op>& calls, const std::function<bool()>& path)
+{
+    system.start_recording();
+    bool succeeded = false;
+    const std::string output = capture_stderr([&] { succeeded = path(); });
+    calls = system.stop_recording();
+    ASSERT_TRUE(succeeded) << "the path fails without faults";
+    ASSERT_EQ(output, "") << "the path is not clean without faults (is the group settable here?)";
+}
+
+// Runs `action` with the `occurrence`th call of `op` failing once as `row` says (the calls are
+// counted from its start): the call must be made, and the standard error stream must get
+// exactly the row's message, "{name}" standing for `name`.
+void run_with_fault(Sweep_system& system, Op op, int occurrence, const Row& row, const std::string& name,
+                    const std::function<void()>& action)
+{
+    system.inject(op, occurrence, row.failure);
+    system.reset_calls();
+    const std::string output = capture_stderr(action);
+    EXPECT_TRUE(system.clear()) << "the call was not made";
+    EXPECT_EQ(output, expected_message(row, name));
+}
+
+// Runs the `init` of `end` (a channel's or a listener's) with the fault of `row`: its result,
+// whether it is open and whether it holds a mapping are what the row says.
+template <typename End>
+void init_with_fault(Sweep_system& system, Op op, int occurrence, const Row& row, const std::string& name, End& end)
+{
+    bool result = !row.succeeds;
+    run_with_fault(system, op, occurrence, row, name, [&] { result = end.init(); });
+    EXPECT_EQ(result, row.succeeds);
+    EXPECT_EQ(end.is_initialized(), row.succeeds);
+    EXPECT_EQ(static_cast<void*>(end.segment) == MAP_FAILED, !row.succeeds);
+}
+
+// The next attempt of `path`: it succeeds and says nothing.
+void expect_clean_success(const std::function<bool()>& path)
+{
+    EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(path()); }), "");
+}
+
+// A row whose failure switches the listener to the lock file under /tmp: it did, and the test
+// puts the run-state directory's lock file back (the switch is for good by design).
+void expect_fallback_then_undo(const Row& row, std::string& lock_listener_name, const std::string& lock_path)
+{
+    if ((row.residue & FALLBACK) != 0) {
+        EXPECT_EQ(lock_listener_name, FALLBACK_LOCK_FILE);
+        lock_listener_name = lock_path;
+    }
 }
 
 // ---------------------------------------------------------------------------------------
@@ -584,6 +644,10 @@ protected:
 
     void TearDown() override
     {
+        if (parked_) {
+            system_->set_parking(false);
+            reset_front_end();
+        }
         installed_.reset();
         system_.reset();
         stop_daemon();
@@ -651,48 +715,52 @@ protected:
         return found;
     }
 
-    // The sweep's system with fake sleeps at which the receiver thread parks, the front end
-    // as at load time and the channel named after `identifier`; returns the channel's name.
-    std::string install_parked(const char* identifier)
+    // The sweep's system with fake sleeps at which the receiver thread parks (until the test
+    // ends), the front end as at load time and the channel named after `identifier`: its name
+    // is name_, and fds_ the descriptors open now.
+    Sweep_system& install_parked(const char* identifier)
     {
         start_daemon();
         Sweep_system& system = install();
         system.fake_sleeps(true);
         system.set_parking(true);
+        parked_ = true;
         reset_front_end();
         logferry::set_app_identifier(identifier);
-        return "/logferry-" + logferry::client.app_identifier;
-    }
-
-    void uninstall_parked()
-    {
-        system_->set_parking(false);
-        reset_front_end();
+        name_ = "/logferry-" + logferry::client.app_identifier;
+        fds_ = count_open_fds();
+        return system;
     }
 
     // Brings the library up with the receiver thread parked after its first pass: channel
     // open and announced, no daemon attached to it (the thread keeps to its inactive branch).
-    void bring_up_parked(Sweep_system& system, const std::string& name)
+    void bring_up_parked()
     {
-        const int parked = system.parks();
+        const int parked = system_->parks();
         logferry::init();
-        ASSERT_TRUE(system.wait_parks(parked + 1)) << "the receiver thread did not come to rest";
+        ASSERT_TRUE(system_->wait_parks(parked + 1)) << "the receiver thread did not come to rest";
         ASSERT_TRUE(logferry::client.is_initialized());
         ASSERT_TRUE(logferry::listener.is_initialized());
-        ASSERT_TRUE(announced(name));
+        ASSERT_TRUE(announced(name_));
     }
 
     // The parked thread's next pass announces the channel (again); then the library closes
     // and leaves nothing behind.
-    void next_pass_announces_then_exit(Sweep_system& system, const std::string& name, int fds)
+    void next_pass_announces_then_exit()
     {
         wipe_listener_list();
-        EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(system.run_one_pass()); }), "");
-        EXPECT_TRUE(announced(name));
+        EXPECT_EQ(capture_stderr([&] { EXPECT_TRUE(system_->run_one_pass()); }), "");
+        EXPECT_TRUE(announced(name_));
         EXPECT_TRUE(logferry::listener.is_initialized());
-        EXPECT_EQ(system.sleeps_ms().back(), 50u);
+        EXPECT_EQ(system_->sleeps_ms().back(), 50u);
         EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
+        exit_leaves_nothing(name_, fds_);
+    }
 
+    // The library, its channel `name` announced, closes and leaves nothing behind: no object,
+    // no mapping, no descriptor beyond the `fds` open before.
+    void exit_leaves_nothing(const std::string& name, int fds)
+    {
         wipe_listener_list();
         logferry::exit();
         EXPECT_FALSE(shm_exists(name));
@@ -704,8 +772,12 @@ protected:
     std::unique_ptr<Runstate_dir> runstate_;
     std::unique_ptr<Sweep_system> system_;
     std::unique_ptr<Scoped_system> installed_;
+    // With install_parked: the channel's name and the descriptors open before it was made.
+    std::string name_;
+    int fds_ = 0;
 
 private:
+    bool parked_ = false;
     std::unique_ptr<Scoped_value<std::string>> lock_name_;
     logferry_test::Listener_daemon_child daemon_;
 };
@@ -725,25 +797,14 @@ TEST_F(FaultSweep, ChannelInit)
     {
         logferry::Logferry_client channel;
         channel.set_app_identifier(identifier);
-        system.start_recording();
-        const std::string output = capture_stderr([&] { ASSERT_TRUE(channel.init()); });
-        calls = system.stop_recording();
-        ASSERT_EQ(output, "") << "the path is not clean without faults (is the group settable here?)";
+        ASSERT_NO_FATAL_FAILURE(record_calls(system, calls, [&] { return channel.init(); }));
         channel.uninit();
     }
 
     const int pairs = sweep(calls, channel_init_rows(), [&](Op op, int occurrence, const Row& row) {
         logferry::Logferry_client channel;
         channel.set_app_identifier(identifier);
-        system.inject(op, occurrence, row.failure);
-        system.reset_calls();
-        bool result = !row.succeeds;
-        const std::string output = capture_stderr([&] { result = channel.init(); });
-        EXPECT_TRUE(system.clear()) << "the call was not made";
-        EXPECT_EQ(result, row.succeeds);
-        EXPECT_EQ(output, expected_message(row, name));
-        EXPECT_EQ(channel.is_initialized(), row.succeeds);
-        EXPECT_EQ(static_cast<void*>(channel.segment) == MAP_FAILED, !row.succeeds);
+        init_with_fault(system, op, occurrence, row, name, channel);
         if (!row.succeeds) {
             // Whatever was mapped is unmapped again.
             EXPECT_EQ(system.calls(Op::mmap), system.calls(Op::munmap) + (op == Op::mmap ? 1 : 0));
@@ -760,8 +821,7 @@ TEST_F(FaultSweep, ChannelInit)
         }
 
         // The next attempt works and cleans up.
-        const std::string again = capture_stderr([&] { EXPECT_TRUE(channel.init()); });
-        EXPECT_EQ(again, "");
+        expect_clean_success([&] { return channel.init(); });
         EXPECT_TRUE(channel.is_initialized());
         EXPECT_EQ(channel.segment->client_buffer_locked, 1);
         EXPECT_EQ(count_mappings(name), 1);
@@ -782,10 +842,7 @@ TEST_F(FaultSweep, DaemonListenerInit)
     {
         logferry::Logferry_listener daemon(true);
         ASSERT_EQ(daemon.lock_listener_name, lock_path());
-        system.start_recording();
-        const std::string output = capture_stderr([&] { ASSERT_TRUE(daemon.init()); });
-        calls = system.stop_recording();
-        ASSERT_EQ(output, "");
+        ASSERT_NO_FATAL_FAILURE(record_calls(system, calls, [&] { return daemon.init(); }));
         daemon.uninit();
     }
     ASSERT_EQ(count_open_fds(), fds);
@@ -793,15 +850,7 @@ TEST_F(FaultSweep, DaemonListenerInit)
     const int pairs = sweep(calls, listener_daemon_rows(), [&](Op op, int occurrence, const Row& row) {
         {
             logferry::Logferry_listener daemon(true);
-            system.inject(op, occurrence, row.failure);
-            system.reset_calls();
-            bool result = !row.succeeds;
-            const std::string output = capture_stderr([&] { result = daemon.init(); });
-            EXPECT_TRUE(system.clear()) << "the call was not made";
-            EXPECT_EQ(result, row.succeeds);
-            EXPECT_EQ(output, expected_message(row, LISTENER_SEGMENT));
-            EXPECT_EQ(daemon.is_initialized(), row.succeeds);
-            EXPECT_EQ(static_cast<void*>(daemon.segment) == MAP_FAILED, !row.succeeds);
+            init_with_fault(system, op, occurrence, row, LISTENER_SEGMENT, daemon);
             EXPECT_EQ(count_mappings(LISTENER_SEGMENT), row.succeeds ? 1 : 0);
             expect_calls(system, row);
             if (is_mutex_setup(op)) {
@@ -827,8 +876,7 @@ TEST_F(FaultSweep, DaemonListenerInit)
             }
 
             // The next attempt on the same object works: a fresh segment, the lock held.
-            const std::string again = capture_stderr([&] { EXPECT_TRUE(daemon.init()); });
-            EXPECT_EQ(again, "");
+            expect_clean_success([&] { return daemon.init(); });
             EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
             EXPECT_TRUE(entries_and_indices_zero(daemon.segment));
             EXPECT_TRUE(lock_held_by_other_process(daemon.lock_file));
@@ -854,39 +902,24 @@ TEST_F(FaultSweep, ApplicationListenerInit)
     std::vector<Op> calls;
     {
         logferry::Logferry_listener application(false);
-        system.start_recording();
-        const std::string output = capture_stderr([&] { ASSERT_TRUE(application.init()); });
-        calls = system.stop_recording();
-        ASSERT_EQ(output, "");
+        ASSERT_NO_FATAL_FAILURE(record_calls(system, calls, [&] { return application.init(); }));
         application.uninit();
     }
 
     const int pairs = sweep(calls, listener_application_rows(0, 0, 0), [&](Op op, int occurrence, const Row& row) {
         logferry::Logferry_listener application(false);
-        system.inject(op, occurrence, row.failure);
-        system.reset_calls();
-        bool result = !row.succeeds;
-        const std::string output = capture_stderr([&] { result = application.init(); });
-        EXPECT_TRUE(system.clear()) << "the call was not made";
-        EXPECT_EQ(result, row.succeeds);
-        EXPECT_EQ(output, expected_message(row, LISTENER_SEGMENT));
-        EXPECT_EQ(application.is_initialized(), row.succeeds);
-        EXPECT_EQ(static_cast<void*>(application.segment) == MAP_FAILED, !row.succeeds);
+        init_with_fault(system, op, occurrence, row, LISTENER_SEGMENT, application);
         expect_calls(system, row);
         EXPECT_EQ(application.lock_file.fd, -1);
         EXPECT_EQ(application.proxy_watchdogs, nullptr);  // the daemon's alone
         EXPECT_EQ(count_mappings(LISTENER_SEGMENT), row.succeeds ? 1 : 0);
         EXPECT_EQ(count_open_fds(), fds);           // the application never keeps a descriptor
         EXPECT_TRUE(shm_exists(LISTENER_SEGMENT));  // the daemon's; an application never removes it
-        if ((row.residue & FALLBACK) != 0) {
-            EXPECT_EQ(application.lock_listener_name, FALLBACK_LOCK_FILE);
-            application.lock_listener_name = lock_path();  // the switch is for good by design
-        }
+        expect_fallback_then_undo(row, application.lock_listener_name, lock_path());
         application.uninit();
         EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
 
-        const std::string again = capture_stderr([&] { EXPECT_TRUE(application.init()); });
-        EXPECT_EQ(again, "");
+        expect_clean_success([&] { return application.init(); });
         EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 1);
         application.uninit();
         EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
@@ -905,10 +938,7 @@ TEST_F(FaultSweep, ConnectStep)
 
     std::vector<Op> calls;
     {
-        system.start_recording();
-        const std::string output = capture_stderr([&] { ASSERT_TRUE(logferry::connect_channel()); });
-        calls = system.stop_recording();
-        ASSERT_EQ(output, "");
+        ASSERT_NO_FATAL_FAILURE(record_calls(system, calls, logferry::connect_channel));
         ASSERT_EQ(logferry::client.get_filename(), name);
         ASSERT_TRUE(announced(name));
         wipe_listener_list();
@@ -924,12 +954,9 @@ TEST_F(FaultSweep, ConnectStep)
 
     const int pairs = sweep(calls, table, [&](Op op, int occurrence, const Row& row) {
         const std::string part = row.part;
-        system.inject(op, occurrence, row.failure);
         bool result = !row.succeeds;
-        const std::string output = capture_stderr([&] { result = logferry::connect_channel(); });
-        EXPECT_TRUE(system.clear()) << "the call was not made";
+        run_with_fault(system, op, occurrence, row, name, [&] { result = logferry::connect_channel(); });
         EXPECT_EQ(result, row.succeeds);
-        EXPECT_EQ(output, expected_message(row, name));
         const bool channel_open = part != "channel init" || row.succeeds;
         const bool listener_open = part == "announcement" || row.succeeds;
         EXPECT_EQ(logferry::client.is_initialized(), channel_open);
@@ -938,10 +965,7 @@ TEST_F(FaultSweep, ConnectStep)
         EXPECT_EQ(count_mappings(LISTENER_SEGMENT), listener_open ? 1 : 0);
         EXPECT_EQ(announced(name), row.succeeds);
         EXPECT_EQ(count_open_fds(), fds);
-        if ((row.residue & FALLBACK) != 0) {
-            EXPECT_EQ(logferry::listener.lock_listener_name, FALLBACK_LOCK_FILE);
-            logferry::listener.lock_listener_name = lock_path();  // the switch is for good by design
-        }
+        expect_fallback_then_undo(row, logferry::listener.lock_listener_name, lock_path());
         wipe_listener_list();
 
         logferry::exit();
@@ -951,15 +975,9 @@ TEST_F(FaultSweep, ConnectStep)
         EXPECT_EQ(count_open_fds(), fds);
 
         // The next attempt works.
-        const std::string again = capture_stderr([&] { EXPECT_TRUE(logferry::connect_channel()); });
-        EXPECT_EQ(again, "");
+        expect_clean_success(logferry::connect_channel);
         EXPECT_TRUE(announced(name));
-        wipe_listener_list();
-        logferry::exit();
-        EXPECT_FALSE(shm_exists(name));
-        EXPECT_EQ(count_mappings(name), 0);
-        EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
-        EXPECT_EQ(count_open_fds(), fds);
+        exit_leaves_nothing(name, fds);
     });
     report_pairs("logferry::connect_channel", pairs, 45, calls);
     reset_front_end();
@@ -996,17 +1014,16 @@ TEST_F(FaultSweep, ChannelPushAndPop)
         EXPECT_EQ(daemon.pop_priority(), registration);
     };
 
-    system.start_recording();
-    ASSERT_EQ(capture_stderr(traffic), "");
-    const std::vector<Op> calls = system.stop_recording();
+    std::vector<Op> calls;
+    ASSERT_NO_FATAL_FAILURE(record_calls(system, calls, [&] {
+        traffic();
+        return true;
+    }));
 
     std::vector<Row> table;
     add_lock_rows(table, "rings and priority area", -1);
     const int pairs = sweep(calls, table, [&](Op op, int occurrence, const Row& row) {
-        system.inject(op, occurrence, row.failure);
-        const std::string output = capture_stderr(traffic);
-        EXPECT_TRUE(system.clear()) << "the call was not made";
-        EXPECT_EQ(output, expected_message(row, name));
+        run_with_fault(system, op, occurrence, row, name, traffic);
         EXPECT_EQ(count_open_fds(), fds);
         EXPECT_EQ(count_mappings(name), 2);
         // Every lock is free again, and the channel works as before.
@@ -1027,21 +1044,16 @@ TEST_F(FaultSweep, ChannelPushAndPop)
 // a time.
 TEST_F(FaultSweep, ReceiverThreadReconnect)
 {
-    const std::string name = install_parked("SWR");
-    Sweep_system& system = *system_;
-    const int fds = count_open_fds();
-
-    bring_up_parked(system, name);
+    Sweep_system& system = install_parked("SWR");
+    bring_up_parked();
     wipe_listener_list();
-    system.start_recording();
-    std::string output = capture_stderr([&] { ASSERT_TRUE(system.run_one_pass()); });
-    const std::vector<Op> calls = system.stop_recording();
-    ASSERT_EQ(output, "");
-    ASSERT_TRUE(announced(name));
+    std::vector<Op> calls;
+    ASSERT_NO_FATAL_FAILURE(record_calls(system, calls, [&] { return system.run_one_pass(); }));
+    ASSERT_TRUE(announced(name_));
     ASSERT_EQ(system.sleeps_ms().back(), 50u);
     wipe_listener_list();
     logferry::exit();
-    ASSERT_EQ(count_open_fds(), fds);
+    ASSERT_EQ(count_open_fds(), fds_);
 
     std::vector<Row> table = {
         {"connection check", Op::clock_gettime, 0, {-1, EINVAL}, true, GETTIME, NO_RESIDUE},
@@ -1053,35 +1065,28 @@ TEST_F(FaultSweep, ReceiverThreadReconnect)
     add_lock_rows(table, "announcement", 1);
 
     const int pairs = sweep(calls, table, [&](Op op, int occurrence, const Row& row) {
-        bring_up_parked(system, name);
+        bring_up_parked();
         wipe_listener_list();
         void* const old_listener_mapping = logferry::listener.segment;
 
-        system.inject(op, occurrence, row.failure);
-        const std::string output = capture_stderr([&] { EXPECT_TRUE(system.run_one_pass()); });
-        EXPECT_TRUE(system.clear()) << "the call was not made";
-        EXPECT_EQ(output, expected_message(row, name));
-        EXPECT_EQ(announced(name), row.succeeds);
+        run_with_fault(system, op, occurrence, row, name_, [&] { EXPECT_TRUE(system.run_one_pass()); });
+        EXPECT_EQ(announced(name_), row.succeeds);
         EXPECT_EQ(logferry::listener.is_initialized(), row.succeeds);
         // Announced again: the next look in 50 ms; otherwise the next try in a second.
         EXPECT_EQ(system.sleeps_ms().back(), row.succeeds ? 50u : 1000u);
         const bool leaked = (row.residue & LISTENER_MAPPING) != 0;
         EXPECT_EQ(count_mappings(LISTENER_SEGMENT), (row.succeeds ? 1 : 0) + (leaked ? 1 : 0));
-        EXPECT_EQ(count_mappings(name), 1);
+        EXPECT_EQ(count_mappings(name_), 1);
         EXPECT_TRUE(logferry::client.is_initialized());
-        EXPECT_EQ(count_open_fds(), fds);
-        if ((row.residue & FALLBACK) != 0) {
-            EXPECT_EQ(logferry::listener.lock_listener_name, FALLBACK_LOCK_FILE);
-            logferry::listener.lock_listener_name = lock_path();  // the switch is for good by design
-        }
+        EXPECT_EQ(count_open_fds(), fds_);
+        expect_fallback_then_undo(row, logferry::listener.lock_listener_name, lock_path());
         if (leaked) {
             ::munmap(old_listener_mapping, logferry::LISTENER_SEGMENT_SIZE);
         }
 
-        next_pass_announces_then_exit(system, name, fds);
+        next_pass_announces_then_exit();
     });
     report_pairs("receiver thread reconnect", pairs, 20, calls);
-    uninstall_parked();
 }
 
 // The sleeps of the receiver thread's reconnect, each interrupted by a signal (nanosleep
@@ -1091,9 +1096,7 @@ TEST_F(FaultSweep, ReceiverThreadReconnect)
 // would have without the signal, and the next pass announces the channel.
 TEST_F(FaultSweep, ReceiverThreadSleepsInterrupted)
 {
-    const std::string name = install_parked("SWI");
-    Sweep_system& system = *system_;
-    const int fds = count_open_fds();
+    Sweep_system& system = install_parked("SWI");
 
     struct Sleep_case {
         const char* what;
@@ -1110,7 +1113,7 @@ TEST_F(FaultSweep, ReceiverThreadSleepsInterrupted)
     for (const Sleep_case& sleep_case : cases) {
         SCOPED_TRACE(sleep_case.what);
         Hang_guard guard(sleep_case.what, std::chrono::seconds(30));
-        bring_up_parked(system, name);
+        bring_up_parked();
         const pthread_t receiver = logferry::message_receiver_thread.native_handle();
         wipe_listener_list();
 
@@ -1147,17 +1150,16 @@ TEST_F(FaultSweep, ReceiverThreadSleepsInterrupted)
         EXPECT_EQ(sleeps[1].request.tv_sec * 1000000000L + sleeps[1].request.tv_nsec, sleep_case.pause_ns / 2);
         EXPECT_GE(std::chrono::duration_cast<std::chrono::nanoseconds>(slept).count(), sleep_case.pause_ns);
         EXPECT_EQ(output, "");
-        EXPECT_EQ(announced(name), !sleep_case.connect_fails);
+        EXPECT_EQ(announced(name_), !sleep_case.connect_fails);
         EXPECT_EQ(logferry::listener.is_initialized(), !sleep_case.connect_fails);
         EXPECT_TRUE(logferry::client.is_initialized());
-        EXPECT_EQ(count_open_fds(), fds);
+        EXPECT_EQ(count_open_fds(), fds_);
         calls.push_back(made.back());
         ++pairs;
 
-        next_pass_announces_then_exit(system, name, fds);
+        next_pass_announces_then_exit();
     }
     report_pairs("receiver thread sleeps (EINTR)", pairs, 2, calls);
-    uninstall_parked();
 }
 
 // logferry::exit with the receiver thread running: the thread wakes, looks at the connection
@@ -1165,18 +1167,13 @@ TEST_F(FaultSweep, ReceiverThreadSleepsInterrupted)
 // are closed.
 TEST_F(FaultSweep, Exit)
 {
-    const std::string name = install_parked("SWE");
-    Sweep_system& system = *system_;
-    const int fds = count_open_fds();
-
-    bring_up_parked(system, name);
-    system.start_recording();
-    std::string output = capture_stderr([] { logferry::exit(); });
-    const std::vector<Op> calls = system.stop_recording();
-    ASSERT_EQ(output, "");
-    ASSERT_FALSE(shm_exists(name));
+    Sweep_system& system = install_parked("SWE");
+    bring_up_parked();
+    std::vector<Op> calls;
+    ASSERT_NO_FATAL_FAILURE(record_calls(system, calls, exit_library));
+    ASSERT_FALSE(shm_exists(name_));
     wipe_listener_list();
-    ASSERT_EQ(count_open_fds(), fds);
+    ASSERT_EQ(count_open_fds(), fds_);
 
     std::vector<Row> table = {
         {"receiver thread's last connection check", Op::clock_gettime, 0, {-1, EINVAL}, true, GETTIME, NO_RESIDUE},
@@ -1189,24 +1186,21 @@ TEST_F(FaultSweep, Exit)
     add_lock_rows(table, "receiver thread's last look at the daemon's ring", 0);
 
     const int pairs = sweep(calls, table, [&](Op op, int occurrence, const Row& row) {
-        bring_up_parked(system, name);
+        bring_up_parked();
         void* const channel_mapping = logferry::client.segment;
         void* const listener_mapping = logferry::listener.segment;
 
-        system.inject(op, occurrence, row.failure);
-        const std::string output = capture_stderr([] { logferry::exit(); });
-        EXPECT_TRUE(system.clear()) << "the call was not made";
-        EXPECT_EQ(output, expected_message(row, name));
+        run_with_fault(system, op, occurrence, row, name_, logferry::exit);
         EXPECT_FALSE(logferry::message_receiver_thread.joinable());
         EXPECT_FALSE(logferry::init_called.load());
         EXPECT_FALSE(logferry::client.is_initialized());
         EXPECT_FALSE(logferry::listener.is_initialized());
         const bool channel_leaked = (row.residue & CHANNEL_MAPPING) != 0;
         const bool listener_leaked = (row.residue & LISTENER_MAPPING) != 0;
-        EXPECT_EQ(count_mappings(name), channel_leaked ? 1 : 0);
+        EXPECT_EQ(count_mappings(name_), channel_leaked ? 1 : 0);
         EXPECT_EQ(count_mappings(LISTENER_SEGMENT), listener_leaked ? 1 : 0);
-        EXPECT_EQ(shm_exists(name), (row.residue & CHANNEL_OBJECT) != 0);
-        EXPECT_EQ(count_open_fds(), fds);
+        EXPECT_EQ(shm_exists(name_), (row.residue & CHANNEL_OBJECT) != 0);
+        EXPECT_EQ(count_open_fds(), fds_);
         if (channel_leaked) {
             ::munmap(channel_mapping, logferry::CHANNEL_SEGMENT_SIZE);
         }
@@ -1216,15 +1210,13 @@ TEST_F(FaultSweep, Exit)
         wipe_listener_list();
 
         // The next init and exit work and leave nothing.
-        bring_up_parked(system, name);
-        const std::string again = capture_stderr([] { logferry::exit(); });
-        EXPECT_EQ(again, "");
-        EXPECT_FALSE(shm_exists(name));
-        EXPECT_EQ(count_mappings(name), 0);
+        bring_up_parked();
+        expect_clean_success(exit_library);
+        EXPECT_FALSE(shm_exists(name_));
+        EXPECT_EQ(count_mappings(name_), 0);
         EXPECT_EQ(count_mappings(LISTENER_SEGMENT), 0);
-        EXPECT_EQ(count_open_fds(), fds);
+        EXPECT_EQ(count_open_fds(), fds_);
         wipe_listener_list();
     });
     report_pairs("logferry::exit", pairs, 10, calls);
-    uninstall_parked();
 }

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -28,10 +29,15 @@ using logferry_decoder::Record;
 using logferry_decoder::Unit_shape;
 using logferry_test::Bytes;
 using logferry_test::bytes_of;
+using logferry_test::make_encoded_message;
+using logferry_test::make_encoded_payload;
 using logferry_test::make_finish;
+using logferry_test::make_formatted;
 using logferry_test::make_init_file;
+using logferry_test::make_raw;
 using logferry_test::make_start;
 using logferry_test::make_text;
+using logferry_test::make_value;
 
 // Decodes `bytes` as one record that must fill them exactly.
 Record whole_record(const Bytes& bytes)
@@ -52,19 +58,12 @@ Logferry_write_start start_record(std::uint32_t key, std::uint8_t level = 4, std
 // A text record whose text array holds no zero: the encoder ends it after the key.
 Logferry_write_utf8_string unterminated_text_record(std::uint32_t key)
 {
-    Logferry_write_utf8_string record;
-    record.stream_key = key;
-    record.text.fill('t');
-    record.length = static_cast<std::uint16_t>(RECORD_DATA_SIZE + 8);
-    return record;
+    return make_text(key, std::string(RECORD_DATA_SIZE, 't'));
 }
 
 Logferry_write_int32 int32_record(std::uint32_t key, std::int32_t value)
 {
-    Logferry_write_int32 record;
-    record.stream_key = key;
-    record.value = value;
-    return record;
+    return make_value<Logferry_write_int32>(key, value);
 }
 
 // The bytes copied to an allocation of exactly their size, so that a read behind the
@@ -240,9 +239,7 @@ TEST(Decoder, StartAndFinishCarryTheirFields)
 
 TEST(Decoder, BoolValues)
 {
-    Logferry_write_bool record;
-    record.stream_key = 9;
-    record.value = 1;
+    Logferry_write_bool record = make_value<Logferry_write_bool>(9, 1);
     Record decoded = whole_record(bytes_of(record));
     EXPECT_EQ(decoded.kind, KIND_WRITE_BOOL);
     EXPECT_TRUE(decoded.bool_value);
@@ -255,87 +252,63 @@ TEST(Decoder, BoolValues)
     EXPECT_EQ(result.error.offset, 5U);
 }
 
-TEST(Decoder, SignedIntegersOfEveryWidth)
-{
-    Logferry_write_int8 i8;
-    i8.stream_key = 1;
-    i8.value = -128;
-    Logferry_write_int16 i16;
-    i16.stream_key = 2;
-    i16.value = -2;
-    Logferry_write_int32 i32;
-    i32.stream_key = 3;
-    i32.value = std::numeric_limits<std::int32_t>::min();
-    Logferry_write_int64 i64;
-    i64.stream_key = 4;
-    i64.value = std::numeric_limits<std::int64_t>::max();
+// An integer record of every width and kind, and what the decoder reads from it: the signed
+// value of kinds 10 to 13, the format and unsigned value of kinds 14 to 17.
+struct Integer_case {
+    const char* name;
+    Bytes bytes;
+    int kind;
+    std::uint32_t key;
+    unsigned int bits;
+    std::int64_t signed_value;
+    std::uint8_t format;
+    std::uint64_t unsigned_value;
+};
 
-    const Record d8 = whole_record(bytes_of(i8));
-    EXPECT_EQ(d8.kind, KIND_WRITE_INT8);
-    EXPECT_EQ(d8.signed_value, -128);
-    EXPECT_EQ(d8.value_bits, 8U);
-    EXPECT_EQ(d8.stream_key, 1U);
-    const Record d16 = whole_record(bytes_of(i16));
-    EXPECT_EQ(d16.signed_value, -2);
-    EXPECT_EQ(d16.value_bits, 16U);
-    const Record d32 = whole_record(bytes_of(i32));
-    EXPECT_EQ(d32.signed_value, std::numeric_limits<std::int32_t>::min());
-    EXPECT_EQ(d32.value_bits, 32U);
-    EXPECT_EQ(d32.stream_key, 3U);
-    const Record d64 = whole_record(bytes_of(i64));
-    EXPECT_EQ(d64.signed_value, std::numeric_limits<std::int64_t>::max());
-    EXPECT_EQ(d64.value_bits, 64U);
-    EXPECT_EQ(d64.stream_key, 4U);
+void PrintTo(const Integer_case& integer, std::ostream* out) { *out << integer.name; }
+
+class DecoderIntegers : public ::testing::TestWithParam<Integer_case> {};
+
+TEST_P(DecoderIntegers, CarryKeyWidthAndValue)
+{
+    const Integer_case& expected = GetParam();
+    const Record decoded = whole_record(expected.bytes);
+    EXPECT_EQ(decoded.kind, expected.kind);
+    EXPECT_EQ(decoded.stream_key, expected.key);
+    EXPECT_EQ(decoded.value_bits, expected.bits);
+    if (expected.kind <= KIND_WRITE_INT64) {
+        EXPECT_EQ(decoded.signed_value, expected.signed_value);
+    } else {
+        EXPECT_EQ(decoded.format, expected.format);
+        EXPECT_EQ(decoded.unsigned_value, expected.unsigned_value);
+    }
 }
 
-TEST(Decoder, FormattedUnsignedIntegersOfEveryWidth)
-{
-    Logferry_write_uint8_formatted u8;
-    u8.format = static_cast<std::uint8_t>(LogFormat::kBin);
-    u8.value = 0xA5;
-    u8.stream_key = 11;
-    Logferry_write_uint16_formatted u16;
-    u16.format = static_cast<std::uint8_t>(LogFormat::kHex);
-    u16.value = 0x1234;
-    u16.stream_key = 5;
-    Logferry_write_uint32_formatted u32;
-    u32.format = static_cast<std::uint8_t>(LogFormat::kOct);
-    u32.value = 0xDEADBEEF;
-    u32.stream_key = 0x01020304;
-    Logferry_write_uint64_formatted u64;
-    u64.format = static_cast<std::uint8_t>(LogFormat::kHexUpper);
-    u64.value = 0xFEDCBA9876543210ULL;
-    u64.stream_key = 77;
-
-    const Record d8 = whole_record(bytes_of(u8));
-    EXPECT_EQ(d8.kind, KIND_WRITE_UINT8_FORMATTED);
-    EXPECT_EQ(d8.format, 4U);
-    EXPECT_EQ(d8.unsigned_value, 0xA5U);
-    EXPECT_EQ(d8.stream_key, 11U);
-    EXPECT_EQ(d8.value_bits, 8U);
-    const Record d16 = whole_record(bytes_of(u16));
-    EXPECT_EQ(d16.format, 2U);
-    EXPECT_EQ(d16.unsigned_value, 0x1234U);
-    EXPECT_EQ(d16.stream_key, 5U);
-    const Record d32 = whole_record(bytes_of(u32));
-    EXPECT_EQ(d32.format, 3U);
-    EXPECT_EQ(d32.unsigned_value, 0xDEADBEEFU);
-    EXPECT_EQ(d32.stream_key, 0x01020304U);
-    const Record d64 = whole_record(bytes_of(u64));
-    EXPECT_EQ(d64.format, 5U);
-    EXPECT_EQ(d64.unsigned_value, 0xFEDCBA9876543210ULL);
-    EXPECT_EQ(d64.stream_key, 77U);
-    EXPECT_EQ(d64.value_bits, 64U);
-}
+INSTANTIATE_TEST_SUITE_P(
+    EveryWidth, DecoderIntegers,
+    ::testing::Values(
+        Integer_case{"Int8", bytes_of(make_value<Logferry_write_int8>(1, -128)), KIND_WRITE_INT8, 1, 8, -128, 0, 0},
+        Integer_case{"Int16", bytes_of(make_value<Logferry_write_int16>(2, -2)), KIND_WRITE_INT16, 2, 16, -2, 0, 0},
+        Integer_case{"Int32", bytes_of(make_value<Logferry_write_int32>(3, std::numeric_limits<std::int32_t>::min())),
+                     KIND_WRITE_INT32, 3, 32, std::numeric_limits<std::int32_t>::min(), 0, 0},
+        Integer_case{"Int64", bytes_of(make_value<Logferry_write_int64>(4, std::numeric_limits<std::int64_t>::max())),
+                     KIND_WRITE_INT64, 4, 64, std::numeric_limits<std::int64_t>::max(), 0, 0},
+        Integer_case{"Uint8", bytes_of(make_formatted<Logferry_write_uint8_formatted>(11, 0xA5, LogFormat::kBin)),
+                     KIND_WRITE_UINT8_FORMATTED, 11, 8, 0, 4, 0xA5},
+        Integer_case{"Uint16", bytes_of(make_formatted<Logferry_write_uint16_formatted>(5, 0x1234, LogFormat::kHex)),
+                     KIND_WRITE_UINT16_FORMATTED, 5, 16, 0, 2, 0x1234},
+        Integer_case{"Uint32",
+                     bytes_of(make_formatted<Logferry_write_uint32_formatted>(0x01020304, 0xDEADBEEF, LogFormat::kOct)),
+                     KIND_WRITE_UINT32_FORMATTED, 0x01020304, 32, 0, 3, 0xDEADBEEF},
+        Integer_case{
+            "Uint64",
+            bytes_of(make_formatted<Logferry_write_uint64_formatted>(77, 0xFEDCBA9876543210ULL, LogFormat::kHexUpper)),
+            KIND_WRITE_UINT64_FORMATTED, 77, 64, 0, 5, 0xFEDCBA9876543210ULL}));
 
 TEST(Decoder, FloatingPointValues)
 {
-    Logferry_write_float32 f32;
-    f32.value = 1.0f;
-    f32.stream_key = 0;
-    Logferry_write_float64 f64;
-    f64.value = -2.5e-300;
-    f64.stream_key = 8;
+    auto f32 = make_value<Logferry_write_float32>(0, 1.0f);
+    const auto f64 = make_value<Logferry_write_float64>(8, -2.5e-300);
     const Record d32 = whole_record(bytes_of(f32));
     EXPECT_EQ(d32.kind, KIND_WRITE_FLOAT32);
     EXPECT_EQ(d32.float_value, 1.0);
@@ -394,16 +367,7 @@ TEST(Decoder, TextLengthFieldThatDisagreesIsReported)
 
 TEST(Decoder, RawRecordsCarryFormatAndPayload)
 {
-    Logferry_write_raw_formatted record;
-    record.format = static_cast<std::uint8_t>(LogFormat::kHex);
-    record.size = 4;
-    record.length = 14;
-    record.stream_key = 21;
-    record.payload[0] = 0xDE;
-    record.payload[1] = 0x00;
-    record.payload[2] = 0xBE;
-    record.payload[3] = 0xEF;
-    const Record decoded = whole_record(bytes_of(record));
+    const Record decoded = whole_record(bytes_of(make_raw(21, LogFormat::kHex, {0xDE, 0x00, 0xBE, 0xEF})));
     EXPECT_EQ(decoded.kind, KIND_WRITE_RAW_FORMATTED);
     EXPECT_EQ(decoded.format, 2U);
     EXPECT_EQ(decoded.payload_size, 4U);
@@ -411,28 +375,20 @@ TEST(Decoder, RawRecordsCarryFormatAndPayload)
     EXPECT_EQ(decoded.stream_key, 21U);
     EXPECT_EQ(decoded.irregular, 0U);
 
-    record.size = RECORD_MAX_PAYLOAD_SIZE;
-    record.length = static_cast<std::uint16_t>(RECORD_MAX_PAYLOAD_SIZE + 10);
-    const Record full = whole_record(bytes_of(record));
+    const Record full =
+        whole_record(bytes_of(make_raw(21, LogFormat::kHex, {0xDE, 0x00, 0xBE, 0xEF}, RECORD_MAX_PAYLOAD_SIZE)));
     EXPECT_EQ(full.size, 1399U);
     EXPECT_EQ(full.payload.size(), RECORD_MAX_PAYLOAD_SIZE);
 }
 
 TEST(Decoder, PayloadSizeZeroOrAbove1389EndsAfterTheFixedFields)
 {
-    Logferry_write_raw_formatted raw;
-    raw.size = 0;
-    raw.length = 10;
-    raw.stream_key = 1;
-    const Record none = whole_record(bytes_of(raw));
+    const Record none = whole_record(bytes_of(make_raw(1, LogFormat::kDefault, {})));
     EXPECT_EQ(none.size, 10U);
     EXPECT_TRUE(none.payload.empty());
     EXPECT_EQ(none.irregular, 0U);
 
-    raw.size = 1390;
-    raw.length = 1400;
-    raw.payload.fill(0xAA);
-    const Record omitted = whole_record(bytes_of(raw));
+    const Record omitted = whole_record(bytes_of(make_raw(1, LogFormat::kDefault, Bytes(1390, 0xAA))));
     EXPECT_EQ(omitted.size, 10U);
     EXPECT_EQ(omitted.payload_size, 1390U);
     EXPECT_TRUE(omitted.payload.empty());
@@ -457,26 +413,13 @@ TEST(Decoder, PayloadSizeZeroOrAbove1389EndsAfterTheFixedFields)
 
 TEST(Decoder, EncodedPayloadAndEncodedMessage)
 {
-    Logferry_write_encoded_payload payload;
-    payload.size = 3;
-    payload.length = 12;
-    payload.stream_key = 0x0BADF00D;
-    payload.payload[0] = 1;
-    payload.payload[1] = 2;
-    payload.payload[2] = 3;
-    const Record decoded = whole_record(bytes_of(payload));
+    const Record decoded = whole_record(bytes_of(make_encoded_payload(0x0BADF00D, {1, 2, 3})));
     EXPECT_EQ(decoded.kind, KIND_WRITE_ENCODED_PAYLOAD);
     EXPECT_EQ(decoded.stream_key, 0x0BADF00DU);
     EXPECT_EQ(decoded.payload, (std::vector<std::uint8_t>{1, 2, 3}));
     EXPECT_EQ(decoded.irregular, 0U);
 
-    Logferry_write_encoded_message message;
-    message.size = 3;
-    message.length = 8;
-    message.payload[0] = 9;
-    message.payload[1] = 8;
-    message.payload[2] = 7;
-    const Record whole = whole_record(bytes_of(message));
+    const Record whole = whole_record(bytes_of(make_encoded_message({9, 8, 7})));
     EXPECT_EQ(whole.kind, KIND_WRITE_ENCODED_MESSAGE);
     EXPECT_EQ(whole.payload, (std::vector<std::uint8_t>{9, 8, 7}));
     EXPECT_EQ(whole.length, 8U);
@@ -496,10 +439,7 @@ TEST(Decoder, PayloadLengthFieldThatDisagreesIsReported)
 
 TEST(Decoder, PayloadRunningPastTheEndIsTruncated)
 {
-    Logferry_write_raw_formatted raw;
-    raw.size = 8;
-    raw.length = 18;
-    Bytes bytes = bytes_of(raw);
+    Bytes bytes = bytes_of(make_raw(0, LogFormat::kDefault, {}, 8));
     bytes.resize(bytes.size() - 1);
     const auto result = decode_record(bytes);
     EXPECT_EQ(result.error.code, Error_code::truncated);
@@ -531,15 +471,6 @@ TEST(Decoder, KindNamesCoverEveryKind)
 // record decodes, every shorter prefix is reported as cut and nothing is read behind it.
 TEST(Decoder, EveryCutRecordIsTruncatedAndNeverReadPastItsEnd)
 {
-    Logferry_write_raw_formatted raw;
-    raw.size = 5;
-    raw.length = 15;
-    Logferry_write_encoded_payload payload;
-    payload.size = 4;
-    payload.length = 13;
-    Logferry_write_encoded_message message;
-    message.size = 2;
-    message.length = 7;
     const Logferry_init_file file = make_init_file("name");
     const std::vector<Bytes> records = {
         bytes_of(Logferry_disable_remote()),
@@ -563,9 +494,9 @@ TEST(Decoder, EveryCutRecordIsTruncatedAndNeverReadPastItsEnd)
         bytes_of(Logferry_write_float32()),
         bytes_of(Logferry_write_float64()),
         bytes_of(make_text(1, "some text")),
-        bytes_of(raw),
-        bytes_of(payload),
-        bytes_of(message),
+        bytes_of(make_raw(0, LogFormat::kDefault, {}, 5)),
+        bytes_of(make_encoded_payload(0, Bytes(4, 0))),
+        bytes_of(make_encoded_message(Bytes(2, 0))),
         Bytes{24, 3, 1, 0, 0, 0},
     };
     ASSERT_EQ(records.size(), 25U);
@@ -660,50 +591,18 @@ TEST(Decoder, PriorityAreaCutInsideItsSecondRecord)
 TEST(Decoder, LogMessageWithEveryArgumentKind)
 {
     const std::uint32_t key = 0x00000102;
-    Logferry_write_bool b;
-    b.stream_key = key;
-    b.value = 1;
-    Logferry_write_int8 i8;
-    i8.stream_key = key;
-    i8.value = -5;
-    Logferry_write_int16 i16;
-    i16.stream_key = key;
-    i16.value = 300;
-    Logferry_write_int64 i64;
-    i64.stream_key = key;
-    i64.value = -1;
-    Logferry_write_uint8_formatted u8;
-    u8.stream_key = key;
-    u8.value = 255;
-    Logferry_write_uint16_formatted u16;
-    u16.stream_key = key;
-    u16.value = 0xBEEF;
-    u16.format = 2;
-    Logferry_write_uint32_formatted u32;
-    u32.stream_key = key;
-    u32.value = 8;
-    u32.format = 3;
-    Logferry_write_uint64_formatted u64;
-    u64.stream_key = key;
-    u64.value = 5;
-    u64.format = 4;
-    Logferry_write_float32 f32;
-    f32.stream_key = key;
-    f32.value = 3.25f;
-    Logferry_write_float64 f64;
-    f64.stream_key = key;
-    f64.value = 1e100;
-    Logferry_write_raw_formatted raw;
-    raw.stream_key = key;
-    raw.size = 2;
-    raw.length = 12;
-    raw.payload[0] = 0xAB;
-    raw.payload[1] = 0xCD;
-    Logferry_write_encoded_payload encoded;
-    encoded.stream_key = key;
-    encoded.size = 1;
-    encoded.length = 10;
-    encoded.payload[0] = 0x42;
+    const auto b = make_value<Logferry_write_bool>(key, 1);
+    const auto i8 = make_value<Logferry_write_int8>(key, -5);
+    const auto i16 = make_value<Logferry_write_int16>(key, 300);
+    const auto i64 = make_value<Logferry_write_int64>(key, -1);
+    const auto u8 = make_value<Logferry_write_uint8_formatted>(key, 255);
+    const auto u16 = make_formatted<Logferry_write_uint16_formatted>(key, 0xBEEF, LogFormat::kHex);
+    const auto u32 = make_formatted<Logferry_write_uint32_formatted>(key, 8, LogFormat::kOct);
+    const auto u64 = make_formatted<Logferry_write_uint64_formatted>(key, 5, LogFormat::kBin);
+    const auto f32 = make_value<Logferry_write_float32>(key, 3.25f);
+    const auto f64 = make_value<Logferry_write_float64>(key, 1e100);
+    const auto raw = make_raw(key, LogFormat::kDefault, {0xAB, 0xCD});
+    const auto encoded = make_encoded_payload(key, {0x42});
 
     const Bytes bytes = bytes_of(start_record(key, 5, 9, 42), b, i8, i16, int32_record(key, 70000), i64, u8, u16, u32,
                                  u64, f32, f64, make_text(key, "text"), raw, encoded, make_finish(key));
@@ -742,10 +641,7 @@ TEST(Decoder, LogMessageWithEveryArgumentKind)
 
 TEST(Decoder, RingUnitsOfASingleRecord)
 {
-    Logferry_write_encoded_message message;
-    message.size = 3;
-    message.length = 8;
-    const auto encoded = decode_ring_unit(bytes_of(message));
+    const auto encoded = decode_ring_unit(bytes_of(make_encoded_message(Bytes(3, 0))));
     ASSERT_TRUE(encoded.error.ok());
     EXPECT_EQ(encoded.shape, Unit_shape::single_record);
     ASSERT_EQ(encoded.records.size(), 1U);
@@ -889,10 +785,8 @@ TEST(Decoder, MessageHoldingARecordThatCannotStandThere)
 
 TEST(Decoder, MessageWithInvalidValues)
 {
-    Logferry_write_bool b;
-    b.stream_key = 1;
-    b.value = 3;
-    const auto unit = decode_ring_unit(bytes_of(start_record(1), b, make_finish(1)));
+    const auto unit =
+        decode_ring_unit(bytes_of(start_record(1), make_value<Logferry_write_bool>(1, 3), make_finish(1)));
     EXPECT_EQ(unit.error.code, Error_code::invalid_value);
     EXPECT_EQ(unit.error.offset, 19U);
     EXPECT_EQ(decode_ring_unit(bytes_of(start_record(1, 9), make_finish(1))).error.code, Error_code::invalid_value);
@@ -909,10 +803,7 @@ TEST(Decoder, DescribeNamesCodeOffsetKindAndDetail)
 
 TEST(Decoder, EveryCutMessageIsAnErrorAndNeverReadPastItsEnd)
 {
-    Logferry_write_raw_formatted raw;
-    raw.stream_key = 4;
-    raw.size = 3;
-    raw.length = 13;
+    const auto raw = make_raw(4, LogFormat::kDefault, {}, 3);
     const Bytes bytes = bytes_of(start_record(4), make_text(4, "abc"), raw, int32_record(4, 1), make_finish(4));
     for (std::size_t n = 0; n < bytes.size(); ++n) {
         const Exact_copy cut(bytes, n);
@@ -929,10 +820,7 @@ TEST(Decoder, EveryCutMessageIsAnErrorAndNeverReadPastItsEnd)
 // every byte.
 TEST(Decoder, CorruptedInputNeverCrashes)
 {
-    Logferry_write_raw_formatted raw;
-    raw.stream_key = 4;
-    raw.size = 3;
-    raw.length = 13;
+    const auto raw = make_raw(4, LogFormat::kDefault, {}, 3);
     const Bytes message = bytes_of(start_record(4), make_text(4, "abc"), raw, int32_record(4, 1),
                                    unterminated_text_record(4), make_finish(4));
     const Bytes priority = bytes_of(Logferry_register_app("APP", "d"), Logferry_register_context(4, 1, "C", "e"));
