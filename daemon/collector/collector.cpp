@@ -743,8 +743,8 @@ bool Collector::handle_ring_unit(Attachment& attachment, const unsigned char* un
     if (view_.args.empty()) {
         view_.args.emplace_back();
     }
-    view_.args[0] = logferry_decoder::Argument();
-    view_.args[0].kind = logferry_decoder::Arg_kind::encoded_message;
+    view_.args[0] = logferry_daemon::Argument();
+    view_.args[0].kind = logferry_daemon::Arg_kind::encoded_message;
     view_.args[0].data = record.record.payload.data();
     view_.args[0].size = record.record.payload.size();
     view_.arg_count = 1;

@@ -86,7 +86,7 @@ struct Log_message {
     std::uint8_t level = 0;
     std::uint32_t context_handle = 0;
     std::uint32_t timestamp = 0;  // 0.1 ms units
-    const logferry_decoder::Argument* args = nullptr;
+    const logferry_daemon::Argument* args = nullptr;
     std::size_t arg_count = 0;
     // Wall clock when it was taken from the ring (read once per ring).
     std::uint32_t received_seconds = 0;

@@ -7,6 +7,10 @@
 #include "wire/wire.hpp"
 
 namespace logferry_decoder {
+
+using logferry_daemon::Arg_kind;
+using logferry_daemon::Argument;
+
 namespace {
 
 using namespace logferry;

@@ -29,10 +29,6 @@
 
 namespace logferry_decoder {
 
-/// The arguments the reading gives (see log_argument.hpp).
-using Arg_kind = logferry_daemon::Arg_kind;
-using Argument = logferry_daemon::Argument;
-
 class Message_view {
 public:
     /// Reads the unit; false when it is not a log message (see `error` when it is invalid,
@@ -43,7 +39,7 @@ public:
     std::uint8_t level = 0;
     std::uint32_t context_handle = 0;
     std::uint32_t timestamp = 0;
-    std::vector<Argument> args;  // the first arg_count of them are this message's
+    std::vector<logferry_daemon::Argument> args;  // the first arg_count of them are this message's (log_argument.hpp)
     std::size_t arg_count = 0;
     bool single = false;  // a single record, not a log message
     Error error;          // why a unit was neither
@@ -61,7 +57,7 @@ private:
     std::size_t read_text(const unsigned char* record, std::size_t left, std::uint32_t& key);
     std::size_t read_payload(const unsigned char* record, std::size_t left, std::uint32_t& key);
     bool read_decoded(const unsigned char* data, std::size_t size);
-    Argument& next_arg();
+    logferry_daemon::Argument& next_arg();
 
     Ring_unit decoded_;  // the decoder's reading of the last odd unit
 };

@@ -16,7 +16,7 @@
 namespace {
 
 using namespace logferry;
-using logferry_decoder::Arg_kind;
+using logferry_daemon::Arg_kind;
 using logferry_decoder::Message_view;
 using logferry_test::Bytes;
 
@@ -61,7 +61,7 @@ Logferry_write_encoded_payload encoded(const Bytes& payload)
 }
 
 // Whether `arg` is a signed number `bits` wide holding `value`.
-::testing::AssertionResult is_signed(const logferry_decoder::Argument& arg, int bits, std::int64_t value)
+::testing::AssertionResult is_signed(const logferry_daemon::Argument& arg, int bits, std::int64_t value)
 {
     if (arg.kind != Arg_kind::signed_int || arg.bits != bits || arg.signed_value != value) {
         return ::testing::AssertionFailure()
@@ -71,7 +71,7 @@ Logferry_write_encoded_payload encoded(const Bytes& payload)
 }
 
 // Whether `arg` is an unsigned number `bits` wide with format code `format` holding `value`.
-::testing::AssertionResult is_unsigned(const logferry_decoder::Argument& arg, int bits, int format, std::uint64_t value)
+::testing::AssertionResult is_unsigned(const logferry_daemon::Argument& arg, int bits, int format, std::uint64_t value)
 {
     if (arg.kind != Arg_kind::unsigned_int || arg.bits != bits || arg.format != format || arg.unsigned_value != value) {
         return ::testing::AssertionFailure() << "kind " << static_cast<int>(arg.kind) << ", " << +arg.bits
@@ -241,7 +241,7 @@ TEST(MessageView, AgreesWithTheDecoderOnMutatedUnits)
                 continue;
             }
             ASSERT_LT(arguments, view.arg_count) << round;
-            const logferry_decoder::Argument& arg = view.args[arguments++];
+            const logferry_daemon::Argument& arg = view.args[arguments++];
             if (record.kind == KIND_WRITE_UTF8_STRING) {
                 EXPECT_EQ(std::string(reinterpret_cast<const char*>(arg.data), arg.size), record.text) << round;
             } else if (record.kind >= KIND_WRITE_RAW_FORMATTED) {
