@@ -29,7 +29,6 @@ using logferry_fuzz::Reader;
 using Wide = __int128;
 
 const char* const HARNESS = "fuzz_channel_liveness";
-constexpr int MAX_OPERATIONS = 200;
 
 using Harness_system = logferry_fuzz::Clock_system;
 
@@ -136,7 +135,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     logferry::System_lib* const previous = logferry::sys;
     logferry::sys = &state.system;
-    for (int operation = 0; operation < MAX_OPERATIONS && !in.empty(); ++operation) {
+    for (int operation = 0; operation < logferry_fuzz::MAX_OPERATIONS && !in.empty(); ++operation) {
         const std::uint8_t code = in.u8();
         const bool by_daemon = (code & 0x80) != 0;
         logferry::Logferry_base& end = by_daemon ? static_cast<logferry::Logferry_base&>(state.daemon)

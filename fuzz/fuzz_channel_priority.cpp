@@ -35,7 +35,6 @@ using logferry_fuzz::Reader;
 using Bytes = std::vector<unsigned char>;
 
 const char* const HARNESS = "fuzz_channel_priority";
-constexpr int MAX_OPERATIONS = 200;
 constexpr std::size_t FORCED_LIMIT = PRIORITY_DATA_SIZE - 1;
 
 struct Harness_state {
@@ -78,26 +77,13 @@ Bytes make_record(std::size_t length, unsigned char kind, std::uint32_t serial)
     return record;
 }
 
-class Driver {
+class Driver : private logferry_fuzz::Driver_base<Harness_state, Channel_segment> {
 public:
-    Driver(Harness_state& state, Reader& in) : state_(state), in_(in), segment_(state.mapping.get()) {}
+    Driver(Harness_state& state, Reader& in) : Driver_base(HARNESS, state, in) {}
 
-    void run()
-    {
-        set_up();
-        for (int operation = 0; operation < MAX_OPERATIONS && !in_.empty(); ++operation) {
-            step(in_.u8());
-            compare_area();
-        }
-    }
-
-private:
     void set_up()
     {
-        std::memset(segment_, 0, sizeof(Channel_segment));
-        logferry_fuzz::init_robust_mutex(&segment_->priority_mutex.mutex);
-        logferry_fuzz::init_robust_mutex(&segment_->client_mutex.mutex);
-        logferry_fuzz::init_robust_mutex(&segment_->server_mutex.mutex);
+        logferry_fuzz::reset_channel_segment(segment_);
         data_.fill(0);
         size_ = 0;
         if ((in_.u8() & 1) != 0) {
@@ -125,7 +111,15 @@ private:
         std::memcpy(data_.data() + offset, bytes.data(), count);
     }
 
+    // One operation, then the area compared with the model.
     void step(std::uint8_t operation)
+    {
+        apply(operation);
+        compare_area();
+    }
+
+private:
+    void apply(std::uint8_t operation)
     {
         logferry::Logferry_base& end = logferry_fuzz::end_of(state_, operation);
         const unsigned int choice = (operation & 0x7FU) % 9;
@@ -239,16 +233,6 @@ private:
         }
     }
 
-    static void expect(bool condition, const std::string& what) { logferry_fuzz::expect(HARNESS, condition, what); }
-
-    static void expect_output(const std::string& output, const std::string& expected, const std::string& what)
-    {
-        logferry_fuzz::expect_output(HARNESS, output, expected, what);
-    }
-
-    Harness_state& state_;
-    Reader& in_;
-    Channel_segment* segment_;
     std::array<unsigned char, PRIORITY_DATA_SIZE> data_{};
     std::uint16_t size_ = 0;
     std::uint32_t serial_ = 0;

@@ -50,7 +50,6 @@ using logferry_fuzz::Reader;
 using Bytes = std::vector<unsigned char>;
 
 const char* const HARNESS = "fuzz_channel_rings";
-constexpr int MAX_OPERATIONS = 200;
 constexpr std::uint32_t MAX_FRAMED = logferry::wire::MAX_FRAMED_RECORD_SIZE;
 
 struct Ring_view {
@@ -166,25 +165,13 @@ std::string describe_ring(const Ring_view& ring)
            " C=" + std::to_string(ring.capacity);
 }
 
-class Driver {
+class Driver : private logferry_fuzz::Driver_base<Harness_state, Channel_segment> {
 public:
-    Driver(Harness_state& state, Reader& in) : state_(state), in_(in), segment_(state.mapping.get()) {}
+    Driver(Harness_state& state, Reader& in) : Driver_base(HARNESS, state, in) {}
 
-    void run()
-    {
-        set_up();
-        for (int operation = 0; operation < MAX_OPERATIONS && !in_.empty(); ++operation) {
-            step(in_.u8());
-        }
-    }
-
-private:
     void set_up()
     {
-        std::memset(segment_, 0, sizeof(Channel_segment));
-        logferry_fuzz::init_robust_mutex(&segment_->priority_mutex.mutex);
-        logferry_fuzz::init_robust_mutex(&segment_->client_mutex.mutex);
-        logferry_fuzz::init_robust_mutex(&segment_->server_mutex.mutex);
+        logferry_fuzz::reset_channel_segment(segment_);
 
         const std::uint8_t flags = in_.u8();
         segment_->client_buffer_locked = (flags & 2) != 0 ? 1 : 0;
@@ -255,6 +242,7 @@ private:
         }
     }
 
+private:
     // The ring an end writes (own) or reads.
     Ring_view ring_of(bool daemon_end, bool own) const
     {
@@ -399,16 +387,6 @@ private:
                what + " left an index outside the ring: " + describe_ring(ring));
     }
 
-    static void expect(bool condition, const std::string& what) { logferry_fuzz::expect(HARNESS, condition, what); }
-
-    static void expect_output(const std::string& output, const std::string& expected, const std::string& what)
-    {
-        logferry_fuzz::expect_output(HARNESS, output, expected, what);
-    }
-
-    Harness_state& state_;
-    Reader& in_;
-    Channel_segment* segment_;
     bool pristine_ = true;
     std::uint32_t serial_ = 0;
     Ring_model client_model_;

@@ -48,7 +48,6 @@ using logferry::Logferry_listener;
 using logferry_fuzz::Reader;
 
 const char* const HARNESS = "fuzz_listener";
-constexpr int MAX_OPERATIONS = 200;
 constexpr std::size_t LIST_BYTES = offsetof(Listener_segment, list_mutex);
 
 using Harness_system = logferry_fuzz::Clock_system;
@@ -305,23 +304,20 @@ public:
     }
 };
 
-class Driver {
+class Driver : private logferry_fuzz::Driver_base<Harness_state, Listener_segment> {
 public:
-    Driver(Harness_state& state, Reader& in) : state_(state), in_(in), segment_(state.mapping.get()) {}
+    Driver(Harness_state& state, Reader& in) : Driver_base(HARNESS, state, in) {}
 
-    void run()
+    void set_up()
     {
-        set_up();
+        prepare();
         compare("set-up");
-        for (int operation = 0; operation < MAX_OPERATIONS && !in_.empty(); ++operation) {
-            step(in_.u8());
-        }
     }
 
 private:
     Logferry_listener& application(int which) { return which == 0 ? state_.application_a : state_.application_b; }
 
-    void set_up()
+    void prepare()
     {
         std::memset(segment_, 0, sizeof(Listener_segment));
         logferry_fuzz::init_robust_mutex(&segment_->list_mutex.mutex);
@@ -410,6 +406,7 @@ private:
         }
     }
 
+public:
     void step(std::uint8_t operation)
     {
         const int which = (operation & 0x80) != 0 ? 1 : 0;
@@ -496,6 +493,7 @@ private:
         compare(what);
     }
 
+private:
     void check_result(bool got, bool expected, const std::string& what)
     {
         if (got != expected) {
@@ -544,9 +542,6 @@ private:
         }
     }
 
-    Harness_state& state_;
-    Reader& in_;
-    Listener_segment* segment_;
     Model model_;
 };
 

@@ -84,13 +84,20 @@ private:
     std::size_t at_ = 0;
 };
 
-// One input through a harness's model-checking driver: `Driver(state, reader).run()`.
+/// Operations a model-checking driver takes from one input at the most.
+constexpr int MAX_OPERATIONS = 200;
+
+// One input through a harness's model-checking driver: `set_up()`, then `step(byte)` for each
+// operation byte of the input.
 template <typename Driver, typename State>
 int run_driver(State& state, const std::uint8_t* data, std::size_t size)
 {
     Reader in(data, size);
     Driver driver(state, in);
-    driver.run();
+    driver.set_up();
+    for (int operation = 0; operation < MAX_OPERATIONS && !in.empty(); ++operation) {
+        driver.step(in.u8());
+    }
     return 0;
 }
 
@@ -243,6 +250,44 @@ inline void expect_output(const char* harness, const std::string& output, const 
         violation(harness, what + " wrote " + quoted(output) + ", expected " + quoted(expected));
     }
 }
+
+// A channel segment as its owner leaves it at set-up: zeros, and its three robust mutexes.
+inline void reset_channel_segment(logferry::Channel_segment* segment)
+{
+    std::memset(segment, 0, sizeof(logferry::Channel_segment));
+    init_robust_mutex(&segment->priority_mutex.mutex);
+    init_robust_mutex(&segment->client_mutex.mutex);
+    init_robust_mutex(&segment->server_mutex.mutex);
+}
+
+// A driver's checks under its harness's name: a model-checking driver derives from it.
+class Harness_checks {
+public:
+    explicit Harness_checks(const char* harness) : harness_(harness) {}
+
+    void expect(bool condition, const std::string& what) const { logferry_fuzz::expect(harness_, condition, what); }
+    void expect_output(const std::string& output, const std::string& expected, const std::string& what) const
+    {
+        logferry_fuzz::expect_output(harness_, output, expected, what);
+    }
+
+private:
+    const char* harness_;
+};
+
+// What a model-checking driver works on: the harness's state (with the segment's guarded
+// mapping), the input, the segment; and its checks under the harness's name.
+template <typename State, typename Segment>
+class Driver_base : protected Harness_checks {
+protected:
+    Driver_base(const char* harness, State& state, Reader& in)
+        : Harness_checks(harness), state_(state), in_(in), segment_(state.mapping.get())
+    {}
+
+    State& state_;
+    Reader& in_;
+    Segment* segment_;
+};
 
 }  // namespace logferry_fuzz
 
