@@ -289,12 +289,6 @@ void count_messages(benchmark::State& state)
     messages_written.fetch_add(state.iterations() + 1);
 }
 
-// A stream key of the benchmark's own for each of its threads.
-std::uint32_t thread_key(const benchmark::State& state, std::uint32_t base)
-{
-    return base + static_cast<std::uint32_t>(state.thread_index());
-}
-
 // The measured message.
 inline void write_message(std::uint32_t key, std::uint32_t value)
 {
@@ -303,6 +297,13 @@ inline void write_message(std::uint32_t key, std::uint32_t value)
     logferry::log_utf8_string(key, "hello world");
     logferry::log_uint32_formatted(key, value, logferry::LogFormat::kHex);
     logferry::log_finish(key);
+}
+
+// The measured message under a stream key of the benchmark's own for each of its threads.
+auto message_writer(const benchmark::State& state, std::uint32_t key_base)
+{
+    const std::uint32_t key = key_base + static_cast<std::uint32_t>(state.thread_index());
+    return [key](std::uint32_t value) { write_message(key, value); };
 }
 
 // Runs `message(value)` once per iteration, counting its allocations. One message goes out
@@ -320,11 +321,7 @@ void run_messages(benchmark::State& state, Message message)
     count_messages(state);
 }
 
-void BM_message(benchmark::State& state)
-{
-    const std::uint32_t key = thread_key(state, 1000);
-    run_messages(state, [key](std::uint32_t value) { write_message(key, value); });
-}
+void BM_message(benchmark::State& state) { run_messages(state, message_writer(state, 1000)); }
 BENCHMARK(BM_message)->UseRealTime();
 BENCHMARK(BM_message)->Threads(2)->UseRealTime();
 
@@ -597,11 +594,7 @@ void measure_calls(benchmark::State& state, Message message)
     count_messages(state);
 }
 
-void BM_message_calls(benchmark::State& state)
-{
-    const std::uint32_t key = thread_key(state, 3000);
-    measure_calls(state, [key](std::uint32_t value) { write_message(key, value); });
-}
+void BM_message_calls(benchmark::State& state) { measure_calls(state, message_writer(state, 3000)); }
 BENCHMARK(BM_message_calls)->UseRealTime();
 BENCHMARK(BM_message_calls)->Threads(2)->UseRealTime();
 
