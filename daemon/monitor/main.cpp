@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "dlt_layout.hpp"
 #include "monitor.hpp"
 #include "render.hpp"
 #include "tuning.hpp"
@@ -133,7 +134,7 @@ std::string apply_dlt_option(const std::string& option, const std::string& value
         }
         options.dlt_max_clients = static_cast<std::size_t>(number);
     } else if (option == "--ecu") {
-        if (value.empty() || value.size() > 4) {
+        if (value.empty() || value.size() > logferry_dlt::layout::ECU_SIZE) {
             return "--ecu wants an ID of 1 to 4 characters, not " + value;
         }
         options.ecu = value;
@@ -152,7 +153,7 @@ std::string apply_collector_option(const std::string& option, const std::string&
     if (option == "--level") {
         const auto split = value.find('=');
         std::uint8_t level = 0;
-        if (split == std::string::npos || split == 0 || split > 4 ||
+        if (split == std::string::npos || split == 0 || split > logferry_dlt::layout::ID_SIZE ||
             !logferry_monitor::parse_level(value.substr(split + 1), level)) {
             return "--level wants CTX=LEVEL (a context ID of 1 to 4 characters, a level name or 0-6), not " + value;
         }

@@ -732,7 +732,7 @@ Record_result decode_record(const unsigned char* data, std::size_t size)
         return result;
     }
     Extent x = decode_at(data, size, 0, Text_form::with_text, &result.record);
-    if (data[0] == KIND_WRITE_UTF8_STRING && !x.error.ok() && size >= TEXT_HEAD_SIZE) {
+    if (data[KIND_AT] == KIND_WRITE_UTF8_STRING && !x.error.ok() && size >= TEXT_HEAD_SIZE) {
         // No zero follows: the record is the short form that ends after its stream key.
         x = decode_at(data, size, 0, Text_form::header_only, &result.record);
     }
@@ -785,7 +785,7 @@ Ring_unit decode_ring_unit(const unsigned char* data, std::size_t size)
         unit.error = make_error(Error_code::empty_input, 0, -1, "no bytes to decode");
         return unit;
     }
-    const std::uint8_t kind = data[0];
+    const std::uint8_t kind = data[KIND_AT];
     if (kind > MAX_KIND) {
         unit.error = misplaced(0, kind, "");
         return unit;
