@@ -181,7 +181,7 @@ TEST_F(Monitor, KilledApplicationIsDetached)
 {
     start_monitor();
     const std::string identifier = unique_id("", 20);
-    const std::string channel = "/logferry-" + channel_identifier(identifier);
+    const std::string channel = channel_name(identifier);
     segments_.push_back(channel);  // a killed application leaves its segment behind
     const int child = fork_application(
         identifier, "KILL", [](Test_application& app) { app.log(info_text(1, "before kill")); },

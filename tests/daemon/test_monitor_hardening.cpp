@@ -238,12 +238,12 @@ TEST_F(Monitor, ObjectsThatAreNoChannelSegmentAreRefused)
 {
     start_monitor();
     // A channel name whose object has 100 bytes, and the listener segment's own name.
-    const std::string small = "/logferry-" + channel_identifier(unique_id("small", 20));
+    const std::string small = channel_name(unique_id("small", 20));
     segments_.push_back(small);
     ASSERT_TRUE(make_object(small, 100, 0x11));
-    const std::string missing = "/logferry-" + channel_identifier(unique_id("missing", 20));
+    const std::string missing = channel_name(unique_id("missing", 20));
     // A FIFO under a channel name: opening it for reading would wait for a writer.
-    const std::string fifo = "/logferry-" + channel_identifier(unique_id("fifo", 20));
+    const std::string fifo = channel_name(unique_id("fifo", 20));
     segments_.push_back(fifo);
     ASSERT_EQ(::mkfifo(("/dev/shm" + fifo).c_str(), 0600), 0);
     for (const std::string& name : {small, std::string(LISTENER_SEGMENT), fifo, missing}) {
@@ -334,7 +334,7 @@ TEST_F(Monitor, SegmentCutToNothingWhileLoggingIsDetached)
     leave_sigbus_to_the_monitor();
     start_monitor();
     const std::string identifier = unique_id("", 20);
-    const std::string channel = "/logferry-" + channel_identifier(identifier);
+    const std::string channel = channel_name(identifier);
     segments_.push_back(channel);
     // The application logs without pause, also while and after its segment is cut to 0
     // bytes (its own accesses then fault: it ends by the signal, as a hostile one may).

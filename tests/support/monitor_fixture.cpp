@@ -1,5 +1,7 @@
 #include "support/monitor_fixture.hpp"
 
+#include "wire/channel_name.hpp"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -85,11 +87,11 @@ std::string channel_identifier(const std::string& name)
     for (const char c : name) {
         hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
     }
-    char text[32];
-    std::snprintf(text, sizeof text, "TST-%u-%x", static_cast<unsigned>((hash >> 32) % 100000U),
-                  static_cast<unsigned>(hash & 0xFFFFFFFFU));
-    return text;
+    return logferry::wire::make_channel_identifier("TST", static_cast<int>((hash >> 32) % 100000U),
+                                                   static_cast<std::uint32_t>(hash & 0xFFFFFFFFU));
 }
+
+std::string channel_name(const std::string& name) { return logferry::wire::channel_name_of(channel_identifier(name)); }
 
 // ---- An application's end of a channel, driven by hand -----------------------------------
 

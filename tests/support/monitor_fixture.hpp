@@ -75,6 +75,8 @@ std::string read_text(const std::string& path);
 // five digits, "-", lowercase hex), derived from `name` alone so that a parent and the child
 // it forks agree, and distinct for distinct names.
 std::string channel_identifier(const std::string& name);
+/// The channel name of the identifier `channel_identifier(name)`.
+std::string channel_name(const std::string& name);
 
 // ---- An application's end of a channel, driven by hand -----------------------------------
 
