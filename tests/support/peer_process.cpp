@@ -37,9 +37,12 @@ Daemon_peer::Daemon_peer(const std::string& path, const std::string& runstate_di
 
 Daemon_peer::~Daemon_peer()
 {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
+    // A peer still running is asked to quit, so that it gives up the listener as a daemon
+    // does (the listener segment's name is system-wide: a killed peer left it to the next
+    // test); one that does not end within 2 s is killed.
+    if (pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0) {
+        send("quit");
+        wait_child(pid_, std::chrono::milliseconds(2000));
     }
     if (to_peer_ >= 0) {
         ::close(to_peer_);
