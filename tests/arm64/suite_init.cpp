@@ -1,8 +1,9 @@
 // The first (and only) program of the emulated 64-bit Arm machine that runs the test suite:
 // the kernel starts it as /init from an initramfs holding the statically linked test
 // programs. It mounts what the tests need, runs every test case of the manifest as its own
-// process, one after the other, as CTest would, prints one line per case and a summary, and
-// ends with exactly one of
+// process, as many at once as the machine has processors, as a parallel CTest would (cases
+// that name the same lock one at a time, and those first: they are the suite's longest
+// chain), prints one line per case as it ends and a summary, and ends with exactly one of
 //   ARM64 SUITE: PASS
 //   ARM64 SUITE: FAIL (<which>)
 // before it powers the machine off.
@@ -12,6 +13,7 @@
 //   timeout <seconds>
 //   cwd <working directory>
 //   env <NAME=value>          (any number)
+//   lock <resource>           (any number: CTest's RESOURCE_LOCK)
 //   arg <argument>            (program first; any number)
 //   end
 #include <dirent.h>
@@ -29,12 +31,14 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -49,6 +53,7 @@ struct Test_case {
     double timeout = 60;
     std::string cwd = "/";
     std::vector<std::string> env;
+    std::vector<std::string> locks;
     std::vector<std::string> args;
 };
 
@@ -164,6 +169,8 @@ bool read_manifest(std::vector<Test_case>& tests)
             current.cwd = value;
         } else if (key == "env") {
             current.env.push_back(value);
+        } else if (key == "lock") {
+            current.locks.push_back(value);
         } else if (key == "arg") {
             current.args.push_back(value);
         } else if (key == "end") {
@@ -199,9 +206,9 @@ std::string file_name_for(const std::string& test_name)
 
 enum class Outcome { passed, skipped, failed, timed_out };
 
-// Runs one case in a process group of its own, its output into `log`; kills the whole group
-// when the time is up. Reaps every other child that ends meanwhile (we are PID 1).
-Outcome run_case(const Test_case& test, const std::string& log, std::string& detail)
+// Starts one case in a process group of its own, its output into `log`; returns its process
+// (or -1, with the reason in `detail`).
+pid_t start_case(const Test_case& test, const std::string& log, std::string& detail)
 {
     std::vector<std::string> environment = {
         "PATH=/bin:/usr/bin",
@@ -214,7 +221,7 @@ Outcome run_case(const Test_case& test, const std::string& log, std::string& det
     const pid_t pid = ::fork();
     if (pid < 0) {
         detail = std::string("fork failed: ") + std::strerror(errno);
-        return Outcome::failed;
+        return -1;
     }
     if (pid == 0) {
         ::setpgid(0, 0);
@@ -248,33 +255,12 @@ Outcome run_case(const Test_case& test, const std::string& log, std::string& det
         ::_exit(127);
     }
     ::setpgid(pid, pid);
+    return pid;
+}
 
-    const double deadline = now_seconds() + test.timeout;
-    int status = 0;
-    bool timed_out = false;
-    for (;;) {
-        int other_status = 0;
-        const pid_t done = ::waitpid(-1, &other_status, WNOHANG);
-        if (done == pid) {
-            status = other_status;
-            break;
-        }
-        if (done > 0) {
-            continue;  // an orphan handed to us
-        }
-        if (now_seconds() > deadline) {
-            timed_out = true;
-            ::kill(-pid, SIGKILL);
-            ::waitpid(pid, &status, 0);
-            break;
-        }
-        ::usleep(5000);
-    }
-    // Whatever the case left running in its group goes too.
-    ::kill(-pid, SIGKILL);
-    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
-
+// What a case's end means, from its wait status and its output.
+Outcome outcome_of(const Test_case& test, int status, bool timed_out, const std::string& log, std::string& detail)
+{
     if (timed_out) {
         detail = "timed out after " + std::to_string(static_cast<int>(test.timeout)) + " s";
         return Outcome::timed_out;
@@ -294,6 +280,130 @@ Outcome run_case(const Test_case& test, const std::string& log, std::string& det
     }
     return Outcome::passed;
 }
+
+// One case on its way.
+struct Running {
+    std::size_t index;
+    pid_t pid;
+    double begun;
+    std::string log;
+};
+
+// Told of each case as it ends: its index, outcome, what went wrong, and how long it took.
+using Report = std::function<void(std::size_t, Outcome, const std::string&, double)>;
+
+// The cases of the manifest, run side by side.
+class Scheduler {
+public:
+    Scheduler(const std::vector<Test_case>& tests, std::size_t slots)
+        : tests_(tests), slots_(slots), started_(tests.size(), false)
+    {}
+
+    // Runs every case, telling `report` of each as it ends.
+    void run(const Report& report)
+    {
+        while (ended_ < tests_.size()) {
+            while (running_.size() < slots_) {
+                const std::size_t next = next_case();
+                if (next == tests_.size()) {
+                    break;
+                }
+                start(next, report);
+            }
+            reap(report);
+        }
+    }
+
+private:
+    bool locks_free(const Test_case& test) const
+    {
+        for (const auto& lock : test.locks) {
+            for (const auto& other : running_) {
+                const auto& held = tests_[other.index].locks;
+                if (std::find(held.begin(), held.end(), lock) != held.end()) {
+                    return false;
+                }
+            }
+        }
+        return true;
+    }
+
+    // The first waiting case whose locks are free, cases with a lock before the others;
+    // tests_.size() when none can start now.
+    std::size_t next_case() const
+    {
+        std::size_t unlocked = tests_.size();
+        for (std::size_t i = 0; i < tests_.size(); ++i) {
+            if (started_[i] || !locks_free(tests_[i])) {
+                continue;
+            }
+            if (!tests_[i].locks.empty()) {
+                return i;
+            }
+            if (unlocked == tests_.size()) {
+                unlocked = i;
+            }
+        }
+        return unlocked;
+    }
+
+    void start(std::size_t index, const Report& report)
+    {
+        started_[index] = true;
+        Running case_run{index, -1, now_seconds(), file_name_for(tests_[index].name)};
+        std::string detail;
+        case_run.pid = start_case(tests_[index], case_run.log, detail);
+        if (case_run.pid < 0) {
+            ++ended_;
+            report(index, Outcome::failed, detail, 0.0);
+            return;
+        }
+        running_.push_back(case_run);
+    }
+
+    // Waits for the next end: a running case's, or its time running out. Reaps every other
+    // child that ends meanwhile (we are PID 1, orphans come to us).
+    void reap(const Report& report)
+    {
+        int status = 0;
+        const pid_t done = ::waitpid(-1, &status, WNOHANG);
+        for (std::size_t r = 0; r < running_.size(); ++r) {
+            if (running_[r].pid == done) {
+                finish(r, status, false, report);
+                return;
+            }
+        }
+        for (std::size_t r = 0; r < running_.size(); ++r) {
+            if (now_seconds() > running_[r].begun + tests_[running_[r].index].timeout) {
+                ::kill(-running_[r].pid, SIGKILL);
+                ::waitpid(running_[r].pid, &status, 0);
+                finish(r, status, true, report);
+                return;
+            }
+        }
+        if (done <= 0) {
+            ::usleep(5000);
+        }
+    }
+
+    void finish(std::size_t r, int status, bool timed_out, const Report& report)
+    {
+        const Running ended = running_[r];
+        running_.erase(running_.begin() + static_cast<std::ptrdiff_t>(r));
+        // Whatever the case left running in its group goes too.
+        ::kill(-ended.pid, SIGKILL);
+        std::string detail;
+        const Outcome outcome = outcome_of(tests_[ended.index], status, timed_out, ended.log, detail);
+        ++ended_;
+        report(ended.index, outcome, detail, now_seconds() - ended.begun);
+    }
+
+    const std::vector<Test_case>& tests_;
+    const std::size_t slots_;
+    std::vector<bool> started_;
+    std::vector<Running> running_;
+    std::size_t ended_ = 0;
+};
 
 std::vector<std::string> leftovers_in_dev_shm()
 {
@@ -384,17 +494,17 @@ int main()
 
     int passed = 0;
     int skipped = 0;
+    std::size_t reported = 0;
     std::vector<std::string> failed;
     const double start = now_seconds();
-    for (std::size_t i = 0; i < tests.size(); ++i) {
-        const Test_case& test = tests[i];
-        const std::string log = file_name_for(test.name);
-        std::string detail;
-        const double begun = now_seconds();
-        const Outcome outcome = run_case(test, log, detail);
+    const long cpus = ::sysconf(_SC_NPROCESSORS_ONLN);
+    Scheduler scheduler(tests, cpus > 1 ? static_cast<std::size_t>(cpus) : 1);
+    scheduler.run([&](std::size_t index, Outcome outcome, const std::string& detail, double seconds) {
+        const Test_case& test = tests[index];
         char took[32];
-        std::snprintf(took, sizeof took, "%.2f s", now_seconds() - begun);
-        std::string line = "[" + std::to_string(i + 1) + "/" + std::to_string(tests.size()) + "] " + test.name + " ";
+        std::snprintf(took, sizeof took, "%.2f s", seconds);
+        std::string line =
+            "[" + std::to_string(++reported) + "/" + std::to_string(tests.size()) + "] " + test.name + " ";
         switch (outcome) {
         case Outcome::passed:
             ++passed;
@@ -409,11 +519,11 @@ int main()
             failed.push_back(test.name);
             say(line + "FAILED: " + detail + " (" + took + ")");
             say("----- output of " + test.name + " -----");
-            say(read_file(log));
+            say(read_file(file_name_for(test.name)));
             say("----- end of output -----");
             break;
         }
-    }
+    });
     char total[32];
     std::snprintf(total, sizeof total, "%.1f s", now_seconds() - start);
     say("arm64 suite: " + std::to_string(passed) + " passed, " + std::to_string(failed.size()) + " failed, " +
