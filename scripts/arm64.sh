@@ -11,7 +11,7 @@
 # Environment: LOGFERRY_JOBS (build and CTest jobs, 2), ARM64_BUILD_DIR (build-arm64),
 # ARM64_SMP (processors of the emulated machine, 2), ARM64_VM_TIMEOUT (seconds allowed for the
 # emulated machine, 600), ARM64_USER_TIMEOUT (seconds allowed for the user-mode run, 600),
-# ARM64_STAGES ("user system": which runs to do).
+# ARM64_STAGES ("user system": which runs to do; "build" for the cross build alone).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)

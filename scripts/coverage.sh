@@ -4,6 +4,7 @@
 # (src/, without platform/jx_osal: the stand-in for the platform's OS abstraction library,
 # which is not part of liblogferry). Installs what it needs first. Exits non-zero when a test
 # fails or when line coverage is below LOGFERRY_MIN_LINE_COVERAGE percent (default 90).
+# Usage: scripts/coverage.sh [--build-only]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh gcovr
@@ -19,6 +20,8 @@ cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug "-DCMAKE_CXX_FLAGS=--coverage -fpr
     -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage \
     > "$dir.configure.log" 2>&1 || { cat "$dir.configure.log"; exit 1; }
 cmake --build "$dir" -j"$jobs"
+# --build-only: the build alone (scripts/test.sh builds it ahead while another suite runs).
+[ "${1:-}" != --build-only ] || exit 0
 
 # Counters of an earlier run would add up with this one's.
 find "$dir" -name '*.gcda' -delete

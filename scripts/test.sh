@@ -5,13 +5,15 @@
 #   normal      the library and the whole suite, warnings as errors;
 #   asan-ubsan  the same under AddressSanitizer and UndefinedBehaviorSanitizer;
 #   tsan        the same under ThreadSanitizer (each sanitizer halts on its first report);
-#   fuzz        every libFuzzer harness for LOGFERRY_FUZZ_SECONDS (60) seconds (scripts/fuzz.sh);
 #   coverage    the suite in a coverage build, line and branch coverage of src/, at least 90 %
 #               of lines (scripts/coverage.sh);
+#   fuzz        every libFuzzer harness for LOGFERRY_FUZZ_SECONDS (60) seconds (scripts/fuzz.sh);
 #   arm64       the cross build for 64-bit Arm, its suite under qemu's user mode and in an
 #               emulated arm64 machine (scripts/arm64.sh);
 #   package     the Debian packages: built, checked with lintian, installed, used by an
 #               application under the installed monitor and purged again (scripts/package.sh).
+# While a suite runs, the next stage's programs are built in the background at the lowest
+# priority (normal builds asan-ubsan's, asan-ubsan tsan's, tsan coverage's, coverage arm64's).
 # LOGFERRY_STAGES picks a subset for a quicker local run (default: all of them, as CI).
 # Installs what it needs first. Runs every stage even after a failure; exits non-zero on any.
 set -euo pipefail
@@ -26,13 +28,61 @@ shm_before=$(ls /dev/shm | grep -E '^logferry-' | sort || true)
 passed=0
 failed=0
 
-run_suite() {
+# build_suite <name> <cmake options...>: configures and builds build-ci-<name>.
+build_suite() {
     local name=$1
     shift
     local dir=build-ci-$name
-    echo "=== $name build ==="
-    cmake -S . -B "$dir" -DLOGFERRY_WERROR=ON "$@" > "$dir.configure.log" 2>&1 || { cat "$dir.configure.log"; exit 1; }
+    cmake -S . -B "$dir" -DLOGFERRY_WERROR=ON "$@" > "$dir.configure.log" 2>&1 || { cat "$dir.configure.log"; return 1; }
     cmake --build "$dir" -j"$jobs"
+}
+
+# A later stage's build, started in the background at the lowest priority while a suite runs:
+# the suites spend most of their time waiting (daemons, time-outs, the listener lock's chain),
+# and their processors would otherwise stay idle. When that stage comes, its own build finds
+# little or nothing left to do (and shows any error). One at a time; the log goes to
+# <build>.ahead.log.
+ahead_pid=
+build_ahead() {
+    local log=$1
+    shift
+    wait_ahead
+    (
+        renice -n 19 -p "$BASHPID" > /dev/null
+        "$@"
+    ) > "$log" 2>&1 &
+    ahead_pid=$!
+}
+wait_ahead() {
+    if [ -n "$ahead_pid" ]; then
+        wait "$ahead_pid" || true
+        ahead_pid=
+    fi
+}
+
+# run_suite <name> [--ahead <log> <command...> --] <cmake options...>: builds and runs one suite;
+# with --ahead, starts that build in the background once this suite's own build is done.
+run_suite() {
+    local name=$1
+    shift
+    local ahead=()
+    if [ "${1:-}" = --ahead ]; then
+        shift
+        while [ "$1" != -- ]; do
+            ahead+=("$1")
+            shift
+        done
+        shift
+    fi
+    local dir=build-ci-$name
+    echo "=== $name build ==="
+    wait_ahead
+    if ! build_suite "$name" "$@"; then
+        echo "=== $name build FAILED ==="
+        failed=$((failed + 1))
+        return 1
+    fi
+    [ ${#ahead[@]} -eq 0 ] || build_ahead "${ahead[@]}"
     local log=$dir.ctest.log
     if ctest --test-dir "$dir" -j"$jobs" --output-on-failure --no-tests=error 2>&1 | tee "$log"; then
         :
@@ -47,7 +97,7 @@ run_suite() {
     failed=$((failed + ${fails:-0}))
 }
 
-stages=" ${LOGFERRY_STAGES:-lint docs normal asan-ubsan tsan fuzz coverage arm64 package} "
+stages=" ${LOGFERRY_STAGES:-lint docs normal asan-ubsan tsan coverage fuzz arm64 package} "
 timings=()
 wanted() { [[ "$stages" == *" $1 "* ]]; }
 timed() {
@@ -73,11 +123,30 @@ run_script() {
 
 wanted lint && run_script lint scripts/lint.sh
 wanted docs && run_script docs scripts/docs.sh
-wanted normal && timed normal run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
-wanted asan-ubsan && timed asan-ubsan run_suite asan-ubsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=address,undefined
-wanted tsan && timed tsan run_suite tsan -DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=thread
+asan_options=(-DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=address,undefined)
+tsan_options=(-DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=thread)
+# Each suite builds the next wanted stage ahead.
+normal_ahead=()
+asan_ahead=()
+tsan_ahead=()
+wanted asan-ubsan && normal_ahead=(--ahead build-ci-asan-ubsan.ahead.log build_suite asan-ubsan "${asan_options[@]}" --)
+wanted tsan && asan_ahead=(--ahead build-ci-tsan.ahead.log build_suite tsan "${tsan_options[@]}" --)
+wanted coverage && tsan_ahead=(--ahead build-ci-coverage.ahead.log scripts/coverage.sh --build-only --)
+# The coverage suite builds the arm64 programs ahead.
+coverage_stage() {
+    wait_ahead
+    scripts/coverage.sh --build-only || return 1
+    if wanted arm64; then
+        build_ahead build-arm64.ahead.log env ARM64_STAGES=build scripts/arm64.sh
+    fi
+    scripts/coverage.sh
+}
+wanted normal && timed normal run_suite normal "${normal_ahead[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+wanted asan-ubsan && timed asan-ubsan run_suite asan-ubsan "${asan_ahead[@]}" "${asan_options[@]}"
+wanted tsan && timed tsan run_suite tsan "${tsan_ahead[@]}" "${tsan_options[@]}"
+wanted coverage && run_script coverage coverage_stage
+wait_ahead
 wanted fuzz && run_script fuzz scripts/fuzz.sh "${LOGFERRY_FUZZ_SECONDS:-60}"
-wanted coverage && run_script coverage scripts/coverage.sh
 wanted arm64 && run_script arm64 scripts/arm64.sh
 # Last: it installs the packages system-wide for a while (and purges them again).
 wanted package && run_script package scripts/package.sh
