@@ -40,6 +40,18 @@ constexpr int RING_LOCK_TRIES = 20000;
 /// that was preempted holding it) does not keep the others waiting, and is not starved.
 constexpr unsigned int RING_SKIPS_BEFORE_WAITING = 4;
 
+/// How long that pass waits for the mutex, in milliseconds, before it passes the ring over
+/// once more. Much longer than a preempted holder is kept off the processor, even under load;
+/// short enough that a holder that never lets go costs the other applications little: one that
+/// was stopped while holding it, or one whose segment was cut under it, whose death the kernel
+/// could then not record in the mutex (the pass after the wait touches the cut segment, and
+/// the access fault detaches it).
+constexpr long RING_LOCK_WAIT_MS = 50;
+
+/// The same for the pass that reads what an application left when it has gone, or when the
+/// monitor stops: its records are the last to come, so it waits longer.
+constexpr long RING_LOCK_LAST_WAIT_MS = 1000;
+
 /// Bytes shown of a unit that cannot be decoded: the head of any record, on one line.
 constexpr std::size_t UNDECODABLE_DUMP_LIMIT = 32;
 

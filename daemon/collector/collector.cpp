@@ -197,25 +197,28 @@ std::uint32_t application_pid(const std::string& name)
     return number;
 }
 
+// Whether a lock of a ring's mutex that returned `result` holds it now. A holder that died
+// inside its critical section leaves the data as it was: it is taken as it stands.
+bool ring_locked(pthread_mutex_t* mutex, int result)
+{
+    if (result == EOWNERDEAD) {
+        ::pthread_mutex_consistent(mutex);
+        return true;
+    }
+    return result == 0;
+}
+
 // Takes a ring's mutex. The application relocks its ring's mutex for every record, so a
 // blocking lock that waits to be woken keeps losing the race to it while it logs without
 // pause; trying for a short while first catches the mutex between two of its records.
 // True when the lock is held (the caller releases it through a Mutex_lock_guard that
-// finds it locked); false when a blocking lock is left to the guard.
+// finds it locked); false when it is left to lock_ring_within.
 bool try_lock_ring(pthread_mutex_t* mutex)
 {
     for (int i = 0; i < tuning::RING_LOCK_TRIES; ++i) {
         const int result = ::pthread_mutex_trylock(mutex);
-        if (result == 0) {
-            return true;
-        }
-        if (result == EOWNERDEAD) {
-            // The holder died inside its critical section: take the data as it was left.
-            ::pthread_mutex_consistent(mutex);
-            return true;
-        }
         if (result != EBUSY) {
-            return false;
+            return ring_locked(mutex, result);
         }
 #if defined(__x86_64__) || defined(__i386__)
         __builtin_ia32_pause();
@@ -224,6 +227,19 @@ bool try_lock_ring(pthread_mutex_t* mutex)
 #endif
     }
     return false;
+}
+
+// Waits for a ring's mutex up to `wait_ms` milliseconds: true when it is held then. The
+// deadline is on the real-time clock, the clock of the timed lock that every C library and
+// sanitizer knows (a step of that clock during the wait lengthens or shortens it by the step).
+bool lock_ring_within(pthread_mutex_t* mutex, long wait_ms)
+{
+    timespec deadline{};
+    ::clock_gettime(CLOCK_REALTIME, &deadline);
+    const long nanoseconds = deadline.tv_nsec + wait_ms * 1000000L;
+    deadline.tv_sec += nanoseconds / 1000000000L;
+    deadline.tv_nsec = nanoseconds % 1000000000L;
+    return ring_locked(mutex, ::pthread_mutex_timedlock(mutex, &deadline));
 }
 
 }  // namespace
@@ -548,7 +564,12 @@ bool Collector::drain(Attachment& attachment, bool everything)
                 break;
             }
             attachment.passes_skipped = 0;
-            logferry::Mutex_lock_guard lock(mutex, locked);
+            const long wait_ms = everything ? tuning::RING_LOCK_LAST_WAIT_MS : tuning::RING_LOCK_WAIT_MS;
+            if (!locked && !lock_ring_within(mutex, wait_ms)) {
+                skipped_ring_ = true;
+                break;  // never a wait without end (see the tuning)
+            }
+            logferry::Mutex_lock_guard lock(mutex, true);
             if (logferry::atomic_load_u8(&channel.segment->client_buffer_locked) == 0) {
                 for (std::vector<unsigned char> unit = channel.pop_unsynced(false); !unit.empty();
                      unit = channel.pop_unsynced(false)) {

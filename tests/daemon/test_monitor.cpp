@@ -4,7 +4,6 @@
 // play by the rules in test_monitor_hardening.cpp, several ECUs behind a DLT gateway in
 // test_monitor_gateway.cpp; the fixture is support/monitor_fixture.hpp.
 
-#include <linux/futex.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -309,13 +308,6 @@ TEST_F(Monitor, HeldBackMessagesWaitWhileTheApplicationLives)
     app.close();
 }
 
-// Whether a thread waits for `mutex`: the C library marks the lock word when a locker goes
-// to sleep on it (its first field, with the futex's waiters bit).
-bool has_waiters(pthread_mutex_t* mutex)
-{
-    return (__atomic_load_n(&mutex->__data.__lock, __ATOMIC_SEQ_CST) & FUTEX_WAITERS) != 0;
-}
-
 // A registration that reaches the priority area while the monitor is already on its way
 // from that area to the ring is still printed before the message that the ring, opened
 // right after the registration, then gives.
@@ -331,7 +323,7 @@ TEST_F(Monitor, RegistrationPlacedAsTheRingOpensComesBeforeTheMessage)
     ASSERT_EQ(::pthread_mutex_lock(ring), 0);
     const bool waiting = wait_until([&] {
         app.stamp();
-        return has_waiters(ring);
+        return app.ring_has_waiters();
     });
     if (waiting) {
         EXPECT_TRUE(app.place_priority(bytes_of(Logferry_register_context(4, 1, "C", ""))));

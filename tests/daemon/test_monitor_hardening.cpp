@@ -359,6 +359,47 @@ TEST_F(Monitor, SegmentCutToNothingWhileLoggingIsDetached)
     EXPECT_EQ(errors(), "");
 }
 
+// An application that holds its ring's mutex without end (stopped while holding it, or its
+// segment cut under it so that its death could not be recorded in the mutex) holds up
+// neither the monitor nor the other applications; what its ring holds is read once it lets go.
+TEST_F(Monitor, ARingMutexHeldWithoutEndHoldsUpNoOtherApplication)
+{
+    start_monitor();
+    Test_application holding(unique_id("holding", 20));
+    Test_application other(unique_id("other", 20));
+    ASSERT_TRUE(attach_registered(holding, "HOLD"));
+    ASSERT_TRUE(attach_registered(other, "FREE"));
+    holding.release();
+    other.release();
+    ASSERT_TRUE(holding.log(info_text(1, "before the hold")));
+    ASSERT_TRUE(wait_for("HOLD CTX  info    \"before the hold\"\n")) << output();
+
+    ASSERT_TRUE(holding.log(info_text(2, "held")));
+    ASSERT_EQ(::pthread_mutex_lock(holding.ring_mutex()), 0);
+    // The monitor has passed the ring over as often as it does and now waits for it.
+    const bool waited = wait_until([&] {
+        holding.stamp();
+        return holding.ring_has_waiters();
+    });
+    EXPECT_TRUE(waited) << "the monitor never waited for the held ring";
+    ASSERT_TRUE(other.log(info_text(3, "while the other is held")));
+    const bool served = wait_until([&] {
+        holding.stamp();
+        return output().find("FREE CTX  info    \"while the other is held\"\n") != std::string::npos;
+    });
+    ASSERT_EQ(::pthread_mutex_unlock(holding.ring_mutex()), 0);
+    EXPECT_TRUE(served) << output();
+    EXPECT_EQ(output().find("HOLD CTX  info    \"held\""), std::string::npos) << output();
+
+    // Let go, its message comes, and it was never detached.
+    EXPECT_TRUE(wait_for("HOLD CTX  info    \"held\"\n")) << output();
+    EXPECT_EQ(count_of(output(), "-- detach     HOLD"), 0U) << output();
+    holding.close();
+    other.close();
+    EXPECT_EQ(stop_monitor(), 0);
+    EXPECT_EQ(errors(), "");
+}
+
 TEST_F(Monitor, ControlCharactersFromApplicationsAreEscaped)
 {
     start_monitor();

@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <netinet/in.h>
 #include <stdlib.h>
 #include <sys/mman.h>
@@ -183,6 +184,11 @@ bool Test_application::register_as(const std::string& id, const std::string& des
 bool Test_application::place_priority(const Bytes& bytes) { return channel_.push_priority(bytes); }
 
 pthread_mutex_t* Test_application::ring_mutex() { return &channel_.segment->client_mutex.mutex; }
+
+bool Test_application::ring_has_waiters()
+{
+    return (__atomic_load_n(&ring_mutex()->__data.__lock, __ATOMIC_SEQ_CST) & FUTEX_WAITERS) != 0;
+}
 
 void Test_application::release() { channel_.unlock_client_buffer(); }
 

@@ -120,6 +120,10 @@ public:
     bool place_priority(const Bytes& bytes);
     // The mutex of the application's ring, which the monitor takes to read it.
     pthread_mutex_t* ring_mutex();
+    // Whether a thread (the monitor's) sleeps waiting for that mutex: the C library marks the
+    // lock word when a locker goes to sleep on it (its first field, with the futex's waiters
+    // bit).
+    bool ring_has_waiters();
 
     void release();
     bool log(const Bytes& bytes);
