@@ -304,12 +304,9 @@ TEST_F(Monitor, SegmentShrunkAfterAttachIsDetachedAndTheOthersCarryOn)
     start_monitor();
     Test_application shrinking(unique_id("shrinking", 20));
     Test_application steady(unique_id("steady", 20));
-    ASSERT_TRUE(attach_registered(shrinking, "SHRK"));
-    ASSERT_TRUE(attach_registered(steady, "STDY"));
-    shrinking.release();
-    steady.release();
-    ASSERT_TRUE(shrinking.log(info_text(1, "before")));
-    ASSERT_TRUE(wait_for("SHRK CTX  info    \"before\"\n")) << output();
+    ASSERT_TRUE(attach_released(shrinking, "SHRK"));
+    ASSERT_TRUE(attach_released(steady, "STDY"));
+    ASSERT_TRUE(log_shown(shrinking, "SHRK", 1, "before"));
 
     // The application cuts its segment to 100 bytes; from now on it leaves it alone.
     ASSERT_TRUE(truncate_object(shrinking.name(), 100));
@@ -317,8 +314,7 @@ TEST_F(Monitor, SegmentShrunkAfterAttachIsDetachedAndTheOthersCarryOn)
         wait_for("-- detach     SHRK " + shrinking.name() + " (access fault: its segment shrank below 166072 bytes)\n"))
         << output() << errors();
 
-    ASSERT_TRUE(steady.log(info_text(2, "after")));
-    EXPECT_TRUE(wait_for("STDY CTX  info    \"after\"\n")) << output();
+    EXPECT_TRUE(log_shown(steady, "STDY", 2, "after"));
     // A new application is still attached and served.
     Test_application next(unique_id("next", 20));
     ASSERT_TRUE(attach_registered(next, "NEXT"));
@@ -366,13 +362,8 @@ TEST_F(Monitor, ARingMutexHeldWithoutEndHoldsUpNoOtherApplication)
 {
     start_monitor();
     Test_application holding(unique_id("holding", 20));
-    Test_application other(unique_id("other", 20));
-    ASSERT_TRUE(attach_registered(holding, "HOLD"));
-    ASSERT_TRUE(attach_registered(other, "FREE"));
-    holding.release();
-    other.release();
-    ASSERT_TRUE(holding.log(info_text(1, "before the hold")));
-    ASSERT_TRUE(wait_for("HOLD CTX  info    \"before the hold\"\n")) << output();
+    ASSERT_TRUE(attach_released(holding, "HOLD"));
+    ASSERT_TRUE(log_shown(holding, "HOLD", 1, "before the hold"));
 
     ASSERT_TRUE(holding.log(info_text(2, "held")));
     ASSERT_EQ(::pthread_mutex_lock(holding.ring_mutex()), 0);
@@ -381,21 +372,17 @@ TEST_F(Monitor, ARingMutexHeldWithoutEndHoldsUpNoOtherApplication)
         holding.stamp();
         return holding.ring_has_waiters();
     });
-    EXPECT_TRUE(waited) << "the monitor never waited for the held ring";
-    ASSERT_TRUE(other.log(info_text(3, "while the other is held")));
-    const bool served = wait_until([&] {
-        holding.stamp();
-        return output().find("FREE CTX  info    \"while the other is held\"\n") != std::string::npos;
-    });
+    // Meanwhile a new application is attached, registered and served.
+    expect_served("FREE");
+    const std::string while_held = output();
     ASSERT_EQ(::pthread_mutex_unlock(holding.ring_mutex()), 0);
-    EXPECT_TRUE(served) << output();
-    EXPECT_EQ(output().find("HOLD CTX  info    \"held\""), std::string::npos) << output();
+    EXPECT_TRUE(waited) << "the monitor never waited for the held ring";
+    EXPECT_EQ(while_held.find("HOLD CTX  info    \"held\""), std::string::npos) << while_held;
 
     // Let go, its message comes, and it was never detached.
     EXPECT_TRUE(wait_for("HOLD CTX  info    \"held\"\n")) << output();
     EXPECT_EQ(count_of(output(), "-- detach     HOLD"), 0U) << output();
     holding.close();
-    other.close();
     EXPECT_EQ(stop_monitor(), 0);
     EXPECT_EQ(errors(), "");
 }

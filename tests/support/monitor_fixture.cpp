@@ -385,13 +385,33 @@ int Monitor::fork_application(const std::string& identifier, const char* id,
     return is_ready ? child : -1;
 }
 
+::testing::AssertionResult Monitor::attach_released(Test_application& app, const std::string& id)
+{
+    const ::testing::AssertionResult result = attach_registered(app, id);
+    if (result) {
+        app.release();
+    }
+    return result;
+}
+
+::testing::AssertionResult Monitor::log_shown(Test_application& app, const std::string& id, std::int32_t key,
+                                              const std::string& text)
+{
+    if (!app.log(info_text(key, text))) {
+        return ::testing::AssertionFailure() << id << " could not log \"" << text << "\"";
+    }
+    if (!wait_for(id + " CTX  info    \"" + text + "\"\n")) {
+        return ::testing::AssertionFailure() << "the monitor did not show \"" << text << "\" of " << id << ":\n"
+                                             << output() << errors();
+    }
+    return ::testing::AssertionSuccess();
+}
+
 void Monitor::expect_served(const char* id)
 {
     Test_application app(unique_id(id, 20));
-    ASSERT_TRUE(attach_registered(app, id));
-    app.release();
-    ASSERT_TRUE(app.log(info_text(1, "served")));
-    EXPECT_TRUE(wait_for(std::string(id) + " CTX  info    \"served\"\n")) << output() << errors();
+    ASSERT_TRUE(attach_released(app, id));
+    EXPECT_TRUE(log_shown(app, id, 1, "served"));
     app.close();
 }
 

@@ -215,6 +215,12 @@ protected:
     static int fork_application(const std::string& identifier, const char* id,
                                 const std::function<void(Test_application&)>& prepare,
                                 const std::function<void(Test_application&)>& live);
+    // attach_registered with the default context, then the ring released (as the library
+    // does once its registrations are read): `app` logs from here on.
+    ::testing::AssertionResult attach_released(Test_application& app, const std::string& id);
+    // `app`, registered as `id`, logs `text` (key `key`, context CTX) and the monitor shows it.
+    ::testing::AssertionResult log_shown(Test_application& app, const std::string& id, std::int32_t key,
+                                         const std::string& text);
     // A new application registered as `id` is attached and its message shown; it closes.
     void expect_served(const char* id);
 
