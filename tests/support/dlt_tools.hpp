@@ -54,10 +54,17 @@ inline std::string run_command(const std::string& command)
     return out;
 }
 
+// Everything the file holds, read in large pieces (a monitor's output can grow to many
+// megabytes while a test watches it).
 inline Dlt_bytes read_file_bytes(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    return Dlt_bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    Dlt_bytes bytes;
+    std::vector<char> chunk(1 << 16);
+    while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || in.gcount() > 0) {
+        bytes.insert(bytes.end(), chunk.data(), chunk.data() + in.gcount());
+    }
+    return bytes;
 }
 
 // The length a DLT message's standard header gives itself (big-endian, bytes 2-3).

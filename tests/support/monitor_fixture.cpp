@@ -316,7 +316,31 @@ int Monitor::run_monitor_to_end(const std::vector<std::string>& arguments)
 
 bool Monitor::wait_for(const std::string& needle, milliseconds timeout) const
 {
-    return wait_until([&] { return output().find(needle) != std::string::npos; }, timeout);
+    // The output only grows: each look reads what came since the last one and searches it
+    // together with the end of what was read before (where the needle may have been cut),
+    // rather than reading the whole file again every millisecond behind an application that
+    // logs without pause.
+    std::ifstream in(out_, std::ios::binary);
+    std::string unsearched;
+    std::vector<char> chunk(1 << 16);
+    return wait_until(
+        [&] {
+            if (!in.is_open()) {
+                in.open(out_, std::ios::binary);  // the monitor's child may not have made it yet
+            }
+            in.clear();  // it stopped at the end last time: read on from there
+            while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || in.gcount() > 0) {
+                unsearched.append(chunk.data(), static_cast<std::size_t>(in.gcount()));
+            }
+            if (unsearched.find(needle) != std::string::npos) {
+                return true;
+            }
+            if (unsearched.size() >= needle.size()) {
+                unsearched.erase(0, unsearched.size() - needle.size() + 1);
+            }
+            return false;
+        },
+        timeout);
 }
 
 std::string Monitor::dlt_port() const
