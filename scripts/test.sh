@@ -60,20 +60,11 @@ wait_ahead() {
     fi
 }
 
-# run_suite <name> [--ahead <log> <command...> --] <cmake options...>: builds and runs one suite;
-# with --ahead, starts that build in the background once this suite's own build is done.
+# run_suite <name> <cmake options...>: builds and runs one suite; once its own build is done,
+# the next stage's build goes ahead (ahead_of).
 run_suite() {
     local name=$1
     shift
-    local ahead=()
-    if [ "${1:-}" = --ahead ]; then
-        shift
-        while [ "$1" != -- ]; do
-            ahead+=("$1")
-            shift
-        done
-        shift
-    fi
     local dir=build-ci-$name
     echo "=== $name build ==="
     wait_ahead
@@ -82,7 +73,7 @@ run_suite() {
         failed=$((failed + 1))
         return 1
     fi
-    [ ${#ahead[@]} -eq 0 ] || build_ahead "${ahead[@]}"
+    ahead_of "$name"
     local log=$dir.ctest.log
     if ctest --test-dir "$dir" -j"$jobs" --output-on-failure --no-tests=error 2>&1 | tee "$log"; then
         :
@@ -125,25 +116,25 @@ wanted lint && run_script lint scripts/lint.sh
 wanted docs && run_script docs scripts/docs.sh
 asan_options=(-DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=address,undefined)
 tsan_options=(-DCMAKE_BUILD_TYPE=Debug -DLOGFERRY_SANITIZE=thread)
-# Each suite builds the next wanted stage ahead.
-normal_ahead=()
-asan_ahead=()
-tsan_ahead=()
-wanted asan-ubsan && normal_ahead=(--ahead build-ci-asan-ubsan.ahead.log build_suite asan-ubsan "${asan_options[@]}" --)
-wanted tsan && asan_ahead=(--ahead build-ci-tsan.ahead.log build_suite tsan "${tsan_options[@]}" --)
-wanted coverage && tsan_ahead=(--ahead build-ci-coverage.ahead.log scripts/coverage.sh --build-only --)
-# The coverage suite builds the arm64 programs ahead.
+# ahead_of <stage>: the build that goes ahead while that stage's suite runs (when wanted).
+ahead_of() {
+    case $1 in
+    normal) wanted asan-ubsan && build_ahead build-ci-asan-ubsan.ahead.log build_suite asan-ubsan "${asan_options[@]}" ;;
+    asan-ubsan) wanted tsan && build_ahead build-ci-tsan.ahead.log build_suite tsan "${tsan_options[@]}" ;;
+    tsan) wanted coverage && build_ahead build-ci-coverage.ahead.log scripts/coverage.sh --build-only ;;
+    coverage) wanted arm64 && build_ahead build-arm64.ahead.log env ARM64_STAGES=build scripts/arm64.sh ;;
+    esac
+    return 0
+}
 coverage_stage() {
     wait_ahead
     scripts/coverage.sh --build-only || return 1
-    if wanted arm64; then
-        build_ahead build-arm64.ahead.log env ARM64_STAGES=build scripts/arm64.sh
-    fi
+    ahead_of coverage
     scripts/coverage.sh
 }
-wanted normal && timed normal run_suite normal "${normal_ahead[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo
-wanted asan-ubsan && timed asan-ubsan run_suite asan-ubsan "${asan_ahead[@]}" "${asan_options[@]}"
-wanted tsan && timed tsan run_suite tsan "${tsan_ahead[@]}" "${tsan_options[@]}"
+wanted normal && timed normal run_suite normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
+wanted asan-ubsan && timed asan-ubsan run_suite asan-ubsan "${asan_options[@]}"
+wanted tsan && timed tsan run_suite tsan "${tsan_options[@]}"
 wanted coverage && run_script coverage coverage_stage
 wait_ahead
 wanted fuzz && run_script fuzz scripts/fuzz.sh "${LOGFERRY_FUZZ_SECONDS:-60}"

@@ -25,6 +25,7 @@
 #include "logferry/message.hpp"
 #include "logferry/system.hpp"
 #include "render.hpp"
+#include "system/timed_lock.hpp"
 #include "tuning.hpp"
 #include "wire/channel_name.hpp"
 #include "wire/liveness.hpp"
@@ -229,17 +230,10 @@ bool try_lock_ring(pthread_mutex_t* mutex)
     return false;
 }
 
-// Waits for a ring's mutex up to `wait_ms` milliseconds: true when it is held then. The
-// deadline is on the real-time clock, the clock of the timed lock that every C library and
-// sanitizer knows (a step of that clock during the wait lengthens or shortens it by the step).
+// Waits for a ring's mutex up to `wait_ms` milliseconds: true when it is held then.
 bool lock_ring_within(pthread_mutex_t* mutex, long wait_ms)
 {
-    timespec deadline{};
-    ::clock_gettime(CLOCK_REALTIME, &deadline);
-    const long nanoseconds = deadline.tv_nsec + wait_ms * 1000000L;
-    deadline.tv_sec += nanoseconds / 1000000000L;
-    deadline.tv_nsec = nanoseconds % 1000000000L;
-    return ring_locked(mutex, ::pthread_mutex_timedlock(mutex, &deadline));
+    return ring_locked(mutex, logferry::timed_lock_within(mutex, static_cast<std::uint64_t>(wait_ms) * 1000));
 }
 
 }  // namespace

@@ -42,6 +42,7 @@
 #include "logferry/system.hpp"
 #include "runtime/front_end_hooks.hpp"
 #include "system/robust_mutex.hpp"
+#include "system/timed_lock.hpp"
 #include "wire/ring_framing.hpp"
 #include "wire/shared_fields.hpp"
 #include "wire/wire.hpp"
@@ -233,20 +234,12 @@ void write_record(const Ring& ring, const unsigned char* data, std::uint32_t siz
 // Takes a robust mutex within `wait_us` microseconds (a holder that died is taken over); false
 // when it stays held that long. The first attempt goes through the system seam; when the lock
 // is held, the wait is the kernel's own timed wait, called directly (deliberately, like the
-// receiver thread's last sleep): the seam has no timed lock, and the deadline must be on the
-// clock the kernel waits on (the real-time clock), whatever clock the seam reports.
+// receiver thread's last sleep; see timed_lock.hpp).
 bool lock_within(pthread_mutex_t* mutex, std::uint32_t wait_us)
 {
     int result = sys->pthread_mutex_trylock(mutex);
     if (result == EBUSY) {
-        timespec deadline{};
-        if (::clock_gettime(CLOCK_REALTIME, &deadline) != 0) {
-            return false;
-        }
-        const long nanoseconds = deadline.tv_nsec + static_cast<long>(wait_us) * 1000;
-        deadline.tv_sec += nanoseconds / 1000000000;
-        deadline.tv_nsec = nanoseconds % 1000000000;
-        result = ::pthread_mutex_timedlock(mutex, &deadline);
+        result = timed_lock_within(mutex, wait_us);
     }
     return settle_robust_lock(mutex, result) == 0;
 }

@@ -286,7 +286,6 @@ struct Running {
     std::size_t index;
     pid_t pid;
     double begun;
-    std::string log;
 };
 
 // Told of each case as it ends: its index, outcome, what went wrong, and how long it took.
@@ -350,9 +349,9 @@ private:
     void start(std::size_t index, const Report& report)
     {
         started_[index] = true;
-        Running case_run{index, -1, now_seconds(), file_name_for(tests_[index].name)};
+        Running case_run{index, -1, now_seconds()};
         std::string detail;
-        case_run.pid = start_case(tests_[index], case_run.log, detail);
+        case_run.pid = start_case(tests_[index], file_name_for(tests_[index].name), detail);
         if (case_run.pid < 0) {
             ++ended_;
             report(index, Outcome::failed, detail, 0.0);
@@ -393,7 +392,8 @@ private:
         // Whatever the case left running in its group goes too.
         ::kill(-ended.pid, SIGKILL);
         std::string detail;
-        const Outcome outcome = outcome_of(tests_[ended.index], status, timed_out, ended.log, detail);
+        const Test_case& test = tests_[ended.index];
+        const Outcome outcome = outcome_of(test, status, timed_out, file_name_for(test.name), detail);
         ++ended_;
         report(ended.index, outcome, detail, now_seconds() - ended.begun);
     }

@@ -54,16 +54,22 @@ inline std::string run_command(const std::string& command)
     return out;
 }
 
-// Everything the file holds, read in large pieces (a monitor's output can grow to many
-// megabytes while a test watches it).
+// Appends to `out` what `in` holds from where it stands to its end, in large pieces (a
+// monitor's output can grow to many megabytes while a test watches it).
+template <typename Out>
+void read_rest(std::istream& in, Out& out)
+{
+    std::vector<char> chunk(1 << 16);
+    while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || in.gcount() > 0) {
+        out.insert(out.end(), chunk.data(), chunk.data() + in.gcount());
+    }
+}
+
 inline Dlt_bytes read_file_bytes(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     Dlt_bytes bytes;
-    std::vector<char> chunk(1 << 16);
-    while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || in.gcount() > 0) {
-        bytes.insert(bytes.end(), chunk.data(), chunk.data() + in.gcount());
-    }
+    read_rest(in, bytes);
     return bytes;
 }
 

@@ -322,16 +322,13 @@ bool Monitor::wait_for(const std::string& needle, milliseconds timeout) const
     // logs without pause.
     std::ifstream in(out_, std::ios::binary);
     std::string unsearched;
-    std::vector<char> chunk(1 << 16);
     return wait_until(
         [&] {
             if (!in.is_open()) {
                 in.open(out_, std::ios::binary);  // the monitor's child may not have made it yet
             }
             in.clear();  // it stopped at the end last time: read on from there
-            while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || in.gcount() > 0) {
-                unsearched.append(chunk.data(), static_cast<std::size_t>(in.gcount()));
-            }
+            read_rest(in, unsearched);
             if (unsearched.find(needle) != std::string::npos) {
                 return true;
             }
